@@ -1,0 +1,138 @@
+// The daemon's log: one handle per category, all under the subsystem "com.zelmor.orvexd".
+//
+// Handles are created together on first use and live for the whole process. Every write goes
+// to journald (with the subsystem and category as fields) when systemd started the daemon with
+// its standard error on the journal, and to standard error otherwise. Levels below the
+// threshold are dropped; the threshold is "default" unless ORVEXD_LOG_LEVEL names another
+// level (debug, info, default, error, fault).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "orvexd/core/log_format.h"
+
+namespace orvex {
+
+inline constexpr const char* kOrvexLogSubsystem = "com.zelmor.orvexd";
+
+enum class LogLevel { kDebug, kInfo, kDefault, kError, kFault };
+
+std::string_view logLevelName(LogLevel level);
+std::optional<LogLevel> logLevelFromName(std::string_view name);
+
+// The categories, numbered as their names are listed in kOrvexLoggingCategoryNames.
+enum OrvexLoggingCategory : unsigned {
+  kOrvexLogGeneral = 0,
+  kOrvexLogFeedback = 1,
+  kOrvexLogSession = 2,
+  kOrvexLogRequest = 3,
+  kOrvexLogFlusher = 4,
+  kOrvexLogSearch = 5,
+  kOrvexLogZeroKeyword = 6,
+  kOrvexLogMoreResults = 7,
+  kOrvexLogCard = 8,
+  kOrvexLogLookUp = 9,
+  kOrvexLogFlight = 10,
+  kOrvexLogImages = 11,
+  kOrvexLogConnection = 12,
+  kOrvexLogDownloadManager = 13,
+  kOrvexLogBag = 14,
+  kOrvexLogSubscription = 15,
+  kOrvexLogCaching = 16,
+  kOrvexLogFeedbackErrors = 17,
+  kOrvexLogFeedbackStorage = 18,
+};
+inline constexpr unsigned OrvexLoggingCategoryCount = 19;
+
+// What one write carries; handed to log observers.
+struct LogRecord {
+  LogLevel level;
+  std::string_view category;
+  std::string_view message;
+};
+
+class OrvexLog {
+ public:
+  OrvexLog(unsigned index, std::string category);
+  ~OrvexLog();
+  OrvexLog(const OrvexLog&) = delete;
+  OrvexLog& operator=(const OrvexLog&) = delete;
+
+  const std::string& category() const { return category_; }
+  std::string_view subsystem() const { return kOrvexLogSubsystem; }
+  bool enabled(LogLevel level) const;
+
+  template <typename... Args>
+  void debug(std::string_view format, const Args&... args) const {
+    emit(LogLevel::kDebug, format, args...);
+  }
+  template <typename... Args>
+  void info(std::string_view format, const Args&... args) const {
+    emit(LogLevel::kInfo, format, args...);
+  }
+  // The "default" level.
+  template <typename... Args>
+  void log(std::string_view format, const Args&... args) const {
+    emit(LogLevel::kDefault, format, args...);
+  }
+  template <typename... Args>
+  void error(std::string_view format, const Args&... args) const {
+    emit(LogLevel::kError, format, args...);
+  }
+  template <typename... Args>
+  void fault(std::string_view format, const Args&... args) const {
+    emit(LogLevel::kFault, format, args...);
+  }
+
+  // Writes an already formatted message.
+  void write(LogLevel level, std::string_view message) const;
+
+ private:
+  template <typename... Args>
+  void emit(LogLevel level, std::string_view format, const Args&... args) const {
+    if (!enabled(level) && !observed()) return;
+    write(level, formatLog(format, args...));
+  }
+  static bool observed();
+
+  unsigned index_;
+  std::string category_;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// The handle of a category. A category outside the table stops the process with the assertion
+// "category < OrvexLoggingCategoryCount".
+const OrvexLog& OrvexLogForCategory(unsigned category);
+
+// Reconfigures the destination and threshold from the environment (JOURNAL_STREAM,
+// ORVEXD_LOG_LEVEL). Called once at start-up; handles created before keep working.
+void configureLoggingFromEnvironment();
+void setLogThreshold(LogLevel level);
+LogLevel logThreshold();
+// Flushes every sink; used before the process exits on a signal.
+void flushLogs();
+
+// Observers see every write, whatever the threshold, on the writing thread. Tests use them to
+// find log lines by their text. The observer is removed when the returned token is destroyed.
+using LogObserver = std::function<void(const LogRecord&)>;
+class LogObserverToken {
+ public:
+  LogObserverToken() = default;
+  explicit LogObserverToken(uint64_t id) : id_(id) {}
+  LogObserverToken(LogObserverToken&& other) noexcept : id_(std::exchange(other.id_, 0)) {}
+  LogObserverToken& operator=(LogObserverToken&& other) noexcept;
+  ~LogObserverToken();
+
+ private:
+  uint64_t id_ = 0;
+};
+[[nodiscard]] LogObserverToken addLogObserver(LogObserver observer);
+
+}  // namespace orvex
