@@ -1,1 +1,98 @@
-// placeholder
+#include "orvexd/platform/worker_pool.h"
+
+#include <algorithm>
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace orvex {
+
+namespace {
+thread_local WorkerPool* tCurrentPool = nullptr;
+}
+
+struct WorkerPool::Impl {
+  // Declared first so that they outlive the io_context: abandoned handlers release their work
+  // tokens while the io_context is destroyed.
+  std::mutex mutex;  // guards busy
+  std::condition_variable idle;
+  std::size_t busy = 0;
+
+  asio::io_context io;
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard;
+  std::vector<std::thread> threads;
+};
+
+WorkerPool::WorkerPool(std::size_t threads) : impl_(std::make_unique<Impl>()) {
+  impl_->guard.emplace(asio::make_work_guard(impl_->io));
+  const std::size_t count = std::max<std::size_t>(threads, 1);
+  impl_->threads.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    impl_->threads.emplace_back([this] {
+      tCurrentPool = this;
+      impl_->io.run();
+      tCurrentPool = nullptr;
+    });
+  }
+}
+
+WorkerPool::~WorkerPool() {
+  impl_->guard.reset();
+  impl_->io.stop();
+  for (auto& thread : impl_->threads) {
+    if (thread.joinable()) thread.join();
+  }
+}
+
+std::size_t WorkerPool::defaultThreadCount() {
+  // Jobs may block for a bounded time (a bag wait of one second, a disk write), so the pool is
+  // wider than the machine.
+  return std::max(4u, 2 * std::thread::hardware_concurrency());
+}
+
+void WorkerPool::post(Job job) {
+  asio::post(impl_->io, [token = WorkToken(*this), job = std::move(job)] { job(); });
+}
+
+std::size_t WorkerPool::threadCount() const { return impl_->threads.size(); }
+
+bool WorkerPool::isPoolThread() const { return tCurrentPool == this; }
+
+WorkerPool* WorkerPool::current() { return tCurrentPool; }
+
+asio::io_context& WorkerPool::ioContext() { return impl_->io; }
+
+void WorkerPool::beginWork() {
+  std::lock_guard lock(impl_->mutex);
+  ++impl_->busy;
+}
+
+void WorkerPool::endWork() {
+  std::lock_guard lock(impl_->mutex);
+  if (--impl_->busy == 0) impl_->idle.notify_all();
+}
+
+void WorkerPool::waitUntilIdle() {
+  std::unique_lock lock(impl_->mutex);
+  impl_->idle.wait(lock, [this] { return impl_->busy == 0; });
+}
+
+WorkerPool::ParkScope::ParkScope() : pool_(tCurrentPool) {
+  if (pool_ != nullptr) pool_->endWork();
+}
+
+WorkerPool::ParkScope::~ParkScope() {
+  if (pool_ != nullptr) pool_->beginWork();
+}
+
+WorkerPool::WorkToken::WorkToken(WorkerPool& pool) {
+  pool.beginWork();
+  count_ = std::shared_ptr<void>(nullptr, [&pool](void*) { pool.endWork(); });
+}
+
+}  // namespace orvex

@@ -1,1 +1,61 @@
-// placeholder
+#include "tests/support/test_environment.h"
+
+#include <cstdlib>
+#include <stdexcept>
+#include <system_error>
+
+namespace orvex::testing {
+
+TempDir::TempDir() {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
+                        "/orvex-test-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), "mkdtemp");
+  }
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  // Restore permissions a test may have taken away so that removal succeeds.
+  for (auto it = std::filesystem::recursive_directory_iterator(path_, ignored);
+       it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
+    if (it->is_directory(ignored)) {
+      std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                   std::filesystem::perm_options::add, ignored);
+    }
+  }
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
+                               std::filesystem::perm_options::add, ignored);
+  std::filesystem::remove_all(path_, ignored);
+}
+
+ScopedEnv::ScopedEnv(std::string name, std::optional<std::string> value) : name_(std::move(name)) {
+  if (const char* old = std::getenv(name_.c_str())) previous_ = old;
+  if (value) {
+    setenv(name_.c_str(), value->c_str(), 1);
+  } else {
+    unsetenv(name_.c_str());
+  }
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (previous_) {
+    setenv(name_.c_str(), previous_->c_str(), 1);
+  } else {
+    unsetenv(name_.c_str());
+  }
+}
+
+VirtualPlatform::VirtualPlatform(std::size_t threads)
+    : pool(std::make_shared<WorkerPool>(threads)), clock(std::make_shared<VirtualClock>()) {
+  clock->setSettle([pool = pool.get()] { pool->waitUntilIdle(); });
+}
+
+VirtualPlatform::~VirtualPlatform() {
+  pool->waitUntilIdle();
+  clock->setSettle(nullptr);
+}
+
+}  // namespace orvex::testing

@@ -1,1 +1,126 @@
-// placeholder
+#include "orvexd/platform/serial_queue.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "tests/support/test_environment.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(SerialQueue, RunsJobsOneAtATimeInSubmissionOrderPerProducer) {
+  testing::VirtualPlatform platform;
+  SerialQueue queue("com.zelmor.orvexd.test", *platform.pool, *platform.clock);
+  constexpr int kProducers = 4;
+  constexpr int kJobs = 2000;
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  std::map<int, std::vector<int>> seen;  // queue only
+  std::vector<std::thread> producers;
+  for (int p = 0; p < kProducers; ++p) {
+    producers.emplace_back([&, p] {
+      for (int i = 0; i < kJobs; ++i) {
+        queue.async([&, p, i] {
+          if (inside.fetch_add(1) != 0) overlapped = true;
+          seen[p].push_back(i);
+          inside.fetch_sub(1);
+        });
+      }
+    });
+  }
+  for (auto& producer : producers) producer.join();
+  platform.settle();
+  EXPECT_FALSE(overlapped);
+  for (int p = 0; p < kProducers; ++p) {
+    ASSERT_EQ(seen[p].size(), static_cast<size_t>(kJobs));
+    for (int i = 0; i < kJobs; ++i) ASSERT_EQ(seen[p][i], i) << "producer " << p;
+  }
+}
+
+TEST(SerialQueue, SyncWaitsForTheJobAndRefusesWhereItCouldDeadlock) {
+  testing::VirtualPlatform platform;
+  SerialQueue queue("com.zelmor.orvexd.test", *platform.pool, *platform.clock);
+  SerialQueue other("com.zelmor.orvexd.other", *platform.pool, *platform.clock);
+
+  // From a thread outside the pool, sync runs the job on the queue and waits for it, also
+  // behind earlier asynchronous jobs.
+  std::vector<int> order;
+  queue.async([&] {
+    std::this_thread::sleep_for(5ms);
+    order.push_back(1);
+  });
+  bool onQueue = false;
+  EXPECT_TRUE(queue.sync([&] {
+    onQueue = queue.isCurrent();
+    order.push_back(2);
+  }));
+  EXPECT_TRUE(onQueue);
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+  EXPECT_FALSE(queue.isCurrent());
+  EXPECT_EQ(queue.syncResult([] { return 42; }), 42);
+
+  // From the queue itself: refused, the job never runs.
+  std::atomic<int> ran{0};
+  std::optional<bool> fromSelf;
+  queue.async([&] { fromSelf = queue.sync([&] { ++ran; }); });
+  // From another queue's job, which is a pool thread: refused as well.
+  std::optional<bool> fromOtherQueue;
+  other.async([&] { fromOtherQueue = queue.sync([&] { ++ran; }); });
+  // From a plain pool job: refused.
+  std::optional<bool> fromPool;
+  platform.pool->post([&] { fromPool = queue.sync([&] { ++ran; }); });
+  platform.settle();
+  EXPECT_EQ(fromSelf, false);
+  EXPECT_EQ(fromOtherQueue, false);
+  EXPECT_EQ(fromPool, false);
+  EXPECT_EQ(ran, 0);
+  EXPECT_EQ(queue.syncResult([&] { return queue.isCurrent() && !other.isCurrent(); }), true);
+}
+
+TEST(SerialQueue, AfterRunsOnTheQueueAtItsVirtualDeadlineAndNotOnceTheQueueIsGone) {
+  testing::VirtualPlatform platform;
+  auto queue =
+      std::make_unique<SerialQueue>("com.zelmor.orvexd.test", *platform.pool, *platform.clock);
+  std::vector<std::pair<int, MonotonicTime>> fired;  // queue only
+  const auto start = platform.clock->monotonicNow();
+  queue->after(10min, [&] { fired.emplace_back(2, platform.clock->monotonicNow()); });
+  queue->after(3min, [&, q = queue.get()] {
+    EXPECT_TRUE(q->isCurrent());
+    fired.emplace_back(1, platform.clock->monotonicNow());
+  });
+  auto cancelled = queue->after(5min, [&] { fired.emplace_back(99, MonotonicTime()); });
+  cancelled.cancel();
+
+  platform.advance(179s);
+  EXPECT_TRUE(fired.empty());
+  platform.advance(1s);
+  ASSERT_EQ(fired.size(), 1u);
+  EXPECT_EQ(fired[0].first, 1);
+  EXPECT_EQ(fired[0].second - start, 3min);
+  platform.advance(2h);
+  ASSERT_EQ(fired.size(), 2u);
+  EXPECT_EQ(fired[1].first, 2);
+  EXPECT_EQ(fired[1].second - start, 10min);
+
+  bool late = false;
+  queue->after(1s, [&] { late = true; });
+  queue.reset();
+  platform.advance(1min);
+  EXPECT_FALSE(late);
+}
+
+TEST(SerialQueueDeathTest, AssertCurrentStopsTheProcessOffTheQueue) {
+  testing::VirtualPlatform platform;
+  SerialQueue queue("com.zelmor.orvexd.test", *platform.pool, *platform.clock);
+  EXPECT_TRUE(queue.sync([&] { queue.assertCurrent("job"); }));
+  EXPECT_DEATH(queue.assertCurrent("_updateState"),
+               "_updateState must run on queue com.zelmor.orvexd.test");
+}
+
+}  // namespace
+}  // namespace orvex

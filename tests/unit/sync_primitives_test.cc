@@ -1,1 +1,141 @@
-// placeholder
+#include <atomic>
+#include <gtest/gtest.h>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include "orvexd/platform/counting_semaphore.h"
+#include "orvexd/platform/process_transaction.h"
+#include "orvexd/platform/reader_writer_queue.h"
+#include "orvexd/platform/wait_group.h"
+#include "tests/support/test_environment.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(CountingSemaphore, TimesOutOnlyWhenVirtualTimePassesAndWakesOnSignal) {
+  testing::VirtualPlatform platform;
+  CountingSemaphore semaphore(*platform.clock);
+
+  semaphore.signal();
+  EXPECT_TRUE(semaphore.wait(0s));  // a unit was there
+
+  // A worker waits one second of virtual time; it is parked, so settling does not wait for it.
+  std::atomic<int> outcome{-1};
+  platform.pool->post([&] { outcome = semaphore.wait(1s) ? 1 : 0; });
+  platform.advance(999ms);
+  EXPECT_EQ(outcome, -1);
+  platform.advance(1ms);
+  EXPECT_EQ(outcome, 0);
+
+  // A signal from another thread wakes a waiter before its time-out; the time-out timer,
+  // cancelled, then fires nothing when the clock passes it.
+  outcome = -1;
+  platform.pool->post([&] { outcome = semaphore.wait(1s) ? 1 : 0; });
+  while (platform.clock->pendingTimers() == 0) std::this_thread::yield();
+  std::thread([&] { semaphore.signal(); }).join();
+  platform.settle();
+  EXPECT_EQ(outcome, 1);
+  platform.advance(2s);
+  EXPECT_FALSE(semaphore.wait(0s));
+}
+
+TEST(WaitGroup, WaitsForEveryMemberAndNotifiesOnceEmpty) {
+  testing::VirtualPlatform platform;
+  SerialQueue queue("com.zelmor.orvexd.group", *platform.pool, *platform.clock);
+  WaitGroup group(*platform.clock);
+
+  bool notifiedEarly = false;
+  group.notify(queue, [&] { notifiedEarly = true; });  // empty: at once
+  platform.settle();
+  EXPECT_TRUE(notifiedEarly);
+
+  group.enter();
+  group.enter();
+  std::vector<std::string> events;  // queue only
+  group.notify(queue, [&] { events.push_back("notified"); });
+  std::atomic<int> waited{-1};
+  platform.pool->post([&] { waited = group.wait(5s) ? 1 : 0; });
+  group.leave();
+  platform.settle();
+  EXPECT_TRUE(events.empty());
+  EXPECT_EQ(waited, -1);
+  group.leave();
+  platform.settle();
+  EXPECT_EQ(events, std::vector<std::string>{"notified"});
+  EXPECT_EQ(waited, 1);
+
+  // The deadline passes with a member still outstanding.
+  group.enter();
+  waited = -1;
+  platform.pool->post([&] { waited = group.wait(5s) ? 1 : 0; });
+  platform.advance(5s);
+  EXPECT_EQ(waited, 0);
+  group.leave();
+}
+
+TEST(ReaderWriterQueue, ReadersShareWritersExcludeAndAsyncWritesKeepTheirOrder) {
+  testing::VirtualPlatform platform;
+  ReaderWriterQueue<std::vector<int>> state("com.zelmor.orvexd.rw", *platform.pool,
+                                            *platform.clock);
+  // Two readers inside read() at the same time: each waits for the other inside.
+  std::latch bothInside(2);
+  std::thread first([&] { state.read([&](const auto&) { bothInside.arrive_and_wait(); }); });
+  std::thread second([&] { state.read([&](const auto&) { bothInside.arrive_and_wait(); }); });
+  first.join();
+  second.join();
+
+  // Writers never overlap each other or a reader.
+  std::atomic<int> readers{0};
+  std::atomic<bool> violated{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 500; ++i) {
+        if (t % 2 == 0) {
+          state.read([&](const auto&) {
+            readers.fetch_add(1);
+            readers.fetch_sub(1);
+          });
+        } else {
+          state.write([&](auto& values) {
+            if (readers.load() != 0) violated = true;
+            values.push_back(-1);
+          });
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_FALSE(violated);
+
+  for (int i = 0; i < 100; ++i) state.writeAsync([i](auto& values) { values.push_back(i); });
+  platform.settle();
+  state.read([](const auto& values) {
+    ASSERT_EQ(values.size(), 1100u);
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(values[1000 + i], i);
+  });
+}
+
+TEST(ProcessTransaction, CountsOpenTransactionsByNameAcrossMoves) {
+  const auto before = ProcessTransaction::openCount();
+  {
+    ProcessTransaction fetch("bagFetch");
+    ProcessTransaction image("imageFetch");
+    ProcessTransaction another("imageFetch");
+    EXPECT_EQ(ProcessTransaction::openTransactions().at("imageFetch"), 2);
+    ProcessTransaction moved(std::move(another));
+    EXPECT_EQ(ProcessTransaction::openTransactions().at("imageFetch"), 2);
+    moved = std::move(fetch);  // closes one imageFetch, carries the bagFetch
+    EXPECT_EQ(ProcessTransaction::openTransactions().at("imageFetch"), 1);
+    EXPECT_EQ(ProcessTransaction::openTransactions().at("bagFetch"), 1);
+    EXPECT_EQ(ProcessTransaction::openCount(), before + 2);
+  }
+  EXPECT_EQ(ProcessTransaction::openCount(), before);
+  EXPECT_EQ(ProcessTransaction::openTransactions().count("imageFetch"), 0u);
+}
+
+}  // namespace
+}  // namespace orvex

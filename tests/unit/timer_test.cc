@@ -1,1 +1,143 @@
-// placeholder
+#include <atomic>
+#include <future>
+#include <gtest/gtest.h>
+#include <vector>
+
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/one_shot_timer.h"
+#include "orvexd/platform/serial_queue.h"
+#include "orvexd/platform/virtual_clock.h"
+#include "tests/support/test_environment.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(VirtualClock, FiresInDeadlineOrderWithTimeSetToEachDeadline) {
+  VirtualClock clock;
+  const auto monoStart = clock.monotonicNow();
+  const auto wallStart = clock.wallNow();
+  std::vector<std::pair<char, Duration>> fired;
+  auto record = [&](char name) {
+    return [&, name] { fired.emplace_back(name, clock.monotonicNow() - monoStart); };
+  };
+  clock.scheduleAfter(30s, record('c'));
+  clock.scheduleAfter(10s, record('a'));
+  clock.scheduleAfter(10s, record('b'));  // same deadline: scheduling order
+  clock.scheduleAfter(-5s, record('z'));  // already due
+  auto cancelled = clock.scheduleAfter(20s, record('x'));
+  cancelled.cancel();
+  EXPECT_EQ(clock.pendingTimers(), 4u);
+
+  clock.runDue();
+  ASSERT_EQ(fired.size(), 1u);
+  clock.advance(25s);
+  ASSERT_EQ(fired.size(), 3u);
+  EXPECT_EQ(fired[1], std::make_pair('a', Duration(10s)));
+  EXPECT_EQ(fired[2], std::make_pair('b', Duration(10s)));
+  EXPECT_EQ(clock.monotonicNow() - monoStart, 25s);
+  EXPECT_EQ(clock.wallNow() - wallStart, 25s);
+
+  // A jump of the wall clock alone fires nothing and leaves durations alone.
+  clock.setWallTime(wallStart - 24h);
+  EXPECT_EQ(fired.size(), 3u);
+  clock.advance(5s);
+  ASSERT_EQ(fired.size(), 4u);
+  EXPECT_EQ(fired[3], std::make_pair('c', Duration(30s)));
+  EXPECT_EQ(clock.wallNow(), wallStart - 24h + 5s);
+  EXPECT_FALSE(clock.nextDeadline().has_value());
+}
+
+class OneShotTimerTest : public ::testing::Test {
+ protected:
+  testing::VirtualPlatform platform;
+  SerialQueue queue{"com.zelmor.orvexd.timer", *platform.pool, *platform.clock};
+  std::shared_ptr<int> owner = std::make_shared<int>(0);
+
+  void onQueue(const std::function<void()>& job) { ASSERT_TRUE(queue.sync(job)); }
+};
+
+TEST_F(OneShotTimerTest, ReArmedTimerStaleFiringDoesNothing) {
+  OneShotTimer timer(queue);
+  std::vector<std::string> fired;  // queue only
+  // Re-armed to an earlier deadline: the new one fires, the old one later stays silent.
+  onQueue([&] { timer.arm(10min, owner, [&] { fired.push_back("first"); }); });
+  platform.advance(2min);
+  onQueue([&] { timer.arm(5min, owner, [&] { fired.push_back("second"); }); });
+  platform.advance(5min);
+  EXPECT_EQ(fired, (std::vector<std::string>{"second"}));
+  platform.advance(1h);
+  EXPECT_EQ(fired, (std::vector<std::string>{"second"}));
+
+  // Re-armed to a later deadline: nothing at the old deadline, one firing at the new one.
+  fired.clear();
+  onQueue([&] {
+    timer.arm(1min, owner, [&] { fired.push_back("early"); });
+    timer.arm(10min, owner, [&] { fired.push_back("late"); });
+  });
+  platform.advance(9min);
+  EXPECT_TRUE(fired.empty());
+  platform.advance(1min);
+  EXPECT_EQ(fired, (std::vector<std::string>{"late"}));
+  onQueue([&] { EXPECT_FALSE(timer.isArmed()); });
+}
+
+TEST_F(OneShotTimerTest, CancelOwnerGoneAndTimerGoneAllSilenceTheFiring) {
+  std::vector<int> fired;
+  {
+    OneShotTimer timer(queue);
+    onQueue([&] {
+      timer.arm(1s, owner, [&] { fired.push_back(1); });
+      timer.cancel();
+      EXPECT_FALSE(timer.isArmed());
+    });
+    platform.advance(2s);
+
+    auto shortLived = std::make_shared<int>(0);
+    onQueue([&] { timer.arm(1s, shortLived, [&] { fired.push_back(2); }); });
+    shortLived.reset();
+    platform.advance(2s);
+
+    onQueue([&] { timer.arm(1s, owner, [&] { fired.push_back(3); }); });
+  }  // the timer itself is destroyed while armed
+  platform.advance(2s);
+  EXPECT_TRUE(fired.empty());
+}
+
+TEST_F(OneShotTimerTest, RearmingFromItsOwnJobRunsHoursOfPeriodsInstantly) {
+  OneShotTimer timer(queue);
+  std::vector<Duration> firings;
+  const auto start = platform.clock->monotonicNow();
+  std::function<void()> tick = [&] {
+    firings.push_back(platform.clock->monotonicNow() - start);
+    timer.arm(600s, owner, tick);
+  };
+  onQueue([&] { timer.arm(600s, owner, tick); });
+  platform.advance(10h);
+  ASSERT_EQ(firings.size(), 60u);
+  EXPECT_EQ(firings.front(), 600s);
+  EXPECT_EQ(firings.back(), 10h);
+  onQueue([&] {
+    EXPECT_TRUE(timer.isArmed());
+    timer.cancel();
+  });
+}
+
+TEST(SystemClock, FiresAfterTheDelayUnlessCancelled) {
+  WorkerPool pool(2);
+  SystemClock clock(pool);
+  std::promise<Duration> fired;
+  const auto start = clock.monotonicNow();
+  std::atomic<bool> cancelledFired{false};
+  auto cancelled = clock.scheduleAfter(20ms, [&] { cancelledFired = true; });
+  cancelled.cancel();
+  clock.scheduleAfter(30ms, [&] { fired.set_value(clock.monotonicNow() - start); });
+  auto future = fired.get_future();
+  ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
+  EXPECT_GE(future.get(), 30ms);
+  EXPECT_FALSE(cancelledFired);
+}
+
+}  // namespace
+}  // namespace orvex

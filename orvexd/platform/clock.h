@@ -1,0 +1,76 @@
+// The daemon's single source of time.
+//
+// Wall time dates things (expiries, timestamps written to disk); monotonic time measures
+// durations and drives timers. Components never read the system clocks directly: they ask the
+// Clock the Assembly holds, so that tests can substitute a VirtualClock and move hours ahead in
+// microseconds.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace orvex {
+
+class WorkerPool;
+
+using WallTime = std::chrono::system_clock::time_point;
+using MonotonicTime = std::chrono::steady_clock::time_point;
+using Duration = std::chrono::nanoseconds;
+
+// Cancels a scheduled firing. Cancelling is best effort: a firing that has already begun runs to
+// its end. Copies refer to the same firing; dropping the handle does not cancel.
+class TimerHandle {
+ public:
+  // What a clock keeps for one firing. `release` frees the clock's resources for a cancelled
+  // firing early; it is called at most once.
+  struct State {
+    virtual ~State() = default;
+    virtual void release() {}
+    std::atomic<bool> cancelled{false};
+  };
+
+  TimerHandle() = default;
+  explicit TimerHandle(std::shared_ptr<State> state) : state_(std::move(state)) {}
+  void cancel() const {
+    if (state_ && !state_->cancelled.exchange(true)) state_->release();
+  }
+  bool isCancelled() const { return state_ && state_->cancelled.load(); }
+
+ private:
+  std::shared_ptr<State> state_;
+};
+
+class Clock {
+ public:
+  virtual ~Clock() = default;
+
+  virtual WallTime wallNow() const = 0;
+  virtual MonotonicTime monotonicNow() const = 0;
+
+  // Calls `fire` once, when `delay` has passed in this clock's monotonic time, unless cancelled
+  // first. `fire` runs on a thread of the clock's choosing and must only hand work on (for
+  // example post it to a queue); SerialQueue::after and OneShotTimer are built on this.
+  virtual TimerHandle scheduleAfter(Duration delay, std::function<void()> fire) = 0;
+};
+
+// Real time: the system clocks and asio timers on the worker pool.
+class SystemClock final : public Clock {
+ public:
+  explicit SystemClock(WorkerPool& pool);
+  ~SystemClock() override;
+
+  WallTime wallNow() const override;
+  MonotonicTime monotonicNow() const override;
+  TimerHandle scheduleAfter(Duration delay, std::function<void()> fire) override;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Milliseconds of monotonic time between two instants, never negative.
+double millisecondsBetween(MonotonicTime start, MonotonicTime end);
+
+}  // namespace orvex

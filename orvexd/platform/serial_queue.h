@@ -1,0 +1,64 @@
+// A serial work queue: jobs run one at a time, in the order they were submitted, on the shared
+// worker pool. Each component confines its mutable state to its own queue, named
+// "com.zelmor.orvexd.<component>".
+//
+// Contract:
+// - async() and after() may be called from any thread, including from the queue itself.
+// - sync() blocks the caller until the job has run. It refuses (runs nothing, logs a fault and
+//   returns false) when called from the queue itself, which would deadlock for certain, and from
+//   any worker thread of the same pool, which could deadlock once every worker waits on another.
+// - after() runs the job on the queue once `delay` has passed on the queue's clock. The queue
+//   is held weakly meanwhile: a firing after the queue is destroyed does nothing.
+// - Jobs that outlive the call that posted them must hold their owner weakly; destroying the
+//   queue does not cancel jobs already submitted.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "orvexd/platform/clock.h"
+
+namespace orvex {
+
+class WorkerPool;
+
+class SerialQueue {
+ public:
+  using Job = std::function<void()>;
+
+  SerialQueue(std::string label, WorkerPool& pool, Clock& clock);
+  ~SerialQueue();
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+
+  const std::string& label() const;
+  Clock& clock() const;
+
+  void async(Job job) const;
+  [[nodiscard]] bool sync(const Job& job) const;
+  TimerHandle after(Duration delay, Job job) const;
+  bool isCurrent() const;
+
+  // Runs `fn` on the queue and returns its result, or nothing if sync() refused.
+  template <typename F>
+    requires(!std::is_void_v<std::invoke_result_t<F&>>)
+  std::optional<std::invoke_result_t<F&>> syncResult(F fn) const {
+    std::optional<std::invoke_result_t<F&>> result;
+    if (!sync([&] { result.emplace(fn()); })) return std::nullopt;
+    return result;
+  }
+
+  // Stops the process with `what` when the caller is not on this queue. Private operations of
+  // a component begin with this.
+  void assertCurrent(const char* what) const;
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace orvex

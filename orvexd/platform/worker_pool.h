@@ -1,0 +1,79 @@
+// The shared pool of worker threads that every serial queue, timer and global job runs on.
+//
+// Jobs posted here (or through a SerialQueue on this pool) are counted while they are queued
+// or running, so that tests can wait until the pool has nothing left to do. A thread that
+// blocks on a semaphore or wait group marks itself parked and is not counted as busy while it
+// waits, so that a test driving virtual time never waits for a job that is itself waiting for
+// virtual time to pass.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+namespace asio {
+class io_context;
+}
+
+namespace orvex {
+
+class WorkerPool {
+ public:
+  using Job = std::function<void()>;
+
+  // Starts `threads` worker threads (at least one).
+  explicit WorkerPool(std::size_t threads);
+  // Stops accepting jobs, abandons queued ones and joins the threads.
+  ~WorkerPool();
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  // The number of threads the daemon's pool gets on this machine.
+  static std::size_t defaultThreadCount();
+
+  // Runs `job` on some worker thread (the "global queue").
+  void post(Job job);
+
+  std::size_t threadCount() const;
+  // Whether the calling thread is one of this pool's workers.
+  bool isPoolThread() const;
+  // The pool the calling thread works for, if any.
+  static WorkerPool* current();
+
+  // Blocks until no counted job is queued or running (parked threads do not count).
+  void waitUntilIdle();
+
+  // Marks the calling worker thread as parked for the scope's lifetime. Does nothing on a thread
+  // that is not a worker.
+  class ParkScope {
+   public:
+    ParkScope();
+    ~ParkScope();
+    ParkScope(const ParkScope&) = delete;
+    ParkScope& operator=(const ParkScope&) = delete;
+
+   private:
+    WorkerPool* pool_;
+  };
+
+  // Counts one unit of work from construction to destruction. Copies count once between them:
+  // the token is shared by the copies of a handler.
+  class WorkToken {
+   public:
+    explicit WorkToken(WorkerPool& pool);
+
+   private:
+    std::shared_ptr<void> count_;
+  };
+
+  asio::io_context& ioContext();
+
+ private:
+  void beginWork();
+  void endWork();
+
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace orvex

@@ -1,0 +1,54 @@
+// Shared pieces for the daemon's tests: temporary directories, scoped environment variables,
+// and a platform (worker pool + virtual clock) whose timers the test drives.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "orvexd/platform/virtual_clock.h"
+#include "orvexd/platform/worker_pool.h"
+
+namespace orvex::testing {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Sets (or, with nullopt, unsets) an environment variable and restores it on destruction.
+class ScopedEnv {
+ public:
+  ScopedEnv(std::string name, std::optional<std::string> value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> previous_;
+};
+
+// A worker pool and a virtual clock wired together: advancing the clock lets the pool finish
+// what each firing posted before the next deadline.
+struct VirtualPlatform {
+  explicit VirtualPlatform(std::size_t threads = 4);
+  ~VirtualPlatform();
+  void advance(Duration step) { clock->advance(step); }
+  void settle() { pool->waitUntilIdle(); }
+
+  std::shared_ptr<WorkerPool> pool;
+  std::shared_ptr<VirtualClock> clock;
+};
+
+}  // namespace orvex::testing
