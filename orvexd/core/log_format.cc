@@ -1,1 +1,494 @@
-// placeholder
+#include "orvexd/core/log_format.h"
+
+#include <sys/types.h>
+
+#include <array>
+#include <charconv>
+#include <cinttypes>
+#include <cmath>
+#include <cstddef>
+#include <cstdio>
+#include <limits>
+
+namespace orvex {
+namespace {
+
+// Field widths and precisions beyond this are clamped so that a damaged format string cannot
+// make one log line allocate without bound.
+constexpr int kMaxFieldSize = 4096;
+
+std::string_view trimmed(std::string_view text) {
+  constexpr std::string_view kSpace = " \t\n\r\f\v";
+  const size_t first = text.find_first_not_of(kSpace);
+  if (first == std::string_view::npos) return {};
+  const size_t last = text.find_last_not_of(kSpace);
+  return text.substr(first, last - first + 1);
+}
+
+// Converts with saturation: the out-of-range cases of a plain cast are undefined.
+int64_t doubleToSigned(double value) {
+  if (std::isnan(value)) return 0;
+  if (value >= 9223372036854775808.0) return std::numeric_limits<int64_t>::max();
+  if (value < -9223372036854775808.0) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(value);
+}
+
+uint64_t doubleToUnsigned(double value) {
+  if (std::isnan(value)) return 0;
+  if (value >= 18446744073709551616.0) return std::numeric_limits<uint64_t>::max();
+  // Negative values wrap the way a negative integer does when printed with %u.
+  if (value < 0) return static_cast<uint64_t>(doubleToSigned(value));
+  return static_cast<uint64_t>(value);
+}
+
+// The number a string argument spells, if it spells one: a decimal integer (signed, or unsigned
+// beyond the signed range) or a floating-point number. Surrounding white space is allowed.
+std::optional<LogArg> numberInString(std::string_view text) {
+  text = trimmed(text);
+  if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+  if (text.empty()) return std::nullopt;
+  const char* const begin = text.data();
+  const char* const end = begin + text.size();
+  int64_t signed_value = 0;
+  if (auto [ptr, ec] = std::from_chars(begin, end, signed_value); ec == std::errc() && ptr == end) {
+    return LogArg(signed_value);
+  }
+  uint64_t unsigned_value = 0;
+  if (auto [ptr, ec] = std::from_chars(begin, end, unsigned_value);
+      ec == std::errc() && ptr == end) {
+    return LogArg(unsigned_value);
+  }
+  double double_value = 0;
+  if (auto [ptr, ec] = std::from_chars(begin, end, double_value); ec == std::errc() && ptr == end) {
+    return LogArg(double_value);
+  }
+  return std::nullopt;
+}
+
+// One parsed conversion: "%" flags width .precision length conversion.
+struct Conversion {
+  std::string flags;
+  bool left_justify = false;
+  bool width_from_argument = false;
+  int width = -1;
+  bool precision_from_argument = false;
+  int precision = -1;
+  std::string_view length;
+  char conversion = '\0';
+};
+
+bool isFlag(char c) {
+  return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0' || c == '\'';
+}
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+int parseNumber(std::string_view format, size_t& pos) {
+  int value = 0;
+  while (pos < format.size() && isDigit(format[pos])) {
+    value = std::min(kMaxFieldSize, value * 10 + (format[pos] - '0'));
+    ++pos;
+  }
+  return value;
+}
+
+// Parses the conversion that starts after the '%' at `pos`. Returns false when the format ends
+// inside it; `pos` is then left at the end.
+bool parseConversion(std::string_view format, size_t& pos, Conversion& out) {
+  while (pos < format.size() && isFlag(format[pos])) {
+    if (format[pos] == '-') out.left_justify = true;
+    if (out.flags.find(format[pos]) == std::string::npos) out.flags.push_back(format[pos]);
+    ++pos;
+  }
+  if (pos < format.size() && format[pos] == '*') {
+    out.width_from_argument = true;
+    ++pos;
+  } else if (pos < format.size() && isDigit(format[pos])) {
+    out.width = parseNumber(format, pos);
+  }
+  if (pos < format.size() && format[pos] == '.') {
+    ++pos;
+    if (pos < format.size() && format[pos] == '*') {
+      out.precision_from_argument = true;
+      ++pos;
+    } else {
+      out.precision = parseNumber(format, pos);
+    }
+  }
+  // Longer modifiers first, so that "hh" is not read as "h".
+  static constexpr std::array<std::string_view, 9> kLengths = {"hh", "h", "ll", "l", "z",
+                                                               "j",  "t", "L",  "q"};
+  for (std::string_view length : kLengths) {
+    if (format.substr(pos, length.size()) == length) {
+      out.length = length;
+      pos += length.size();
+      break;
+    }
+  }
+  if (pos >= format.size()) return false;
+  out.conversion = format[pos++];
+  return true;
+}
+
+bool isKnownConversion(char c) {
+  switch (c) {
+    case 'd':
+    case 'i':
+    case 'u':
+    case 'x':
+    case 'X':
+    case 'o':
+    case 'c':
+    case 'C':
+    case 's':
+    case 'S':
+    case 'f':
+    case 'F':
+    case 'e':
+    case 'E':
+    case 'g':
+    case 'G':
+    case 'a':
+    case 'A':
+    case 'p':
+    case '@':
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool isFloatConversion(char c) {
+  return c == 'f' || c == 'F' || c == 'e' || c == 'E' || c == 'g' || c == 'G' || c == 'a' ||
+         c == 'A';
+}
+
+// Pads `text` to the field width with spaces, on the left unless '-' was given.
+void appendPadded(std::string& out, std::string_view text, const Conversion& spec) {
+  const size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+  const size_t padding = text.size() < width ? width - text.size() : 0;
+  if (!spec.left_justify) out.append(padding, ' ');
+  out.append(text);
+  if (spec.left_justify) out.append(padding, ' ');
+}
+
+// Cuts a string at the precision, backing off so that a multi-byte UTF-8 sequence is never split.
+std::string_view truncated(std::string_view text, int precision) {
+  if (precision < 0 || static_cast<size_t>(precision) >= text.size()) return text;
+  size_t cut = static_cast<size_t>(precision);
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  return text.substr(0, cut);
+}
+
+void appendUtf8(std::string& out, uint32_t code_point) {
+  if (code_point > 0x10FFFF || (code_point >= 0xD800 && code_point <= 0xDFFF)) {
+    code_point = 0xFFFD;
+  }
+  if (code_point < 0x80) {
+    out.push_back(static_cast<char>(code_point));
+  } else if (code_point < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (code_point >> 6)));
+    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
+  } else if (code_point < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | (code_point >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (code_point >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((code_point >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
+  }
+}
+
+// Builds the printf conversion for snprintf: only the flags that are defined for the
+// conversion, the resolved width and precision, and the given length modifier.
+std::string printfSpec(const Conversion& spec, std::string_view length, char conversion) {
+  std::string out = "%";
+  for (char flag : spec.flags) {
+    const bool allowed =
+        flag == '#'
+            ? (conversion == 'o' || conversion == 'x' || conversion == 'X' ||
+               isFloatConversion(conversion))
+            : (flag != '\'' || conversion == 'd' || conversion == 'i' || conversion == 'u' ||
+               conversion == 'f' || conversion == 'F' || conversion == 'g' || conversion == 'G');
+    if (allowed) out.push_back(flag);
+  }
+  if (spec.left_justify && out.find('-') == std::string::npos) out.push_back('-');
+  if (spec.width > 0) out += std::to_string(spec.width);
+  if (spec.precision >= 0) {
+    out.push_back('.');
+    out += std::to_string(spec.precision);
+  }
+  out.append(length);
+  out.push_back(conversion);
+  return out;
+}
+
+template <typename T>
+void appendPrintf(std::string& out, const std::string& spec, T value) {
+  std::array<char, 128> buffer;
+  const int needed = std::snprintf(buffer.data(), buffer.size(), spec.c_str(), value);
+  if (needed < 0) return;
+  if (static_cast<size_t>(needed) < buffer.size()) {
+    out.append(buffer.data(), static_cast<size_t>(needed));
+    return;
+  }
+  std::string large(static_cast<size_t>(needed) + 1, '\0');
+  std::snprintf(large.data(), large.size(), spec.c_str(), value);
+  large.resize(static_cast<size_t>(needed));
+  out += large;
+}
+
+// Renders an integer conversion. The value is first narrowed to the type the length modifier
+// names, as printf would read it, and then handed to snprintf as a 64-bit value.
+void appendInteger(std::string& out, const Conversion& spec, const LogArg& arg) {
+  const char c = spec.conversion;
+  const std::string_view length = spec.length;
+  if (c == 'd' || c == 'i') {
+    const int64_t value = arg.asSigned();
+    long long narrowed;
+    if (length == "hh") {
+      narrowed = static_cast<signed char>(value);
+    } else if (length == "h") {
+      narrowed = static_cast<short>(value);
+    } else if (length.empty()) {
+      narrowed = static_cast<int>(value);
+    } else if (length == "l") {
+      narrowed = static_cast<long>(value);
+    } else if (length == "z") {
+      narrowed = static_cast<ssize_t>(value);
+    } else if (length == "t") {
+      narrowed = static_cast<ptrdiff_t>(value);
+    } else if (length == "j") {
+      narrowed = static_cast<intmax_t>(value);
+    } else {
+      narrowed = static_cast<long long>(value);
+    }
+    appendPrintf(out, printfSpec(spec, "ll", c), narrowed);
+    return;
+  }
+  const uint64_t value = arg.asUnsigned();
+  unsigned long long narrowed;
+  if (length == "hh") {
+    narrowed = static_cast<unsigned char>(value);
+  } else if (length == "h") {
+    narrowed = static_cast<unsigned short>(value);
+  } else if (length.empty()) {
+    narrowed = static_cast<unsigned int>(value);
+  } else if (length == "l") {
+    narrowed = static_cast<unsigned long>(value);
+  } else if (length == "z" || length == "t") {
+    narrowed = static_cast<size_t>(value);
+  } else if (length == "j") {
+    narrowed = static_cast<uintmax_t>(value);
+  } else {
+    narrowed = static_cast<unsigned long long>(value);
+  }
+  appendPrintf(out, printfSpec(spec, "ll", c), narrowed);
+}
+
+void appendCharacter(std::string& out, const Conversion& spec, const LogArg& arg) {
+  std::string text;
+  const bool wide = spec.conversion == 'C' || spec.length == "l";
+  const uint64_t value = arg.asUnsigned();
+  if (wide) {
+    appendUtf8(text, static_cast<uint32_t>(std::min<uint64_t>(value, 0xFFFFFFFFu)));
+  } else {
+    text.push_back(static_cast<char>(static_cast<unsigned char>(value)));
+  }
+  // A NUL character would cut the line short in every destination, so it renders as nothing.
+  if (text == std::string_view("\0", 1)) text.clear();
+  appendPadded(out, text, spec);
+}
+
+void appendPointer(std::string& out, const Conversion& spec, const LogArg& arg) {
+  uint64_t address = 0;
+  if (arg.kind() == LogArg::Kind::kPointer) {
+    address = reinterpret_cast<uintptr_t>(arg.pointer());
+  } else {
+    address = arg.asUnsigned();
+  }
+  std::array<char, 32> buffer;
+  const int length = std::snprintf(buffer.data(), buffer.size(), "0x%" PRIx64, address);
+  appendPadded(out, std::string_view(buffer.data(), static_cast<size_t>(length)), spec);
+}
+
+void appendConversion(std::string& out, const Conversion& spec, const LogArg& arg) {
+  const char c = spec.conversion;
+  const LogArg::Kind kind = arg.kind();
+  if (kind == LogArg::Kind::kNull) {
+    appendPadded(out, truncated("(null)", c == 's' || c == 'S' || c == '@' ? spec.precision : -1),
+                 spec);
+    return;
+  }
+  if (c == '@' || c == 's' || c == 'S') {
+    const std::string text = kind == LogArg::Kind::kString ? arg.string() : arg.describe();
+    appendPadded(out, truncated(text, spec.precision), spec);
+    return;
+  }
+  // A string under a numeric conversion renders as the number it spells, else as itself.
+  std::optional<LogArg> parsed;
+  if (kind == LogArg::Kind::kString) {
+    parsed = numberInString(arg.string());
+    if (!parsed) {
+      appendPadded(out, arg.string(), spec);
+      return;
+    }
+  }
+  const LogArg& value = parsed ? *parsed : arg;
+  if (c == 'p') {
+    appendPointer(out, spec, value);
+  } else if (c == 'c' || c == 'C') {
+    appendCharacter(out, spec, value);
+  } else if (isFloatConversion(c)) {
+    appendPrintf(out, printfSpec(spec, "", c), value.asDouble());
+  } else {
+    appendInteger(out, spec, value);
+  }
+}
+
+}  // namespace
+
+int64_t LogArg::asSigned() const {
+  switch (kind_) {
+    case Kind::kSigned:
+      return signed_;
+    case Kind::kUnsigned:
+    case Kind::kBool:
+      return static_cast<int64_t>(unsigned_);
+    case Kind::kDouble:
+      return doubleToSigned(double_);
+    case Kind::kString: {
+      const std::optional<LogArg> number = numberInString(string_);
+      return number ? number->asSigned() : 0;
+    }
+    case Kind::kPointer:
+      return static_cast<int64_t>(reinterpret_cast<uintptr_t>(pointer_));
+    case Kind::kNull:
+      break;
+  }
+  return 0;
+}
+
+uint64_t LogArg::asUnsigned() const {
+  switch (kind_) {
+    case Kind::kSigned:
+      return static_cast<uint64_t>(signed_);
+    case Kind::kUnsigned:
+    case Kind::kBool:
+      return unsigned_;
+    case Kind::kDouble:
+      return doubleToUnsigned(double_);
+    case Kind::kString: {
+      const std::optional<LogArg> number = numberInString(string_);
+      return number ? number->asUnsigned() : 0;
+    }
+    case Kind::kPointer:
+      return reinterpret_cast<uintptr_t>(pointer_);
+    case Kind::kNull:
+      break;
+  }
+  return 0;
+}
+
+double LogArg::asDouble() const {
+  switch (kind_) {
+    case Kind::kSigned:
+      return static_cast<double>(signed_);
+    case Kind::kUnsigned:
+    case Kind::kBool:
+      return static_cast<double>(unsigned_);
+    case Kind::kDouble:
+      return double_;
+    case Kind::kString: {
+      const std::optional<LogArg> number = numberInString(string_);
+      return number ? number->asDouble() : 0;
+    }
+    case Kind::kPointer:
+      return static_cast<double>(reinterpret_cast<uintptr_t>(pointer_));
+    case Kind::kNull:
+      break;
+  }
+  return 0;
+}
+
+std::string LogArg::describe() const {
+  switch (kind_) {
+    case Kind::kNull:
+      return "(null)";
+    case Kind::kSigned:
+      return std::to_string(signed_);
+    case Kind::kUnsigned:
+      return std::to_string(unsigned_);
+    case Kind::kBool:
+      return unsigned_ != 0 ? "YES" : "NO";
+    case Kind::kDouble: {
+      // The shortest text that reads back as the same number: 0.1 stays "0.1".
+      std::array<char, 64> buffer;
+      const auto [ptr, ec] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), double_);
+      if (ec != std::errc()) return "nan";
+      return std::string(buffer.data(), ptr);
+    }
+    case Kind::kString:
+      return string_;
+    case Kind::kPointer: {
+      std::array<char, 32> buffer;
+      const int length = std::snprintf(buffer.data(), buffer.size(), "0x%" PRIxPTR,
+                                       reinterpret_cast<uintptr_t>(pointer_));
+      return std::string(buffer.data(), static_cast<size_t>(length));
+    }
+  }
+  return "(null)";
+}
+
+std::string formatLogMessage(std::string_view format, std::span<const LogArg> args) {
+  std::string out;
+  out.reserve(format.size() + 16 * args.size());
+  size_t next_arg = 0;
+  size_t pos = 0;
+  while (pos < format.size()) {
+    const size_t percent = format.find('%', pos);
+    if (percent == std::string_view::npos) {
+      out.append(format.substr(pos));
+      break;
+    }
+    out.append(format.substr(pos, percent - pos));
+    pos = percent + 1;
+    if (pos < format.size() && format[pos] == '%') {
+      out.push_back('%');
+      ++pos;
+      continue;
+    }
+    Conversion spec;
+    if (!parseConversion(format, pos, spec) || !isKnownConversion(spec.conversion)) {
+      // Unknown or cut short: copied as written, and no argument is taken for it.
+      out.append(format.substr(percent, pos - percent));
+      continue;
+    }
+    const size_t needed =
+        (spec.width_from_argument ? 1 : 0) + (spec.precision_from_argument ? 1 : 0) + 1;
+    if (args.size() - std::min(next_arg, args.size()) < needed) {
+      next_arg = args.size();
+      out.append("(missing)");
+      continue;
+    }
+    if (spec.width_from_argument) {
+      const int64_t width = args[next_arg++].asSigned();
+      // A negative width taken from the arguments means left-justified, as in printf.
+      if (width < 0) spec.left_justify = true;
+      const uint64_t magnitude =
+          width < 0 ? 0 - static_cast<uint64_t>(width) : static_cast<uint64_t>(width);
+      spec.width = static_cast<int>(std::min<uint64_t>(magnitude, kMaxFieldSize));
+    }
+    if (spec.precision_from_argument) {
+      const int64_t precision = args[next_arg++].asSigned();
+      spec.precision =
+          precision < 0 ? -1 : static_cast<int>(std::min<int64_t>(precision, kMaxFieldSize));
+    }
+    appendConversion(out, spec, args[next_arg++]);
+  }
+  return out;
+}
+
+}  // namespace orvex

@@ -16,6 +16,19 @@
 
 namespace orvex {
 
+namespace log_format_detail {
+// Looked up from outside LogArg: inside the class, the member describe() would hide the free
+// functions that argument-dependent lookup is meant to find.
+template <typename T>
+concept Describable = requires(const T& t) {
+  { describe(t) } -> std::convertible_to<std::string>;
+};
+template <typename T>
+std::string describeValue(const T& value) {
+  return describe(value);
+}
+}  // namespace log_format_detail
+
 // One argument of a log text. Integers, floating-point numbers, booleans, strings, pointers and
 // "nothing" (std::nullopt, nullptr) are kept with their kind so that each conversion of the
 // format can render them; anything else is described by a free function
@@ -31,8 +44,7 @@ class LogArg {
   template <std::signed_integral T>
   LogArg(T value) : kind_(Kind::kSigned), signed_(value) {}
   template <std::unsigned_integral T>
-    requires(!std::same_as<T, bool>)
-  LogArg(T value) : kind_(Kind::kUnsigned), unsigned_(value) {}
+  requires(!std::same_as<T, bool>) LogArg(T value) : kind_(Kind::kUnsigned), unsigned_(value) {}
   template <std::floating_point T>
   LogArg(T value) : kind_(Kind::kDouble), double_(static_cast<double>(value)) {}
   LogArg(const char* value) {
@@ -50,13 +62,11 @@ class LogArg {
     if (value) *this = LogArg(*value);
   }
   template <typename T>
-    requires requires(const T& t) {
-      { describe(t) } -> std::convertible_to<std::string>;
-    }
-  LogArg(const T& value) : kind_(Kind::kString), string_(describe(value)) {}
+  requires log_format_detail::Describable<T> LogArg(const T& value)
+      : kind_(Kind::kString), string_(log_format_detail::describeValue(value)) {}
   template <typename E>
-    requires std::is_enum_v<E>
-  LogArg(E value) : LogArg(static_cast<std::underlying_type_t<E>>(value)) {}
+  requires std::is_enum_v<E> LogArg(E value)
+      : LogArg(static_cast<std::underlying_type_t<E>>(value)) {}
 
   Kind kind() const { return kind_; }
   int64_t asSigned() const;
