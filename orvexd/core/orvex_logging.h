@@ -7,6 +7,7 @@
 // level (debug, info, default, error, fault).
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -50,6 +51,30 @@ enum OrvexLoggingCategory : unsigned {
 };
 inline constexpr unsigned OrvexLoggingCategoryCount = 19;
 
+// The category names as they appear in the journal (ORVEX_CATEGORY) and on standard error.
+inline constexpr std::array<std::string_view, OrvexLoggingCategoryCount>
+    kOrvexLoggingCategoryNames = {
+        "Orvex",
+        "Orvex_Feedback",
+        "Orvex_Session",
+        "Orvex_Request",
+        "Orvex_Flusher",
+        "Orvex_Search",
+        "Orvex_ZeroKeyword",
+        "Orvex_MoreResults",
+        "Orvex_Card",
+        "Orvex_LookUp",
+        "Orvex_Flight",
+        "Orvex_Images",
+        "Orvex_Connection",
+        "Orvex_DownloadManager",
+        "Orvex_Bag",
+        "Orvex_Subscription",
+        "Orvex_Caching",
+        "Orvex_Feedback_Errors",
+        "Orvex_Feedback_Storage",
+};
+
 // What one write carries; handed to log observers.
 struct LogRecord {
   LogLevel level;
@@ -64,6 +89,7 @@ class OrvexLog {
   OrvexLog(const OrvexLog&) = delete;
   OrvexLog& operator=(const OrvexLog&) = delete;
 
+  unsigned index() const { return index_; }
   const std::string& category() const { return category_; }
   std::string_view subsystem() const { return kOrvexLogSubsystem; }
   bool enabled(LogLevel level) const;
@@ -114,6 +140,12 @@ const OrvexLog& OrvexLogForCategory(unsigned category);
 // Reconfigures the destination and threshold from the environment (JOURNAL_STREAM,
 // ORVEXD_LOG_LEVEL). Called once at start-up; handles created before keep working.
 void configureLoggingFromEnvironment();
+
+// Where writes currently go. kJournal is chosen when JOURNAL_STREAM ("<device>:<inode>") names
+// the file that standard error is open on; a record the journal refuses is written to standard
+// error instead.
+enum class LogDestination { kStandardError, kJournal };
+LogDestination currentLogDestination();
 void setLogThreshold(LogLevel level);
 LogLevel logThreshold();
 // Flushes every sink; used before the process exits on a signal.
