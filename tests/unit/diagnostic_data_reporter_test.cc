@@ -1,1 +1,111 @@
-// placeholder
+#include "orvexd/core/diagnostic_data_reporter.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "orvexd/core/orvex_logging.h"
+
+namespace orvex {
+namespace {
+
+using Counters = std::map<std::string, int64_t>;
+
+class DiagnosticDataReporterTest : public testing::Test {
+ protected:
+  void SetUp() override { OrvexDiagnosticDataReporter::resetAllForTesting(); }
+  void TearDown() override { OrvexDiagnosticDataReporter::resetAllForTesting(); }
+};
+
+TEST_F(DiagnosticDataReporterTest, SetAddAndClearCounters) {
+  using R = OrvexDiagnosticDataReporter;
+  R::addValueForScalarKey(2, kORVCounterSearch);
+  R::addValueForScalarKey(3, kORVCounterSearch);
+  R::setValueForScalarKey(10, kORVCounterLaunch);
+  R::addValueForScalarKey(-4, kORVCounterLaunch);
+  R::setValueForScalarKey(0, kORVCounterBagExpired);
+  EXPECT_EQ(R::snapshot(), (Counters{{std::string(kORVCounterSearch), 5},
+                                     {std::string(kORVCounterLaunch), 6},
+                                     {std::string(kORVCounterBagExpired), 0}}));
+
+  // Clearing removes the key; adding again starts from zero.
+  R::clearScalarKey(kORVCounterSearch);
+  R::clearScalarKey("com.zelmor.orvexd.never.set");
+  EXPECT_EQ(R::snapshot().count(std::string(kORVCounterSearch)), 0u);
+  R::addValueForScalarKey(1, kORVCounterSearch);
+  EXPECT_EQ(R::snapshot().at(std::string(kORVCounterSearch)), 1);
+
+  // Sums saturate instead of wrapping.
+  R::setValueForScalarKey(std::numeric_limits<int64_t>::max() - 1, "up");
+  R::addValueForScalarKey(5, "up");
+  R::setValueForScalarKey(std::numeric_limits<int64_t>::min() + 1, "down");
+  R::addValueForScalarKey(-5, "down");
+  EXPECT_EQ(R::snapshot().at("up"), std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(R::snapshot().at("down"), std::numeric_limits<int64_t>::min());
+
+  // An empty key is refused with an error in the log.
+  std::vector<std::string> errors;
+  LogObserverToken token = addLogObserver([&](const LogRecord& record) {
+    if (record.level == LogLevel::kError) errors.emplace_back(record.message);
+  });
+  const size_t before = R::snapshot().size();
+  R::addValueForScalarKey(1, "");
+  R::setValueForScalarKey(1, "");
+  EXPECT_EQ(R::snapshot().size(), before);
+  EXPECT_EQ(errors, (std::vector<std::string>{"Diagnostic counter add ignored: the key is empty",
+                                              "Diagnostic counter set ignored: the key is empty"}));
+}
+
+TEST_F(DiagnosticDataReporterTest, ConcurrentAddsFromSeveralThreadsAreAllCounted) {
+  constexpr int kThreads = 8;
+  constexpr int kAddsEach = 5000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      const std::string own = *createCounterKey("client" + std::to_string(t), "keystrokes");
+      for (int i = 0; i < kAddsEach; ++i) {
+        OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterClientConnection);
+        OrvexDiagnosticDataReporter::addValueForScalarKey(2, own);
+        if (i % 500 == 0) OrvexDiagnosticDataReporter::snapshot();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const Counters counters = OrvexDiagnosticDataReporter::snapshot();
+  EXPECT_EQ(counters.size(), static_cast<size_t>(kThreads + 1));
+  EXPECT_EQ(counters.at(std::string(kORVCounterClientConnection)), kThreads * kAddsEach);
+  EXPECT_EQ(counters.at("com.zelmor.orvexd.client3.keystrokes"), 2 * kAddsEach);
+}
+
+TEST(DiagnosticCounterKeyTest, KeysAndIdentifiers) {
+  EXPECT_EQ(createCounterKey("glance", kORVCounterSuffixXCPInvalidation),
+            "com.zelmor.orvexd.glance.xcpinvalidation");
+  EXPECT_EQ(
+      createCounterKey("roamer", std::string(kORVCounterSuffixFedAPICallServerStatus) + "503"),
+      "com.zelmor.orvexd.roamer.fedapicall.serverstatus.503");
+  EXPECT_EQ(createCounterKey(std::nullopt, kORVCounterSuffixSessions), std::nullopt);
+  // The client name is an argument, never part of the format.
+  EXPECT_EQ(createCounterKey("odd%d%@", "sessions"), "com.zelmor.orvexd.odd%d%@.sessions");
+
+  EXPECT_EQ(convertIdentifierToString(0), "crowdsourcing");
+  EXPECT_EQ(convertIdentifierToString(1), "Feedbacks");
+  EXPECT_EQ(convertIdentifierToString(2), "");
+  EXPECT_EQ(convertIdentifierToString(-1), "");
+
+  // Fixed keys are distinct and live under the daemon's prefix.
+  const std::vector<std::string_view> keys = {kORVCounterLaunch,
+                                              kORVCounterSearch,
+                                              kORVCounterSessionsRoamer,
+                                              kORVCounterDPRecord,
+                                              kORVCounterDPNormalizedLinkWhitelistedBlacklisted,
+                                              kORVCounterDPNormalizedLinkNotWhitelistedBlacklisted,
+                                              kORVCounterFeedbackNotSent};
+  EXPECT_EQ(std::set<std::string_view>(keys.begin(), keys.end()).size(), keys.size());
+  for (std::string_view key : keys) EXPECT_TRUE(key.starts_with("com.zelmor.orvexd.")) << key;
+}
+
+}  // namespace
+}  // namespace orvex
