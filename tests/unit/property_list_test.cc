@@ -1,1 +1,357 @@
-// placeholder
+#include "orvexd/platform/property_list.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::sys_days;
+
+std::vector<std::uint8_t> bytesOf(std::string_view text) {
+  return std::vector<std::uint8_t>(text.begin(), text.end());
+}
+
+std::string textOf(const std::vector<std::uint8_t>& bytes) {
+  return std::string(bytes.begin(), bytes.end());
+}
+
+PlistDate date(std::chrono::year_month_day day, std::chrono::microseconds offset = {}) {
+  return PlistDate(PlistDate::TimePoint{sys_days{day}} + offset);
+}
+
+std::optional<PlistValue> roundTrip(const PlistValue& value, PlistFormat format) {
+  const auto bytes = serializePropertyList(value, format);
+  EXPECT_FALSE(bytes.empty());
+  std::string error;
+  auto parsed = parsePropertyList(bytes, &error);
+  EXPECT_TRUE(parsed) << error;
+  return parsed;
+}
+
+// A binary document of the given objects with 4-byte offsets and references.
+std::vector<std::uint8_t> binaryDocument(const std::vector<std::vector<std::uint8_t>>& objects,
+                                         std::uint64_t top = 0) {
+  std::vector<std::uint8_t> out = bytesOf("bplist00");
+  std::vector<std::uint64_t> offsets;
+  for (const auto& object : objects) {
+    offsets.push_back(out.size());
+    out.insert(out.end(), object.begin(), object.end());
+  }
+  const std::uint64_t table = out.size();
+  const auto put = [&](std::uint64_t value, int width) {
+    for (int i = width - 1; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+  };
+  for (const auto offset : offsets) put(offset, 4);
+  out.insert(out.end(), 6, 0);
+  out.push_back(4);
+  out.push_back(4);
+  put(objects.size(), 8);
+  put(top, 8);
+  put(table, 8);
+  return out;
+}
+
+std::vector<std::uint8_t> container(std::uint8_t type, std::vector<std::uint32_t> refs) {
+  std::vector<std::uint8_t> out{static_cast<std::uint8_t>(type << 4 | 0x0F), 0x12};
+  const auto count = static_cast<std::uint32_t>(type == 0xD ? refs.size() / 2 : refs.size());
+  for (int i = 3; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(count >> (8 * i)));
+  for (const auto ref : refs) {
+    for (int i = 3; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(ref >> (8 * i)));
+  }
+  return out;
+}
+
+PlistDictionary sampleDictionary() {
+  PlistData allBytes;
+  for (int i = 0; i < 256; ++i) allBytes.push_back(static_cast<std::uint8_t>(i));
+  return PlistDictionary{
+      {"yes", true},
+      {"no", false},
+      {"zero", 0},
+      {"minusOne", -1},
+      {"min", std::numeric_limits<std::int64_t>::min()},
+      {"max", std::numeric_limits<std::int64_t>::max()},
+      {"big", std::int64_t{1} << 40},
+      {"negativeBig", -(std::int64_t{1} << 40) - 7},
+      {"unsignedMax", std::numeric_limits<std::uint64_t>::max()},
+      {"unsignedJustAbove", std::uint64_t{1} << 63},
+      {"real", 0.1},
+      {"tiny", 5e-324},
+      {"huge", -1.5e300},
+      {"infinite", std::numeric_limits<double>::infinity()},
+      {"empty", ""},
+      {"unicode", "h\u00e9llo w\u00f6rld \U0001F600 \u65e5\u672c"},
+      {"markup", "<a href=\"x\">&amp;</a> ]]>"},
+      {"controls", "tab\tline\ncr\rbell\x07"},
+      {"noData", PlistData{}},
+      {"allBytes", allBytes},
+      {"emptyArray", PlistArray{}},
+      {"emptyDict", PlistDictionary{}},
+      {"nested", PlistArray{PlistDictionary{{"deep", PlistArray{1, "two", PlistArray{}}}}, 3.5}},
+      {"k\u00ebys \U0001F511", "unicode key"},
+      {"reference", date(std::chrono::year{2001} / 1 / 1)},
+      {"lastSecondOf2000", date(std::chrono::year{2001} / 1 / 1, -500ms)},
+      {"before", date(std::chrono::year{1969} / 7 / 20, 20h + 17min + 123456us)},
+      {"earliest", date(std::chrono::year{1932} / 12 / 13, 20h + 45min + 52s)},
+      {"after2038", date(std::chrono::year{2100} / 3 / 1, 12h + 999999us)},
+  };
+}
+
+TEST(PropertyList, RoundTripsEveryTypeThroughXmlAndBinary) {
+  const PlistValue value(sampleDictionary());
+  for (const auto format : {PlistFormat::kXml, PlistFormat::kBinary}) {
+    SCOPED_TRACE(format == PlistFormat::kXml ? "xml" : "binary");
+    const auto parsed = roundTrip(value, format);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(*parsed, value) << parsed->describe();
+    EXPECT_EQ(parsed->find("min")->asInteger(), std::numeric_limits<std::int64_t>::min());
+    EXPECT_TRUE(parsed->find("unsignedMax")->isUnsignedInteger());
+    EXPECT_EQ(parsed->find("unsignedMax")->asInteger(), std::nullopt);
+    EXPECT_TRUE(std::signbit(*parsed->find("huge")->asDouble()));
+  }
+  // NaN never equals itself, so it is checked apart.
+  for (const auto format : {PlistFormat::kXml, PlistFormat::kBinary}) {
+    const auto parsed = roundTrip(PlistArray{std::nan("")}, format);
+    ASSERT_TRUE(parsed);
+    EXPECT_TRUE(std::isnan(*parsed->asArray()->at(0).asDouble()));
+  }
+  // Scalars at the top.
+  for (const PlistValue& scalar : {PlistValue(-42), PlistValue("top"), PlistValue(true)}) {
+    EXPECT_EQ(roundTrip(scalar, PlistFormat::kBinary), scalar);
+    EXPECT_EQ(roundTrip(scalar, PlistFormat::kXml), scalar);
+  }
+  // The XML date form reaches further than the binary double keeps microseconds.
+  const PlistValue extremes(
+      PlistArray{date(std::chrono::year{1} / 1 / 1), date(std::chrono::year{10000} / 1 / 1, -1us)});
+  EXPECT_EQ(roundTrip(extremes, PlistFormat::kXml), extremes);
+  const auto far = roundTrip(extremes, PlistFormat::kBinary);
+  ASSERT_TRUE(far);
+  EXPECT_LT(std::chrono::abs(far->asArray()->at(1).asDate()->time -
+                             extremes.asArray()->at(1).asDate()->time),
+            1ms);
+}
+
+TEST(PropertyList, WritesTheFormsLibplistAndOperatorsExpect) {
+  const auto xml = textOf(
+      serializePropertyList(PlistDictionary{{"n", -5},
+                                            {"u", std::numeric_limits<std::uint64_t>::max()},
+                                            {"r", 2.0},
+                                            {"d", date(std::chrono::year{2001} / 1 / 1, 1500ms)},
+                                            {"s", "a<b"}},
+                            PlistFormat::kXml));
+  EXPECT_NE(xml.find("<integer>-5</integer>"), std::string::npos) << xml;
+  EXPECT_NE(xml.find("<integer>18446744073709551615</integer>"), std::string::npos);
+  EXPECT_NE(xml.find("<date>2001-01-01T00:00:01.5Z</date>"), std::string::npos);
+  EXPECT_NE(xml.find("<string>a&lt;b</string>"), std::string::npos);
+
+  // libplist reads the XML written here, including the sign of integers.
+  plist_t raw = nullptr;
+  plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &raw);
+  PlistHandle tree(raw);
+  ASSERT_NE(tree, nullptr);
+  std::uint64_t bits = 0;
+  plist_get_uint_val(plist_dict_get_item(tree.get(), "n"), &bits);
+  EXPECT_EQ(static_cast<std::int64_t>(bits), -5);
+
+  // Negative integers take 8 bytes in binary, values above INT64_MAX the 16-byte form, and
+  // dates are the exact double of seconds since 2001.
+  const auto binary = serializePropertyList(PlistArray{-1}, PlistFormat::kBinary);
+  const std::vector<std::uint8_t> minusOne{0x13, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+  EXPECT_NE(std::search(binary.begin(), binary.end(), minusOne.begin(), minusOne.end()),
+            binary.end());
+  const auto dateBinary =
+      serializePropertyList(date(std::chrono::year{2001} / 1 / 1, -500ms), PlistFormat::kBinary);
+  const std::vector<std::uint8_t> minusHalf{0x33, 0xbf, 0xe0, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(std::vector<std::uint8_t>(dateBinary.begin() + 8, dateBinary.begin() + 17), minusHalf);
+
+  // Trees convert both ways, and a document written by libplist (with its prolog) reads here.
+  const PlistValue sample(sampleDictionary());
+  std::string error;
+  const PlistHandle node = sample.toPlist(&error);
+  ASSERT_NE(node, nullptr) << error;
+  EXPECT_EQ(PlistValue::fromPlist(node.get()), sample);
+  char* written = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(node.get(), &written, &length);
+  const std::unique_ptr<char, CFree<&plist_to_xml_free>> buffer(written);
+  const auto reread =
+      parsePropertyList(std::span(reinterpret_cast<const std::uint8_t*>(written), length), &error);
+  ASSERT_TRUE(reread) << error;
+  EXPECT_EQ(*reread->find("unicode")->asString(), *sample.find("unicode")->asString());
+  EXPECT_EQ(reread->find("minusOne")->asInteger(), -1);
+}
+
+TEST(PropertyList, ValueAccessorsConvertOnlyWhereLossless) {
+  EXPECT_EQ(PlistValue(std::uint64_t{7}), PlistValue(7));
+  EXPECT_FALSE(PlistValue(std::uint64_t{7}).isUnsignedInteger());
+  EXPECT_EQ(PlistValue(-3).asUnsignedInteger(), std::nullopt);
+  EXPECT_EQ(PlistValue(3).asDouble(), 3.0);
+  EXPECT_EQ(PlistValue(2.5).asInteger(), std::nullopt);
+  EXPECT_EQ(PlistValue(1).asBool(), std::nullopt);
+  EXPECT_EQ(PlistValue("x").asArray(), nullptr);
+  EXPECT_EQ(PlistValue(PlistArray{}).find("x"), nullptr);
+  EXPECT_EQ(PlistValue().type(), PlistType::kDictionary);
+  EXPECT_EQ(
+      PlistValue(PlistDictionary{{"b", PlistArray{true, PlistData{1, 255}}}, {"a", "q\"uote"}})
+          .describe(),
+      "{a = \"q\\\"uote\"; b = (YES, <01ff>)}");
+  EXPECT_EQ(PlistDate::fromIso8601("2024-02-29T23:59:59.1234567Z"),
+            date(std::chrono::year{2024} / 2 / 29, 23h + 59min + 59s + 123456us));
+  for (const char* bad : {"2023-02-29T00:00:00Z", "2001-01-01T24:00:00Z", "2001-01-01 00:00:00Z",
+                          "2001-01-01T00:00:00", "0000-01-01T00:00:00Z", "2001-01-01T00:00:00.Z"}) {
+    EXPECT_EQ(PlistDate::fromIso8601(bad), std::nullopt) << bad;
+  }
+}
+
+TEST(PropertyList, RefusesToWriteWhatCannotBeReadBack) {
+  PlistValue deep = PlistArray{};
+  for (int i = 0; i < kPlistMaxDepth; ++i) deep = PlistArray{deep};
+  const PlistValue unwritable[] = {
+      PlistValue(std::string("nul\0inside", 10)),
+      PlistValue("\xff\xfe latin-1"),
+      PlistDictionary{{std::string("key\xc0\x80"), 1}},
+      PlistValue(PlistDate(PlistDate::TimePoint{sys_days{std::chrono::year{10000} / 1 / 1}})),
+      deep,
+  };
+  for (const auto& value : unwritable) {
+    std::string error;
+    EXPECT_TRUE(serializePropertyList(value, PlistFormat::kXml, &error).empty());
+    EXPECT_FALSE(error.empty());
+    EXPECT_TRUE(serializePropertyList(value, PlistFormat::kBinary).empty());
+    EXPECT_EQ(value.toPlist(), nullptr);
+  }
+  EXPECT_FALSE(serializePropertyList(*deep.asArray()->data(), PlistFormat::kBinary).empty());
+}
+
+TEST(PropertyList, RejectsMalformedXmlWithAReason) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"<plist><integer>abc</integer></plist>", "not a 64-bit integer"},
+      {"<plist><integer>18446744073709551616</integer></plist>", "not a 64-bit integer"},
+      {"<plist><integer>-9223372036854775809</integer></plist>", "not a 64-bit integer"},
+      {"<plist><integer></integer></plist>", "not a 64-bit integer"},
+      {"<plist><real>1.5x</real></plist>", "not a number"},
+      {"<plist><data>!!!!</data></plist>", "base64"},
+      {"<plist><date>2100-01-01</date></plist>", "not a supported date"},
+      {"<plist><dict><key>a</key></dict></plist>", "has no value"},
+      {"<plist><dict><key>a</key><true/><key>a</key><false/></dict></plist>", "twice"},
+      {"<plist><dict><string>a</string></dict></plist>", "dictionary key belongs"},
+      {"<plist><key>k</key></plist>", "outside a dictionary"},
+      {"<plist><array><integer>1</array></plist>", "closed by"},
+      {"<plist><array><integer>1</integer></plist>", "closed by"},
+      {"<plist><set/></plist>", "not a property list element"},
+      {"<plist/>", "holds no value"},
+      {"<plist></plist>", "holds no value"},
+      {"<plist><true/><true/></plist>", "more than one value"},
+      {"<plist><true/></plist>trailing", "after </plist>"},
+      {"<plist><string>a &bogus; b</string></plist>", "not a known entity"},
+      {"<plist><string>&#0;</string></plist>", "not a valid character reference"},
+      {"<plist><string>&#xD800;</string></plist>", "not a valid character reference"},
+      {"<plist><string>\xff</string></plist>", "not valid UTF-8"},
+      {"<plist><string>open", "is not closed"},
+      {"<plist><dict><key>Trace", "is not closed"},
+      {"<!-- never closed <plist/>", "comment is not closed"},
+      {"hello", "text where an element belongs"},
+      {"<dict/>", "does not start with <plist>"},
+      {"<plist>\n<true>yes</true></plist>", "line 2: <true> holds text"},
+  };
+  for (const auto& [text, reason] : cases) {
+    std::string error;
+    EXPECT_EQ(parsePropertyList(bytesOf(text), &error), std::nullopt) << text;
+    EXPECT_NE(error.find(reason), std::string::npos) << text << " -> " << error;
+  }
+  EXPECT_EQ(parsePropertyList({}), std::nullopt);
+
+  // What the format allows around the values.
+  const auto lenient = parsePropertyList(bytesOf(
+      "\xEF\xBB\xBF<?xml version=\"1.0\"?>\n<!DOCTYPE plist [ <!ENTITY x \"y\"> ]>\n"
+      "<plist version='1.0'><!-- note --><dict>\r\n<key>s</key><string>a<![CDATA[<&>]]>&#x1F600;"
+      "\r\nb</string><key>i</key><integer> 0x1F </integer><key>r</key><real>+Infinity</real>"
+      "<key>d</key><data>AQID\nBA</data><key>e</key><string/></dict></plist>"));
+  ASSERT_TRUE(lenient);
+  EXPECT_EQ(*lenient, PlistValue(PlistDictionary{{"s", "a<&>\U0001F600\nb"},
+                                                 {"i", 31},
+                                                 {"r", std::numeric_limits<double>::infinity()},
+                                                 {"d", PlistData{1, 2, 3, 4}},
+                                                 {"e", ""}}));
+
+  std::string nested;
+  for (int i = 0; i < kPlistMaxDepth; ++i) nested += "<array>";
+  for (int i = 0; i < kPlistMaxDepth; ++i) nested += "</array>";
+  EXPECT_TRUE(parsePropertyList(bytesOf("<plist>" + nested + "</plist>")));
+  std::string error;
+  EXPECT_FALSE(parsePropertyList(bytesOf("<plist><array>" + nested + "</array></plist>"), &error));
+  EXPECT_NE(error.find("nested too deeply"), std::string::npos) << error;
+}
+
+TEST(PropertyList, RejectsMalformedBinaryWithoutCrashing) {
+  // Nesting that would exhaust libplist's recursive reader.
+  std::vector<std::vector<std::uint8_t>> chain;
+  for (std::uint32_t i = 0; i < 100000; ++i) chain.push_back(container(0xA, {i + 1}));
+  chain.push_back({0xA0});
+  const std::pair<std::vector<std::uint8_t>, const char*> cases[] = {
+      {binaryDocument(chain), "nested too deeply"},
+      // 40 levels each holding the next twice: 2^40 copies once expanded.
+      {[] {
+         std::vector<std::vector<std::uint8_t>> objects;
+         for (std::uint32_t i = 0; i < 40; ++i) objects.push_back(container(0xA, {i + 1, i + 1}));
+         objects.push_back({0x09});
+         return binaryDocument(objects);
+       }(),
+       "from two places"},
+      {binaryDocument({container(0xA, {0})}), "from two places"},
+      {binaryDocument({container(0xD, {1, 1}), {0x10, 0x01}}), "key that is not a string"},
+      {binaryDocument({container(0xA, {7})}), "does not exist"},
+      {binaryDocument({{0x80, 0x01}}), "UID"},
+      {binaryDocument({{0x00}}), "null"},
+      {binaryDocument({{0x5F, 0x13, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 'a'}}),
+       "truncated"},
+      {binaryDocument({{0x14, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}}),
+       "outside the 64-bit range"},
+      {binaryDocument({{0x33, 0x7f, 0xf0, 0, 0, 0, 0, 0, 0}}), "outside the years"},
+      {binaryDocument({{0x09}}, 5), "top object"},
+      {bytesOf("bplist00"), "too short"},
+      {bytesOf("bplist15 and some more bytes to pass the length check"), "unsupported version"},
+  };
+  for (const auto& [bytes, reason] : cases) {
+    std::string error;
+    EXPECT_EQ(parsePropertyList(bytes, &error), std::nullopt) << reason;
+    EXPECT_NE(error.find(reason), std::string::npos) << reason << " -> " << error;
+  }
+}
+
+TEST(PropertyList, SurvivesEveryTruncationAndRandomCorruption) {
+  const auto valid = serializePropertyList(PlistValue(sampleDictionary()), PlistFormat::kBinary);
+  const auto xml = serializePropertyList(PlistValue(sampleDictionary()), PlistFormat::kXml);
+  for (std::size_t length = 0; length < valid.size(); ++length) {
+    EXPECT_EQ(parsePropertyList(std::span(valid.data(), length)), std::nullopt) << length;
+  }
+  for (std::size_t length = 0; length + 1 < xml.size(); length += 7) {
+    EXPECT_EQ(parsePropertyList(std::span(xml.data(), length)), std::nullopt) << length;
+  }
+  // Whatever survives a corruption is a value that can be written again.
+  std::mt19937 random(20240229);
+  int accepted = 0;
+  const int rounds =
+      std::getenv("PLIST_FUZZ_ROUNDS") ? std::atoi(std::getenv("PLIST_FUZZ_ROUNDS")) : 3000;
+  for (int round = 0; round < rounds; ++round) {
+    auto bytes = round % 2 == 0 ? valid : xml;
+    const int flips = 1 + static_cast<int>(random() % 4);
+    for (int i = 0; i < flips; ++i) {
+      bytes[random() % bytes.size()] ^= static_cast<std::uint8_t>(1u << (random() % 8));
+    }
+    if (const auto parsed = parsePropertyList(bytes)) {
+      ++accepted;
+      EXPECT_FALSE(serializePropertyList(*parsed, PlistFormat::kBinary).empty());
+    }
+  }
+  EXPECT_LT(accepted, rounds);
+}
+
+}  // namespace
+}  // namespace orvex
