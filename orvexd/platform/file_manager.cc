@@ -1,1 +1,275 @@
-// placeholder
+#include "orvexd/platform/file_manager.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "orvexd/core/orvex_logging.h"
+
+namespace orvex {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kDirectoryName = "com.zelmor.orvexd";
+
+// Owns a file descriptor and closes it once.
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd = -1) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd() { reset(); }
+
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  // Closes now and reports the outcome of close(), which can carry a delayed write error.
+  std::error_code close() {
+    if (fd_ < 0) return {};
+    const int result = ::close(std::exchange(fd_, -1));
+    return result == 0 ? std::error_code() : std::error_code(errno, std::generic_category());
+  }
+
+ private:
+  void reset() {
+    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+  }
+  int fd_;
+};
+
+std::error_code lastError() { return std::error_code(errno, std::generic_category()); }
+
+std::string environmentValue(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? std::string() : std::string(value);
+}
+
+// A directory named by the environment counts only when it is absolute.
+std::optional<fs::path> absoluteOrNothing(const std::string& value) {
+  if (value.empty() || value.front() != '/') return std::nullopt;
+  return fs::path(value);
+}
+
+std::error_code writeAll(int fd, std::span<const std::uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return lastError();
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(written));
+  }
+  return {};
+}
+
+}  // namespace
+
+DirectoryEnvironment DirectoryEnvironment::fromProcess() {
+  DirectoryEnvironment environment{environmentValue("HOME"), environmentValue("XDG_CACHE_HOME"),
+                                   environmentValue("XDG_CONFIG_HOME"), environmentValue("TMPDIR")};
+  if (environment.home.empty()) {
+    // Without HOME, the account database names the home directory.
+    long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(static_cast<std::size_t>(size > 0 ? size : 16384));
+    passwd entry{};
+    passwd* found = nullptr;
+    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
+        found != nullptr && found->pw_dir != nullptr) {
+      environment.home = found->pw_dir;
+    }
+  }
+  return environment;
+}
+
+FileManager::FileManager(DirectoryEnvironment environment) : environment_(std::move(environment)) {}
+
+std::filesystem::path FileManager::cacheDirectory() const {
+  if (auto base = absoluteOrNothing(environment_.xdgCacheHome)) return *base / kDirectoryName;
+  // With no usable home either, the temporary directory is the only place left.
+  const auto home = absoluteOrNothing(environment_.home).value_or(temporaryDirectory());
+  return home / ".cache" / kDirectoryName;
+}
+
+std::filesystem::path FileManager::configDirectory() const {
+  if (auto base = absoluteOrNothing(environment_.xdgConfigHome)) return *base / kDirectoryName;
+  const auto home = absoluteOrNothing(environment_.home).value_or(temporaryDirectory());
+  return home / ".config" / kDirectoryName;
+}
+
+std::filesystem::path FileManager::temporaryDirectory() const {
+  return absoluteOrNothing(environment_.tmpdir).value_or(fs::path("/tmp"));
+}
+
+std::error_code FileManager::ensureDirectory(const std::filesystem::path& directory,
+                                             mode_t mode) const {
+  if (directory.empty()) return std::make_error_code(std::errc::invalid_argument);
+  fs::path prefix;
+  for (const auto& component : directory.lexically_normal()) {
+    prefix /= component;
+    if (component.empty()) continue;  // the trailing separator of "a/b/"
+    if (::mkdir(prefix.c_str(), mode) == 0) continue;
+    const int mkdirError = errno;
+    struct stat info {};
+    if (::stat(prefix.c_str(), &info) == 0) {
+      if (S_ISDIR(info.st_mode)) continue;
+      return std::make_error_code(std::errc::not_a_directory);
+    }
+    const std::error_code error(mkdirError, std::generic_category());
+    OrvexLogForCategory(kOrvexLogGeneral)
+        .error("cannot create directory %@: %@", prefix.string(), error.message());
+    return error;
+  }
+  return {};
+}
+
+std::error_code FileManager::writeFileAtomically(const std::filesystem::path& file,
+                                                 std::span<const std::uint8_t> bytes,
+                                                 mode_t mode) const {
+  if (file.filename().empty()) return std::make_error_code(std::errc::invalid_argument);
+  const fs::path directory = file.has_parent_path() ? file.parent_path() : fs::path(".");
+  std::string temporary = (directory / ("." + file.filename().string() + ".XXXXXX")).string();
+
+  const auto failed = [&](const char* step, std::error_code error) {
+    OrvexLogForCategory(kOrvexLogGeneral)
+        .error("cannot write %@: %@ failed: %@", file.string(), step, error.message());
+    return error;
+  };
+
+  UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
+  if (!fd.valid()) return failed("creating a temporary file", lastError());
+
+  // From here on the temporary file goes away unless it has been renamed into place.
+  bool renamed = false;
+  struct TemporaryRemover {
+    const std::string& path;
+    const bool& renamed;
+    ~TemporaryRemover() {
+      if (!renamed) ::unlink(path.c_str());
+    }
+  } remover{temporary, renamed};
+
+  if (auto error = writeAll(fd.get(), bytes)) return failed("write", error);
+  if (::fchmod(fd.get(), mode) != 0) return failed("fchmod", lastError());
+  if (::fsync(fd.get()) != 0) return failed("fsync", lastError());
+  if (auto error = fd.close()) return failed("close", error);
+  if (::rename(temporary.c_str(), file.c_str()) != 0) return failed("rename", lastError());
+  renamed = true;
+
+  // The rename itself is durable once the directory is flushed.
+  UniqueFd directoryFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directoryFd.valid()) return failed("opening the directory", lastError());
+  if (::fsync(directoryFd.get()) != 0) return failed("fsync of the directory", lastError());
+  return {};
+}
+
+std::optional<std::vector<std::uint8_t>> FileManager::readFile(const std::filesystem::path& file,
+                                                               std::error_code& error,
+                                                               std::size_t maxSize) const {
+  error.clear();
+  UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) {
+    error = lastError();
+    return std::nullopt;
+  }
+  struct stat info {};
+  if (::fstat(fd.get(), &info) != 0) {
+    error = lastError();
+    return std::nullopt;
+  }
+  if (S_ISDIR(info.st_mode)) {
+    error = std::make_error_code(std::errc::is_a_directory);
+    return std::nullopt;
+  }
+  if (!S_ISREG(info.st_mode)) {
+    error = std::make_error_code(std::errc::invalid_argument);
+    return std::nullopt;
+  }
+  if (static_cast<std::uintmax_t>(info.st_size) > maxSize) {
+    error = std::make_error_code(std::errc::file_too_large);
+    return std::nullopt;
+  }
+  // The file may grow while it is read; reading stops one byte past the limit.
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(info.st_size));
+  std::size_t used = 0;
+  while (true) {
+    if (used == bytes.size()) {
+      if (bytes.size() > maxSize) {
+        error = std::make_error_code(std::errc::file_too_large);
+        return std::nullopt;
+      }
+      bytes.resize(std::min(maxSize + 1, std::max<std::size_t>(bytes.size() * 2, 4096)));
+    }
+    const ssize_t count = ::read(fd.get(), bytes.data() + used, bytes.size() - used);
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      error = lastError();
+      return std::nullopt;
+    }
+    if (count == 0) break;
+    used += static_cast<std::size_t>(count);
+  }
+  if (used > maxSize) {
+    error = std::make_error_code(std::errc::file_too_large);
+    return std::nullopt;
+  }
+  bytes.resize(used);
+  return bytes;
+}
+
+std::error_code FileManager::removeItem(const std::filesystem::path& item) const {
+  std::error_code error;
+  fs::remove_all(item, error);
+  if (error) {
+    OrvexLogForCategory(kOrvexLogGeneral)
+        .error("cannot remove %@: %@", item.string(), error.message());
+  }
+  return error;
+}
+
+bool FileManager::fileExists(const std::filesystem::path& item) const {
+  std::error_code error;
+  return fs::exists(item, error);
+}
+
+std::optional<std::vector<std::filesystem::path>> FileManager::contentsOfDirectory(
+    const std::filesystem::path& directory, std::error_code& error) const {
+  error.clear();
+  std::vector<fs::path> entries;
+  fs::directory_iterator iterator(directory, error);
+  for (; !error && iterator != fs::directory_iterator(); iterator.increment(error)) {
+    entries.push_back(iterator->path());
+  }
+  if (error) return std::nullopt;
+  std::sort(entries.begin(), entries.end());
+  return entries;
+}
+
+std::optional<FileAttributes> FileManager::attributesOfItem(
+    const std::filesystem::path& item) const {
+  struct stat info {};
+  if (::lstat(item.c_str(), &info) != 0) return std::nullopt;
+  FileAttributes attributes;
+  attributes.size = static_cast<std::uintmax_t>(info.st_size);
+  attributes.modificationDate = std::chrono::system_clock::time_point(
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(
+          std::chrono::seconds(info.st_mtim.tv_sec) +
+          std::chrono::nanoseconds(info.st_mtim.tv_nsec)));
+  attributes.mode = info.st_mode;
+  return attributes;
+}
+
+}  // namespace orvex

@@ -1,1 +1,159 @@
-// placeholder
+#include "orvexd/platform/file_manager.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <sstream>
+
+#include "tests/support/test_environment.h"
+
+namespace orvex {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<std::uint8_t> bytesOf(std::string_view text) {
+  return std::vector<std::uint8_t>(text.begin(), text.end());
+}
+
+std::string contentOf(const fs::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return text.str();
+}
+
+TEST(FileManager, ResolvesDirectoriesByTheXdgRules) {
+  const FileManager xdg({"/home/u", "/xdg/cache", "/xdg/config", "/var/tmp/u"});
+  EXPECT_EQ(xdg.cacheDirectory(), "/xdg/cache/com.zelmor.orvexd");
+  EXPECT_EQ(xdg.configDirectory(), "/xdg/config/com.zelmor.orvexd");
+  EXPECT_EQ(xdg.temporaryDirectory(), "/var/tmp/u");
+
+  // Empty and relative values are ignored.
+  for (const auto& [cache, config, tmp] :
+       {std::tuple{"", "", ""}, std::tuple{"cache", "./config", "tmp"}}) {
+    const FileManager fallback({"/home/u", cache, config, tmp});
+    EXPECT_EQ(fallback.cacheDirectory(), "/home/u/.cache/com.zelmor.orvexd");
+    EXPECT_EQ(fallback.configDirectory(), "/home/u/.config/com.zelmor.orvexd");
+    EXPECT_EQ(fallback.temporaryDirectory(), "/tmp");
+  }
+
+  testing::ScopedEnv home("HOME", "/home/someone");
+  testing::ScopedEnv cache("XDG_CACHE_HOME", std::nullopt);
+  testing::ScopedEnv config("XDG_CONFIG_HOME", "relative/config");
+  testing::ScopedEnv tmp("TMPDIR", "/scratch");
+  const FileManager process(DirectoryEnvironment::fromProcess());
+  EXPECT_EQ(process.cacheDirectory(), "/home/someone/.cache/com.zelmor.orvexd");
+  EXPECT_EQ(process.configDirectory(), "/home/someone/.config/com.zelmor.orvexd");
+  EXPECT_EQ(process.temporaryDirectory(), "/scratch");
+}
+
+TEST(FileManager, CreatesDirectoriesAndListsRemovesAndDescribesItems) {
+  testing::TempDir dir;
+  const FileManager files({dir.path().string(), "", "", ""});
+  const auto nested = dir / "a/b/c";
+  EXPECT_FALSE(files.ensureDirectory(nested, 0700));
+  EXPECT_FALSE(files.ensureDirectory(nested, 0700));  // already there
+  EXPECT_EQ(files.attributesOfItem(dir / "a")->mode & 07777, 0700u);
+  EXPECT_EQ(files.attributesOfItem(nested)->mode & 07777, 0700u);
+
+  ASSERT_FALSE(files.writeFileAtomically(dir / "a/file", bytesOf("12345")));
+  EXPECT_EQ(files.ensureDirectory(dir / "a/file/sub"), std::errc::not_a_directory);
+  EXPECT_EQ(files.ensureDirectory(dir / "a/file"), std::errc::not_a_directory);
+
+  std::error_code error;
+  EXPECT_EQ(files.contentsOfDirectory(dir / "a", error),
+            (std::vector<fs::path>{dir / "a/b", dir / "a/file"}));
+  EXPECT_EQ(files.contentsOfDirectory(dir / "missing", error), std::nullopt);
+  EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+
+  const auto before = std::chrono::system_clock::now() - std::chrono::seconds(5);
+  const auto attributes = files.attributesOfItem(dir / "a/file");
+  ASSERT_TRUE(attributes);
+  EXPECT_EQ(attributes->size, 5u);
+  EXPECT_TRUE(S_ISREG(attributes->mode));
+  EXPECT_GT(attributes->modificationDate, before);
+  EXPECT_EQ(files.attributesOfItem(dir / "missing"), std::nullopt);
+
+  EXPECT_TRUE(files.fileExists(dir / "a/b/c"));
+  EXPECT_FALSE(files.removeItem(dir / "a"));
+  EXPECT_FALSE(files.fileExists(dir / "a"));
+  EXPECT_FALSE(files.removeItem(dir / "a"));  // missing is fine
+}
+
+TEST(FileManager, WritesAtomicallyWithTheModeAndKeepsOldContentOnFailure) {
+  testing::TempDir dir;
+  const FileManager files({dir.path().string(), "", "", ""});
+  const auto file = dir / "state.plist";
+  ASSERT_FALSE(files.writeFileAtomically(file, bytesOf("first"), 0640));
+  EXPECT_EQ(contentOf(file), "first");
+  EXPECT_EQ(files.attributesOfItem(file)->mode & 07777, 0640u);
+  ASSERT_FALSE(files.writeFileAtomically(file, bytesOf("second, longer")));
+  EXPECT_EQ(contentOf(file), "second, longer");
+  EXPECT_EQ(files.attributesOfItem(file)->mode & 07777, 0600u);
+
+  // A write that fails half-way (the file size limit stops it) leaves the old file and no
+  // temporary file behind.
+  {
+    const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit original{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &original), 0);
+    rlimit small = original;
+    small.rlim_cur = 4096;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const std::vector<std::uint8_t> large(64 * 1024, 'x');
+    const auto error = files.writeFileAtomically(file, large);
+    setrlimit(RLIMIT_FSIZE, &original);
+    std::signal(SIGXFSZ, previous);
+    EXPECT_EQ(error, std::errc::file_too_large);
+  }
+  EXPECT_EQ(contentOf(file), "second, longer");
+  std::error_code error;
+  EXPECT_EQ(files.contentsOfDirectory(dir.path(), error), std::vector<fs::path>{file});
+
+  // A directory in the way, and a directory that does not exist.
+  ASSERT_FALSE(files.ensureDirectory(dir / "taken/inside"));
+  EXPECT_TRUE(files.writeFileAtomically(dir / "taken", bytesOf("x")));
+  EXPECT_TRUE(fs::is_directory(dir / "taken/inside"));
+  EXPECT_EQ(files.writeFileAtomically(dir / "nowhere/file", bytesOf("x")),
+            std::errc::no_such_file_or_directory);
+  EXPECT_EQ(files.contentsOfDirectory(dir / "taken", error),
+            std::vector<fs::path>{dir / "taken/inside"});
+
+  // Without write permission on the directory (only meaningful when not running as root).
+  if (geteuid() != 0) {
+    fs::permissions(dir.path(), fs::perms::owner_read | fs::perms::owner_exec);
+    EXPECT_EQ(files.writeFileAtomically(file, bytesOf("third")), std::errc::permission_denied);
+    fs::permissions(dir.path(), fs::perms::owner_all);
+    EXPECT_EQ(contentOf(file), "second, longer");
+  }
+}
+
+TEST(FileManager, ReadsWholeFilesUpToTheLimit) {
+  testing::TempDir dir;
+  const FileManager files({dir.path().string(), "", "", ""});
+  const auto file = dir / "data";
+  const std::vector<std::uint8_t> content(100000, 7);
+  ASSERT_FALSE(files.writeFileAtomically(file, content));
+
+  std::error_code error;
+  EXPECT_EQ(files.readFile(file, error), content);
+  EXPECT_FALSE(error);
+  EXPECT_EQ(files.readFile(file, error, content.size()), content);
+  EXPECT_EQ(files.readFile(file, error, content.size() - 1), std::nullopt);
+  EXPECT_EQ(error, std::errc::file_too_large);
+
+  ASSERT_FALSE(files.writeFileAtomically(dir / "empty", {}));
+  EXPECT_EQ(files.readFile(dir / "empty", error), std::vector<std::uint8_t>{});
+  EXPECT_EQ(files.readFile(dir / "missing", error), std::nullopt);
+  EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+  EXPECT_EQ(files.readFile(dir.path(), error), std::nullopt);
+  EXPECT_EQ(error, std::errc::is_a_directory);
+}
+
+}  // namespace
+}  // namespace orvex

@@ -1,0 +1,85 @@
+// Where the daemon keeps its files, and the file operations its components share.
+//
+// The directories follow the XDG base directory rules: $XDG_CACHE_HOME and $XDG_CONFIG_HOME
+// when they hold absolute paths, else ~/.cache and ~/.config; the daemon's own directory
+// "com.zelmor.orvexd" lies inside each. The temporary directory is $TMPDIR (absolute) or /tmp.
+//
+// FileManager keeps no state apart from the environment it was made with, so every member may
+// be called from any thread at the same time. Operations report failures as error codes (or
+// nullopt) and never throw.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace orvex {
+
+struct DirectoryEnvironment {
+  std::string home;
+  std::string xdgCacheHome;
+  std::string xdgConfigHome;
+  std::string tmpdir;
+
+  // HOME, XDG_CACHE_HOME, XDG_CONFIG_HOME and TMPDIR of this process (unset reads as empty).
+  static DirectoryEnvironment fromProcess();
+};
+
+struct FileAttributes {
+  std::uintmax_t size = 0;
+  std::chrono::system_clock::time_point modificationDate;
+  mode_t mode = 0;  // permission bits and file type, as st_mode
+};
+
+class FileManager {
+ public:
+  static constexpr std::size_t kDefaultMaxReadSize = 64 * 1024 * 1024;
+
+  explicit FileManager(DirectoryEnvironment environment);
+
+  const DirectoryEnvironment& environment() const { return environment_; }
+
+  std::filesystem::path cacheDirectory() const;
+  std::filesystem::path configDirectory() const;
+  std::filesystem::path temporaryDirectory() const;
+
+  // Creates `directory` and its missing parents with `mode` (less the umask). An existing
+  // directory is success; an existing file of another kind is not_a_directory.
+  std::error_code ensureDirectory(const std::filesystem::path& directory, mode_t mode = 0700) const;
+
+  // Replaces `file` with `bytes`: they are written to a new file beside it, flushed, given
+  // `mode`, and renamed over `file`, and the directory is flushed. Readers see the old content
+  // or the new one, never a mix; on failure the old file is left as it was and the temporary
+  // file is removed. The directory must exist.
+  std::error_code writeFileAtomically(const std::filesystem::path& file,
+                                      std::span<const std::uint8_t> bytes,
+                                      mode_t mode = 0600) const;
+
+  // The whole content of a regular file. A file larger than `maxSize` is not read and gives
+  // file_too_large.
+  std::optional<std::vector<std::uint8_t>> readFile(
+      const std::filesystem::path& file, std::error_code& error,
+      std::size_t maxSize = kDefaultMaxReadSize) const;
+
+  // Removes a file, or a directory with everything in it. A missing item is success.
+  std::error_code removeItem(const std::filesystem::path& item) const;
+  bool fileExists(const std::filesystem::path& item) const;
+  // The entries of `directory` (full paths, sorted by name); nullopt when it cannot be listed.
+  std::optional<std::vector<std::filesystem::path>> contentsOfDirectory(
+      const std::filesystem::path& directory, std::error_code& error) const;
+  // Attributes of the item itself (symbolic links are not followed).
+  std::optional<FileAttributes> attributesOfItem(const std::filesystem::path& item) const;
+
+ private:
+  DirectoryEnvironment environment_;
+};
+
+}  // namespace orvex
