@@ -71,8 +71,9 @@ class DefaultsStore {
   bool setObject(std::string_view key, PlistValue value);
   void removeObjectForKey(std::string_view key);
 
-  // Writes the stored values when they changed since the last write or read; otherwise reads
-  // the file again when its content changed. False when writing failed (the changes stay
+  // Writes the stored values when they changed since the last write or read (replacing any
+  // edit made on disk in the meantime); otherwise reads the file again when its content
+  // changed. False when writing failed (the changes stay
   // pending) or the file could not be read.
   bool synchronize();
 

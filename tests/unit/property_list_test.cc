@@ -185,6 +185,16 @@ TEST(PropertyList, WritesTheFormsLibplistAndOperatorsExpect) {
   ASSERT_TRUE(reread) << error;
   EXPECT_EQ(*reread->find("unicode")->asString(), *sample.find("unicode")->asString());
   EXPECT_EQ(reread->find("minusOne")->asInteger(), -1);
+
+  // Nodes that are no property list values.
+  const PlistHandle uid(plist_new_uid(5));
+  EXPECT_EQ(PlistValue::fromPlist(uid.get(), &error), std::nullopt);
+  EXPECT_NE(error.find("UID"), std::string::npos) << error;
+  const PlistHandle key(plist_new_string("k"));
+  plist_set_key_val(key.get(), "k");
+  EXPECT_EQ(PlistValue::fromPlist(key.get(), &error), std::nullopt);
+  EXPECT_NE(error.find("key"), std::string::npos) << error;
+  EXPECT_EQ(PlistValue::fromPlist(nullptr), std::nullopt);
 }
 
 TEST(PropertyList, ValueAccessorsConvertOnlyWhereLossless) {
