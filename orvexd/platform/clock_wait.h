@@ -1,56 +1,99 @@
-// Waiting on a condition variable with a time-out measured on a Clock rather than the system
-// clock, so that a VirtualClock can expire it. Shared by CountingSemaphore and WaitGroup.
+// Threads blocked on a condition, with time-outs measured on a Clock rather than the system
+// clock (so that a VirtualClock expires them), and woken with their work accounting handed
+// over (see WorkerPool::suspendWork). Shared by CountingSemaphore and WaitGroup.
 #pragma once
 
+#include <algorithm>
 #include <condition_variable>
+#include <list>
 #include <memory>
 #include <mutex>
-#include <utility>
+#include <optional>
 
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 
-// Waits with `lock` (on `mutex`) held until `ready()` holds or `timeout` passes on `clock`.
-// Returns ready()'s last value. The calling worker thread is parked meanwhile.
-template <typename Ready>
-bool waitOnClock(Clock& clock, std::mutex& mutex, std::unique_lock<std::mutex>& lock,
-                 std::condition_variable& changed, Duration timeout, Ready ready) {
-  if (ready()) return true;
-  // The firing reaches the waiter's flag through `link`; the waiter unhooks it before
-  // returning, under link's own mutex, so a late firing touches nothing that has gone.
+// Every member must be called with the owner's mutex held (the one passed to wait()).
+class ClockWaiters {
+ public:
+  // Blocks until woken by wakeOne()/wakeAll() or, with a time-out, until it passes on `clock`.
+  // True when woken. A time-out of zero or less does not block.
+  bool wait(std::unique_lock<std::mutex>& lock, Clock& clock, std::optional<Duration> timeout) {
+    if (timeout && *timeout <= Duration::zero()) return false;
+    auto waiter = std::make_shared<Waiter>();
+    waiter->pool = WorkerPool::current();
+    waiters_.push_back(waiter);
+    TimerHandle timer;
+    if (timeout) {
+      // The firing holds the waiter, never the owner: once the waiter is done with, the owner
+      // may be gone, and the firing finds the waiter settled and does nothing.
+      std::weak_ptr<Waiter> weak = waiter;
+      std::mutex* mutex = lock.mutex();
+      auto link = std::make_shared<Link>();
+      link->mutex = mutex;
+      link->owner = this;
+      waiter->link = link;
+      timer = clock.scheduleAfter(*timeout, [weak, link] {
+        std::lock_guard linkGuard(link->guard);
+        if (link->owner == nullptr) return;
+        std::lock_guard ownerGuard(*link->mutex);
+        if (auto w = weak.lock()) link->owner->settle(w, false);
+      });
+    }
+    // Suspended only now that the time-out is on the clock: a test that sees the pool idle may
+    // advance the clock at once, and must find the deadline there.
+    WorkerPool::suspendWork(waiter->pool);
+    waiter->wakeup.wait(lock, [&] { return waiter->settled; });
+    if (auto link = waiter->link) {
+      timer.cancel();
+      // Unhook without holding the owner's mutex, in the order the firing takes them.
+      lock.unlock();
+      {
+        std::lock_guard linkGuard(link->guard);
+        link->owner = nullptr;
+      }
+      lock.lock();
+    }
+    return waiter->woken;
+  }
+
+  bool wakeOne() {
+    if (waiters_.empty()) return false;
+    settle(waiters_.front(), true);
+    return true;
+  }
+
+  void wakeAll() {
+    while (!waiters_.empty()) settle(waiters_.front(), true);
+  }
+
+ private:
   struct Link {
-    std::mutex mutex;
-    bool* expired;
-    std::mutex* waitMutex;
-    std::condition_variable* changed;
+    std::mutex* mutex = nullptr;
+    ClockWaiters* owner = nullptr;  // guarded by guard; null once the waiter has returned
+    std::mutex guard;
   };
-  bool expired = false;
-  auto link = std::make_shared<Link>();
-  link->expired = &expired;
-  link->waitMutex = &mutex;
-  link->changed = &changed;
-  TimerHandle timer = clock.scheduleAfter(timeout, [link] {
-    std::lock_guard guard(link->mutex);
-    if (link->expired == nullptr) return;
-    std::lock_guard waitGuard(*link->waitMutex);
-    *link->expired = true;
-    link->changed->notify_all();
-  });
-  {
-    WorkerPool::ParkScope parked;
-    changed.wait(lock, [&] { return expired || ready(); });
+  struct Waiter {
+    std::condition_variable wakeup;
+    WorkerPool* pool = nullptr;
+    bool settled = false;
+    bool woken = false;
+    std::shared_ptr<Link> link;
+  };
+
+  void settle(std::shared_ptr<Waiter> waiter, bool woken) {  // a copy: erasing frees the entry
+    auto found = std::find(waiters_.begin(), waiters_.end(), waiter);
+    if (found == waiters_.end()) return;
+    waiters_.erase(found);
+    waiter->settled = true;
+    waiter->woken = woken;
+    WorkerPool::resumeWork(waiter->pool);
+    waiter->wakeup.notify_one();
   }
-  const bool result = ready();
-  lock.unlock();
-  timer.cancel();
-  {
-    std::lock_guard guard(link->mutex);
-    link->expired = nullptr;
-  }
-  lock.lock();
-  return result;
-}
+
+  std::list<std::shared_ptr<Waiter>> waiters_;
+};
 
 }  // namespace orvex

@@ -1,8 +1,5 @@
 #include "orvexd/platform/counting_semaphore.h"
 
-#include "orvexd/platform/clock_wait.h"
-#include "orvexd/platform/worker_pool.h"
-
 namespace orvex {
 
 CountingSemaphore::CountingSemaphore(Clock& clock, int64_t initial)
@@ -10,24 +7,26 @@ CountingSemaphore::CountingSemaphore(Clock& clock, int64_t initial)
 
 void CountingSemaphore::signal() {
   std::lock_guard lock(mutex_);
-  ++count_;
-  changed_.notify_one();
+  // A waiter takes the unit directly, so that a later wait() cannot overtake it.
+  if (!waiters_.wakeOne()) ++count_;
 }
 
 bool CountingSemaphore::wait(Duration timeout) {
   std::unique_lock lock(mutex_);
-  if (!waitOnClock(clock_, mutex_, lock, changed_, timeout, [this] { return count_ > 0; })) {
-    return false;
+  if (count_ > 0) {
+    --count_;
+    return true;
   }
-  --count_;
-  return true;
+  return waiters_.wait(lock, clock_, timeout);
 }
 
 void CountingSemaphore::waitForever() {
   std::unique_lock lock(mutex_);
-  WorkerPool::ParkScope parked;
-  changed_.wait(lock, [this] { return count_ > 0; });
-  --count_;
+  if (count_ > 0) {
+    --count_;
+    return;
+  }
+  waiters_.wait(lock, clock_, std::nullopt);
 }
 
 }  // namespace orvex

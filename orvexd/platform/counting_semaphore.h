@@ -1,8 +1,8 @@
 // A counting semaphore whose time-outs are measured on the daemon's clock.
 //
 // wait() takes one unit, blocking until one is signalled or the time-out passes on the clock
-// (in virtual time under a VirtualClock). A worker thread that blocks here is parked: it does
-// not keep WorkerPool::waitUntilIdle from returning.
+// (in virtual time under a VirtualClock). Waiters are served in the order they came. A worker
+// thread that blocks here does not keep WorkerPool::waitUntilIdle from returning.
 #pragma once
 
 #include <condition_variable>
@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "orvexd/platform/clock.h"
+#include "orvexd/platform/clock_wait.h"
 
 namespace orvex {
 
@@ -26,9 +27,9 @@ class CountingSemaphore {
 
  private:
   Clock& clock_;
-  std::mutex mutex_;  // guards count_
-  std::condition_variable changed_;
-  int64_t count_;
+  std::mutex mutex_;  // guards count_ and waiters_
+  int64_t count_;  // units available; never positive while someone waits
+  ClockWaiters waiters_;
 };
 
 }  // namespace orvex

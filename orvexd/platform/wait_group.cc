@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "orvexd/platform/clock_wait.h"
 
 namespace orvex {
 
@@ -23,7 +22,7 @@ void WaitGroup::leave() {
       std::abort();
     }
     if (--outstanding_ > 0) return;
-    changed_.notify_all();
+    waiters_.wakeAll();
     ready.swap(notifications_);
   }
   for (auto& pending : ready) pending.queue->async(std::move(pending.job));
@@ -31,7 +30,8 @@ void WaitGroup::leave() {
 
 bool WaitGroup::wait(Duration timeout) {
   std::unique_lock lock(mutex_);
-  return waitOnClock(clock_, mutex_, lock, changed_, timeout, [this] { return outstanding_ == 0; });
+  if (outstanding_ == 0) return true;
+  return waiters_.wait(lock, clock_, timeout);
 }
 
 void WaitGroup::notify(const SerialQueue& queue, std::function<void()> job) {

@@ -2,7 +2,7 @@
 //
 // wait() blocks until the group is empty or the deadline passes on the daemon's clock. notify()
 // runs a job on a queue once the group is empty (at once if it already is). Blocked worker
-// threads are parked, as for CountingSemaphore.
+// threads do not count as busy, as for CountingSemaphore.
 #pragma once
 
 #include <condition_variable>
@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "orvexd/platform/clock.h"
+#include "orvexd/platform/clock_wait.h"
 #include "orvexd/platform/serial_queue.h"
 
 namespace orvex {
@@ -32,8 +33,8 @@ class WaitGroup {
  private:
   Clock& clock_;
   std::mutex mutex_;  // guards everything below
-  std::condition_variable changed_;
   int64_t outstanding_ = 0;
+  ClockWaiters waiters_;
   struct Pending {
     const SerialQueue* queue;
     std::function<void()> job;

@@ -82,12 +82,12 @@ void WorkerPool::waitUntilIdle() {
   impl_->idle.wait(lock, [this] { return impl_->busy == 0; });
 }
 
-WorkerPool::ParkScope::ParkScope() : pool_(tCurrentPool) {
-  if (pool_ != nullptr) pool_->endWork();
+void WorkerPool::suspendWork(WorkerPool* pool) {
+  if (pool != nullptr) pool->endWork();
 }
 
-WorkerPool::ParkScope::~ParkScope() {
-  if (pool_ != nullptr) pool_->beginWork();
+void WorkerPool::resumeWork(WorkerPool* pool) {
+  if (pool != nullptr) pool->beginWork();
 }
 
 WorkerPool::WorkToken::WorkToken(WorkerPool& pool) {

@@ -2,9 +2,8 @@
 //
 // Jobs posted here (or through a SerialQueue on this pool) are counted while they are queued
 // or running, so that tests can wait until the pool has nothing left to do. A thread that
-// blocks on a semaphore or wait group marks itself parked and is not counted as busy while it
-// waits, so that a test driving virtual time never waits for a job that is itself waiting for
-// virtual time to pass.
+// blocks on a semaphore or wait group is not counted as busy while it waits, so that a test
+// driving virtual time never waits for a job that is itself waiting for virtual time to pass.
 #pragma once
 
 #include <cstddef>
@@ -43,18 +42,11 @@ class WorkerPool {
   // Blocks until no counted job is queued or running (parked threads do not count).
   void waitUntilIdle();
 
-  // Marks the calling worker thread as parked for the scope's lifetime. Does nothing on a thread
-  // that is not a worker.
-  class ParkScope {
-   public:
-    ParkScope();
-    ~ParkScope();
-    ParkScope(const ParkScope&) = delete;
-    ParkScope& operator=(const ParkScope&) = delete;
-
-   private:
-    WorkerPool* pool_;
-  };
+  // Blocking primitives (CountingSemaphore, WaitGroup) take a worker out of the busy count while
+  // it blocks, and whoever wakes it puts it back before waking it, so that waitUntilIdle never
+  // mistakes a thread that is about to run for an idle one. Both are no-ops for a null pool.
+  static void suspendWork(WorkerPool* pool);
+  static void resumeWork(WorkerPool* pool);
 
   // Counts one unit of work from construction to destruction. Copies count once between them:
   // the token is shared by the copies of a handler.
