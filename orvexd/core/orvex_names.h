@@ -1,0 +1,26 @@
+// Names shared across components: in-process notifications and defaults keys.
+#pragma once
+
+namespace orvex {
+
+// In-process notifications (NotificationCenter).
+inline constexpr const char* kORVStartupNotification = "ORVStartup";
+inline constexpr const char* kORVBagChangeNotification = "ORVBagChangeNotification";
+inline constexpr const char* kORVBagRefreshRequiredNotification = "ORVBagRefreshRequired";
+inline constexpr const char* kORVUserGUIDChangeNotification = "ORVUserGUIDChangeNotification";
+inline constexpr const char* kORVFileDownloadCompletedNotification =
+    "ORVFileDownloadCompletedNotification";
+inline constexpr const char* kORVFileDeletedNotification = "ORVFileDeletedNotification";
+
+// Keys of the defaults store ($XDG_CONFIG_HOME/com.zelmor.orvexd/defaults.plist).
+inline constexpr const char* kORVSharedSessionKey = "ORVSharedSession";
+inline constexpr const char* kORVSessionSizeLimitKey = "ORVSessionSizeLimit";
+inline constexpr const char* kORVSessionMaxAgeKey = "ORVSessionMaxAge";
+inline constexpr const char* kORVNoParallaxKey = "ORVNoParallax";
+inline constexpr const char* kORVPersistSessionsKey = "ORVPersistSessions";
+inline constexpr const char* kORVNoQueryCacheKey = "ORVNoQueryCache";
+inline constexpr const char* kORVBagURLKey = "ORVBagURL";
+inline constexpr const char* kORVDebugParametersKey = "ORVDebugParameters";
+inline constexpr const char* kTraceEnabledKey = "TraceEnabled";
+
+}  // namespace orvex
