@@ -1,1 +1,12 @@
-int main() { return 0; }
+// orvexd: the on-device search daemon. It takes no arguments; the session bus launches it on
+// demand (D-Bus activation or its systemd user unit) and it runs until SIGINT or SIGTERM.
+#include "orvexd/core/orvex_daemon.h"
+#include "orvexd/core/orvex_logging.h"
+
+int main() {
+  // Before any thread exists, so that every thread inherits the mask.
+  orvex::OrvexDaemon::blockHandledSignals();
+  orvex::configureLoggingFromEnvironment();
+  orvex::OrvexDaemon daemon(orvex::DirectoryEnvironment::fromProcess());
+  return daemon.run();
+}

@@ -1,1 +1,124 @@
-// placeholder
+#include "orvexd/core/orvex_daemon.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <systemd/sd-login.h>
+
+#include "orvexd/core/assembly.h"
+#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/core/diagnostics_service.h"
+#include "orvexd/core/orvex_logging.h"
+#include "orvexd/core/orvex_names.h"
+#include "orvexd/core/tracing_setup.h"
+#include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/serial_queue.h"
+#include "orvexd/platform/signal_source.h"
+
+namespace orvex {
+
+namespace {
+
+const OrvexLog& defaultLog() { return OrvexLogForCategory(kOrvexLogGeneral); }
+
+// What launched the process, when something did: the bus activating our name, or a systemd
+// unit. An empty string when the daemon was started by hand.
+std::string launchEventName() {
+  if (const char* type = std::getenv("DBUS_STARTER_BUS_TYPE"); type != nullptr && *type != '\0') {
+    return std::string(kOrvexBusName) + " (" + type + " bus activation)";
+  }
+  if (std::getenv("INVOCATION_ID") != nullptr) {
+    char* unit = nullptr;
+    if (sd_pid_get_user_unit(0, &unit) >= 0 || sd_pid_get_unit(0, &unit) >= 0) {
+      std::string name(unit);
+      std::free(unit);
+      return name;
+    }
+    return "systemd";
+  }
+  return {};
+}
+
+// Values the daemon uses when the defaults store has none of its own.
+void registerDefaults(DefaultsStore& defaults) {
+  defaults.registerDefaults({
+      {kORVSharedSessionKey, PlistValue(true)},
+      {kORVSessionSizeLimitKey, PlistValue(int64_t{4194304})},  // 4 MiB
+      {kORVSessionMaxAgeKey, PlistValue(int64_t{172800})},      // 48 hours, in seconds
+  });
+}
+
+[[noreturn]] void exitOnSignal(const char* name) {
+  defaultLog().debug("%s", name);
+  flushLogs();
+  std::_Exit(0);
+}
+
+}  // namespace
+
+OrvexDaemon::OrvexDaemon(DirectoryEnvironment directories)
+    : directories_(std::move(directories)) {}
+
+OrvexDaemon::~OrvexDaemon() = default;
+
+void OrvexDaemon::blockHandledSignals() { SignalSource::blockSignals({SIGINT, SIGTERM}); }
+
+int OrvexDaemon::run() {
+  // The process-wide facilities the daemon's components share.
+  auto fileManager = std::make_shared<FileManager>(directories_);
+  auto userDefaults =
+      std::make_shared<DefaultsStore>(fileManager, DefaultsStore::standardPath(*fileManager));
+  auto pool = std::make_shared<WorkerPool>(WorkerPool::defaultThreadCount());
+
+  ORVTracingSetup(*userDefaults);
+  registerDefaults(*userDefaults);
+
+  assembly_ = std::make_shared<Assembly>(pool, std::make_shared<SystemClock>(*pool));
+  assembly_->userDefaults = userDefaults;
+  assembly_->fileManager = fileManager;
+  assembly_->notificationCenter = std::make_shared<NotificationCenter>();
+
+  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
+
+  std::string error;
+  bus_ = BusConnection::connectToSessionBus(&error);
+  if (!bus_) {
+    defaultLog().fault("cannot connect to the session bus: %@", error);
+    flushLogs();
+    return EXIT_FAILURE;
+  }
+  // Exported before the name is owned, so that a call that activated the daemon finds it.
+  diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection());
+  if (!bus_->requestName(kOrvexBusName, &error)) {
+    defaultLog().fault("cannot own the bus name %s: %@", kOrvexBusName, error);
+    flushLogs();
+    return EXIT_FAILURE;
+  }
+
+  ipcEventQueue_ =
+      std::make_unique<SerialQueue>("com.zelmor.orvexd.ipc_event", *pool, *assembly_->clock);
+  logLaunchEvent();
+
+  pool->post([center = assembly_->notificationCenter] {
+    center->post(kORVStartupNotification);
+  });
+
+  installSignalSources();
+  bus_->runEventLoop();
+  return EXIT_SUCCESS;
+}
+
+void OrvexDaemon::logLaunchEvent() {
+  ipcEventQueue_->async([] {
+    const std::string event = launchEventName();
+    if (!event.empty()) defaultLog().info("launch event for %s", event);
+  });
+}
+
+void OrvexDaemon::installSignalSources() {
+  auto& pool = *assembly_->workerPool;
+  sigintSource_ = std::make_unique<SignalSource>(pool, SIGINT, [] { exitOnSignal("SIGINT"); });
+  sigtermSource_ = std::make_unique<SignalSource>(pool, SIGTERM, [] { exitOnSignal("SIGTERM"); });
+}
+
+}  // namespace orvex

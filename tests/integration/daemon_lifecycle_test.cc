@@ -1,1 +1,185 @@
-// placeholder
+// The built daemon on a private dbus-daemon: activation, GetCounters, the exit on SIGTERM and
+// SIGINT, the refusal of a second instance, and the defaults file it reads at start-up.
+#include <csignal>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+#include <sstream>
+#include <thread>
+
+#include "tests/support/private_bus.h"
+#include "tests/support/test_environment.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Polls `condition` every 2 ms until it holds or `timeout` passes.
+template <typename F>
+bool eventually(F condition, std::chrono::milliseconds timeout = 5s) {
+  const auto deadline = Clock::now() + timeout;
+  while (!condition()) {
+    if (Clock::now() > deadline) return false;
+    std::this_thread::sleep_for(2ms);
+  }
+  return true;
+}
+
+std::map<std::string, int64_t> getCounters(sdbus::IConnection& connection) {
+  auto proxy = sdbus::createProxy(connection, "com.zelmor.orvexd", "/com/zelmor/orvexd");
+  std::map<std::string, int64_t> counters;
+  proxy->callMethod("GetCounters")
+      .onInterface("com.zelmor.orvexd.Diagnostics")
+      .storeResultsTo(counters);
+  return counters;
+}
+
+class DaemonTest : public ::testing::Test {
+ protected:
+  std::map<std::string, std::string> daemonEnvironment() const {
+    return {{"XDG_CONFIG_HOME", (dir / "config").string()},
+            {"XDG_CACHE_HOME", (dir / "cache").string()},
+            {"ORVEXD_LOG_LEVEL", "debug"},
+            {"JOURNAL_STREAM", ""},
+            {"INVOCATION_ID", ""}};
+  }
+
+  testing::TempDir dir;
+};
+
+TEST_F(DaemonTest, ActivatedByTheBusCountsItsLaunchAndExitsZeroOnSignals) {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE(signal == SIGTERM ? "SIGTERM" : "SIGINT");
+    testing::TempDir busDir;
+    const auto status = busDir / "status";
+    const auto log = busDir / "bus.log";
+    // The wrapper records the daemon's exit status, which the bus daemon would swallow.
+    std::ofstream(busDir / "launch.sh") << "#!/bin/sh\n\"" << ORVEXD_BINARY << "\"\necho $? > \""
+                                        << status.string() << ".tmp\"\nmv \"" << status.string()
+                                        << ".tmp\" \"" << status.string() << "\"\n";
+    testing::PrivateBus bus(busDir.path(), daemonEnvironment(), log);
+    bus.addActivationFile("com.zelmor.orvexd", "/bin/sh " + (busDir / "launch.sh").string());
+    auto connection = bus.connect();
+    ASSERT_FALSE(testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"));
+
+    // The first call activates the daemon and is answered by it.
+    const auto counters = getCounters(*connection);
+    ASSERT_TRUE(counters.count("com.zelmor.orvexd.launch"));
+    EXPECT_EQ(counters.at("com.zelmor.orvexd.launch"), 1);
+    EXPECT_EQ(getCounters(*connection).at("com.zelmor.orvexd.launch"), 1);
+
+    const auto pid = testing::PrivateBus::ownerPid(*connection, "com.zelmor.orvexd");
+    ASSERT_TRUE(pid.has_value());
+    const auto sent = Clock::now();
+    ASSERT_EQ(::kill(*pid, signal), 0);
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(status); }));
+    const auto elapsed = Clock::now() - sent;
+    EXPECT_LT(elapsed, 1s);
+    EXPECT_EQ(readFile(status), "0\n");
+    EXPECT_TRUE(eventually([&] {
+      return !testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd");
+    }));
+    const auto text = readFile(log);
+    EXPECT_NE(text.find("info [com.zelmor.orvexd:Orvex] launch event for com.zelmor.orvexd "
+                        "(session bus activation)"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find(signal == SIGTERM ? "] SIGTERM" : "] SIGINT"), std::string::npos) << text;
+  }
+}
+
+TEST_F(DaemonTest, StartedByHandOwnsItsNameOnceAndLogsTheSignalItEndsOn) {
+  testing::PrivateBus bus(dir.path() / "bus-dir");
+  auto environment = daemonEnvironment();
+  environment["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
+  environment["DBUS_STARTER_BUS_TYPE"] = "";
+  environment["DBUS_STARTER_ADDRESS"] = "";
+  const auto log = dir / "first.log";
+  testing::ChildProcess first({ORVEXD_BINARY}, environment, log);
+  auto connection = bus.connect();
+  ASSERT_TRUE(eventually([&] {
+    return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd");
+  }));
+  EXPECT_EQ(getCounters(*connection).at("com.zelmor.orvexd.launch"), 1);
+  EXPECT_EQ(testing::PrivateBus::ownerPid(*connection, "com.zelmor.orvexd"), first.pid());
+
+  // A second daemon on the same bus cannot own the name and says so.
+  const auto secondLog = dir / "second.log";
+  testing::ChildProcess second({ORVEXD_BINARY}, environment, secondLog);
+  EXPECT_EQ(second.waitForExit(5s), 1);
+  EXPECT_NE(readFile(secondLog).find("cannot own the bus name com.zelmor.orvexd"),
+            std::string::npos);
+
+  // Interface members that do not exist get an error; the daemon carries on.
+  auto proxy = sdbus::createProxy(*connection, "com.zelmor.orvexd", "/com/zelmor/orvexd");
+  EXPECT_THROW(proxy->callMethod("Nonexistent").onInterface("com.zelmor.orvexd.Diagnostics"),
+               sdbus::Error);
+  std::map<std::string, int64_t> transactions;
+  proxy->callMethod("GetTransactions")
+      .onInterface("com.zelmor.orvexd.Diagnostics")
+      .storeResultsTo(transactions);
+  EXPECT_TRUE(transactions.empty());
+
+  first.signal(SIGTERM);
+  EXPECT_EQ(first.waitForExit(2s), 0);
+  const auto text = readFile(log);
+  EXPECT_NE(text.find("debug [com.zelmor.orvexd:Orvex] SIGTERM"), std::string::npos) << text;
+  EXPECT_EQ(text.find("launch event for"), std::string::npos) << "started by hand: no event";
+}
+
+TEST_F(DaemonTest, ReadsTraceEnabledFromItsDefaultsFileAndSurvivesACorruptOne) {
+  testing::PrivateBus bus(dir.path() / "bus-dir");
+  auto environment = daemonEnvironment();
+  environment["DBUS_SESSION_BUS_ADDRESS"] = bus.address();
+  std::filesystem::create_directories(dir / "config/com.zelmor.orvexd");
+  const auto defaults = dir / "config/com.zelmor.orvexd/defaults.plist";
+  auto connection = bus.connect();
+
+  std::ofstream(defaults) << R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict><key>TraceEnabled</key><true/></dict></plist>
+)";
+  {
+    const auto log = dir / "trace.log";
+    testing::ChildProcess daemon({ORVEXD_BINARY}, environment, log);
+    ASSERT_TRUE(eventually([&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
+    daemon.signal(SIGINT);
+    EXPECT_EQ(daemon.waitForExit(2s), 0);
+    EXPECT_NE(readFile(log).find("ORVTraceEnabled flag set to 1"), std::string::npos);
+  }
+
+  std::ofstream(defaults, std::ios::trunc) << "<plist><dict><key>Trace";
+  {
+    const auto log = dir / "corrupt.log";
+    testing::ChildProcess daemon({ORVEXD_BINARY}, environment, log);
+    ASSERT_TRUE(eventually([&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
+    EXPECT_EQ(getCounters(*connection).at("com.zelmor.orvexd.launch"), 1);
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.waitForExit(2s), 0);
+    EXPECT_NE(readFile(log).find("ORVTraceEnabled flag set to 0"), std::string::npos);
+    // The operator's file is left for them to repair.
+    EXPECT_EQ(readFile(defaults), "<plist><dict><key>Trace");
+  }
+}
+
+TEST(DaemonBinary, CarriesTheTraceProbe) {
+  testing::TempDir dir;
+  const auto notes = dir / "notes.txt";
+  testing::ChildProcess readelf({"readelf", "-n", ORVEXD_BINARY}, {}, notes);
+  ASSERT_EQ(readelf.waitForExit(10s), 0);
+  const auto text = readFile(notes);
+  EXPECT_NE(text.find("Provider: orvexd"), std::string::npos) << text;
+  EXPECT_NE(text.find("Name: trace"), std::string::npos) << text;
+}
+
+}  // namespace
+}  // namespace orvex

@@ -1,0 +1,50 @@
+// The Assembly holds every long-lived component of the daemon. Start-up creates the components
+// in a fixed order, each receiving the Assembly, and stores them here; components reach their
+// peers only through it, by their abstract interfaces.
+//
+// Besides the components, the Assembly carries the platform facilities they share: the worker
+// pool their queues run on, the clock, the defaults store, the file manager and the in-process
+// notification centre. Fields are written during start-up, on the main thread, before any
+// component can run; afterwards they are only read, from any thread.
+//
+// Components keep a reference to the Assembly (it owns them, so it outlives them); work they
+// post that may outlive them holds them weakly.
+#pragma once
+
+#include <memory>
+
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/file_manager.h"
+#include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/worker_pool.h"
+
+namespace orvex {
+
+class Assembly {
+ public:
+  // The platform facilities every component needs. `clock` runs its timers on `workerPool`
+  // (or on the test that drives it).
+  Assembly(std::shared_ptr<WorkerPool> workerPool, std::shared_ptr<Clock> clock);
+  // Members are released in the reverse of their declaration: components before the platform
+  // facilities they run on.
+  ~Assembly();
+  Assembly(const Assembly&) = delete;
+  Assembly& operator=(const Assembly&) = delete;
+
+  // Platform. Declared first so they are released last.
+  std::shared_ptr<WorkerPool> workerPool;
+  std::shared_ptr<Clock> clock;
+
+  // Set by start-up.
+  std::shared_ptr<DefaultsStore> userDefaults;
+  std::shared_ptr<FileManager> fileManager;
+  std::shared_ptr<NotificationCenter> notificationCenter;
+
+  // Value of the defaults key "ORVSharedSession".
+  bool sharedSession = false;
+  // A test switch read by the feedback pipeline; start-up never sets it.
+  bool testFeedbacks = false;
+};
+
+}  // namespace orvex

@@ -1,0 +1,32 @@
+// com.zelmor.orvexd.Diagnostics on /com/zelmor/orvexd: what the daemon has counted and which
+// process transactions are open.
+//
+//   GetCounters() -> a{sx}      every counter key with its value
+//   GetTransactions() -> a{sx}  open process transactions by name
+//
+// The handlers read process-wide, thread-safe stores and answer on the bus thread.
+#pragma once
+
+#include <memory>
+
+namespace sdbus {
+class IConnection;
+class IObject;
+}  // namespace sdbus
+
+namespace orvex {
+
+inline constexpr const char* kOrvexDiagnosticsInterface = "com.zelmor.orvexd.Diagnostics";
+
+class DiagnosticsService {
+ public:
+  explicit DiagnosticsService(sdbus::IConnection& connection);
+  ~DiagnosticsService();
+  DiagnosticsService(const DiagnosticsService&) = delete;
+  DiagnosticsService& operator=(const DiagnosticsService&) = delete;
+
+ private:
+  std::unique_ptr<sdbus::IObject> object_;
+};
+
+}  // namespace orvex

@@ -1,0 +1,63 @@
+// The daemon's connection to the session bus (the bus DBUS_SESSION_BUS_ADDRESS names, or the
+// one that activated the daemon).
+//
+// The D-Bus glue stays thin: objects register their members on connection(), and every member
+// handler runs through runBusHandler() so that no failure escapes into sd-bus.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <sdbus-c++/Error.h>
+#include <string>
+#include <string_view>
+
+#include "orvexd/core/orvex_logging.h"
+
+namespace sdbus {
+class IConnection;
+}
+
+namespace orvex {
+
+inline constexpr const char* kOrvexBusName = "com.zelmor.orvexd";
+inline constexpr const char* kOrvexObjectPath = "/com/zelmor/orvexd";
+inline constexpr const char* kOrvexInternalError = "com.zelmor.orvexd.Error.Internal";
+
+class BusConnection {
+ public:
+  // Connects to the session bus. When the bus started the daemon by activation
+  // (DBUS_STARTER_BUS_TYPE=session), its DBUS_STARTER_ADDRESS wins.
+  static std::unique_ptr<BusConnection> connectToSessionBus(std::string* error);
+  explicit BusConnection(std::unique_ptr<sdbus::IConnection> connection);
+  ~BusConnection();
+
+  sdbus::IConnection& connection();
+  std::string uniqueName() const;
+  // Owns `name`; fails (with the reason) when another connection owns it.
+  bool requestName(const std::string& name, std::string* error);
+  // Dispatches bus messages on the calling thread until leaveEventLoop().
+  void runEventLoop();
+  void leaveEventLoop();
+
+ private:
+  std::unique_ptr<sdbus::IConnection> connection_;
+};
+
+// Runs a member handler. An sdbus::Error passes through as the reply's error; any other
+// exception becomes com.zelmor.orvexd.Error.Internal and a fault in the log.
+template <typename F>
+auto runBusHandler(std::string_view member, F&& handler) -> decltype(handler()) {
+  try {
+    return handler();
+  } catch (const sdbus::Error&) {
+    throw;
+  } catch (const std::exception& e) {
+    OrvexLogForCategory(kOrvexLogConnection).fault("%@ failed: %s", member, e.what());
+    throw sdbus::Error(kOrvexInternalError, e.what());
+  } catch (...) {
+    OrvexLogForCategory(kOrvexLogConnection).fault("%@ failed", member);
+    throw sdbus::Error(kOrvexInternalError, "internal error");
+  }
+}
+
+}  // namespace orvex
