@@ -1,1 +1,86 @@
-int main() { return 0; }
+// Cold-start figures of the built daemon on a private bus: time from process start to the bus
+// name being owned and to the first GetCounters reply, and resident memory once idle.
+//
+// Usage: orvex_bench_startup [runs]   (default 20)
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <sdbus-c++/sdbus-c++.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/private_bus.h"
+#include "tests/support/test_environment.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+long residentKiB(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 20;
+  orvex::testing::TempDir dir;
+  orvex::testing::PrivateBus bus(dir.path() / "bus");
+  auto connection = bus.connect();
+  auto dbus = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+  auto daemon = sdbus::createProxy(*connection, "com.zelmor.orvexd", "/com/zelmor/orvexd");
+  const std::map<std::string, std::string> environment = {
+      {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
+      {"XDG_CONFIG_HOME", (dir / "config").string()},
+      {"XDG_CACHE_HOME", (dir / "cache").string()},
+      {"DBUS_STARTER_BUS_TYPE", ""}};
+
+  std::vector<double> toName, toReply;
+  long rss = -1;
+  for (int run = 0; run < runs; ++run) {
+    const auto start = Clock::now();
+    orvex::testing::ChildProcess process({ORVEXD_BINARY}, environment, dir / "daemon.log");
+    bool owned = false;
+    while (!owned) {
+      dbus->callMethod("NameHasOwner")
+          .onInterface("org.freedesktop.DBus")
+          .withArguments(std::string("com.zelmor.orvexd"))
+          .storeResultsTo(owned);
+    }
+    const auto named = Clock::now();
+    std::map<std::string, int64_t> counters;
+    daemon->callMethod("GetCounters")
+        .onInterface("com.zelmor.orvexd.Diagnostics")
+        .storeResultsTo(counters);
+    const auto replied = Clock::now();
+    toName.push_back(std::chrono::duration<double, std::milli>(named - start).count());
+    toReply.push_back(std::chrono::duration<double, std::milli>(replied - start).count());
+    if (run == runs - 1) {
+      std::this_thread::sleep_for(std::chrono::seconds(2));  // let start-up work settle
+      rss = residentKiB(process.pid());
+    }
+    process.signal(SIGTERM);
+    process.waitForExit(std::chrono::seconds(5));
+  }
+  std::printf("runs: %d\n", runs);
+  std::printf("process start -> bus name owned: median %.2f ms (min %.2f, max %.2f)\n",
+              median(toName), *std::min_element(toName.begin(), toName.end()),
+              *std::max_element(toName.begin(), toName.end()));
+  std::printf("process start -> first GetCounters reply: median %.2f ms (min %.2f, max %.2f)\n",
+              median(toReply), *std::min_element(toReply.begin(), toReply.end()),
+              *std::max_element(toReply.begin(), toReply.end()));
+  std::printf("idle resident memory: %ld KiB\n", rss);
+  return 0;
+}

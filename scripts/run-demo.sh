@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Builds orvexd and runs it on a private session bus: shows that it owns com.zelmor.orvexd and
+# what its counters say, then leaves it running until you press Enter (or Ctrl-C).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh build
+cmake --preset default -DORVEX_BUILD_TESTS=OFF -DORVEX_BUILD_BENCH=OFF >/dev/null
+cmake --build --preset default -j "$(nproc)" --target orvexd
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/orvexd-demo-XXXXXX")
+bus_pid=""
+daemon_pid=""
+cleanup() {
+  [[ -n "$daemon_pid" ]] && kill "$daemon_pid" 2>/dev/null || true
+  [[ -n "$bus_pid" ]] && kill "$bus_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# A session bus of our own, so the demo touches nothing of the desktop's.
+cat >"$work/bus.conf" <<CONF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=$work/bus</listen>
+  <policy context="default"><allow send_destination="*"/><allow own="*"/></policy>
+</busconfig>
+CONF
+dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=1 >"$work/address" &
+bus_pid=$!
+for _ in $(seq 100); do [[ -s "$work/address" ]] && break; sleep 0.05; done
+export DBUS_SESSION_BUS_ADDRESS=$(head -n1 "$work/address")
+echo "private session bus: $DBUS_SESSION_BUS_ADDRESS"
+
+# The daemon keeps its defaults and cache in the demo directory.
+XDG_CONFIG_HOME="$work/config" XDG_CACHE_HOME="$work/cache" ORVEXD_LOG_LEVEL=info \
+  build/bin/orvexd 2> >(sed 's/^/  orvexd: /' >&2) &
+daemon_pid=$!
+for _ in $(seq 100); do
+  busctl --user --address="$DBUS_SESSION_BUS_ADDRESS" status com.zelmor.orvexd >/dev/null 2>&1 && break
+  sleep 0.05
+done
+
+echo
+echo "\$ busctl --address=\$DBUS_SESSION_BUS_ADDRESS list | grep orvexd"
+busctl --address="$DBUS_SESSION_BUS_ADDRESS" list --no-pager | grep -E '^NAME|com.zelmor.orvexd'
+echo
+echo "\$ busctl --address=\$DBUS_SESSION_BUS_ADDRESS call com.zelmor.orvexd /com/zelmor/orvexd com.zelmor.orvexd.Diagnostics GetCounters"
+busctl --address="$DBUS_SESSION_BUS_ADDRESS" --json=pretty call com.zelmor.orvexd \
+  /com/zelmor/orvexd com.zelmor.orvexd.Diagnostics GetCounters
+
+if [[ -t 0 ]]; then
+  echo
+  echo "orvexd is running (pid $daemon_pid). In another shell:"
+  echo "  export DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS"
+  echo "Press Enter to stop it."
+  read -r
+fi
+kill -TERM "$daemon_pid"
+wait "$daemon_pid" && echo "orvexd exited with status 0"
+daemon_pid=""
