@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh build
-cmake --preset default -DORVEX_BUILD_TESTS=OFF -DORVEX_BUILD_BENCH=OFF >/dev/null
+cmake --preset default >/dev/null
 cmake --build --preset default -j "$(nproc)" --target orvexd
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/orvexd-demo-XXXXXX")
@@ -25,10 +25,12 @@ cat >"$work/bus.conf" <<CONF
 <busconfig>
   <type>session</type>
   <listen>unix:path=$work/bus</listen>
-  <policy context="default"><allow send_destination="*"/><allow own="*"/></policy>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/><allow own="*"/>
+  </policy>
 </busconfig>
 CONF
-dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=1 >"$work/address" &
+dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=1 >"$work/address" 2>"$work/bus.log" &
 bus_pid=$!
 for _ in $(seq 100); do [[ -s "$work/address" ]] && break; sleep 0.05; done
 export DBUS_SESSION_BUS_ADDRESS=$(head -n1 "$work/address")
@@ -39,7 +41,8 @@ XDG_CONFIG_HOME="$work/config" XDG_CACHE_HOME="$work/cache" ORVEXD_LOG_LEVEL=inf
   build/bin/orvexd 2> >(sed 's/^/  orvexd: /' >&2) &
 daemon_pid=$!
 for _ in $(seq 100); do
-  busctl --user --address="$DBUS_SESSION_BUS_ADDRESS" status com.zelmor.orvexd >/dev/null 2>&1 && break
+  busctl --address="$DBUS_SESSION_BUS_ADDRESS" status com.zelmor.orvexd >/dev/null 2>&1 && break
+  kill -0 "$daemon_pid" 2>/dev/null || { echo "orvexd did not start" >&2; exit 1; }
   sleep 0.05
 done
 
@@ -59,5 +62,7 @@ if [[ -t 0 ]]; then
   read -r
 fi
 kill -TERM "$daemon_pid"
-wait "$daemon_pid" && echo "orvexd exited with status 0"
+status=0
+wait "$daemon_pid" || status=$?
 daemon_pid=""
+echo "orvexd stopped on SIGTERM with exit status $status"

@@ -1,0 +1,38 @@
+# Installs the build into a staging directory (as a package build would, through DESTDIR) and
+# checks that the daemon, its D-Bus activation file and its systemd user unit land where the
+# session bus and systemd look for them, pointing at the installed daemon.
+#   cmake -DBUILD_DIR=... -DSTAGE=... -DPREFIX=... -DBINDIR=... -P install_check.cmake
+file(REMOVE_RECURSE "${STAGE}")
+execute_process(COMMAND ${CMAKE_COMMAND} -E env DESTDIR=${STAGE}
+                        ${CMAKE_COMMAND} --install "${BUILD_DIR}"
+                RESULT_VARIABLE result OUTPUT_QUIET)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "cmake --install failed: ${result}")
+endif()
+
+set(daemon "${STAGE}${BINDIR}/orvexd")
+set(activation "${STAGE}${PREFIX}/share/dbus-1/services/com.zelmor.orvexd.service")
+set(unit "${STAGE}${PREFIX}/lib/systemd/user/orvexd.service")
+foreach(path "${daemon}" "${activation}" "${unit}")
+  if(NOT EXISTS "${path}")
+    message(FATAL_ERROR "not installed: ${path}")
+  endif()
+endforeach()
+
+file(READ "${activation}" text)
+foreach(line "[D-BUS Service]" "Name=com.zelmor.orvexd" "Exec=${BINDIR}/orvexd"
+        "SystemdService=orvexd.service")
+  string(FIND "${text}" "${line}\n" found)
+  if(found EQUAL -1)
+    message(FATAL_ERROR "activation file lacks '${line}':\n${text}")
+  endif()
+endforeach()
+
+file(READ "${unit}" text)
+foreach(line "Type=dbus" "BusName=com.zelmor.orvexd" "ExecStart=${BINDIR}/orvexd")
+  string(FIND "${text}" "${line}\n" found)
+  if(found EQUAL -1)
+    message(FATAL_ERROR "systemd unit lacks '${line}':\n${text}")
+  endif()
+endforeach()
+file(REMOVE_RECURSE "${STAGE}")
