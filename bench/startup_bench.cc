@@ -2,11 +2,12 @@
 // name being owned and to the first GetCounters reply, and resident memory once idle.
 //
 // Usage: orvex_bench_startup [runs]   (default 20)
+#include <sdbus-c++/sdbus-c++.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
-#include <sdbus-c++/sdbus-c++.h>
 #include <string>
 #include <thread>
 #include <vector>

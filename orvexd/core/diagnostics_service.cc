@@ -1,7 +1,8 @@
 #include "orvexd/core/diagnostics_service.h"
 
-#include <map>
 #include <sdbus-c++/sdbus-c++.h>
+
+#include <map>
 #include <string>
 
 #include "orvexd/core/diagnostic_data_reporter.h"

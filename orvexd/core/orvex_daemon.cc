@@ -1,9 +1,10 @@
 #include "orvexd/core/orvex_daemon.h"
 
+#include <systemd/sd-login.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <string>
-#include <systemd/sd-login.h>
 
 #include "orvexd/core/assembly.h"
 #include "orvexd/core/diagnostic_data_reporter.h"
@@ -56,8 +57,7 @@ void registerDefaults(DefaultsStore& defaults) {
 
 }  // namespace
 
-OrvexDaemon::OrvexDaemon(DirectoryEnvironment directories)
-    : directories_(std::move(directories)) {}
+OrvexDaemon::OrvexDaemon(DirectoryEnvironment directories) : directories_(std::move(directories)) {}
 
 OrvexDaemon::~OrvexDaemon() = default;
 
@@ -79,6 +79,7 @@ int OrvexDaemon::run() {
   assembly_->notificationCenter = std::make_shared<NotificationCenter>();
 
   OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
+  assembly_->sharedSession = userDefaults->boolForKey(kORVSharedSessionKey);
 
   std::string error;
   bus_ = BusConnection::connectToSessionBus(&error);
@@ -99,9 +100,7 @@ int OrvexDaemon::run() {
       std::make_unique<SerialQueue>("com.zelmor.orvexd.ipc_event", *pool, *assembly_->clock);
   logLaunchEvent();
 
-  pool->post([center = assembly_->notificationCenter] {
-    center->post(kORVStartupNotification);
-  });
+  pool->post([center = assembly_->notificationCenter] { center->post(kORVStartupNotification); });
 
   installSignalSources();
   bus_->runEventLoop();

@@ -1,8 +1,9 @@
 #include "orvexd/core/tracing_setup.h"
 
+#include <sys/sdt.h>
+
 #include <atomic>
 #include <mutex>
-#include <sys/sdt.h>
 
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"

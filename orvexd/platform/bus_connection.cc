@@ -1,7 +1,8 @@
 #include "orvexd/platform/bus_connection.h"
 
-#include <cstdlib>
 #include <sdbus-c++/IConnection.h>
+
+#include <cstdlib>
 
 namespace orvex {
 

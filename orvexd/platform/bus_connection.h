@@ -5,9 +5,10 @@
 // handler runs through runBusHandler() so that no failure escapes into sd-bus.
 #pragma once
 
+#include <sdbus-c++/Error.h>
+
 #include <memory>
 #include <optional>
-#include <sdbus-c++/Error.h>
 #include <string>
 #include <string_view>
 

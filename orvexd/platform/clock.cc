@@ -27,7 +27,8 @@ namespace {
 
 // A firing on the clock's strand. The asio timer is touched only on the strand.
 struct SystemTimerState final : TimerHandle::State {
-  explicit SystemTimerState(asio::strand<asio::io_context::executor_type> s) : strand(s) {}
+  explicit SystemTimerState(asio::strand<asio::io_context::executor_type> s)
+      : strand(std::move(s)) {}
   void release() override {
     asio::post(strand, [self = weak_from_this()] {
       if (auto state = self.lock(); state && state->timer) state->timer->cancel();

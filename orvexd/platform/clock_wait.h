@@ -83,7 +83,9 @@ class ClockWaiters {
     std::shared_ptr<Link> link;
   };
 
-  void settle(std::shared_ptr<Waiter> waiter, bool woken) {  // a copy: erasing frees the entry
+  // Takes a copy: callers pass list entries, which the erase below frees.
+  void settle(std::shared_ptr<Waiter> waiter,  // NOLINT(performance-unnecessary-value-param)
+              bool woken) {
     auto found = std::find(waiters_.begin(), waiters_.end(), waiter);
     if (found == waiters_.end()) return;
     waiters_.erase(found);

@@ -28,7 +28,7 @@ class CountingSemaphore {
  private:
   Clock& clock_;
   std::mutex mutex_;  // guards count_ and waiters_
-  int64_t count_;  // units available; never positive while someone waits
+  int64_t count_;     // units available; never positive while someone waits
   ClockWaiters waiters_;
 };
 

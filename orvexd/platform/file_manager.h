@@ -41,7 +41,7 @@ struct FileAttributes {
 
 class FileManager {
  public:
-  static constexpr std::size_t kDefaultMaxReadSize = 64 * 1024 * 1024;
+  static constexpr std::size_t kDefaultMaxReadSize = std::size_t{64} << 20;  // 64 MiB
 
   explicit FileManager(DirectoryEnvironment environment);
 

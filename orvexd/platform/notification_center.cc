@@ -39,7 +39,7 @@ ObserverToken::~ObserverToken() { reset(); }
 namespace {
 // The observers this thread is inside of, innermost last (posts may nest).
 thread_local std::vector<const detail::ObserverEntry*> tCalling;
-}
+}  // namespace
 
 void ObserverToken::reset() {
   if (!entry_) return;
@@ -58,7 +58,8 @@ void ObserverToken::reset() {
   entry->removed = true;
 }
 
-NotificationCenter::NotificationCenter() : registry_(std::make_shared<detail::ObserverRegistry>()) {}
+NotificationCenter::NotificationCenter()
+    : registry_(std::make_shared<detail::ObserverRegistry>()) {}
 NotificationCenter::~NotificationCenter() = default;
 
 ObserverToken NotificationCenter::addObserver(std::string name, const void* sender,
@@ -96,9 +97,9 @@ void NotificationCenter::post(std::string_view name, const void* sender,
 
 std::size_t NotificationCenter::observerCount(std::string_view name) const {
   std::lock_guard lock(registry_->mutex);
-  return static_cast<std::size_t>(std::count_if(
-      registry_->entries.begin(), registry_->entries.end(),
-      [&](const auto& entry) { return entry->name == name; }));
+  return static_cast<std::size_t>(
+      std::count_if(registry_->entries.begin(), registry_->entries.end(),
+                    [&](const auto& entry) { return entry->name == name; }));
 }
 
 }  // namespace orvex

@@ -51,8 +51,7 @@ class ObserverToken {
 
  private:
   friend class NotificationCenter;
-  explicit ObserverToken(std::shared_ptr<detail::ObserverEntry> entry)
-      : entry_(std::move(entry)) {}
+  explicit ObserverToken(std::shared_ptr<detail::ObserverEntry> entry) : entry_(std::move(entry)) {}
   std::shared_ptr<detail::ObserverEntry> entry_;
 };
 
@@ -67,7 +66,8 @@ class NotificationCenter {
 
   // Observes notifications called `name`; with a sender, only those it posts.
   [[nodiscard]] ObserverToken addObserver(std::string name, const void* sender, Observer observer);
-  void post(std::string_view name, const void* sender = nullptr, NotificationUserInfo userInfo = {});
+  void post(std::string_view name, const void* sender = nullptr,
+            NotificationUserInfo userInfo = {});
 
   std::size_t observerCount(std::string_view name) const;
 

@@ -13,15 +13,15 @@ void OneShotTimer::arm(Duration delay, std::weak_ptr<void> owner, std::function<
   const uint64_t generation = ++state_->generation;
   state_->armed = true;
   std::weak_ptr<State> weakState = state_;
-  pending_ = queue_.after(delay, [weakState, generation, owner = std::move(owner),
-                                  job = std::move(job)] {
-    auto state = weakState.lock();
-    if (!state || state->generation != generation || !state->armed) return;
-    auto alive = owner.lock();
-    if (!alive) return;
-    state->armed = false;
-    job();
-  });
+  pending_ =
+      queue_.after(delay, [weakState, generation, owner = std::move(owner), job = std::move(job)] {
+        auto state = weakState.lock();
+        if (!state || state->generation != generation || !state->armed) return;
+        auto alive = owner.lock();
+        if (!alive) return;
+        state->armed = false;
+        job();
+      });
 }
 
 void OneShotTimer::cancel() {

@@ -45,8 +45,9 @@ class SerialQueue {
 
   // Runs `fn` on the queue and returns its result, or nothing if sync() refused.
   template <typename F>
-    requires(!std::is_void_v<std::invoke_result_t<F&>>)
-  std::optional<std::invoke_result_t<F&>> syncResult(F fn) const {
+  requires(!std::is_void_v<std::invoke_result_t<F&>>)
+      std::optional<std::invoke_result_t<F&>> syncResult(F fn)
+  const {
     std::optional<std::invoke_result_t<F&>> result;
     if (!sync([&] { result.emplace(fn()); })) return std::nullopt;
     return result;

@@ -1,13 +1,14 @@
 #include "orvexd/platform/signal_source.h"
 
+#include <sys/signalfd.h>
+
 #include <asio/io_context.hpp>
-#include <asio/post.hpp>
 #include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
 #include <asio/read.hpp>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <sys/signalfd.h>
+#include <system_error>
 
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/platform/worker_pool.h"
@@ -15,7 +16,8 @@
 namespace orvex {
 
 struct SignalSource::Impl : std::enable_shared_from_this<Impl> {
-  Impl(WorkerPool& pool, std::function<void()> h) : descriptor(pool.ioContext()), handler(std::move(h)) {}
+  Impl(WorkerPool& pool, std::function<void()> h)
+      : descriptor(pool.ioContext()), handler(std::move(h)) {}
 
   void readNext() {
     asio::async_read(descriptor, asio::buffer(&info, sizeof info),
@@ -47,7 +49,8 @@ SignalSource::SignalSource(WorkerPool& pool, int signal, std::function<void()> h
   const int fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
   if (fd < 0) {
     OrvexLogForCategory(kOrvexLogGeneral)
-        .error("cannot watch signal %d: %s", signal, std::strerror(errno));
+        .error("cannot watch signal %d: %@", signal,
+               std::error_code(errno, std::system_category()).message());
     return;
   }
   impl_->descriptor.assign(fd);

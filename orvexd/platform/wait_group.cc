@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-
 namespace orvex {
 
 WaitGroup::WaitGroup(Clock& clock) : clock_(clock) {}

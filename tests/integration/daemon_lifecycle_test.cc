@@ -1,9 +1,10 @@
 // The built daemon on a private dbus-daemon: activation, GetCounters, the exit on SIGTERM and
 // SIGINT, the refusal of a second instance, and the defaults file it reads at start-up.
-#include <csignal>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
+
+#include <csignal>
+#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -63,9 +64,9 @@ TEST_F(DaemonTest, ActivatedByTheBusCountsItsLaunchAndExitsZeroOnSignals) {
     const auto status = busDir / "status";
     const auto log = busDir / "bus.log";
     // The wrapper records the daemon's exit status, which the bus daemon would swallow.
-    std::ofstream(busDir / "launch.sh") << "#!/bin/sh\n\"" << ORVEXD_BINARY << "\"\necho $? > \""
-                                        << status.string() << ".tmp\"\nmv \"" << status.string()
-                                        << ".tmp\" \"" << status.string() << "\"\n";
+    std::ofstream(busDir / "launch.sh")
+        << "#!/bin/sh\n\"" << ORVEXD_BINARY << "\"\necho $? > \"" << status.string()
+        << ".tmp\"\nmv \"" << status.string() << ".tmp\" \"" << status.string() << "\"\n";
     testing::PrivateBus bus(busDir.path(), daemonEnvironment(), log);
     bus.addActivationFile("com.zelmor.orvexd", "/bin/sh " + (busDir / "launch.sh").string());
     auto connection = bus.connect();
@@ -85,9 +86,8 @@ TEST_F(DaemonTest, ActivatedByTheBusCountsItsLaunchAndExitsZeroOnSignals) {
     const auto elapsed = Clock::now() - sent;
     EXPECT_LT(elapsed, 1s);
     EXPECT_EQ(readFile(status), "0\n");
-    EXPECT_TRUE(eventually([&] {
-      return !testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd");
-    }));
+    EXPECT_TRUE(eventually(
+        [&] { return !testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
     const auto text = readFile(log);
     EXPECT_NE(text.find("info [com.zelmor.orvexd:Orvex] launch event for com.zelmor.orvexd "
                         "(session bus activation)"),
@@ -106,9 +106,8 @@ TEST_F(DaemonTest, StartedByHandOwnsItsNameOnceAndLogsTheSignalItEndsOn) {
   const auto log = dir / "first.log";
   testing::ChildProcess first({ORVEXD_BINARY}, environment, log);
   auto connection = bus.connect();
-  ASSERT_TRUE(eventually([&] {
-    return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd");
-  }));
+  ASSERT_TRUE(
+      eventually([&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
   EXPECT_EQ(getCounters(*connection).at("com.zelmor.orvexd.launch"), 1);
   EXPECT_EQ(testing::PrivateBus::ownerPid(*connection, "com.zelmor.orvexd"), first.pid());
 
@@ -151,7 +150,8 @@ TEST_F(DaemonTest, ReadsTraceEnabledFromItsDefaultsFileAndSurvivesACorruptOne) {
   {
     const auto log = dir / "trace.log";
     testing::ChildProcess daemon({ORVEXD_BINARY}, environment, log);
-    ASSERT_TRUE(eventually([&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
+    ASSERT_TRUE(eventually(
+        [&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
     daemon.signal(SIGINT);
     EXPECT_EQ(daemon.waitForExit(2s), 0);
     EXPECT_NE(readFile(log).find("ORVTraceEnabled flag set to 1"), std::string::npos);
@@ -161,7 +161,8 @@ TEST_F(DaemonTest, ReadsTraceEnabledFromItsDefaultsFileAndSurvivesACorruptOne) {
   {
     const auto log = dir / "corrupt.log";
     testing::ChildProcess daemon({ORVEXD_BINARY}, environment, log);
-    ASSERT_TRUE(eventually([&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
+    ASSERT_TRUE(eventually(
+        [&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
     EXPECT_EQ(getCounters(*connection).at("com.zelmor.orvexd.launch"), 1);
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.waitForExit(2s), 0);

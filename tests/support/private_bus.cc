@@ -1,16 +1,17 @@
 #include "tests/support/private_bus.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sdbus-c++/sdbus-c++.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
-#include <poll.h>
-#include <sdbus-c++/sdbus-c++.h>
 #include <stdexcept>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 extern char** environ;
 
@@ -105,7 +106,8 @@ PrivateBus::PrivateBus(const std::filesystem::path& directory,
            "<busconfig>\n  <type>session</type>\n"
         << "  <listen>unix:path=" << (directory_ / "bus").string() << "</listen>\n"
         << "  <servicedir>" << serviceDirectory().string() << "</servicedir>\n"
-        << "  <policy context=\"default\">\n    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+        << "  <policy context=\"default\">\n    <allow send_destination=\"*\" "
+           "eavesdrop=\"true\"/>\n"
            "    <allow eavesdrop=\"true\"/>\n    <allow own=\"*\"/>\n  </policy>\n"
            "</busconfig>\n";
   }
@@ -141,8 +143,7 @@ std::unique_ptr<sdbus::IConnection> PrivateBus::connect() const {
   return sdbus::createSessionBusConnectionWithAddress(address_);
 }
 
-std::optional<pid_t> PrivateBus::ownerPid(sdbus::IConnection& connection,
-                                          const std::string& name) {
+std::optional<pid_t> PrivateBus::ownerPid(sdbus::IConnection& connection, const std::string& name) {
   auto proxy = sdbus::createProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
   try {
     uint32_t pid = 0;

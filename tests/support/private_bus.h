@@ -1,13 +1,14 @@
 // A private dbus-daemon for tests and benchmarks, and the child processes they start.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 namespace sdbus {

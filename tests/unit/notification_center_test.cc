@@ -1,7 +1,8 @@
 #include "orvexd/platform/notification_center.h"
 
-#include <atomic>
 #include <gtest/gtest.h>
+
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -62,8 +63,8 @@ TEST(NotificationCenter, RemovalWaitsForACallUnderWayOnAnotherThread) {
   std::atomic<bool> alive{true};
   std::atomic<int> calls{0};
   std::atomic<bool> stop{false};
-  auto token = std::make_unique<ObserverToken>(center.addObserver(
-      "event", nullptr, [&](const Notification&) {
+  auto token = std::make_unique<ObserverToken>(
+      center.addObserver("event", nullptr, [&](const Notification&) {
         // Touching `alive` after the token is gone would be a use after removal.
         EXPECT_TRUE(alive.load());
         ++calls;

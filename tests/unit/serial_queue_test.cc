@@ -1,7 +1,8 @@
 #include "orvexd/platform/serial_queue.h"
 
-#include <atomic>
 #include <gtest/gtest.h>
+
+#include <atomic>
 #include <map>
 #include <thread>
 #include <vector>

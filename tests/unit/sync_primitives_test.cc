@@ -1,5 +1,6 @@
-#include <atomic>
 #include <gtest/gtest.h>
+
+#include <atomic>
 #include <latch>
 #include <thread>
 #include <vector>

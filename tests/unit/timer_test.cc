@@ -1,6 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <future>
-#include <gtest/gtest.h>
 #include <vector>
 
 #include "orvexd/platform/clock.h"
