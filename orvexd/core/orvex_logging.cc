@@ -259,7 +259,9 @@ LoggingState& loggingState() {
 }
 
 std::once_flag g_categories_once;
-std::array<const OrvexLog*, OrvexLoggingCategoryCount> g_categories{};
+// The handles live until the process ends: they are never destroyed, so that a thread still
+// logging while the process exits never meets a destroyed handle.
+std::array<std::unique_ptr<OrvexLog>, OrvexLoggingCategoryCount>* g_categories = nullptr;
 
 // Observers. The list is copied on change so that a write only holds the lock long enough to
 // take a reference to the current list. Each entry counts the calls in progress so that removal
@@ -403,11 +405,14 @@ const OrvexLog& OrvexLogForCategory(unsigned category) {
     std::abort();
   }
   std::call_once(g_categories_once, [] {
+    auto handles =
+        std::make_unique<std::array<std::unique_ptr<OrvexLog>, OrvexLoggingCategoryCount>>();
     for (unsigned i = 0; i < OrvexLoggingCategoryCount; ++i) {
-      g_categories[i] = new OrvexLog(i, std::string(kOrvexLoggingCategoryNames[i]));
+      (*handles)[i] = std::make_unique<OrvexLog>(i, std::string(kOrvexLoggingCategoryNames[i]));
     }
+    g_categories = handles.release();
   });
-  return *g_categories[category];
+  return *(*g_categories)[category];
 }
 
 void configureLoggingFromEnvironment() { applyEnvironment(loggingState()); }

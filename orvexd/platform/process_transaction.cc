@@ -11,8 +11,8 @@ struct Registry {
   std::map<std::string, int64_t> open;
 };
 Registry& registry() {
-  static Registry* instance = new Registry();  // never destroyed: used until the process ends
-  return *instance;
+  static Registry instance;
+  return instance;
 }
 }  // namespace
 
