@@ -73,7 +73,7 @@ int OrvexDaemon::run() {
   ORVTracingSetup(*userDefaults);
   registerDefaults(*userDefaults);
 
-  assembly_ = std::make_shared<Assembly>(pool, std::make_shared<SystemClock>(*pool));
+  assembly_ = std::make_shared<Assembly>(pool, std::make_shared<SystemClock>());
   assembly_->userDefaults = userDefaults;
   assembly_->fileManager = fileManager;
   assembly_->notificationCenter = std::make_shared<NotificationCenter>();

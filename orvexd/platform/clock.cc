@@ -1,62 +1,90 @@
 #include "orvexd/platform/clock.h"
 
+#include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
-#include <asio/strand.hpp>
-
-#include "orvexd/platform/worker_pool.h"
+#include <optional>
+#include <thread>
+#include <unordered_map>
 
 namespace orvex {
 
+namespace {
+struct SystemTimerState;
+}
+
+// Everything below `io` is touched only on the timer thread.
 struct SystemClock::Impl {
-  explicit Impl(WorkerPool& pool) : strand(asio::make_strand(pool.ioContext())) {}
-  // Timers are created and started on one strand so that no two threads touch asio's timer
-  // service for the same timer at once.
-  asio::strand<asio::io_context::executor_type> strand;
+  asio::io_context io;
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard;
+  std::thread thread;
+  std::unordered_map<const SystemTimerState*, std::shared_ptr<SystemTimerState>> live;
 };
 
-SystemClock::SystemClock(WorkerPool& pool) : impl_(std::make_unique<Impl>(pool)) {}
-SystemClock::~SystemClock() = default;
+namespace {
+
+struct SystemTimerState final : TimerHandle::State, std::enable_shared_from_this<SystemTimerState> {
+  explicit SystemTimerState(std::weak_ptr<SystemClock::Impl> c) : clock(std::move(c)) {}
+
+  void release() override {
+    auto impl = clock.lock();
+    if (!impl) return;
+    asio::post(impl->io, [self = weak_from_this()] {
+      if (auto state = self.lock(); state && state->timer) state->timer->cancel();
+    });
+  }
+
+  std::weak_ptr<SystemClock::Impl> clock;
+  std::unique_ptr<asio::steady_timer> timer;  // timer thread only
+};
+
+}  // namespace
+
+SystemClock::SystemClock() : impl_(std::make_shared<Impl>()) {
+  impl_->guard.emplace(asio::make_work_guard(impl_->io));
+  impl_->thread = std::thread([impl = impl_.get()] { impl->io.run(); });
+}
+
+SystemClock::~SystemClock() {
+  asio::post(impl_->io, [impl = impl_.get()] {
+    for (auto& [key, state] : impl->live) {
+      state->cancelled.store(true);
+      if (state->timer) state->timer->cancel();
+    }
+  });
+  impl_->guard.reset();
+  impl_->thread.join();  // returns once every cancelled wait has completed
+}
 
 WallTime SystemClock::wallNow() const { return std::chrono::system_clock::now(); }
 
 MonotonicTime SystemClock::monotonicNow() const { return std::chrono::steady_clock::now(); }
 
-namespace {
-
-// A firing on the clock's strand. The asio timer is touched only on the strand.
-struct SystemTimerState final : TimerHandle::State {
-  explicit SystemTimerState(asio::strand<asio::io_context::executor_type> s)
-      : strand(std::move(s)) {}
-  void release() override {
-    asio::post(strand, [self = weak_from_this()] {
-      if (auto state = self.lock(); state && state->timer) state->timer->cancel();
-    });
-  }
-  std::weak_ptr<SystemTimerState> weak_from_this() { return self; }
-
-  asio::strand<asio::io_context::executor_type> strand;
-  std::unique_ptr<asio::steady_timer> timer;  // strand only
-  std::weak_ptr<SystemTimerState> self;
-};
-
-}  // namespace
-
 TimerHandle SystemClock::scheduleAfter(Duration delay, std::function<void()> fire) {
-  auto state = std::make_shared<SystemTimerState>(impl_->strand);
-  state->self = state;
-  const auto deadline = std::chrono::steady_clock::now() + delay;
-  asio::post(impl_->strand, [state, deadline, fire = std::move(fire)]() mutable {
+  auto state = std::make_shared<SystemTimerState>(impl_);
+  const auto deadline = deadlineAfter(std::chrono::steady_clock::now(), delay);
+  asio::post(impl_->io, [impl = impl_.get(), state, deadline, fire = std::move(fire)]() mutable {
     if (state->cancelled.load()) return;
-    state->timer = std::make_unique<asio::steady_timer>(state->strand, deadline);
-    // The handler keeps the state (and so the timer) alive until it has run.
-    state->timer->async_wait([state, fire = std::move(fire)](const std::error_code& error) {
-      if (!error && !state->cancelled.load()) fire();
-      state->timer.reset();
-    });
+    impl->live.emplace(state.get(), state);
+    state->timer = std::make_unique<asio::steady_timer>(impl->io, deadline);
+    state->timer->async_wait(
+        [impl, key = state.get(), fire = std::move(fire)](const std::error_code& error) {
+          auto found = impl->live.find(key);
+          if (found == impl->live.end()) return;
+          auto done = std::move(found->second);
+          impl->live.erase(found);
+          if (!error && !done->cancelled.load()) fire();
+          done->timer.reset();
+        });
   });
   return TimerHandle(std::move(state));
+}
+
+MonotonicTime deadlineAfter(MonotonicTime from, Duration delay) {
+  if (delay > Duration::zero() && from > MonotonicTime::max() - delay) return MonotonicTime::max();
+  if (delay < Duration::zero() && from < MonotonicTime::min() - delay) return MonotonicTime::min();
+  return from + delay;
 }
 
 double millisecondsBetween(MonotonicTime start, MonotonicTime end) {

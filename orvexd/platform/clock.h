@@ -13,8 +13,6 @@
 
 namespace orvex {
 
-class WorkerPool;
-
 using WallTime = std::chrono::system_clock::time_point;
 using MonotonicTime = std::chrono::steady_clock::time_point;
 using Duration = std::chrono::nanoseconds;
@@ -55,20 +53,27 @@ class Clock {
   virtual TimerHandle scheduleAfter(Duration delay, std::function<void()> fire) = 0;
 };
 
-// Real time: the system clocks and asio timers on the worker pool.
+// Real time: the system clocks, and asio timers on a thread of the clock's own, so that firings
+// (and the time-outs of blocked workers) never wait for a free worker.
 class SystemClock final : public Clock {
  public:
-  explicit SystemClock(WorkerPool& pool);
+  SystemClock();
+  // Withdraws the firings still pending.
   ~SystemClock() override;
 
   WallTime wallNow() const override;
   MonotonicTime monotonicNow() const override;
   TimerHandle scheduleAfter(Duration delay, std::function<void()> fire) override;
 
+  struct Impl;  // the timer thread and its firings, shared with their handles
+
  private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;
 };
+
+// `from` + `delay`, saturated at the ends of the clock's range (so Duration::max() means
+// "never").
+MonotonicTime deadlineAfter(MonotonicTime from, Duration delay);
 
 // Milliseconds of monotonic time between two instants, never negative.
 double millisecondsBetween(MonotonicTime start, MonotonicTime end);

@@ -23,7 +23,7 @@ class ClockWaiters {
   bool wait(std::unique_lock<std::mutex>& lock, Clock& clock, std::optional<Duration> timeout) {
     if (timeout && *timeout <= Duration::zero()) return false;
     auto waiter = std::make_shared<Waiter>();
-    waiter->pool = WorkerPool::current();
+    waiter->pool = WorkerPool::currentCounted();
     waiters_.push_back(waiter);
     TimerHandle timer;
     if (timeout) {

@@ -87,7 +87,10 @@ void NotificationCenter::post(std::string_view name, const void* sender,
   }
   const Notification notification{std::string(name), sender, std::move(userInfo)};
   for (const auto& entry : matching) {
-    std::shared_lock lock(entry->calling);
+    // A post nested inside this observer's own call must not take its lock a second time.
+    const bool nested = std::find(tCalling.begin(), tCalling.end(), entry.get()) != tCalling.end();
+    std::shared_lock<std::shared_mutex> lock;
+    if (!nested) lock = std::shared_lock(entry->calling);
     if (entry->removed) continue;
     tCalling.push_back(entry.get());
     entry->observer(notification);

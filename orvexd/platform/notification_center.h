@@ -4,7 +4,8 @@
 // Observers run synchronously on the posting thread, in the order they were added; an observer
 // that needs its component's queue hops onto it. An observer may be removed at any time, also
 // from inside a notification; once its token is destroyed it is not called again (a call already
-// under way on another thread finishes).
+// under way on another thread finishes first, so two observers on two threads must not remove
+// each other from inside their calls).
 #pragma once
 
 #include <any>

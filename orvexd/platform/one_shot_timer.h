@@ -6,7 +6,7 @@
 // from an earlier arm, after cancel(), or after the owner has gone — does nothing, even when
 // the underlying clock could not withdraw it in time.
 //
-// arm() and cancel() must be called on the timer's queue; the job runs there.
+// arm(), cancel() and the destructor must run on the timer's queue; the job runs there.
 #pragma once
 
 #include <cstdint>

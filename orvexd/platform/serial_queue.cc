@@ -17,7 +17,9 @@ struct SerialQueue::Impl {
       : label(std::move(l)), pool(p), clock(c), strand(asio::make_strand(p.ioContext())) {}
 
   void post(Job job) {
-    asio::post(strand, [token = WorkerPool::WorkToken(pool), job = std::move(job)] { job(); });
+    asio::post(strand, [token = WorkerPool::WorkToken(pool), job = std::move(job)] {
+      WorkerPool::runCounted(job);
+    });
   }
 
   const std::string label;
@@ -59,9 +61,16 @@ bool SerialQueue::sync(const Job& job) const {
 
 TimerHandle SerialQueue::after(Duration delay, Job job) const {
   std::weak_ptr<Impl> weak = impl_;
-  return impl_->clock.scheduleAfter(delay, [weak, job = std::move(job)] {
-    if (auto queue = weak.lock()) queue->post(job);
+  return impl_->clock.scheduleAfter(delay, [weak, job = std::move(job)]() mutable {
+    if (auto queue = weak.lock()) queue->post(std::move(job));
   });
+}
+
+std::function<void(SerialQueue::Job)> SerialQueue::weakPoster() const {
+  std::weak_ptr<Impl> weak = impl_;
+  return [weak](Job job) {
+    if (auto queue = weak.lock()) queue->post(std::move(job));
+  };
 }
 
 bool SerialQueue::isCurrent() const { return impl_->strand.running_in_this_thread(); }

@@ -42,6 +42,9 @@ class SerialQueue {
   [[nodiscard]] bool sync(const Job& job) const;
   TimerHandle after(Duration delay, Job job) const;
   bool isCurrent() const;
+  // Posts to this queue for as long as it exists, and does nothing afterwards; for holders that
+  // may outlive the queue.
+  std::function<void(Job)> weakPoster() const;
 
   // Runs `fn` on the queue and returns its result, or nothing if sync() refused.
   template <typename F>

@@ -6,6 +6,7 @@
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
 #include <asio/read.hpp>
+#include <asio/strand.hpp>
 #include <cerrno>
 #include <csignal>
 #include <system_error>
@@ -24,7 +25,7 @@ struct SignalSource::Impl : std::enable_shared_from_this<Impl> {
                      [weak = weak_from_this()](const std::error_code& error, std::size_t) {
                        auto self = weak.lock();
                        if (!self || error) return;
-                       self->handler();
+                       WorkerPool::runCounted(self->handler);
                        self->readNext();
                      });
   }
@@ -48,9 +49,12 @@ SignalSource::SignalSource(WorkerPool& pool, int signal, std::function<void()> h
   sigaddset(&set, signal);
   const int fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
   if (fd < 0) {
+    // Without the source the signal would stay blocked for ever; let its default action end
+    // the process instead.
     OrvexLogForCategory(kOrvexLogGeneral)
         .error("cannot watch signal %d: %@", signal,
                std::error_code(errno, std::system_category()).message());
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     return;
   }
   impl_->descriptor.assign(fd);

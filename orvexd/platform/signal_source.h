@@ -25,7 +25,8 @@ class SignalSource {
   SignalSource(const SignalSource&) = delete;
   SignalSource& operator=(const SignalSource&) = delete;
 
-  // False when the signalfd could not be created (the reason is logged).
+  // False when the signalfd could not be created (the reason is logged, and the signal is
+  // unblocked in the calling thread so that its default action applies).
   bool isValid() const;
 
  private:

@@ -8,12 +8,9 @@
 // sleeping.
 #pragma once
 
-#include <cstdint>
 #include <functional>
-#include <map>
-#include <mutex>
+#include <memory>
 #include <optional>
-#include <utility>
 
 #include "orvexd/platform/clock.h"
 
@@ -42,19 +39,12 @@ class VirtualClock final : public Clock {
   std::size_t pendingTimers() const;
   std::optional<MonotonicTime> nextDeadline() const;
 
+  struct Core;  // the clock's state, shared with the handles of its firings
+
  private:
-  struct Entry {
-    std::function<void()> fire;
-    std::shared_ptr<TimerHandle::State> state;
-  };
   void settle();
 
-  mutable std::mutex mutex_;  // guards everything below
-  WallTime wall_;
-  MonotonicTime monotonic_;
-  std::multimap<std::pair<MonotonicTime, uint64_t>, Entry> timers_;
-  uint64_t sequence_ = 0;
-  std::function<void()> settle_;
+  std::shared_ptr<Core> core_;
 };
 
 }  // namespace orvex

@@ -24,7 +24,7 @@ void WaitGroup::leave() {
     waiters_.wakeAll();
     ready.swap(notifications_);
   }
-  for (auto& pending : ready) pending.queue->async(std::move(pending.job));
+  for (auto& pending : ready) pending.post(std::move(pending.job));
 }
 
 bool WaitGroup::wait(Duration timeout) {
@@ -37,7 +37,7 @@ void WaitGroup::notify(const SerialQueue& queue, std::function<void()> job) {
   {
     std::lock_guard lock(mutex_);
     if (outstanding_ > 0) {
-      notifications_.push_back({&queue, std::move(job)});
+      notifications_.push_back({queue.weakPoster(), std::move(job)});
       return;
     }
   }

@@ -1,8 +1,9 @@
 // A group of outstanding pieces of work: enter() before each starts, leave() when it ends.
 //
 // wait() blocks until the group is empty or the deadline passes on the daemon's clock. notify()
-// runs a job on a queue once the group is empty (at once if it already is). Blocked worker
-// threads do not count as busy, as for CountingSemaphore.
+// runs a job on a queue once the group is empty (at once if it already is); a queue destroyed
+// meanwhile simply does not run it. Blocked worker threads do not count as busy, as for
+// CountingSemaphore.
 #pragma once
 
 #include <condition_variable>
@@ -36,7 +37,7 @@ class WaitGroup {
   int64_t outstanding_ = 0;
   ClockWaiters waiters_;
   struct Pending {
-    const SerialQueue* queue;
+    std::function<void(SerialQueue::Job)> post;  // holds the queue weakly
     std::function<void()> job;
   };
   std::vector<Pending> notifications_;

@@ -5,6 +5,8 @@
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -14,7 +16,9 @@ namespace orvex {
 
 namespace {
 thread_local WorkerPool* tCurrentPool = nullptr;
-}
+// How many counted jobs the calling thread is inside of (a job may run another inline).
+thread_local int tCountedDepth = 0;
+}  // namespace
 
 struct WorkerPool::Impl {
   // Declared first so that they outlive the io_context: abandoned handlers release their work
@@ -23,30 +27,37 @@ struct WorkerPool::Impl {
   std::condition_variable idle;
   std::size_t busy = 0;
 
-  asio::io_context io;
+  std::optional<asio::io_context> io;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard;
   std::vector<std::thread> threads;
 };
 
 WorkerPool::WorkerPool(std::size_t threads) : impl_(std::make_unique<Impl>()) {
-  impl_->guard.emplace(asio::make_work_guard(impl_->io));
+  impl_->io.emplace();
+  impl_->guard.emplace(asio::make_work_guard(*impl_->io));
   const std::size_t count = std::max<std::size_t>(threads, 1);
   impl_->threads.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     impl_->threads.emplace_back([this] {
       tCurrentPool = this;
-      impl_->io.run();
+      impl_->io->run();
       tCurrentPool = nullptr;
     });
   }
 }
 
 WorkerPool::~WorkerPool() {
+  if (isPoolThread()) {
+    std::fputs("a WorkerPool cannot be destroyed by one of its own jobs\n", stderr);
+    std::abort();
+  }
   impl_->guard.reset();
-  impl_->io.stop();
+  impl_->io->stop();
   for (auto& thread : impl_->threads) {
     if (thread.joinable()) thread.join();
   }
+  // Abandoned handlers release their work tokens here, while the pool is still whole.
+  impl_->io.reset();
 }
 
 std::size_t WorkerPool::defaultThreadCount() {
@@ -56,8 +67,16 @@ std::size_t WorkerPool::defaultThreadCount() {
 }
 
 void WorkerPool::post(Job job) {
-  asio::post(impl_->io, [token = WorkToken(*this), job = std::move(job)] { job(); });
+  asio::post(*impl_->io, [token = WorkToken(*this), job = std::move(job)] { runCounted(job); });
 }
+
+void WorkerPool::runCounted(const Job& job) {
+  ++tCountedDepth;
+  job();
+  --tCountedDepth;
+}
+
+WorkerPool* WorkerPool::currentCounted() { return tCountedDepth > 0 ? tCurrentPool : nullptr; }
 
 std::size_t WorkerPool::threadCount() const { return impl_->threads.size(); }
 
@@ -65,7 +84,7 @@ bool WorkerPool::isPoolThread() const { return tCurrentPool == this; }
 
 WorkerPool* WorkerPool::current() { return tCurrentPool; }
 
-asio::io_context& WorkerPool::ioContext() { return impl_->io; }
+asio::io_context& WorkerPool::ioContext() { return *impl_->io; }
 
 void WorkerPool::beginWork() {
   std::lock_guard lock(impl_->mutex);

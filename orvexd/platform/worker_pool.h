@@ -22,7 +22,8 @@ class WorkerPool {
 
   // Starts `threads` worker threads (at least one).
   explicit WorkerPool(std::size_t threads);
-  // Stops accepting jobs, abandons queued ones and joins the threads.
+  // Stops accepting jobs, abandons queued ones and joins the threads. Must not be called from one
+  // of the pool's own jobs.
   ~WorkerPool();
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
@@ -38,13 +39,18 @@ class WorkerPool {
   bool isPoolThread() const;
   // The pool the calling thread works for, if any.
   static WorkerPool* current();
+  // The pool whose counted job the calling thread is running, if any.
+  static WorkerPool* currentCounted();
+  // Runs `job` on the calling worker thread as part of a counted job (used by the queues).
+  static void runCounted(const Job& job);
 
   // Blocks until no counted job is queued or running (parked threads do not count).
   void waitUntilIdle();
 
   // Blocking primitives (CountingSemaphore, WaitGroup) take a worker out of the busy count while
   // it blocks, and whoever wakes it puts it back before waking it, so that waitUntilIdle never
-  // mistakes a thread that is about to run for an idle one. Both are no-ops for a null pool.
+  // mistakes a thread that is about to run for an idle one. Only a thread inside a counted job
+  // (currentCounted()) is taken out. Both are no-ops for a null pool.
   static void suspendWork(WorkerPool* pool);
   static void resumeWork(WorkerPool* pool);
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <latch>
 #include <thread>
 #include <vector>
@@ -136,6 +137,77 @@ TEST(ProcessTransaction, CountsOpenTransactionsByNameAcrossMoves) {
   }
   EXPECT_EQ(ProcessTransaction::openCount(), before);
   EXPECT_EQ(ProcessTransaction::openTransactions().count("imageFetch"), 0u);
+}
+
+}  // namespace
+}  // namespace orvex
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+
+// With the real clock, a time-out must fire even when every worker is blocked waiting for one.
+TEST(CountingSemaphore, TimesOutOnTheSystemClockWhenEveryWorkerWaits) {
+  WorkerPool pool(1);
+  SystemClock clock;
+  CountingSemaphore semaphore(clock);
+  std::promise<bool> outcome;
+  pool.post([&] { outcome.set_value(semaphore.wait(30ms)); });
+  auto result = outcome.get_future();
+  ASSERT_EQ(result.wait_for(10s), std::future_status::ready);
+  EXPECT_FALSE(result.get());
+
+  std::promise<bool> woken;
+  pool.post([&] { woken.set_value(semaphore.wait(10s)); });
+  std::this_thread::sleep_for(5ms);
+  semaphore.signal();
+  auto wokenResult = woken.get_future();
+  ASSERT_EQ(wokenResult.wait_for(10s), std::future_status::ready);
+  EXPECT_TRUE(wokenResult.get());
+}
+
+// Things that go away before the work that refers to them: a woken semaphore whose stale
+// time-out fires later, a queue that a wait group was to notify, a pool with jobs still queued.
+TEST(SyncPrimitives, TeardownBeforeLateFiringsIsHarmless) {
+  testing::VirtualPlatform platform;
+  {
+    auto semaphore = std::make_unique<CountingSemaphore>(*platform.clock);
+    std::atomic<int> outcome{-1};
+    platform.pool->post([&] { outcome = semaphore->wait(1min) ? 1 : 0; });
+    while (platform.clock->pendingTimers() == 0) std::this_thread::yield();
+    semaphore->signal();
+    platform.settle();
+    EXPECT_EQ(outcome, 1);
+    semaphore.reset();
+    platform.advance(2min);  // the cancelled time-out must not touch the semaphore
+  }
+  {
+    WaitGroup group(*platform.clock);
+    bool ran = false;
+    group.enter();
+    {
+      SerialQueue queue("com.zelmor.orvexd.gone", *platform.pool, *platform.clock);
+      group.notify(queue, [&] { ran = true; });
+    }
+    group.leave();
+    platform.settle();
+    EXPECT_FALSE(ran);
+  }
+  {
+    std::atomic<int> ran{0};  // outlives the pool, whose running job may still touch it
+    WorkerPool pool(1);
+    SerialQueue queue("com.zelmor.orvexd.abandoned", pool, *platform.clock);
+    for (int i = 0; i < 100; ++i) {
+      queue.async([&] {
+        std::this_thread::sleep_for(1ms);
+        ++ran;
+      });
+      pool.post([&] { ++ran; });
+    }
+    queue.after(1h, [&] { ++ran; });
+  }  // the pool goes with jobs queued and a timer pending
+  platform.advance(2h);
 }
 
 }  // namespace
