@@ -55,6 +55,11 @@ int main(int argc, char** argv) {
     orvex::testing::ChildProcess process({ORVEXD_BINARY}, environment, dir / "daemon.log");
     bool owned = false;
     while (!owned) {
+      if (Clock::now() - start > std::chrono::seconds(10)) {
+        std::fprintf(stderr, "orvexd did not own its name within 10 s; see %s\n",
+                     (dir / "daemon.log").c_str());
+        return 1;
+      }
       dbus->callMethod("NameHasOwner")
           .onInterface("org.freedesktop.DBus")
           .withArguments(std::string("com.zelmor.orvexd"))

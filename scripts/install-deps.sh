@@ -5,13 +5,11 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config
-  libsdbus-c++-dev libsdbus-c++-bin libasio-dev libspdlog-dev libfmt-dev libsystemd-dev
-  systemtap-sdt-dev libplist-dev libssl-dev zlib1g-dev uuid-dev libicu-dev libcld2-dev
-  libcurl4-openssl-dev nlohmann-json3-dev libsqlite3-dev libcpp-httplib-dev
-  dbus-daemon systemd binutils
+  libsdbus-c++-dev libasio-dev libspdlog-dev libfmt-dev libsystemd-dev systemtap-sdt-dev
+  libplist-dev dbus-daemon systemd
 )
 if [[ "${1:-build}" == test ]]; then
-  packages+=(libgtest-dev libgmock-dev libbenchmark-dev clang-14 libclang-rt-14-dev)
+  packages+=(libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils)
 fi
 
 missing=()
