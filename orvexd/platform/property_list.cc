@@ -206,11 +206,24 @@ std::optional<PlistDate> dateFromReferenceSeconds(double seconds) {
 // libplist parses binary documents recursively and expands every reference into a copy of
 // the object it names, so the structure is checked here first: offsets and lengths inside the
 // document, nesting no deeper than kPlistMaxDepth, and no container reachable twice (which
-// also rules out cycles). Each container is then expanded once, so libplist's work is bounded
-// by the size of the document.
+// also rules out cycles). Each container is then expanded once, so libplist builds at most one
+// node per reference, and every reference takes at least a byte of the document.
+//
+// The payload of a leaf is copied once per reference, though, and that is not bounded by the
+// size of the document: a 20 KB data object named 20,000 times from a 40 KB document would
+// become 400 MB. Writers share equal keys and equal values, so a short leaf named from
+// thousands of places is normal (thousands of dictionaries with the same few keys); a copy of
+// up to kFreeLeafCopy bytes is no larger than the node libplist builds for the reference anyway
+// (about 96 bytes), and is not counted. What the references copy beyond that is added up, and
+// the document is refused once the total passes kCopyBudgetFactor times its size plus
+// kCopyBudgetSlack. A long leaf named once is always within that; so, with room to spare, are a
+// few long leaves shared by a handful of places.
 
 constexpr std::size_t kBinaryHeaderSize = 8;
 constexpr std::size_t kBinaryTrailerSize = 32;
+constexpr std::uint64_t kFreeLeafCopy = 64;
+constexpr std::uint64_t kCopyBudgetFactor = 8;
+constexpr std::uint64_t kCopyBudgetSlack = std::uint64_t{1} << 20;
 
 struct BinaryTrailer {
   unsigned offsetSize = 0;
@@ -385,8 +398,38 @@ std::optional<BinaryObject> readBinaryObject(std::span<const std::uint8_t> bytes
   return object;
 }
 
+// The bytes libplist 2.2 allocates for the payload of one copy of a leaf: data as it is,
+// strings with a terminator, and UTF-16 strings converted to UTF-8 in a buffer of three bytes
+// per unit. Other leaves have a payload of at most 16 bytes.
+std::uint64_t leafCopySize(const BinaryObject& object) {
+  switch (object.type) {
+    case kBinaryData:
+      return object.count;
+    case kBinaryAsciiString:
+      return object.count + 1;
+    case kBinaryUtf16String:
+      return 3 * object.count + 1;
+    default:
+      return 0;
+  }
+}
+
 bool checkBinaryStructure(std::span<const std::uint8_t> bytes, const BinaryTrailer& trailer,
                           std::string& why) {
+  // The document is at most 4 GiB and a leaf copy at most three times that, so neither the
+  // budget nor the total (checked after every addition) can overflow.
+  const std::uint64_t copyBudget = kCopyBudgetFactor * bytes.size() + kCopyBudgetSlack;
+  std::uint64_t copied = 0;
+  const auto chargeCopy = [&](const BinaryObject& leaf) {
+    const std::uint64_t size = leafCopySize(leaf);
+    if (size > kFreeLeafCopy) copied += size - kFreeLeafCopy;
+    if (copied <= copyBudget) return true;
+    why =
+        "the binary property list names long strings or data from too many places (reading "
+        "it would copy more than " +
+        std::to_string(copyBudget) + " bytes)";
+    return false;
+  };
   std::vector<bool> expanded(trailer.objectCount, false);
   struct Pending {
     std::uint64_t index;
@@ -398,7 +441,10 @@ bool checkBinaryStructure(std::span<const std::uint8_t> bytes, const BinaryTrail
     pending.pop_back();
     const auto object = readBinaryObject(bytes, trailer, current.index, why);
     if (!object) return false;
-    if (object->type != kBinaryArray && object->type != kBinaryDictionary) continue;
+    if (object->type != kBinaryArray && object->type != kBinaryDictionary) {
+      if (!chargeCopy(*object)) return false;
+      continue;
+    }
     if (expanded[current.index]) {
       why = "the binary property list reaches one container from two places";
       return false;
@@ -424,6 +470,7 @@ bool checkBinaryStructure(std::span<const std::uint8_t> bytes, const BinaryTrail
           why = "the binary property list has a dictionary key that is not a string";
           return false;
         }
+        if (!chargeCopy(*key)) return false;
       } else {
         pending.push_back({child, current.depth + 1});
       }

@@ -26,7 +26,9 @@
 // Strings are UTF-8 without NUL characters; others are rejected when written, because
 // neither format can hold them faithfully. Documents nested deeper than kPlistMaxDepth are
 // rejected (they would exhaust the stack of the readers), and so are binary documents that
-// share a container between two parents (their expansion could be exponential).
+// share a container between two parents (their expansion could be exponential) or that name
+// long strings or data from so many places that expanding them would copy more than eight
+// times the size of the document (plus 1 MiB). Short shared keys and values are not limited.
 #pragma once
 
 #include <plist/plist.h>

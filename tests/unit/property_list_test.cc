@@ -335,6 +335,71 @@ TEST(PropertyList, RejectsMalformedBinaryWithoutCrashing) {
   }
 }
 
+// An object of a counted type (data 0x4, ASCII 0x5, UTF-16 0x6) with a two-byte count.
+std::vector<std::uint8_t> counted(std::uint8_t type, std::uint16_t count, std::uint8_t fill) {
+  std::vector<std::uint8_t> out{static_cast<std::uint8_t>(type << 4 | 0x0F), 0x11,
+                                static_cast<std::uint8_t>(count >> 8),
+                                static_cast<std::uint8_t>(count)};
+  out.insert(out.end(), type == 0x6 ? 2 * std::size_t{count} : count, fill);
+  return out;
+}
+
+TEST(PropertyList, RefusesBinaryDocumentsThatNameALongLeafFromManyPlaces) {
+  constexpr std::uint32_t kReferences = 20000;
+  constexpr std::uint16_t kLeafSize = 20000;
+  const std::vector<std::uint32_t> toLeaf(kReferences, 1);
+  // An array of dictionaries that all use one long key.
+  std::vector<std::uint32_t> dictionaries(kReferences);
+  for (std::uint32_t i = 0; i < kReferences; ++i) dictionaries[i] = 3 + i;
+  std::vector<std::vector<std::uint8_t>> keyed{
+      container(0xA, dictionaries), counted(0x5, kLeafSize, 'k'), {0x09}};
+  keyed.insert(keyed.end(), kReferences, container(0xD, {1, 2}));
+  const std::pair<const char*, std::vector<std::uint8_t>> amplified[] = {
+      {"data", binaryDocument({container(0xA, toLeaf), counted(0x4, kLeafSize, 0xAB)})},
+      {"UTF-16 string", binaryDocument({container(0xA, toLeaf), counted(0x6, kLeafSize, 'u')})},
+      {"dictionary key", binaryDocument(keyed)},
+  };
+  const auto start = std::chrono::steady_clock::now();
+  for (const auto& [what, bytes] : amplified) {
+    std::string error;
+    EXPECT_EQ(parsePropertyList(bytes, &error), std::nullopt) << what;
+    EXPECT_NE(error.find("from too many places"), std::string::npos) << what << ": " << error;
+  }
+  // Refused while checking the structure, long before libplist would have copied gigabytes.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+
+  // The same long leaf named from a handful of places is fine.
+  const auto few = parsePropertyList(
+      binaryDocument({container(0xA, {1, 1, 1, 1}), counted(0x4, kLeafSize, 0xAB)}));
+  ASSERT_TRUE(few);
+  ASSERT_EQ(few->asArray()->size(), 4u);
+  EXPECT_EQ(few->asArray()->at(3).asData()->size(), kLeafSize);
+}
+
+TEST(PropertyList, ReadsBinaryDocumentsThatShareKeysAndValues) {
+  // Writers store equal keys and equal values once, so these dictionaries share everything but
+  // their index, and the document is far smaller than what it expands to.
+  PlistDictionary entry{
+      {"enabled", true}, {"kind", "default"}, {"description", std::string(200, 's')}};
+  entry["com.zelmor.orvexd.indexing.excludedDirectoriesForRemovableMedia"] = PlistArray{"a", "b"};
+  PlistArray items;
+  for (int i = 0; i < 10000; ++i) {
+    entry["index"] = i;
+    items.emplace_back(entry);
+  }
+  // A long non-ASCII string (written as UTF-16) and long data, each named once.
+  items.push_back(std::string(300000, 'x') + "\u00e9");
+  items.push_back(PlistData(1 << 20, 0x5A));
+  const PlistValue value(std::move(items));
+  const auto bytes = serializePropertyList(value, PlistFormat::kBinary);
+  ASSERT_FALSE(bytes.empty());
+  EXPECT_LT(bytes.size(), 600000 + (1 << 20) + 10000 * 64) << "the keys are not shared";
+  std::string error;
+  const auto parsed = parsePropertyList(bytes, &error);
+  ASSERT_TRUE(parsed) << error;
+  EXPECT_EQ(*parsed, value);
+}
+
 TEST(PropertyList, SurvivesEveryTruncationAndRandomCorruption) {
   const auto valid = serializePropertyList(PlistValue(sampleDictionary()), PlistFormat::kBinary);
   const auto xml = serializePropertyList(PlistValue(sampleDictionary()), PlistFormat::kXml);
