@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "orvexd/core/orvex_logging.h"
@@ -76,7 +79,28 @@ std::error_code writeAll(int fd, std::span<const std::uint8_t> bytes) {
   return {};
 }
 
+class FileManagerCategory final : public std::error_category {
+ public:
+  const char* name() const noexcept override { return "orvex.file"; }
+  std::string message(int value) const override {
+    switch (static_cast<FileManagerError>(value)) {
+      case FileManagerError::kNotRegularFile:
+        return "not a regular file";
+    }
+    return "unknown file error";
+  }
+};
+
 }  // namespace
+
+const std::error_category& fileManagerCategory() {
+  static const FileManagerCategory category;
+  return category;
+}
+
+std::error_code make_error_code(FileManagerError error) {
+  return std::error_code(static_cast<int>(error), fileManagerCategory());
+}
 
 DirectoryEnvironment DirectoryEnvironment::fromProcess() {
   DirectoryEnvironment environment{environmentValue("HOME"), environmentValue("XDG_CACHE_HOME"),
@@ -180,7 +204,8 @@ std::optional<std::vector<std::uint8_t>> FileManager::readFile(const std::filesy
                                                                std::error_code& error,
                                                                std::size_t maxSize) const {
   error.clear();
-  UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  // Without O_NONBLOCK, opening a FIFO waits for a writer, possibly forever.
+  UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd.valid()) {
     error = lastError();
     return std::nullopt;
@@ -195,32 +220,55 @@ std::optional<std::vector<std::uint8_t>> FileManager::readFile(const std::filesy
     return std::nullopt;
   }
   if (!S_ISREG(info.st_mode)) {
-    error = std::make_error_code(std::errc::invalid_argument);
+    error = make_error_code(FileManagerError::kNotRegularFile);
+    return std::nullopt;
+  }
+  // Some file systems honour O_NONBLOCK on regular files too (EAGAIN under a lease or a
+  // mandatory lock), so the reads below go back to waiting.
+  const int flags = ::fcntl(fd.get(), F_GETFL);
+  if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    error = lastError();
     return std::nullopt;
   }
   if (static_cast<std::uintmax_t>(info.st_size) > maxSize) {
     error = std::make_error_code(std::errc::file_too_large);
     return std::nullopt;
   }
-  // The file may grow while it is read; reading stops one byte past the limit.
-  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(info.st_size));
+  // The file may grow while it is read; reading stops one byte past the limit, which a limit
+  // of SIZE_MAX cannot go beyond.
+  const std::size_t capacity = maxSize == SIZE_MAX ? maxSize : maxSize + 1;
+  std::vector<std::uint8_t> bytes;
   std::size_t used = 0;
-  while (true) {
-    if (used == bytes.size()) {
-      if (bytes.size() > maxSize) {
-        error = std::make_error_code(std::errc::file_too_large);
+  try {
+    bytes.resize(static_cast<std::size_t>(info.st_size));
+    while (true) {
+      if (used == bytes.size()) {
+        if (bytes.size() > maxSize) {
+          error = std::make_error_code(std::errc::file_too_large);
+          return std::nullopt;
+        }
+        const std::size_t grown = bytes.size() > capacity / 2 ? capacity : bytes.size() * 2;
+        bytes.resize(std::min(capacity, std::max<std::size_t>(grown, 4096)));
+        if (used == bytes.size()) {  // maxSize is SIZE_MAX and the buffer is full
+          error = std::make_error_code(std::errc::file_too_large);
+          return std::nullopt;
+        }
+      }
+      const ssize_t count = ::read(fd.get(), bytes.data() + used, bytes.size() - used);
+      if (count < 0) {
+        if (errno == EINTR) continue;
+        error = lastError();
         return std::nullopt;
       }
-      bytes.resize(std::min(maxSize + 1, std::max<std::size_t>(bytes.size() * 2, 4096)));
+      if (count == 0) break;
+      used += static_cast<std::size_t>(count);
     }
-    const ssize_t count = ::read(fd.get(), bytes.data() + used, bytes.size() - used);
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      error = lastError();
-      return std::nullopt;
-    }
-    if (count == 0) break;
-    used += static_cast<std::size_t>(count);
+  } catch (const std::bad_alloc&) {
+    error = std::make_error_code(std::errc::not_enough_memory);
+    return std::nullopt;
+  } catch (const std::length_error&) {
+    error = std::make_error_code(std::errc::not_enough_memory);
+    return std::nullopt;
   }
   if (used > maxSize) {
     error = std::make_error_code(std::errc::file_too_large);

@@ -33,6 +33,13 @@ struct DirectoryEnvironment {
   static DirectoryEnvironment fromProcess();
 };
 
+// Failures of FileManager that no errno value names.
+enum class FileManagerError {
+  kNotRegularFile = 1,  // readFile() on a FIFO, socket or device
+};
+const std::error_category& fileManagerCategory();
+std::error_code make_error_code(FileManagerError error);
+
 struct FileAttributes {
   std::uintmax_t size = 0;
   std::chrono::system_clock::time_point modificationDate;
@@ -63,8 +70,10 @@ class FileManager {
                                       std::span<const std::uint8_t> bytes,
                                       mode_t mode = 0600) const;
 
-  // The whole content of a regular file. A file larger than `maxSize` is not read and gives
-  // file_too_large.
+  // The whole content of a regular file (symbolic links are followed). A directory gives
+  // is_a_directory and anything else that is not a regular file (a FIFO, socket or device)
+  // FileManagerError::kNotRegularFile, without waiting for a writer or reading from it. A file
+  // larger than `maxSize` is not read and gives file_too_large.
   std::optional<std::vector<std::uint8_t>> readFile(
       const std::filesystem::path& file, std::error_code& error,
       std::size_t maxSize = kDefaultMaxReadSize) const;
@@ -83,3 +92,6 @@ class FileManager {
 };
 
 }  // namespace orvex
+
+template <>
+struct std::is_error_code_enum<orvex::FileManagerError> : std::true_type {};

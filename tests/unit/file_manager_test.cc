@@ -151,8 +151,38 @@ TEST(FileManager, ReadsWholeFilesUpToTheLimit) {
   EXPECT_EQ(files.readFile(dir / "empty", error), std::vector<std::uint8_t>{});
   EXPECT_EQ(files.readFile(dir / "missing", error), std::nullopt);
   EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+
+  // With no limit at all, and on a file that reports no size and must be read to the end.
+  EXPECT_EQ(files.readFile(file, error, SIZE_MAX), content);
+  const auto arguments = files.readFile("/proc/self/cmdline", error, SIZE_MAX);
+  ASSERT_TRUE(arguments) << error.message();
+  EXPECT_FALSE(arguments->empty());
+  EXPECT_EQ(files.readFile("/proc/self/cmdline", error), arguments);
+  EXPECT_EQ(files.readFile("/proc/self/cmdline", error, 1), std::nullopt);
+  EXPECT_EQ(error, std::errc::file_too_large);
+}
+
+TEST(FileManager, RefusesToReadWhatIsNotARegularFileWithoutWaiting) {
+  testing::TempDir dir;
+  const FileManager files({dir.path().string(), "", "", ""});
+  const auto fifo = dir / "defaults.plist";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  fs::create_symlink(fifo, dir / "link");
+
+  // Opening a FIFO that no process writes to would wait for a writer forever.
+  std::error_code error;
+  for (const auto& path : {fifo, dir / "link"}) {
+    EXPECT_EQ(files.readFile(path, error), std::nullopt) << path;
+    EXPECT_EQ(error, FileManagerError::kNotRegularFile) << path;
+    EXPECT_EQ(error.message(), "not a regular file");
+  }
   EXPECT_EQ(files.readFile(dir.path(), error), std::nullopt);
   EXPECT_EQ(error, std::errc::is_a_directory);
+
+  // A link to a regular file is read; writing replaces the FIFO (and not the link's target).
+  ASSERT_FALSE(files.writeFileAtomically(fifo, bytesOf("<plist/>")));
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(fifo)));
+  EXPECT_EQ(files.readFile(dir / "link", error), bytesOf("<plist/>"));
 }
 
 }  // namespace
