@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <limits>
 
+#include "orvexd/platform/text_util.h"
+
 namespace orvex {
 namespace {
 
@@ -17,21 +19,8 @@ namespace {
 // make one log line allocate without bound.
 constexpr int kMaxFieldSize = 4096;
 
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view kSpace = " \t\n\r\f\v";
-  const size_t first = text.find_first_not_of(kSpace);
-  if (first == std::string_view::npos) return {};
-  const size_t last = text.find_last_not_of(kSpace);
-  return text.substr(first, last - first + 1);
-}
-
 // Converts with saturation: the out-of-range cases of a plain cast are undefined.
-int64_t doubleToSigned(double value) {
-  if (std::isnan(value)) return 0;
-  if (value >= 9223372036854775808.0) return std::numeric_limits<int64_t>::max();
-  if (value < -9223372036854775808.0) return std::numeric_limits<int64_t>::min();
-  return static_cast<int64_t>(value);
-}
+int64_t doubleToSigned(double value) { return saturatingInt64(value); }
 
 uint64_t doubleToUnsigned(double value) {
   if (std::isnan(value)) return 0;
@@ -44,7 +33,7 @@ uint64_t doubleToUnsigned(double value) {
 // The number a string argument spells, if it spells one: a decimal integer (signed, or unsigned
 // beyond the signed range) or a floating-point number. Surrounding white space is allowed.
 std::optional<LogArg> numberInString(std::string_view text) {
-  text = trimmed(text);
+  text = trimWhitespace(text);
   if (!text.empty() && text.front() == '+') text.remove_prefix(1);
   if (text.empty()) return std::nullopt;
   const char* const begin = text.data();
@@ -180,27 +169,6 @@ std::string_view truncated(std::string_view text, int precision) {
   return text.substr(0, cut);
 }
 
-void appendUtf8(std::string& out, uint32_t code_point) {
-  if (code_point > 0x10FFFF || (code_point >= 0xD800 && code_point <= 0xDFFF)) {
-    code_point = 0xFFFD;
-  }
-  if (code_point < 0x80) {
-    out.push_back(static_cast<char>(code_point));
-  } else if (code_point < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | (code_point >> 6)));
-    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
-  } else if (code_point < 0x10000) {
-    out.push_back(static_cast<char>(0xE0 | (code_point >> 12)));
-    out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
-  } else {
-    out.push_back(static_cast<char>(0xF0 | (code_point >> 18)));
-    out.push_back(static_cast<char>(0x80 | ((code_point >> 12) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
-  }
-}
-
 // Builds the printf conversion for snprintf: only the flags that are defined for the
 // conversion, the resolved width and precision, and the given length modifier.
 std::string printfSpec(const Conversion& spec, std::string_view length, char conversion) {
@@ -293,7 +261,7 @@ void appendCharacter(std::string& out, const Conversion& spec, const LogArg& arg
   const bool wide = spec.conversion == 'C' || spec.length == "l";
   const uint64_t value = arg.asUnsigned();
   if (wide) {
-    appendUtf8(text, static_cast<uint32_t>(std::min<uint64_t>(value, 0xFFFFFFFFu)));
+    appendUtf8(text, static_cast<char32_t>(std::min<uint64_t>(value, 0xFFFFFFFFu)));
   } else {
     text.push_back(static_cast<char>(static_cast<unsigned char>(value)));
   }

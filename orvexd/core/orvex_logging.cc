@@ -19,6 +19,8 @@
 #include <mutex>
 #include <vector>
 
+#include "orvexd/platform/text_util.h"
+
 // The sink's own source position says nothing about the record, so none is attached.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
@@ -105,19 +107,6 @@ std::string localTimestamp(spdlog::log_clock::time_point when) {
   std::snprintf(rest, sizeof(rest), ".%03lld%c%02ld:%02ld", static_cast<long long>(millis),
                 offset_minutes < 0 ? '-' : '+', magnitude / 60, magnitude % 60);
   return std::string(date, date_length) + rest;
-}
-
-// Writes all of `text` to `fd`, resuming after signals and short writes. A failure is dropped:
-// there is nowhere left to report it.
-void writeAll(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(fd, text.data(), text.size());
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return;
-    }
-    text.remove_prefix(static_cast<size_t>(written));
-  }
 }
 
 std::string_view payloadOf(const spdlog::details::log_msg& msg) {

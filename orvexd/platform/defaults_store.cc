@@ -9,22 +9,13 @@
 #include <utility>
 
 #include "orvexd/core/orvex_logging.h"
+#include "orvexd/platform/text_util.h"
 
 namespace orvex {
 namespace {
 
 constexpr const char* kFileName = "defaults.plist";
 constexpr const char* kCorruptSuffix = ".corrupt";
-
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) {
-    text.remove_suffix(1);
-  }
-  return text;
-}
 
 template <typename T>
 std::optional<T> parseWhole(std::string_view text) {
@@ -34,19 +25,6 @@ std::optional<T> parseWhole(std::string_view text) {
     return std::nullopt;
   }
   return value;
-}
-
-std::int64_t clampToInt64(double value) {
-  if (std::isnan(value)) return 0;
-  if (value >= 0x1p63) return std::numeric_limits<std::int64_t>::max();
-  if (value < -0x1p63) return std::numeric_limits<std::int64_t>::min();
-  return static_cast<std::int64_t>(value);
-}
-
-std::uint64_t clampToUint64(double value) {
-  if (std::isnan(value) || value <= 0) return 0;
-  if (value >= 0x1p64) return std::numeric_limits<std::uint64_t>::max();
-  return static_cast<std::uint64_t>(value);
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
@@ -131,7 +109,7 @@ bool DefaultsStore::boolForKey(std::string_view key) const {
   if (value->isUnsignedInteger()) return true;
   if (const auto number = value->asDouble()) return *number != 0;
   if (const std::string* text = value->asString()) {
-    const std::string_view word = trimmed(*text);
+    const std::string_view word = trimWhitespace(*text);
     return equalsIgnoringCase(word, "YES") || equalsIgnoringCase(word, "true") || word == "1";
   }
   return false;
@@ -144,11 +122,11 @@ std::int64_t DefaultsStore::integerForKey(std::string_view key) const {
   if (const auto integer = value->asInteger()) return *integer;
   if (value->isUnsignedInteger()) return std::numeric_limits<std::int64_t>::max();
   if (const auto flag = value->asBool()) return *flag ? 1 : 0;
-  if (const auto real = value->asDouble()) return clampToInt64(*real);
+  if (const auto real = value->asDouble()) return saturatingInt64(*real);
   if (const std::string* text = value->asString()) {
-    const std::string_view number = trimmed(*text);
+    const std::string_view number = trimWhitespace(*text);
     if (const auto integer = parseWhole<std::int64_t>(number)) return *integer;
-    if (const auto real = parseWhole<double>(number)) return clampToInt64(*real);
+    if (const auto real = parseWhole<double>(number)) return saturatingInt64(*real);
   }
   return 0;
 }
@@ -160,12 +138,12 @@ std::uint64_t DefaultsStore::unsignedIntegerForKey(std::string_view key) const {
   if (const auto integer = value->asUnsignedInteger()) return *integer;
   if (value->asInteger()) return 0;  // negative
   if (const auto flag = value->asBool()) return *flag ? 1 : 0;
-  if (const auto real = value->asDouble()) return clampToUint64(*real);
+  if (const auto real = value->asDouble()) return saturatingUint64(*real);
   if (const std::string* text = value->asString()) {
-    const std::string_view number = trimmed(*text);
+    const std::string_view number = trimWhitespace(*text);
     if (const auto integer = parseWhole<std::uint64_t>(number)) return *integer;
     if (parseWhole<std::int64_t>(number)) return 0;  // negative
-    if (const auto real = parseWhole<double>(number)) return clampToUint64(*real);
+    if (const auto real = parseWhole<double>(number)) return saturatingUint64(*real);
   }
   return 0;
 }
@@ -177,7 +155,7 @@ double DefaultsStore::doubleForKey(std::string_view key) const {
   if (const auto real = value->asDouble()) return *real;
   if (const auto flag = value->asBool()) return *flag ? 1 : 0;
   if (const std::string* text = value->asString()) {
-    if (const auto real = parseWhole<double>(trimmed(*text))) return *real;
+    if (const auto real = parseWhole<double>(trimWhitespace(*text))) return *real;
   }
   return 0;
 }

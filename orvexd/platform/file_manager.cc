@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "orvexd/core/orvex_logging.h"
+#include "orvexd/platform/text_util.h"
 
 namespace orvex {
 namespace {
@@ -65,18 +66,6 @@ std::string environmentValue(const char* name) {
 std::optional<fs::path> absoluteOrNothing(const std::string& value) {
   if (value.empty() || value.front() != '/') return std::nullopt;
   return fs::path(value);
-}
-
-std::error_code writeAll(int fd, std::span<const std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return lastError();
-    }
-    bytes = bytes.subspan(static_cast<std::size_t>(written));
-  }
-  return {};
 }
 
 class FileManagerCategory final : public std::error_category {

@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "orvexd/core/orvex_logging.h"
+#include "orvexd/platform/text_util.h"
 
 namespace orvex {
 namespace {
@@ -70,24 +71,6 @@ bool isValidUtf8(std::string_view text) {
     i += length;
   }
   return true;
-}
-
-void appendUtf8(char32_t codePoint, std::string& out) {
-  if (codePoint < 0x80) {
-    out += static_cast<char>(codePoint);
-  } else if (codePoint < 0x800) {
-    out += static_cast<char>(0xC0 | (codePoint >> 6));
-    out += static_cast<char>(0x80 | (codePoint & 0x3F));
-  } else if (codePoint < 0x10000) {
-    out += static_cast<char>(0xE0 | (codePoint >> 12));
-    out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (codePoint & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (codePoint >> 18));
-    out += static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (codePoint & 0x3F));
-  }
 }
 
 constexpr char kBase64Alphabet[] =
@@ -1153,7 +1136,7 @@ class XmlPlistReader {
           (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
         return fail("&" + std::string(entity) + "; is not a valid character reference");
       }
-      appendUtf8(codePoint, out);
+      appendUtf8(out, codePoint);
     } else {
       return fail("&" + std::string(entity) + "; is not a known entity");
     }

@@ -1,0 +1,29 @@
+// Small text and number helpers shared by the parsers and formatters.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace orvex {
+
+// `text` without leading and trailing ASCII white space (space, \t, \n, \r, \f, \v).
+std::string_view trimWhitespace(std::string_view text);
+
+// Appends the UTF-8 encoding of `codePoint`; a surrogate or a value past U+10FFFF becomes U+FFFD.
+void appendUtf8(std::string& out, char32_t codePoint);
+
+// Conversions that saturate where a plain cast would be undefined; NaN gives 0. The unsigned
+// form gives 0 for negative values.
+int64_t saturatingInt64(double value);
+uint64_t saturatingUint64(double value);
+
+// Writes all of `bytes` to `fd`, resuming after signals and short writes.
+std::error_code writeAll(int fd, std::span<const uint8_t> bytes);
+inline std::error_code writeAll(int fd, std::string_view text) {
+  return writeAll(fd, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+}
+
+}  // namespace orvex
