@@ -153,12 +153,12 @@ bool isFloatConversion(char c) {
 }
 
 // Pads `text` to the field width with spaces, on the left unless '-' was given.
-void appendPadded(std::string& out, std::string_view text, const Conversion& spec) {
-  const size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+void appendPadded(std::string& out, std::string_view text, const Conversion& directive) {
+  const size_t width = directive.width > 0 ? static_cast<size_t>(directive.width) : 0;
   const size_t padding = text.size() < width ? width - text.size() : 0;
-  if (!spec.left_justify) out.append(padding, ' ');
+  if (!directive.left_justify) out.append(padding, ' ');
   out.append(text);
-  if (spec.left_justify) out.append(padding, ' ');
+  if (directive.left_justify) out.append(padding, ' ');
 }
 
 // Cuts a string at the precision, backing off so that a multi-byte UTF-8 sequence is never split.
@@ -171,9 +171,9 @@ std::string_view truncated(std::string_view text, int precision) {
 
 // Builds the printf conversion for snprintf: only the flags that are defined for the
 // conversion, the resolved width and precision, and the given length modifier.
-std::string printfSpec(const Conversion& spec, std::string_view length, char conversion) {
+std::string printfDirective(const Conversion& directive, std::string_view length, char conversion) {
   std::string out = "%";
-  for (char flag : spec.flags) {
+  for (char flag : directive.flags) {
     const bool allowed =
         flag == '#'
             ? (conversion == 'o' || conversion == 'x' || conversion == 'X' ||
@@ -182,11 +182,11 @@ std::string printfSpec(const Conversion& spec, std::string_view length, char con
                conversion == 'f' || conversion == 'F' || conversion == 'g' || conversion == 'G');
     if (allowed) out.push_back(flag);
   }
-  if (spec.left_justify && out.find('-') == std::string::npos) out.push_back('-');
-  if (spec.width > 0) out += std::to_string(spec.width);
-  if (spec.precision >= 0) {
+  if (directive.left_justify && out.find('-') == std::string::npos) out.push_back('-');
+  if (directive.width > 0) out += std::to_string(directive.width);
+  if (directive.precision >= 0) {
     out.push_back('.');
-    out += std::to_string(spec.precision);
+    out += std::to_string(directive.precision);
   }
   out.append(length);
   out.push_back(conversion);
@@ -194,25 +194,25 @@ std::string printfSpec(const Conversion& spec, std::string_view length, char con
 }
 
 template <typename T>
-void appendPrintf(std::string& out, const std::string& spec, T value) {
+void appendPrintf(std::string& out, const std::string& directive, T value) {
   std::array<char, 128> buffer;
-  const int needed = std::snprintf(buffer.data(), buffer.size(), spec.c_str(), value);
+  const int needed = std::snprintf(buffer.data(), buffer.size(), directive.c_str(), value);
   if (needed < 0) return;
   if (static_cast<size_t>(needed) < buffer.size()) {
     out.append(buffer.data(), static_cast<size_t>(needed));
     return;
   }
   std::string large(static_cast<size_t>(needed) + 1, '\0');
-  std::snprintf(large.data(), large.size(), spec.c_str(), value);
+  std::snprintf(large.data(), large.size(), directive.c_str(), value);
   large.resize(static_cast<size_t>(needed));
   out += large;
 }
 
 // Renders an integer conversion. The value is first narrowed to the type the length modifier
 // names, as printf would read it, and then handed to snprintf as a 64-bit value.
-void appendInteger(std::string& out, const Conversion& spec, const LogArg& arg) {
-  const char c = spec.conversion;
-  const std::string_view length = spec.length;
+void appendInteger(std::string& out, const Conversion& directive, const LogArg& arg) {
+  const char c = directive.conversion;
+  const std::string_view length = directive.length;
   if (c == 'd' || c == 'i') {
     const int64_t value = arg.asSigned();
     long long narrowed;
@@ -233,7 +233,7 @@ void appendInteger(std::string& out, const Conversion& spec, const LogArg& arg) 
     } else {
       narrowed = static_cast<long long>(value);
     }
-    appendPrintf(out, printfSpec(spec, "ll", c), narrowed);
+    appendPrintf(out, printfDirective(directive, "ll", c), narrowed);
     return;
   }
   const uint64_t value = arg.asUnsigned();
@@ -253,12 +253,12 @@ void appendInteger(std::string& out, const Conversion& spec, const LogArg& arg) 
   } else {
     narrowed = static_cast<unsigned long long>(value);
   }
-  appendPrintf(out, printfSpec(spec, "ll", c), narrowed);
+  appendPrintf(out, printfDirective(directive, "ll", c), narrowed);
 }
 
-void appendCharacter(std::string& out, const Conversion& spec, const LogArg& arg) {
+void appendCharacter(std::string& out, const Conversion& directive, const LogArg& arg) {
   std::string text;
-  const bool wide = spec.conversion == 'C' || spec.length == "l";
+  const bool wide = directive.conversion == 'C' || directive.length == "l";
   const uint64_t value = arg.asUnsigned();
   if (wide) {
     appendUtf8(text, static_cast<char32_t>(std::min<uint64_t>(value, 0xFFFFFFFFu)));
@@ -267,10 +267,10 @@ void appendCharacter(std::string& out, const Conversion& spec, const LogArg& arg
   }
   // A NUL character would cut the line short in every destination, so it renders as nothing.
   if (text == std::string_view("\0", 1)) text.clear();
-  appendPadded(out, text, spec);
+  appendPadded(out, text, directive);
 }
 
-void appendPointer(std::string& out, const Conversion& spec, const LogArg& arg) {
+void appendPointer(std::string& out, const Conversion& directive, const LogArg& arg) {
   uint64_t address = 0;
   if (arg.kind() == LogArg::Kind::kPointer) {
     address = reinterpret_cast<uintptr_t>(arg.pointer());
@@ -279,20 +279,21 @@ void appendPointer(std::string& out, const Conversion& spec, const LogArg& arg) 
   }
   std::array<char, 32> buffer;
   const int length = std::snprintf(buffer.data(), buffer.size(), "0x%" PRIx64, address);
-  appendPadded(out, std::string_view(buffer.data(), static_cast<size_t>(length)), spec);
+  appendPadded(out, std::string_view(buffer.data(), static_cast<size_t>(length)), directive);
 }
 
-void appendConversion(std::string& out, const Conversion& spec, const LogArg& arg) {
-  const char c = spec.conversion;
+void appendConversion(std::string& out, const Conversion& directive, const LogArg& arg) {
+  const char c = directive.conversion;
   const LogArg::Kind kind = arg.kind();
   if (kind == LogArg::Kind::kNull) {
-    appendPadded(out, truncated("(null)", c == 's' || c == 'S' || c == '@' ? spec.precision : -1),
-                 spec);
+    appendPadded(out,
+                 truncated("(null)", c == 's' || c == 'S' || c == '@' ? directive.precision : -1),
+                 directive);
     return;
   }
   if (c == '@' || c == 's' || c == 'S') {
     const std::string text = kind == LogArg::Kind::kString ? arg.string() : arg.describe();
-    appendPadded(out, truncated(text, spec.precision), spec);
+    appendPadded(out, truncated(text, directive.precision), directive);
     return;
   }
   // A string under a numeric conversion renders as the number it spells, else as itself.
@@ -300,19 +301,19 @@ void appendConversion(std::string& out, const Conversion& spec, const LogArg& ar
   if (kind == LogArg::Kind::kString) {
     parsed = numberInString(arg.string());
     if (!parsed) {
-      appendPadded(out, arg.string(), spec);
+      appendPadded(out, arg.string(), directive);
       return;
     }
   }
   const LogArg& value = parsed ? *parsed : arg;
   if (c == 'p') {
-    appendPointer(out, spec, value);
+    appendPointer(out, directive, value);
   } else if (c == 'c' || c == 'C') {
-    appendCharacter(out, spec, value);
+    appendCharacter(out, directive, value);
   } else if (isFloatConversion(c)) {
-    appendPrintf(out, printfSpec(spec, "", c), value.asDouble());
+    appendPrintf(out, printfDirective(directive, "", c), value.asDouble());
   } else {
-    appendInteger(out, spec, value);
+    appendInteger(out, directive, value);
   }
 }
 
@@ -428,33 +429,33 @@ std::string formatLogMessage(std::string_view format, std::span<const LogArg> ar
       ++pos;
       continue;
     }
-    Conversion spec;
-    if (!parseConversion(format, pos, spec) || !isKnownConversion(spec.conversion)) {
+    Conversion directive;
+    if (!parseConversion(format, pos, directive) || !isKnownConversion(directive.conversion)) {
       // Unknown or cut short: copied as written, and no argument is taken for it.
       out.append(format.substr(percent, pos - percent));
       continue;
     }
     const size_t needed =
-        (spec.width_from_argument ? 1 : 0) + (spec.precision_from_argument ? 1 : 0) + 1;
+        (directive.width_from_argument ? 1 : 0) + (directive.precision_from_argument ? 1 : 0) + 1;
     if (args.size() - std::min(next_arg, args.size()) < needed) {
       next_arg = args.size();
       out.append("(missing)");
       continue;
     }
-    if (spec.width_from_argument) {
+    if (directive.width_from_argument) {
       const int64_t width = args[next_arg++].asSigned();
       // A negative width taken from the arguments means left-justified, as in printf.
-      if (width < 0) spec.left_justify = true;
+      if (width < 0) directive.left_justify = true;
       const uint64_t magnitude =
           width < 0 ? 0 - static_cast<uint64_t>(width) : static_cast<uint64_t>(width);
-      spec.width = static_cast<int>(std::min<uint64_t>(magnitude, kMaxFieldSize));
+      directive.width = static_cast<int>(std::min<uint64_t>(magnitude, kMaxFieldSize));
     }
-    if (spec.precision_from_argument) {
+    if (directive.precision_from_argument) {
       const int64_t precision = args[next_arg++].asSigned();
-      spec.precision =
+      directive.precision =
           precision < 0 ? -1 : static_cast<int>(std::min<int64_t>(precision, kMaxFieldSize));
     }
-    appendConversion(out, spec, args[next_arg++]);
+    appendConversion(out, directive, args[next_arg++]);
   }
   return out;
 }
