@@ -272,8 +272,8 @@ struct ObserverRegistry {
 };
 
 ObserverRegistry& observerRegistry() {
-  static ObserverRegistry* const registry = new ObserverRegistry();
-  return *registry;
+  static ObserverRegistry registry;
+  return registry;
 }
 
 // The observer this thread is running, if any. Writes made from inside an observer are not

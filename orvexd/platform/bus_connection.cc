@@ -31,14 +31,6 @@ std::unique_ptr<BusConnection> BusConnection::connectToSessionBus(std::string* e
 
 sdbus::IConnection& BusConnection::connection() { return *connection_; }
 
-std::string BusConnection::uniqueName() const {
-  try {
-    return connection_->getUniqueName();
-  } catch (const sdbus::Error&) {
-    return {};
-  }
-}
-
 bool BusConnection::requestName(const std::string& name, std::string* error) {
   try {
     connection_->requestName(name);
@@ -50,7 +42,5 @@ bool BusConnection::requestName(const std::string& name, std::string* error) {
 }
 
 void BusConnection::runEventLoop() { connection_->enterEventLoop(); }
-
-void BusConnection::leaveEventLoop() { connection_->leaveEventLoop(); }
 
 }  // namespace orvex

@@ -33,12 +33,10 @@ class BusConnection {
   ~BusConnection();
 
   sdbus::IConnection& connection();
-  std::string uniqueName() const;
   // Owns `name`; fails (with the reason) when another connection owns it.
   bool requestName(const std::string& name, std::string* error);
-  // Dispatches bus messages on the calling thread until leaveEventLoop().
+  // Dispatches bus messages on the calling thread for the life of the process.
   void runEventLoop();
-  void leaveEventLoop();
 
  private:
   std::unique_ptr<sdbus::IConnection> connection_;

@@ -87,9 +87,4 @@ MonotonicTime deadlineAfter(MonotonicTime from, Duration delay) {
   return from + delay;
 }
 
-double millisecondsBetween(MonotonicTime start, MonotonicTime end) {
-  if (end <= start) return 0;
-  return std::chrono::duration<double, std::milli>(end - start).count();
-}
-
 }  // namespace orvex

@@ -75,7 +75,4 @@ class SystemClock final : public Clock {
 // "never").
 MonotonicTime deadlineAfter(MonotonicTime from, Duration delay);
 
-// Milliseconds of monotonic time between two instants, never negative.
-double millisecondsBetween(MonotonicTime start, MonotonicTime end);
-
 }  // namespace orvex

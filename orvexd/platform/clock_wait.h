@@ -8,7 +8,6 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <optional>
 
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/worker_pool.h"
@@ -18,44 +17,37 @@ namespace orvex {
 // Every member must be called with the owner's mutex held (the one passed to wait()).
 class ClockWaiters {
  public:
-  // Blocks until woken by wakeOne()/wakeAll() or, with a time-out, until it passes on `clock`.
-  // True when woken. A time-out of zero or less does not block.
-  bool wait(std::unique_lock<std::mutex>& lock, Clock& clock, std::optional<Duration> timeout) {
-    if (timeout && *timeout <= Duration::zero()) return false;
+  // Blocks until woken by wakeOne()/wakeAll() or until `timeout` passes on `clock`. True when
+  // woken. A time-out of zero or less does not block.
+  bool wait(std::unique_lock<std::mutex>& lock, Clock& clock, Duration timeout) {
+    if (timeout <= Duration::zero()) return false;
     auto waiter = std::make_shared<Waiter>();
     waiter->pool = WorkerPool::currentCounted();
     waiters_.push_back(waiter);
-    TimerHandle timer;
-    if (timeout) {
-      // The firing holds the waiter, never the owner: once the waiter is done with, the owner
-      // may be gone, and the firing finds the waiter settled and does nothing.
-      std::weak_ptr<Waiter> weak = waiter;
-      std::mutex* mutex = lock.mutex();
-      auto link = std::make_shared<Link>();
-      link->mutex = mutex;
-      link->owner = this;
-      waiter->link = link;
-      timer = clock.scheduleAfter(*timeout, [weak, link] {
-        std::lock_guard linkGuard(link->guard);
-        if (link->owner == nullptr) return;
-        std::lock_guard ownerGuard(*link->mutex);
-        if (auto w = weak.lock()) link->owner->settle(w, false);
-      });
-    }
+    // The firing holds the waiter, never the owner: once the waiter is done with, the owner may
+    // be gone, and the firing finds the link unhooked and does nothing.
+    auto link = std::make_shared<Link>();
+    link->mutex = lock.mutex();
+    link->owner = this;
+    std::weak_ptr<Waiter> weak = waiter;
+    TimerHandle timer = clock.scheduleAfter(timeout, [weak, link] {
+      std::lock_guard linkGuard(link->guard);
+      if (link->owner == nullptr) return;
+      std::lock_guard ownerGuard(*link->mutex);
+      if (auto w = weak.lock()) link->owner->settle(w, false);
+    });
     // Suspended only now that the time-out is on the clock: a test that sees the pool idle may
     // advance the clock at once, and must find the deadline there.
     WorkerPool::suspendWork(waiter->pool);
     waiter->wakeup.wait(lock, [&] { return waiter->settled; });
-    if (auto link = waiter->link) {
-      timer.cancel();
-      // Unhook without holding the owner's mutex, in the order the firing takes them.
-      lock.unlock();
-      {
-        std::lock_guard linkGuard(link->guard);
-        link->owner = nullptr;
-      }
-      lock.lock();
+    timer.cancel();
+    // Unhook without holding the owner's mutex, in the order the firing takes them.
+    lock.unlock();
+    {
+      std::lock_guard linkGuard(link->guard);
+      link->owner = nullptr;
     }
+    lock.lock();
     return waiter->woken;
   }
 
@@ -80,7 +72,6 @@ class ClockWaiters {
     WorkerPool* pool = nullptr;
     bool settled = false;
     bool woken = false;
-    std::shared_ptr<Link> link;
   };
 
   // Takes a copy: callers pass list entries, which the erase below frees.

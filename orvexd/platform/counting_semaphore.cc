@@ -20,13 +20,4 @@ bool CountingSemaphore::wait(Duration timeout) {
   return waiters_.wait(lock, clock_, timeout);
 }
 
-void CountingSemaphore::waitForever() {
-  std::unique_lock lock(mutex_);
-  if (count_ > 0) {
-    --count_;
-    return;
-  }
-  waiters_.wait(lock, clock_, std::nullopt);
-}
-
 }  // namespace orvex

@@ -23,7 +23,6 @@ class CountingSemaphore {
   void signal();
   // True when a unit was taken, false when the time-out passed first.
   [[nodiscard]] bool wait(Duration timeout);
-  void waitForever();
 
  private:
   Clock& clock_;

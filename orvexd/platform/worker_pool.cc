@@ -78,8 +78,6 @@ void WorkerPool::runCounted(const Job& job) {
 
 WorkerPool* WorkerPool::currentCounted() { return tCountedDepth > 0 ? tCurrentPool : nullptr; }
 
-std::size_t WorkerPool::threadCount() const { return impl_->threads.size(); }
-
 bool WorkerPool::isPoolThread() const { return tCurrentPool == this; }
 
 WorkerPool* WorkerPool::current() { return tCurrentPool; }

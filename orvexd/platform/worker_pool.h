@@ -34,7 +34,6 @@ class WorkerPool {
   // Runs `job` on some worker thread (the "global queue").
   void post(Job job);
 
-  std::size_t threadCount() const;
   // Whether the calling thread is one of this pool's workers.
   bool isPoolThread() const;
   // The pool the calling thread works for, if any.
