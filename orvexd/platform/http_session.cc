@@ -1,0 +1,1 @@
+#include "orvexd/platform/http_session.h"

@@ -1,0 +1,1 @@
+#include "orvexd/platform/language_detector.h"

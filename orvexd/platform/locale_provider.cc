@@ -1,0 +1,1 @@
+#include "orvexd/platform/locale_provider.h"

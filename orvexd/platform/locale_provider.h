@@ -1,0 +1,42 @@
+// The user's locale as the system states it: the POSIX locale variables, the preferred-language
+// list, the system time zone, all interpreted through ICU.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace orvex {
+
+enum class MeasurementSystem { kMetric, kUS, kUK, kOther };
+
+struct LocaleSnapshot {
+  // BCP-47-like identifier with underscores, as ICU writes it: "en_US", "de_DE", "zh_Hans_CN".
+  std::string localeIdentifier;
+  // ICU calendar type of the locale: "gregorian", "japanese", "buddhist", ...
+  std::string calendarIdentifier;
+  MeasurementSystem measurementSystem = MeasurementSystem::kOther;
+  // The locale's best time pattern for the skeleton "j" ("HH:mm", "h:mm a", ...).
+  std::string hourCyclePattern;
+  // Olson name of the system time zone, such as "Europe/Paris".
+  std::string timeZoneName;
+  // The user's preferred languages, most preferred first, as language tags ("en-US", "fr").
+  std::vector<std::string> preferredLanguages;
+  // The language the system's interface is shown in, as a language code ("en", "de").
+  std::string effectiveSystemLanguage;
+  // Upper-case region of the locale ("US"); empty when the locale names none.
+  std::string regionCode;
+};
+
+class LocaleProvider {
+ public:
+  virtual ~LocaleProvider() = default;
+  // Reads the current state afresh on each call; safe from any thread.
+  virtual LocaleSnapshot currentLocale() const = 0;
+};
+
+// Reads LC_ALL / LC_MESSAGES / LANG (and LC_MEASUREMENT, LC_TIME where set) and LANGUAGE from the
+// process environment, the time zone from TZ or the system (/etc/localtime).
+std::unique_ptr<LocaleProvider> makeSystemLocaleProvider();
+
+}  // namespace orvex

@@ -1,0 +1,1 @@
+#include "orvexd/platform/location_provider.h"

@@ -1,0 +1,1 @@
+#include "orvexd/platform/system_change_monitor.h"

@@ -1,0 +1,1 @@
+#include "orvexd/platform/url_cache.h"
