@@ -1,31 +1,92 @@
 #include "orvexd/platform/serial_queue.h"
 
-#include <asio/io_context.hpp>
-#include <asio/post.hpp>
-#include <asio/strand.hpp>
+#include <algorithm>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
+#include <deque>
+#include <mutex>
+#include <vector>
 
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 
-struct SerialQueue::Impl {
-  Impl(std::string l, WorkerPool& p, Clock& c)
-      : label(std::move(l)), pool(p), clock(c), strand(asio::make_strand(p.ioContext())) {}
+namespace {
+
+// The queues whose jobs the calling thread is running, innermost last. A thread holds more than
+// one when a job of one queue calls sync() on another and runs that queue's jobs itself.
+thread_local std::vector<const void*> tHeldQueues;
+
+// Jobs a pool thread runs before handing the queue back to the pool, so that one busy queue
+// cannot keep a worker from the others.
+constexpr int kJobsPerTurn = 16;
+
+}  // namespace
+
+struct SerialQueue::Impl : std::enable_shared_from_this<Impl> {
+  struct Entry {
+    Job job;
+    WorkerPool::WorkToken token;
+    bool* done = nullptr;  // set, under the mutex, once a sync() job has run
+  };
+
+  Impl(std::string l, WorkerPool& p, Clock& c) : label(std::move(l)), pool(p), clock(c) {}
 
   void post(Job job) {
-    asio::post(strand, [token = WorkerPool::WorkToken(pool), job = std::move(job)] {
-      WorkerPool::runCounted(job);
-    });
+    std::unique_lock lock(mutex);
+    jobs.push_back(Entry{std::move(job), WorkerPool::WorkToken(pool)});
+    scheduleLocked();
+  }
+
+  // Asks the pool for a turn unless a thread is already on the queue or a turn is pending.
+  void scheduleLocked() {
+    if (running || turnPosted || jobs.empty()) return;
+    turnPosted = true;
+    // The turn keeps the queue alive: jobs already submitted run even if the SerialQueue that
+    // owns it is destroyed meanwhile.
+    pool.post([self = shared_from_this()] { self->takeTurn(); });
+  }
+
+  void takeTurn() {
+    std::unique_lock lock(mutex);
+    turnPosted = false;
+    if (running) return;  // a sync() caller is running the queue; it reschedules when done
+    runJobs(lock, nullptr, kJobsPerTurn);
+  }
+
+  // Runs queued jobs on the calling thread, in order, until `until` is set or `limit` jobs have
+  // run, then releases the queue. Called and returns with the lock held.
+  void runJobs(std::unique_lock<std::mutex>& lock, const bool* until, int limit) {
+    running = true;
+    int ran = 0;
+    while (!jobs.empty() && (until != nullptr ? !*until : ran < limit)) {
+      Entry entry = std::move(jobs.front());
+      jobs.pop_front();
+      lock.unlock();
+      tHeldQueues.push_back(this);
+      WorkerPool::runCounted(entry.job);
+      tHeldQueues.pop_back();
+      entry.job = nullptr;  // release what the job captured before taking the lock
+      lock.lock();
+      ++ran;
+      if (entry.done != nullptr) *entry.done = true;
+    }
+    running = false;
+    scheduleLocked();
+    changed.notify_all();
   }
 
   const std::string label;
   WorkerPool& pool;
   Clock& clock;
-  asio::strand<asio::io_context::executor_type> strand;
+
+  std::mutex mutex;
+  std::condition_variable changed;  // a sync() job ran, or the queue was released
+  std::deque<Entry> jobs;           // guarded by mutex
+  bool running = false;             // a thread is running the queue's jobs; guarded by mutex
+  bool turnPosted = false;          // a turn is waiting in the pool; guarded by mutex
 };
 
 SerialQueue::SerialQueue(std::string label, WorkerPool& pool, Clock& clock)
@@ -44,18 +105,20 @@ bool SerialQueue::sync(const Job& job) const {
     OrvexLogForCategory(kOrvexLogGeneral).fault("sync refused: already on queue %s", impl_->label);
     return false;
   }
-  if (impl_->pool.isPoolThread()) {
-    OrvexLogForCategory(kOrvexLogGeneral)
-        .fault("sync refused: queue %s waited on from a worker thread", impl_->label);
-    return false;
+  Impl& queue = *impl_;
+  bool done = false;
+  std::unique_lock lock(queue.mutex);
+  queue.jobs.push_back(Impl::Entry{[&job] { job(); }, WorkerPool::WorkToken(queue.pool), &done});
+  // Either run the queue here, up to and including this job, or wait for the thread that is
+  // running it to get there. The caller never waits for a free worker, so callers on the pool
+  // cannot starve it.
+  while (!done) {
+    if (!queue.running) {
+      queue.runJobs(lock, &done, 0);
+    } else {
+      queue.changed.wait(lock);
+    }
   }
-  std::promise<void> done;
-  auto finished = done.get_future();
-  impl_->post([&job, &done] {
-    job();
-    done.set_value();
-  });
-  finished.wait();
   return true;
 }
 
@@ -73,7 +136,9 @@ std::function<void(SerialQueue::Job)> SerialQueue::weakPoster() const {
   };
 }
 
-bool SerialQueue::isCurrent() const { return impl_->strand.running_in_this_thread(); }
+bool SerialQueue::isCurrent() const {
+  return std::find(tHeldQueues.begin(), tHeldQueues.end(), impl_.get()) != tHeldQueues.end();
+}
 
 void SerialQueue::assertCurrent(const char* what) const {
   if (isCurrent()) return;

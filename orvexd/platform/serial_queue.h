@@ -4,9 +4,14 @@
 //
 // Contract:
 // - async() and after() may be called from any thread, including from the queue itself.
-// - sync() blocks the caller until the job has run. It refuses (runs nothing, logs a fault and
-//   returns false) when called from the queue itself, which would deadlock for certain, and from
-//   any worker thread of the same pool, which could deadlock once every worker waits on another.
+// - sync() blocks the caller until the job has run, after every job submitted before it. It
+//   refuses (runs nothing, logs a fault and returns false) when the caller is on the queue
+//   already, which would deadlock for certain. From anywhere else, a worker thread included, the
+//   caller either runs the queue's jobs itself, up to and including its own, or waits for the
+//   thread that is running them: it never waits for a free worker, so callers on the pool cannot
+//   starve it. Two queues that sync onto each other deadlock; layer the calls.
+// - isCurrent() is true inside the queue's jobs, including while such a job waits in sync() on
+//   another queue.
 // - after() runs the job on the queue once `delay` has passed on the queue's clock. The queue
 //   is held weakly meanwhile: a firing after the queue is destroyed does nothing.
 // - Jobs that outlive the call that posted them must hold their owner weakly; destroying the

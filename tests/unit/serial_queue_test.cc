@@ -69,18 +69,51 @@ TEST(SerialQueue, SyncWaitsForTheJobAndRefusesWhereItCouldDeadlock) {
   std::atomic<int> ran{0};
   std::optional<bool> fromSelf;
   queue.async([&] { fromSelf = queue.sync([&] { ++ran; }); });
-  // From another queue's job, which is a pool thread: refused as well.
-  std::optional<bool> fromOtherQueue;
-  other.async([&] { fromOtherQueue = queue.sync([&] { ++ran; }); });
-  // From a plain pool job: refused.
-  std::optional<bool> fromPool;
-  platform.pool->post([&] { fromPool = queue.sync([&] { ++ran; }); });
   platform.settle();
   EXPECT_EQ(fromSelf, false);
-  EXPECT_EQ(fromOtherQueue, false);
-  EXPECT_EQ(fromPool, false);
   EXPECT_EQ(ran, 0);
+
+  // From another queue's job: runs, and holds both queues meanwhile, so a sync back onto the
+  // calling queue is refused instead of deadlocking.
+  std::optional<bool> fromOtherQueue;
+  std::optional<bool> heldBoth;
+  std::optional<bool> backOntoCaller;
+  other.async([&] {
+    fromOtherQueue = queue.sync([&] {
+      ++ran;
+      heldBoth = queue.isCurrent() && other.isCurrent();
+      backOntoCaller = other.sync([&] { ++ran; });
+    });
+  });
+  platform.settle();
+  EXPECT_EQ(fromOtherQueue, true);
+  EXPECT_EQ(heldBoth, true);
+  EXPECT_EQ(backOntoCaller, false);
+  EXPECT_EQ(ran, 1);
   EXPECT_EQ(queue.syncResult([&] { return queue.isCurrent() && !other.isCurrent(); }), true);
+}
+
+TEST(SerialQueue, SyncFromEveryWorkerAtOnceDoesNotStarveThePool) {
+  // More callers than workers, each blocking in a chain of syncs across three queues while the
+  // queues also have asynchronous work: a sync that waited for a free worker would deadlock.
+  testing::VirtualPlatform platform;
+  SerialQueue first("com.zelmor.orvexd.first", *platform.pool, *platform.clock);
+  SerialQueue second("com.zelmor.orvexd.second", *platform.pool, *platform.clock);
+  SerialQueue third("com.zelmor.orvexd.third", *platform.pool, *platform.clock);
+  int counter = 0;  // third only
+  std::atomic<int> asyncRan{0};
+  constexpr int kCallers = 64;
+  for (int i = 0; i < kCallers; ++i) {
+    platform.pool->post([&] {
+      ASSERT_TRUE(first.sync([&] {
+        second.async([&] { ++asyncRan; });
+        ASSERT_TRUE(second.sync([&] { ASSERT_TRUE(third.sync([&] { ++counter; })); }));
+      }));
+    });
+  }
+  platform.settle();
+  EXPECT_EQ(third.syncResult([&] { return counter; }), kCallers);
+  EXPECT_EQ(asyncRan, kCallers);
 }
 
 TEST(SerialQueue, AfterRunsOnTheQueueAtItsVirtualDeadlineAndNotOnceTheQueueIsGone) {
