@@ -21,6 +21,12 @@
 
 namespace orvex {
 
+class AppWhitelistController;
+class BagController;
+class GUIDController;
+class HttpSession;
+class NetworkRequestFactory;
+
 class Assembly {
  public:
   // The platform facilities every component needs. `clock` runs its timers on `workerPool`
@@ -40,6 +46,19 @@ class Assembly {
   std::shared_ptr<DefaultsStore> userDefaults;
   std::shared_ptr<FileManager> fileManager;
   std::shared_ptr<NotificationCenter> notificationCenter;
+
+  // HTTP sessions, set by start-up: the main session for queries (with the URL cache), the bag
+  // session, and the sessions for resource downloads and feedback uploads.
+  std::shared_ptr<HttpSession> urlSession;
+  std::shared_ptr<HttpSession> bagSession;
+  std::shared_ptr<HttpSession> downloadURLSession;
+  std::shared_ptr<HttpSession> uploadURLSession;
+
+  // Components, in the order start-up creates them.
+  std::shared_ptr<NetworkRequestFactory> requestFactory;
+  std::shared_ptr<BagController> bagController;
+  std::shared_ptr<AppWhitelistController> appWhitelistController;
+  std::shared_ptr<GUIDController> guidController;
 
   // Value of the defaults key "ORVSharedSession".
   bool sharedSession = false;

@@ -19,8 +19,10 @@ namespace orvex {
 namespace log_format_detail {
 // Looked up from outside LogArg: inside the class, the member describe() would hide the free
 // functions that argument-dependent lookup is meant to find.
+// Only class types: numbers are formatted by kind, never through a describe() that happens to
+// accept them by conversion.
 template <typename T>
-concept Describable = requires(const T& t) {
+concept Describable = std::is_class_v<T> && requires(const T& t) {
   { describe(t) } -> std::convertible_to<std::string>;
 };
 template <typename T>

@@ -12,9 +12,13 @@
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
 #include "orvexd/core/tracing_setup.h"
+#include "orvexd/network/network_request_factory.h"
+#include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/http_session.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/signal_source.h"
+#include "orvexd/platform/url_cache.h"
 
 namespace orvex {
 
@@ -49,6 +53,61 @@ void registerDefaults(DefaultsStore& defaults) {
   });
 }
 
+// The four HTTP sessions. Settings of the device's own HTTP stack that libcurl has no
+// equivalent for are named where they would apply; see each function.
+
+// Queries: the URL cache, no cookies, HTTP/2 multiplexing, TCP fast open and TLS session
+// resumption unless "ORVNoParallax" is set. Timing is collected for every transfer. libcurl has
+// no memory-mapped cache tier (so no minimum size for one) and does not tell cellular from
+// other interfaces, so idle connections are closed after the same time on all of them.
+std::shared_ptr<HttpSession> makeMainSession(Assembly& assembly) {
+  const bool noParallax = assembly.userDefaults->boolForKey(kORVNoParallaxKey);
+  HttpSessionConfiguration configuration;
+  configuration.identifier = "main";
+  configuration.urlCache = std::make_shared<UrlCache>(
+      1048576, 104857600, (assembly.fileManager->cacheDirectory() / "URLCache").string(),
+      *assembly.clock);
+  configuration.tcpFastOpen = !noParallax;
+  configuration.tlsSessionTickets = !noParallax;
+  configuration.multiplexing = true;
+  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
+                                       *assembly.clock,
+                                       assembly.fileManager->temporaryDirectory().string());
+}
+
+// The bag: no cookies and no response cache, so every fetch reaches the server.
+std::shared_ptr<HttpSession> makeBagSession(Assembly& assembly) {
+  HttpSessionConfiguration configuration;
+  configuration.identifier = "bag";
+  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
+                                       *assembly.clock,
+                                       assembly.fileManager->temporaryDirectory().string());
+}
+
+// Resource downloads. The daemon stays resident instead of being relaunched for background
+// transfer events, and libcurl has neither discretionary scheduling, a background service
+// type nor a way to keep off metered networks; downloads run as ordinary transfers.
+std::shared_ptr<HttpSession> makeDownloadSession(Assembly& assembly) {
+  HttpSessionConfiguration configuration;
+  configuration.identifier = "com.zelmor.orvexd";
+  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
+                                       *assembly.clock,
+                                       assembly.fileManager->temporaryDirectory().string());
+}
+
+// Feedback uploads: 300 s without progress or 7 days in all end a transfer. As for downloads,
+// there is no background scheduling, and a failed upload is retried by the flusher itself
+// rather than by the HTTP layer.
+std::shared_ptr<HttpSession> makeUploadSession(Assembly& assembly) {
+  HttpSessionConfiguration configuration;
+  configuration.identifier = "com.zelmor.orvexd.flusher.nsurlsession";
+  configuration.requestTimeout = std::chrono::seconds(300);
+  configuration.resourceTimeout = std::chrono::seconds(604800);
+  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
+                                       *assembly.clock,
+                                       assembly.fileManager->temporaryDirectory().string());
+}
+
 [[noreturn]] void exitOnSignal(const char* name) {
   defaultLog().debug("%s", name);
   flushLogs();
@@ -78,8 +137,18 @@ int OrvexDaemon::run() {
   assembly_->fileManager = fileManager;
   assembly_->notificationCenter = std::make_shared<NotificationCenter>();
 
+  assembly_->urlSession = makeMainSession(*assembly_);
+  auto requestFactory = std::make_shared<ORVNetworkRequestFactory>(
+      *assembly_, DeviceContextServices::system(fileManager->configDirectory().parent_path()));
+  requestFactory->start();
+  assembly_->requestFactory = requestFactory;
+  assembly_->downloadURLSession = makeDownloadSession(*assembly_);
   OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
+  assembly_->bagSession = makeBagSession(*assembly_);
+  assembly_->uploadURLSession = makeUploadSession(*assembly_);
+
   assembly_->sharedSession = userDefaults->boolForKey(kORVSharedSessionKey);
+  assembly_->guidController = std::make_shared<OrvexUserGUIDController>(*assembly_);
 
   std::string error;
   bus_ = BusConnection::connectToSessionBus(&error);

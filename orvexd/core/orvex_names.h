@@ -23,4 +23,13 @@ inline constexpr const char* kORVBagURLKey = "ORVBagURL";
 inline constexpr const char* kORVDebugParametersKey = "ORVDebugParameters";
 inline constexpr const char* kTraceEnabledKey = "TraceEnabled";
 
+// Device overrides of what the system says, for integrators and testing: the device country
+// (replaces the locale's region), the store front, the keyboard input mode and the screen scale
+// (used when a client gives none), and the managed-account mode.
+inline constexpr const char* kORVCountryCodeKey = "ORVCountryCode";
+inline constexpr const char* kORVStorefrontKey = "ORVStorefront";
+inline constexpr const char* kORVKeyboardInputModeKey = "ORVKeyboardInputMode";
+inline constexpr const char* kORVScreenScaleKey = "ORVScreenScale";
+inline constexpr const char* kORVManagedAccountKey = "ORVManagedAccount";
+
 }  // namespace orvex

@@ -1,0 +1,165 @@
+#include "orvexd/model/orv_bag.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+
+namespace orvex {
+
+namespace {
+
+std::string lowercase(std::string_view text) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return out;
+}
+
+const BagDictionary& nullValue() {
+  static const BagDictionary kNull;
+  return kNull;
+}
+
+}  // namespace
+
+std::shared_ptr<const ORVBag> ORVBag::initWithDictionary(BagDictionary dictionary,
+                                                         std::string userAgent) {
+  if (!dictionary.is_object()) return nullptr;
+  BagDictionary effective = dictionary;
+  const auto agents = dictionary.find("agents");
+  if (agents != dictionary.end() && agents->is_object()) {
+    const std::string agent = lowercase(userAgent);
+    for (const auto& [fragment, overrides] : agents->items()) {
+      if (fragment.empty() || !overrides.is_object()) continue;
+      if (agent.find(lowercase(fragment)) == std::string::npos) continue;
+      for (const auto& [key, value] : overrides.items()) effective[key] = value;
+    }
+  }
+  return std::make_shared<const ORVBag>(std::move(dictionary), std::move(userAgent),
+                                        std::move(effective));
+}
+
+ORVBag::ORVBag(BagDictionary raw, std::string userAgent, BagDictionary effective)
+    : rawBag_(std::move(raw)), userAgent_(std::move(userAgent)), effective_(std::move(effective)) {}
+
+const BagDictionary& ORVBag::valueForKey(std::string_view key) const {
+  const auto it = effective_.find(key);
+  return it == effective_.end() ? nullValue() : *it;
+}
+
+std::optional<std::string> ORVBag::stringForKey(std::string_view key) const {
+  const BagDictionary& value = valueForKey(key);
+  if (!value.is_string()) return std::nullopt;
+  std::string text = value.get<std::string>();
+  if (text.empty()) return std::nullopt;
+  return text;
+}
+
+bool ORVBag::boolForKey(std::string_view key, bool fallback) const {
+  const BagDictionary& value = valueForKey(key);
+  if (value.is_boolean()) return value.get<bool>();
+  if (value.is_number()) return value.get<double>() != 0;
+  return fallback;
+}
+
+std::vector<std::string> ORVBag::stringArrayForKey(std::string_view key) const {
+  std::vector<std::string> strings;
+  const BagDictionary& value = valueForKey(key);
+  if (!value.is_array()) return strings;
+  for (const BagDictionary& element : value) {
+    if (element.is_string()) strings.push_back(element.get<std::string>());
+  }
+  return strings;
+}
+
+std::optional<double> ORVBag::positiveSecondsForKey(std::string_view key) const {
+  const BagDictionary& value = valueForKey(key);
+  if (!value.is_number()) return std::nullopt;
+  const double seconds = value.get<double>();
+  if (!std::isfinite(seconds) || seconds <= 0) return std::nullopt;
+  return seconds;
+}
+
+std::string ORVBag::version() const {
+  const BagDictionary& value = valueForKey("version");
+  if (value.is_string()) return value.get<std::string>();
+  if (value.is_number_unsigned()) return std::to_string(value.get<uint64_t>());
+  if (value.is_number_integer()) return std::to_string(value.get<int64_t>());
+  if (value.is_number_float()) return value.dump();
+  return {};
+}
+
+bool ORVBag::isEnabled() const { return boolForKey("enabled", false); }
+
+std::optional<std::string> ORVBag::searchURL() const { return stringForKey("search_url"); }
+std::optional<std::string> ORVBag::moreResultsURL() const {
+  return stringForKey("more_results_url");
+}
+std::optional<std::string> ORVBag::cardURL() const { return stringForKey("card_url"); }
+std::optional<std::string> ORVBag::warmURL() const { return stringForKey("warm_url"); }
+std::optional<std::string> ORVBag::feedbackURL() const { return stringForKey("feedback_url"); }
+std::optional<std::string> ORVBag::crowdsourcingURL() const {
+  return stringForKey("crowdsourcing_url");
+}
+
+bool ORVBag::feedbackEnabled() const { return boolForKey("feedback_enabled", false); }
+std::vector<std::string> ORVBag::feedbackTypes() const {
+  return stringArrayForKey("feedback_types");
+}
+
+std::optional<double> ORVBag::timeoutIntervalForRequest() const {
+  return positiveSecondsForKey("request_timeout");
+}
+std::optional<double> ORVBag::searchRenderTimeout() const {
+  return positiveSecondsForKey("search_render_timeout");
+}
+
+int64_t ORVBag::minimumQueryLength() const {
+  const BagDictionary& value = valueForKey("min_query_length");
+  if (value.is_number_integer()) return std::max<int64_t>(0, value.get<int64_t>());
+  if (value.is_number_float() && std::isfinite(value.get<double>())) {
+    return std::max<int64_t>(0, static_cast<int64_t>(value.get<double>()));
+  }
+  return 0;
+}
+
+std::set<std::string> ORVBag::supportedGeoLocationSources() const {
+  const std::vector<std::string> sources = stringArrayForKey("geo_sources");
+  return {sources.begin(), sources.end()};
+}
+
+bool ORVBag::sendGeoEnvironmentHeader() const {
+  return boolForKey("send_geo_environment_header", false);
+}
+
+std::optional<double> ORVBag::subscriptionTTL() const {
+  return positiveSecondsForKey("subscription_ttl");
+}
+std::vector<std::string> ORVBag::subscriptionProviderDomainWhitelist() const {
+  return stringArrayForKey("subscription_domain_whitelist");
+}
+std::vector<std::string> ORVBag::subscriptionProviderBundleIdentifierWhitelist() const {
+  return stringArrayForKey("subscription_bundle_whitelist");
+}
+
+bool ORVBag::lookupEnabled() const { return boolForKey("lookup_enabled", false); }
+
+std::map<std::string, std::string> ORVBag::resources() const {
+  std::map<std::string, std::string> resources;
+  const BagDictionary& value = valueForKey("resources");
+  if (!value.is_object()) return resources;
+  for (const auto& [identifier, url] : value.items()) {
+    if (url.is_string()) resources.emplace(identifier, url.get<std::string>());
+  }
+  return resources;
+}
+
+std::optional<std::string> ORVBag::urlForIdentifier(std::string_view identifier) const {
+  const BagDictionary& value = valueForKey("resources");
+  if (!value.is_object()) return std::nullopt;
+  const auto it = value.find(identifier);
+  if (it == value.end() || !it->is_string()) return std::nullopt;
+  return it->get<std::string>();
+}
+
+}  // namespace orvex
