@@ -52,7 +52,8 @@ struct HttpSessionConfiguration {
   Duration resourceTimeout = std::chrono::hours(24 * 7);
   // Idle connections are closed after this long.
   Duration idleConnectionTimeout = std::chrono::seconds(118);
-  // Trusted certificates in addition to the system's (PEM file); for private back-ends.
+  // Trusted certificates (PEM file) for private back-ends. When set, it replaces the system's
+  // bundle for this session: it must hold every authority the session trusts.
   std::string extraCaFile;
 };
 
