@@ -221,13 +221,23 @@ std::string OrvexURLRequestBuilder::urlString() const {
   }
   query = replaceSemicolons(std::move(query));
 
+  // The query is appended here rather than handed to libcurl, which would rewrite its escapes
+  // in lower case.
   CurlUrlHandle url(curl_url_dup(components_->url.get()));
   if (!url) return {};
-  curl_url_set(url.get(), CURLUPART_QUERY, query.empty() ? nullptr : query.c_str(), 0);
+  std::string fragment;
+  char* part = nullptr;
+  if (curl_url_get(url.get(), CURLUPART_FRAGMENT, &part, 0) == CURLUE_OK && part != nullptr) {
+    fragment = part;
+    curl_free(part);
+  }
+  curl_url_set(url.get(), CURLUPART_FRAGMENT, nullptr, 0);
   char* text = nullptr;
   if (curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK || text == nullptr) return {};
   std::string result(text);
   curl_free(text);
+  if (!query.empty()) result += '?' + query;
+  if (!fragment.empty()) result += '#' + fragment;
   return result;
 }
 
