@@ -1,1 +1,72 @@
+#include "orvexd/platform/language_detector.h"
+
 #include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace orvex {
+namespace {
+
+TEST(LanguageDetectorTest, NamesTheLanguageOfClearSentences) {
+  const auto detector = makeLanguageDetector();
+  EXPECT_EQ(detector->languageOf("The weather is lovely today, so we are going for a long walk "
+                                 "along the river and will have lunch in the park."),
+            "en");
+  EXPECT_EQ(detector->languageOf("Il fait très beau aujourd'hui, alors nous allons faire une "
+                                 "longue promenade le long de la rivière et déjeuner au parc."),
+            "fr");
+  EXPECT_EQ(detector->languageOf("Heute ist das Wetter wunderschön, deshalb machen wir einen "
+                                 "langen Spaziergang am Fluss und essen im Park zu Mittag."),
+            "de");
+  EXPECT_EQ(detector->languageOf("今日はとても天気が良いので、川沿いを長く散歩して、公園で昼ご飯を"
+                                 "食べるつもりです。"),
+            "ja");
+  EXPECT_EQ(detector->languageOf("今天天气很好，所以我们打算沿着河边散步很长时间，然后在公园里吃"
+                                 "午饭。我们都非常高兴。"),
+            "zh");
+}
+
+TEST(LanguageDetectorTest, TextWithoutLanguageOrMalformedIsUndetermined) {
+  const auto detector = makeLanguageDetector();
+  EXPECT_EQ(detector->languageOf(""), kUndeterminedLanguage);
+  EXPECT_EQ(detector->languageOf("1234567890 42 3.14159 2024-01-01"), kUndeterminedLanguage);
+  EXPECT_EQ(detector->languageOf("😀😀🎉🎉👍👍🔥🔥"), kUndeterminedLanguage);
+  // Stray continuation byte, truncated sequence, over-long slash, surrogate, past U+10FFFF:
+  // each is refused even inside otherwise clear English.
+  const std::string english = "The weather is lovely today, so we are going for a long walk ";
+  for (const std::string bad :
+       {"\x80", "\xE2\x82", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF"}) {
+    EXPECT_EQ(detector->languageOf(english + bad + english), kUndeterminedLanguage)
+        << "byte sequence of length " << bad.size();
+    EXPECT_EQ(detector->languageOf(english + bad), kUndeterminedLanguage);
+  }
+}
+
+TEST(LanguageDetectorTest, LongTextsAreCutOnACharacterBoundary) {
+  const auto detector = makeLanguageDetector();
+  // Far past the detected prefix, with a multi-byte character straddling the cut.
+  std::string text;
+  while (text.size() < 200 * 1024) text += "Die Straße führt über die Brücke zum großen Bahnhof. ";
+  EXPECT_EQ(detector->languageOf(text), "de");
+}
+
+TEST(LanguageDetectorTest, IsUsableFromManyThreads) {
+  const auto detector = makeLanguageDetector();
+  std::vector<std::thread> threads;
+  std::vector<std::string> results(4);
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    threads.emplace_back([&, i] {
+      for (int k = 0; k < 50; ++k) {
+        results[i] = detector->languageOf(
+            "Il fait très beau aujourd'hui, alors nous allons faire une longue promenade.");
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (const auto& result : results) EXPECT_EQ(result, "fr");
+}
+
+}  // namespace
+}  // namespace orvex
