@@ -16,7 +16,8 @@ struct LocaleSnapshot {
   // ICU calendar type of the locale: "gregorian", "japanese", "buddhist", ...
   std::string calendarIdentifier;
   MeasurementSystem measurementSystem = MeasurementSystem::kOther;
-  // The locale's best time pattern for the skeleton "j" ("HH:mm", "h:mm a", ...).
+  // The locale's best time pattern for the skeleton "j", the hour in the locale's preferred
+  // cycle ("HH", "h a", "HH 'Uhr'", ...): 'h' or 'K' means a 12-hour clock, 'H' or 'k' 24 hours.
   std::string hourCyclePattern;
   // Olson name of the system time zone, such as "Europe/Paris".
   std::string timeZoneName;
