@@ -1,1 +1,255 @@
+// Watches the locale and time-zone files with inotify.
+//
+// The watches are on the parent directories, not on the files: /etc/localtime is a symbolic
+// link that tools replace by renaming a new link over it, and editors save by rename too, so a
+// watch on the file itself would see the old inode go and then nothing. Events are matched by
+// file name.
+//
+// The inotify descriptor is read through asio on the worker pool's io_context, on a strand of
+// its own. Each batch of events read at once gives at most one handler call per kind of change,
+// and a kind whose call is still queued gets no second one: the handler is told "the locale (or
+// the zone) may have changed, look again", never which file changed.
+//
+// The monitor must be destroyed before the pool. After the destructor returns the handler is
+// not called again; a call in progress on another thread is waited for.
 #include "orvexd/platform/system_change_monitor.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
+#include <asio/strand.hpp>
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <set>
+#include <system_error>
+
+#include "orvexd/core/orvex_logging.h"
+#include "orvexd/platform/worker_pool.h"
+
+namespace orvex {
+
+namespace {
+
+constexpr std::uint32_t kWatchMask =
+    IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_DELETE | IN_ATTRIB | IN_ONLYDIR;
+
+const OrvexLog& monitorLog() { return OrvexLogForCategory(kOrvexLogGeneral); }
+
+std::string errnoMessage(int error) {
+  return std::error_code(error, std::system_category()).message();
+}
+
+// The names watched in one directory, by kind.
+struct DirectoryWatch {
+  std::string directory;
+  std::set<std::string, std::less<>> localeNames;
+  std::set<std::string, std::less<>> timeZoneNames;
+};
+
+// The monitor's state, shared with the read in flight and the handler calls posted to the pool.
+// The descriptor and `watches` belong to the strand; `stopped` and `activeCalls` to `mutex`.
+struct MonitorState : std::enable_shared_from_this<MonitorState> {
+  MonitorState(WorkerPool& workerPool, SystemChangeMonitor::Handler h)
+      : pool(workerPool),
+        strand(asio::make_strand(workerPool.ioContext())),
+        descriptor(strand),
+        handler(std::move(h)) {}
+
+  void readNext() {
+    descriptor.async_read_some(
+        asio::buffer(buffer),
+        [self = shared_from_this()](const std::error_code& error, std::size_t size) {
+          if (error) {
+            if (error != asio::error::operation_aborted && error != asio::error::bad_descriptor) {
+              monitorLog().error("reading the locale and time-zone watches failed: %@",
+                                 error.message());
+            }
+            return;
+          }
+          self->handleEvents(size);
+          self->readNext();
+        });
+  }
+
+  void handleEvents(std::size_t size) {
+    bool locale = false;
+    bool timeZone = false;
+    std::size_t offset = 0;
+    while (offset + sizeof(inotify_event) <= size) {
+      inotify_event event;
+      std::memcpy(&event, buffer.data() + offset, sizeof event);
+      const std::size_t end = offset + sizeof(inotify_event) + event.len;
+      if (end > size) break;  // the kernel never splits an event; stop rather than misread
+      const char* namePointer =
+          reinterpret_cast<const char*>(buffer.data()) + offset + sizeof(inotify_event);
+      const std::string_view name(namePointer, strnlen(namePointer, event.len));
+      offset = end;
+
+      if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        // Events were lost: any of the files may have changed.
+        locale = timeZone = true;
+        continue;
+      }
+      const auto watch = watches.find(event.wd);
+      if (watch == watches.end()) continue;
+      if ((event.mask & IN_IGNORED) != 0) {
+        monitorLog().log("stopped watching %@ (the directory went away)", watch->second.directory);
+        watches.erase(watch);
+        continue;
+      }
+      if (watch->second.localeNames.contains(name)) locale = true;
+      if (watch->second.timeZoneNames.contains(name)) timeZone = true;
+    }
+    if (locale) notify(SystemChange::kLocale);
+    if (timeZone) notify(SystemChange::kTimeZone);
+  }
+
+  void notify(SystemChange change) {
+    std::atomic<bool>& queued = change == SystemChange::kLocale ? localeQueued : timeZoneQueued;
+    if (queued.exchange(true)) return;
+    pool.post([self = shared_from_this(), change, &queued] {
+      // Cleared before the call, so that a change seen while the handler runs is told again.
+      queued = false;
+      self->deliver(change);
+    });
+  }
+
+  void deliver(SystemChange change) {
+    if (!handler) return;
+    {
+      std::lock_guard lock(mutex);
+      if (stopped) return;
+      ++activeCalls;
+    }
+    const MonitorState* const outer = tDelivering;
+    tDelivering = this;
+    try {
+      handler(change);
+    } catch (const std::exception& e) {
+      monitorLog().fault("the system change handler failed: %s", e.what());
+    } catch (...) {
+      monitorLog().fault("the system change handler failed");
+    }
+    tDelivering = outer;
+    std::lock_guard lock(mutex);
+    if (--activeCalls == 0) idle.notify_all();
+  }
+
+  // Stops handler calls and closes the descriptor on the strand. Waits for calls in progress
+  // unless it is called from one of them.
+  void stop() {
+    std::unique_lock lock(mutex);
+    stopped = true;
+    asio::post(strand, [self = shared_from_this()] {
+      std::error_code ignored;
+      self->descriptor.close(ignored);
+    });
+    const int own = tDelivering == this ? 1 : 0;
+    idle.wait(lock, [&] { return activeCalls == own; });
+  }
+
+  static thread_local const MonitorState* tDelivering;
+
+  WorkerPool& pool;
+  asio::strand<asio::io_context::executor_type> strand;
+  asio::posix::stream_descriptor descriptor;  // owns the inotify descriptor
+  std::map<int, DirectoryWatch> watches;      // by watch descriptor
+  alignas(inotify_event) std::array<std::uint8_t, 16 * 1024> buffer{};
+  const SystemChangeMonitor::Handler handler;
+  std::atomic<bool> localeQueued{false};
+  std::atomic<bool> timeZoneQueued{false};
+
+  std::mutex mutex;
+  std::condition_variable idle;
+  bool stopped = false;
+  int activeCalls = 0;
+};
+
+thread_local const MonitorState* MonitorState::tDelivering = nullptr;
+
+class InotifySystemChangeMonitor final : public SystemChangeMonitor {
+ public:
+  InotifySystemChangeMonitor(WorkerPool& pool, const SystemChangePaths& paths, Handler handler)
+      : state_(std::make_shared<MonitorState>(pool, std::move(handler))) {
+    const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd < 0) {
+      monitorLog().error("cannot watch the locale and time-zone files: %@", errnoMessage(errno));
+      return;
+    }
+    std::error_code error;
+    state_->descriptor.assign(fd, error);
+    if (error) {
+      ::close(fd);
+      monitorLog().error("cannot watch the locale and time-zone files: %@", error.message());
+      return;
+    }
+    for (const auto& file : paths.localeFiles) addWatch(file, SystemChange::kLocale);
+    for (const auto& file : paths.timeZoneFiles) addWatch(file, SystemChange::kTimeZone);
+    if (state_->watches.empty()) {
+      monitorLog().log("none of the locale and time-zone files can be watched");
+      return;
+    }
+    state_->readNext();
+  }
+
+  ~InotifySystemChangeMonitor() override { state_->stop(); }
+
+ private:
+  // Runs before the first read, so the strand's fields are still the constructor's.
+  void addWatch(const std::string& file, SystemChange change) {
+    const std::filesystem::path path(file);
+    const std::string name = path.filename().string();
+    if (name.empty()) {
+      monitorLog().error("cannot watch \"%@\": it names no file", file);
+      return;
+    }
+    std::filesystem::path directory = path.parent_path();
+    if (directory.empty()) directory = ".";
+    const int wd =
+        inotify_add_watch(state_->descriptor.native_handle(), directory.c_str(), kWatchMask);
+    if (wd < 0) {
+      const int error = errno;
+      if (error == ENOENT || error == ENOTDIR) {
+        monitorLog().info("not watching %@: its directory does not exist", file);
+      } else {
+        monitorLog().error("cannot watch %@: %@", file, errnoMessage(error));
+      }
+      return;
+    }
+    DirectoryWatch& watch = state_->watches[wd];  // one directory named twice gives one wd
+    if (watch.directory.empty()) watch.directory = directory.string();
+    (change == SystemChange::kLocale ? watch.localeNames : watch.timeZoneNames).insert(name);
+  }
+
+  std::shared_ptr<MonitorState> state_;
+};
+
+}  // namespace
+
+SystemChangePaths SystemChangePaths::standard(const std::string& xdgConfigHome) {
+  SystemChangePaths paths;
+  paths.localeFiles = {"/etc/locale.conf", "/etc/default/locale"};
+  if (!xdgConfigHome.empty()) {
+    paths.localeFiles.push_back((std::filesystem::path(xdgConfigHome) / "locale.conf").string());
+  }
+  paths.timeZoneFiles = {"/etc/localtime", "/etc/timezone"};
+  return paths;
+}
+
+std::unique_ptr<SystemChangeMonitor> makeSystemChangeMonitor(WorkerPool& pool,
+                                                             SystemChangePaths paths,
+                                                             SystemChangeMonitor::Handler handler) {
+  return std::make_unique<InotifySystemChangeMonitor>(pool, paths, std::move(handler));
+}
+
+}  // namespace orvex
