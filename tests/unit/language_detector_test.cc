@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace orvex {
 namespace {
@@ -50,22 +48,6 @@ TEST(LanguageDetectorTest, LongTextsAreCutOnACharacterBoundary) {
   std::string text;
   while (text.size() < 200 * 1024) text += "Die Straße führt über die Brücke zum großen Bahnhof. ";
   EXPECT_EQ(detector->languageOf(text), "de");
-}
-
-TEST(LanguageDetectorTest, IsUsableFromManyThreads) {
-  const auto detector = makeLanguageDetector();
-  std::vector<std::thread> threads;
-  std::vector<std::string> results(4);
-  for (std::size_t i = 0; i < results.size(); ++i) {
-    threads.emplace_back([&, i] {
-      for (int k = 0; k < 50; ++k) {
-        results[i] = detector->languageOf(
-            "Il fait très beau aujourd'hui, alors nous allons faire une longue promenade.");
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  for (const auto& result : results) EXPECT_EQ(result, "fr");
 }
 
 }  // namespace

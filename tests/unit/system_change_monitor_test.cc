@@ -231,21 +231,5 @@ TEST(SystemChangeMonitorTest, NoCallAfterDestructionWhichWaitsForARunningCall) {
   pool.waitUntilIdle();
 }
 
-TEST(SystemChangeMonitorTest, StandardPathsNameTheSystemAndUserFiles) {
-  const SystemChangePaths paths = SystemChangePaths::standard("/home/user/.config");
-  EXPECT_EQ(paths.localeFiles, (std::vector<std::string>{"/etc/locale.conf", "/etc/default/locale",
-                                                         "/home/user/.config/locale.conf"}));
-  EXPECT_EQ(paths.timeZoneFiles, (std::vector<std::string>{"/etc/localtime", "/etc/timezone"}));
-
-  // Nothing to watch at all is not an error.
-  WorkerPool pool(1);
-  Recorder recorder;
-  SystemChangePaths none;
-  none.localeFiles = {"/nonexistent-orvex/locale.conf", "relative-name-only"};
-  auto monitor = makeSystemChangeMonitor(pool, none, recorder.handler());
-  monitor.reset();
-  EXPECT_TRUE(recorder.changes().empty());
-}
-
 }  // namespace
 }  // namespace orvex
