@@ -15,6 +15,7 @@
 
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/platform/text_util.h"
+#include "orvexd/platform/unique_fd.h"
 
 namespace orvex {
 namespace {
@@ -23,37 +24,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kDirectoryName = "com.zelmor.orvexd";
 
-// Owns a file descriptor and closes it once.
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd() { reset(); }
-
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  // Closes now and reports the outcome of close(), which can carry a delayed write error.
-  std::error_code close() {
-    if (fd_ < 0) return {};
-    const int result = ::close(std::exchange(fd_, -1));
-    return result == 0 ? std::error_code() : std::error_code(errno, std::generic_category());
-  }
-
- private:
-  void reset() {
-    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-  }
-  int fd_;
-};
 
 std::error_code lastError() { return std::error_code(errno, std::generic_category()); }
 

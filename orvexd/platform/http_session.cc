@@ -41,6 +41,7 @@
 #include "orvexd/platform/property_list.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/text_util.h"
+#include "orvexd/platform/unique_fd.h"
 #include "orvexd/platform/url_cache.h"
 #include "orvexd/platform/worker_pool.h"
 
@@ -62,31 +63,6 @@ const OrvexLog& httpLog() { return OrvexLogForCategory(kOrvexLogConnection); }
 std::once_flag gCurlGlobalInit;
 std::atomic<uint64_t> gNextTaskIdentifier{1};
 
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-  }
-  ~UniqueFd() { reset(); }
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-  // Closes the descriptor; false when close() reported an error (such as a failed write-back).
-  bool reset() {
-    if (fd_ < 0) return true;
-    const bool ok = ::close(std::exchange(fd_, -1)) == 0;
-    return ok;
-  }
-
- private:
-  int fd_ = -1;
-};
 
 long clampToLong(int64_t value, int64_t minimum) {
   return static_cast<long>(std::clamp<int64_t>(value, minimum, LONG_MAX));
@@ -785,8 +761,8 @@ void SessionCore::cancelTransfer(const std::shared_ptr<TaskImpl>& task) {
   curl_multi_remove_handle(multi.get(), transfer.easy.get());
   transfer.easy.reset();
   transfer.headers.reset();
-  transfer.uploadFd.reset();
-  transfer.downloadFd.reset();
+  (void)transfer.uploadFd.close();
+  (void)transfer.downloadFd.close();
   if (!transfer.downloadPath.empty()) ::unlink(transfer.downloadPath.c_str());
   active.erase(task.get());
   finish(task, std::move(outcome));
@@ -810,10 +786,10 @@ void SessionCore::completeTransfer(TaskImpl* raw, CURLcode code) {
   curl_multi_remove_handle(multi.get(), transfer.easy.get());
   transfer.easy.reset();
   transfer.headers.reset();
-  transfer.uploadFd.reset();
+  (void)transfer.uploadFd.close();
 
   bool downloadOk = true;
-  if (transfer.downloadFd && !transfer.downloadFd.reset() && transfer.downloadErrno == 0) {
+  if (transfer.downloadFd && transfer.downloadFd.close() && transfer.downloadErrno == 0) {
     transfer.downloadErrno = errno;
     downloadOk = false;
   }
@@ -926,7 +902,7 @@ void SessionCore::finishFromCache(const std::shared_ptr<TaskImpl>& task,
     UniqueFd fd = createDownloadFile(path, error);
     std::error_code written =
         fd ? writeAll(fd.get(), cached.body) : std::error_code(error, std::generic_category());
-    if (fd && !fd.reset() && !written) written = std::error_code(errno, std::generic_category());
+    if (fd && !written) written = fd.close();
     if (written) {
       if (!path.empty()) ::unlink(path.c_str());
       task->setTiming({});

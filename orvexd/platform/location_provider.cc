@@ -31,6 +31,7 @@
 #include <utility>
 
 #include "orvexd/core/orvex_logging.h"
+#include "orvexd/platform/unique_fd.h"
 
 namespace orvex {
 
@@ -54,19 +55,6 @@ constexpr auto kStopTimeout = 2s;
 
 const OrvexLog& locationLog() { return OrvexLogForCategory(kOrvexLogGeneral); }
 
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : fd_(fd) {}
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // The handler, shared by the provider and its sessions; guarded by its mutex.
 struct HandlerSlot {
