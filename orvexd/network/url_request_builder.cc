@@ -56,7 +56,7 @@ std::string rawQuery(CURLU* url) {
   return query;
 }
 
-std::string replaceSemicolons(std::string query) {
+std::string replaceSemicolons(std::string_view query) {
   std::string out;
   out.reserve(query.size());
   for (char c : query) {
@@ -219,7 +219,7 @@ std::string OrvexURLRequestBuilder::urlString() const {
     query += '=';
     query += percentEncodeQueryComponent(item.value);
   }
-  query = replaceSemicolons(std::move(query));
+  query = replaceSemicolons(query);
 
   // The query is appended here rather than handed to libcurl, which would rewrite its escapes
   // in lower case.

@@ -145,9 +145,9 @@ class RequestFactoryTest : public ::testing::Test {
 
   void makeFactory() {
     DeviceContextServices services;
-    services.locale = std::unique_ptr<LocaleProvider>(locale);
+    services.locale = std::move(ownedLocale);
     services.language = makeLanguageDetector();
-    services.location = std::unique_ptr<LocationProvider>(location);
+    services.location = std::move(ownedLocation);
     factory = std::make_shared<ORVNetworkRequestFactory>(*test.assembly, std::move(services));
     factory->start();
     test.assembly->requestFactory = factory;
@@ -200,7 +200,7 @@ class RequestFactoryTest : public ::testing::Test {
     if (!request) return {};
     const size_t before = server.requestCount();
     std::promise<void> done;
-    session->dataTask(*request, [&](HttpDataResult) { done.set_value(); })->resume();
+    session->dataTask(*request, [&](const HttpDataResult&) { done.set_value(); })->resume();
     EXPECT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
     EXPECT_TRUE(server.waitForRequests(before + 1, 20s));
     return server.requests().back();
@@ -209,8 +209,11 @@ class RequestFactoryTest : public ::testing::Test {
   testing::TestAssembly test;
   testing::LoopbackHttpServer server;
   std::shared_ptr<HttpSession> session;
-  FixedLocale* locale = new FixedLocale;              // owned by the factory once made
-  ScriptedLocation* location = new ScriptedLocation;  // likewise
+  // Handed to the factory when it is made; the test keeps talking to them.
+  std::unique_ptr<FixedLocale> ownedLocale = std::make_unique<FixedLocale>();
+  std::unique_ptr<ScriptedLocation> ownedLocation = std::make_unique<ScriptedLocation>();
+  FixedLocale* locale = ownedLocale.get();
+  ScriptedLocation* location = ownedLocation.get();
   std::shared_ptr<ORVNetworkRequestFactory> factory;
   std::shared_ptr<const ORVBag> bag;
   Uuid guid = Uuid::random();
