@@ -91,17 +91,18 @@ ORVNetworkRequestFactory::ORVNetworkRequestFactory(Assembly& assembly,
       _contextAccessQueue("com.zelmor.orvexd.requestfactory.context", *assembly.workerPool,
                           *assembly.clock),
       _orvexdUserAgent(kORVOrvexdNameVersion) {
-  // Nothing else can reach the factory yet, so the first context is read here, on the queue.
-  const bool ran = _contextAccessQueue.sync([this] {
+  // Reading the locale loads ICU's data, which start-up need not wait for: the first context is
+  // read on the queue, where every recipe runs after it.
+  _contextAccessQueue.async([this] {
     _updateLocaleContexts(false);
     _updateTimeZone();
-    _updateDeviceOverrides();
     _setupDebuggingQueryItems();
   });
-  if (!ran) requestLog().fault("request factory context could not be read");
 }
 
 ORVNetworkRequestFactory::~ORVNetworkRequestFactory() {
+  // The first context read holds `this`; let it finish. Later jobs hold the factory weakly.
+  if (!_contextAccessQueue.isCurrent()) (void)_contextAccessQueue.sync([] {});
   _changeMonitor.reset();
   _observers.clear();
   if (_services.location) _services.location->stopUpdates();

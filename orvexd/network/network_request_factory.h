@@ -98,7 +98,7 @@ class ORVNetworkRequestFactory final
       public SubscriptionManagerDelegate,
       public std::enable_shared_from_this<ORVNetworkRequestFactory> {
  public:
-  // Reads the context once, synchronously, so the first request already carries it.
+  // Reads the context on the context queue, ahead of any recipe.
   ORVNetworkRequestFactory(Assembly& assembly, DeviceContextServices services);
   // Starts observing notifications and system changes; call once the factory is owned by a
   // shared_ptr.
