@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "orvexd/core/orvex_logging.h"
@@ -26,10 +27,19 @@ constexpr int kJobsPerTurn = 16;
 }  // namespace
 
 struct SerialQueue::Impl : std::enable_shared_from_this<Impl> {
+  // A caller blocked in sync(); guarded by the queue's mutex.
+  struct Waiter {
+    bool done = false;
+    // The pool whose busy count the waiter gave up while blocked, to be handed back by whoever
+    // wakes it before it can run again, so that the pool never looks idle in between.
+    WorkerPool* suspended = nullptr;
+  };
   struct Entry {
     Job job;
-    WorkerPool::WorkToken token;
-    bool* done = nullptr;  // set, under the mutex, once a sync() job has run
+    // Counts an asynchronous job as pool work until it has run. A sync() job has none: its
+    // caller is counted already, as busy or, while blocked, as suspended.
+    std::optional<WorkerPool::WorkToken> token;
+    Waiter* waiter = nullptr;  // the sync() caller waiting for this job, if any
   };
 
   Impl(std::string l, WorkerPool& p, Clock& c) : label(std::move(l)), pool(p), clock(c) {}
@@ -56,26 +66,55 @@ struct SerialQueue::Impl : std::enable_shared_from_this<Impl> {
     runJobs(lock, nullptr, kJobsPerTurn);
   }
 
-  // Runs queued jobs on the calling thread, in order, until `until` is set or `limit` jobs have
-  // run, then releases the queue. Called and returns with the lock held.
-  void runJobs(std::unique_lock<std::mutex>& lock, const bool* until, int limit) {
+  // Runs queued jobs on the calling thread, in order, until `caller`'s own job has run or, for a
+  // turn from the pool, `limit` jobs have run; then releases the queue. Called and returns with
+  // the lock held.
+  void runJobs(std::unique_lock<std::mutex>& lock, const Waiter* caller, int limit) {
     running = true;
     int ran = 0;
-    while (!jobs.empty() && (until != nullptr ? !*until : ran < limit)) {
+    while (!jobs.empty() && (caller != nullptr ? !caller->done : ran < limit)) {
       Entry entry = std::move(jobs.front());
       jobs.pop_front();
+      // From here the job is counted as the running thread's own work: the pool's turn, or the
+      // sync() caller's job.
+      entry.token.reset();
       lock.unlock();
-      tHeldQueues.push_back(this);
-      WorkerPool::runCounted(entry.job);
-      tHeldQueues.pop_back();
+      runEntry(entry, entry.waiter != nullptr && entry.waiter == caller);
       entry.job = nullptr;  // release what the job captured before taking the lock
       lock.lock();
       ++ran;
-      if (entry.done != nullptr) *entry.done = true;
+      if (entry.waiter != nullptr) {
+        entry.waiter->done = true;
+        wake(*entry.waiter);
+        // Its caller may go on at once; the queue is not released to it until this turn ends.
+        changed.notify_all();
+      }
     }
     running = false;
     scheduleLocked();
     changed.notify_all();
+  }
+
+  // A sync() caller's own job runs holding the caller's queues too; any other job runs holding
+  // only this queue, as it would on a worker of its own, so it never passes for a job of the
+  // queues the caller happens to hold.
+  void runEntry(const Entry& entry, bool callersOwn) {
+    if (callersOwn) {
+      tHeldQueues.push_back(this);
+      WorkerPool::runCounted(entry.job);
+      tHeldQueues.pop_back();
+      return;
+    }
+    std::vector<const void*> held{this};
+    tHeldQueues.swap(held);
+    WorkerPool::runCounted(entry.job);
+    tHeldQueues.swap(held);
+  }
+
+  // Hands a blocked waiter's busy count back. Under the mutex.
+  static void wake(Waiter& waiter) {
+    if (waiter.suspended != nullptr)
+      WorkerPool::resumeWork(std::exchange(waiter.suspended, nullptr));
   }
 
   const std::string label;
@@ -105,18 +144,22 @@ bool SerialQueue::sync(const Job& job) const {
     OrvexLogForCategory(kOrvexLogGeneral).fault("sync refused: already on queue %s", impl_->label);
     return false;
   }
-  Impl& queue = *impl_;
-  bool done = false;
-  std::unique_lock lock(queue.mutex);
-  queue.jobs.push_back(Impl::Entry{[&job] { job(); }, WorkerPool::WorkToken(queue.pool), &done});
+  // Held for the whole call: a job this caller runs may drop the queue's last owner.
+  const std::shared_ptr<Impl> queue = impl_;
+  Impl::Waiter waiter;
+  std::unique_lock lock(queue->mutex);
+  queue->jobs.push_back(Impl::Entry{[&job] { job(); }, std::nullopt, &waiter});
   // Either run the queue here, up to and including this job, or wait for the thread that is
   // running it to get there. The caller never waits for a free worker, so callers on the pool
-  // cannot starve it.
-  while (!done) {
-    if (!queue.running) {
-      queue.runJobs(lock, &done, 0);
+  // cannot starve it. While blocked, it does not count as busy (the job it waits for does).
+  while (!waiter.done) {
+    if (!queue->running) {
+      queue->runJobs(lock, &waiter, 0);
     } else {
-      queue.changed.wait(lock);
+      waiter.suspended = WorkerPool::currentCounted();
+      WorkerPool::suspendWork(waiter.suspended);
+      queue->changed.wait(lock, [&] { return waiter.done || !queue->running; });
+      Impl::wake(waiter);
     }
   }
   return true;

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "orvexd/platform/counting_semaphore.h"
 #include "tests/support/test_environment.h"
 
 namespace orvex {
@@ -114,6 +115,44 @@ TEST(SerialQueue, SyncFromEveryWorkerAtOnceDoesNotStarveThePool) {
   platform.settle();
   EXPECT_EQ(third.syncResult([&] { return counter; }), kCallers);
   EXPECT_EQ(asyncRan, kCallers);
+}
+
+TEST(SerialQueue, JobsASyncCallerRunsForAnotherQueueDoNotPassForItsOwn) {
+  // One worker, busy with the caller's job: the earlier job of the target queue can only run on
+  // the caller's thread, inside its sync().
+  testing::VirtualPlatform platform(1);
+  SerialQueue caller("com.zelmor.orvexd.caller", *platform.pool, *platform.clock);
+  SerialQueue target("com.zelmor.orvexd.target", *platform.pool, *platform.clock);
+  std::optional<bool> earlierSawCaller;
+  std::optional<bool> earlierSawTarget;
+  std::optional<bool> ownSawCaller;
+  caller.async([&] {
+    target.async([&] {
+      earlierSawCaller = caller.isCurrent();
+      earlierSawTarget = target.isCurrent();
+    });
+    ASSERT_TRUE(target.sync([&] { ownSawCaller = caller.isCurrent(); }));
+  });
+  platform.settle();
+  EXPECT_EQ(earlierSawCaller, false);
+  EXPECT_EQ(earlierSawTarget, true);
+  EXPECT_EQ(ownSawCaller, true);
+}
+
+TEST(SerialQueue, ACallerWaitingInSyncLetsVirtualTimeMove) {
+  // The queue's job waits a virtual second on a semaphore while a worker waits in sync() for
+  // the queue: advancing the clock must not wait for that worker.
+  testing::VirtualPlatform platform;
+  SerialQueue queue("com.zelmor.orvexd.test", *platform.pool, *platform.clock);
+  CountingSemaphore semaphore(*platform.clock);
+  std::atomic<bool> timedOut{false};
+  std::atomic<bool> syncRan{false};
+  queue.async([&] { timedOut = !semaphore.wait(std::chrono::seconds(1)); });
+  platform.pool->post([&] { ASSERT_TRUE(queue.sync([&] { syncRan = true; })); });
+  platform.advance(std::chrono::seconds(2));
+  platform.settle();
+  EXPECT_TRUE(timedOut);
+  EXPECT_TRUE(syncRan);
 }
 
 TEST(SerialQueue, AfterRunsOnTheQueueAtItsVirtualDeadlineAndNotOnceTheQueueIsGone) {
