@@ -59,7 +59,7 @@ void registerDefaults(DefaultsStore& defaults) {
 // Queries: the URL cache, no cookies, HTTP/2 multiplexing, TCP fast open and TLS session
 // resumption unless "ORVNoParallax" is set. Timing is collected for every transfer. libcurl has
 // no memory-mapped cache tier (so no minimum size for one) and does not tell cellular from
-// other interfaces, so idle connections are closed after the same time on all of them.
+// other interfaces, so idle connections are closed after 10 s on all of them.
 std::shared_ptr<HttpSession> makeMainSession(Assembly& assembly) {
   const bool noParallax = assembly.userDefaults->boolForKey(kORVNoParallaxKey);
   HttpSessionConfiguration configuration;
@@ -70,15 +70,18 @@ std::shared_ptr<HttpSession> makeMainSession(Assembly& assembly) {
   configuration.tcpFastOpen = !noParallax;
   configuration.tlsSessionTickets = !noParallax;
   configuration.multiplexing = true;
+  configuration.idleConnectionTimeout = std::chrono::seconds(10);
   return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
                                        *assembly.clock,
                                        assembly.fileManager->temporaryDirectory().string());
 }
 
-// The bag: no cookies and no response cache, so every fetch reaches the server.
+// The bag: no cookies and no response cache, so every fetch reaches the server; idle
+// connections closed after 10 s as on the main session.
 std::shared_ptr<HttpSession> makeBagSession(Assembly& assembly) {
   HttpSessionConfiguration configuration;
   configuration.identifier = "bag";
+  configuration.idleConnectionTimeout = std::chrono::seconds(10);
   return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
                                        *assembly.clock,
                                        assembly.fileManager->temporaryDirectory().string());

@@ -174,6 +174,7 @@ void ORVNetworkRequestFactory::_updateLocaleContexts(bool notify) {
   }
 
   _effectiveSystemLanguage = locale.effectiveSystemLanguage;
+  _localeRegionCode = locale.regionCode;
   if (locale.hourCyclePattern.find("HH") != std::string::npos) {
     _is24hDateFormat = "1";
   } else {
@@ -189,13 +190,14 @@ void ORVNetworkRequestFactory::_updateTimeZone() {
 }
 
 // Values the device's owner may set in the defaults store, each replacing what the system says.
-void ORVNetworkRequestFactory::_updateDeviceOverrides() {
+bool ORVNetworkRequestFactory::_updateDeviceOverrides() {
   _contextAccessQueue.assertCurrent("_updateDeviceOverrides");
   DefaultsStore& defaults = *_assembly.userDefaults;
+  const std::string previousCountry = _geoDeviceCountryCode;
   if (auto country = defaults.stringForKey(kORVCountryCodeKey); country && !country->empty()) {
     _geoDeviceCountryCode = upper(*country);
   } else {
-    _geoDeviceCountryCode = _services.locale->currentLocale().regionCode;
+    _geoDeviceCountryCode = _localeRegionCode;
   }
   if (auto storefront = defaults.stringForKey(kORVStorefrontKey);
       storefront && !storefront->empty()) {
@@ -204,6 +206,13 @@ void ORVNetworkRequestFactory::_updateDeviceOverrides() {
     _storeFrontIdentifier = _storeFrontFromSubscriptions;
   }
   _isManagedAccount = defaults.boolForKey(kORVManagedAccountKey);
+  return _geoDeviceCountryCode != previousCountry;
+}
+
+// The overrides may be changed at any time; each recipe reads them afresh, and a new country
+// (which is part of the bag's key) asks for a fresh bag.
+void ORVNetworkRequestFactory::_refreshDeviceOverrides() {
+  if (_updateDeviceOverrides()) _notifyBagRefreshRequired();
 }
 
 void ORVNetworkRequestFactory::_setupDebuggingQueryItems() {
@@ -239,10 +248,8 @@ void ORVNetworkRequestFactory::systemLocaleDidChange() {
 
 void ORVNetworkRequestFactory::systemTimeZoneDidChange() {
   _contextAccessQueue.async([weak = weak_from_this()] {
-    if (auto self = weak.lock()) {
-      self->_updateTimeZone();
-      self->_notifyBagRefreshRequired();
-    }
+    // The time zone is no part of the bag's key: nothing to refresh.
+    if (auto self = weak.lock()) self->_updateTimeZone();
   });
 }
 
@@ -572,6 +579,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::bagFetchRequest(
     BagController& bagController, const std::string& userAgent,
     const std::optional<std::string>& version) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = bagBuilder(bagController, version);
     if (!builder) return std::nullopt;
     builder->defaultQueryItemWithName("key", kORVApiKey);
@@ -591,6 +599,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::bagCacheRequest(
     BagController& bagController, const std::string& userAgent,
     const std::optional<std::string>& version) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = bagBuilder(bagController, version);
     if (!builder) return std::nullopt;
     builder->forceQueryItemsFromArray(_debuggingQueryItems);
@@ -604,6 +613,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::bagCacheRequest(
 
 std::optional<HttpRequest> ORVNetworkRequestFactory::warmRequest(const std::string& url) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = builderForEndpoint(url, "warm");
     if (!builder) return std::nullopt;
     HttpRequest request;
@@ -618,6 +628,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::searchRequest(const ORVRequ
                                                                    const Uuid& userGuid,
                                                                    unsigned fieldMask) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = builderForEndpoint(bag.searchURL(), "search");
     if (!builder) return std::nullopt;
     _startLocationUpdates();
@@ -662,6 +673,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::zeroKeywordRequest(const OR
                                                                         const Uuid& userGuid,
                                                                         unsigned fieldMask) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = builderForEndpoint(bag.searchURL(), "search");
     if (!builder) return std::nullopt;
     builder->forceQueryItemWithName("qtype", "zkw");
@@ -692,6 +704,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::moreResultsRequest(const OR
                                                                         const Uuid& userGuid,
                                                                         unsigned fieldMask) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = builderForEndpoint(bag.moreResultsURL(), "more results");
     if (!builder) return std::nullopt;
     if (!builder->containsQueryItemWithName("latlng")) _startLocationUpdates();
@@ -718,6 +731,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::lookupRequest(const ORVRequ
                                                                    const ORVBag& bag,
                                                                    const Uuid& userGuid) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = builderForEndpoint(bag.searchURL(), "search");
     if (!builder) return std::nullopt;
     _startLocationUpdates();
@@ -759,6 +773,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::cardRequest(const ORVReques
                                                                  const ORVBag& bag,
                                                                  const Uuid& userGuid) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = builderForEndpoint(bag.cardURL(), "card");
     if (!builder) return std::nullopt;
     addQueryAndDebugItems(*builder, query);
@@ -785,6 +800,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::fileDownloadRequest(const s
                                                                          const std::string& version,
                                                                          bool includeLatLong) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = builderForEndpoint(url, "download");
     if (!builder) return std::nullopt;
     builder->defaultQueryItemWithName("key", kORVApiKey);
@@ -801,6 +817,7 @@ std::optional<HttpRequest> ORVNetworkRequestFactory::fileDownloadRequest(const s
 std::optional<HttpRequest> ORVNetworkRequestFactory::flusherUploadRequest(
     const std::string& url, Duration timeout, const std::string& digest) {
   return onContextQueue([&]() -> std::optional<HttpRequest> {
+    _refreshDeviceOverrides();
     auto builder = builderForEndpoint(url, "feedback");
     if (!builder) return std::nullopt;
     builder->forceQueryItemsFromArray(_debuggingQueryItems);

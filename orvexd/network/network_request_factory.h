@@ -133,8 +133,8 @@ class ORVNetworkRequestFactory final
       const std::vector<nlohmann::json>& subscriptions) override;
   void subscriptionManagerDidUpdateStorefrontIdentifier(const std::string& storefront) override;
 
-  // System change notices; each updates the context on the queue and, for the locale and time
-  // zone, posts "ORVBagRefreshRequired".
+  // System change notices; each updates the context on the queue, and a locale change posts
+  // "ORVBagRefreshRequired".
   void systemLocaleDidChange();
   void systemTimeZoneDidChange();
 
@@ -145,7 +145,9 @@ class ORVNetworkRequestFactory final
   // Everything below runs on _contextAccessQueue.
   void _updateLocaleContexts(bool notify);
   void _updateTimeZone();
-  void _updateDeviceOverrides();
+  // Whether the device country changed.
+  bool _updateDeviceOverrides();
+  void _refreshDeviceOverrides();
   void _setupDebuggingQueryItems();
   void _didGetBag(const std::shared_ptr<const ORVBag>& bag);
   void _updateHashtagImagesVisibility(const ORVBag& bag);
@@ -198,6 +200,7 @@ class ORVNetworkRequestFactory final
   std::string _effectiveSystemLanguage;
   std::string _preferredLanguages;  // JSON array text
   std::string _geoDeviceCountryCode;
+  std::string _localeRegionCode;
   std::optional<LocationFix> _geoLocation;
   std::string _geoLocationLatLng;
   std::string _geoLocationSource;

@@ -35,8 +35,9 @@ using RetryableCompletion = std::function<void(HttpDataResult)>;
 
 // Makes the first data task for `request`, not yet resumed: the caller resumes it. Retries are
 // new tasks the caller never sees, resumed from the worker pool after the delay; `completion`
-// runs exactly once, on the session's callback queue, with the outcome of the last attempt.
-// The retries hold the session weakly: once it is gone, the last failure is reported.
+// runs once, with the outcome of the last attempt, on the session's callback queue. The retries
+// hold the session weakly: once it is gone, the last failure is reported from the worker pool.
+// A delayed retry still pending when the clock itself is destroyed (at exit) never completes.
 std::shared_ptr<HttpTask> dataTaskWithRetryableRequest(const std::shared_ptr<HttpSession>& session,
                                                        const ORVRetryableNetworkRequest& request,
                                                        unsigned attempt, unsigned retriesLeft,

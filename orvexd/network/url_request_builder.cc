@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "orvexd/platform/property_list.h"
@@ -54,6 +55,13 @@ std::string rawQuery(CURLU* url) {
   std::string query(part);
   curl_free(part);
   return query;
+}
+
+// A query item of a URL as servers read it: '+' is a space, then the escapes.
+std::string decodeQueryComponent(std::string_view text) {
+  std::string spaced(text);
+  std::replace(spaced.begin(), spaced.end(), '+', ' ');
+  return percentDecode(spaced);
 }
 
 std::string replaceSemicolons(std::string_view query) {
@@ -129,10 +137,10 @@ std::optional<OrvexURLRequestBuilder> OrvexURLRequestBuilder::requestBuilderWith
     if (!piece.empty()) {
       const size_t equals = piece.find('=');
       if (equals == std::string_view::npos) {
-        builder.forceQueryItemWithName(percentDecode(piece), "");
+        builder.forceQueryItemWithName(decodeQueryComponent(piece), "");
       } else {
-        builder.forceQueryItemWithName(percentDecode(piece.substr(0, equals)),
-                                       percentDecode(piece.substr(equals + 1)));
+        builder.forceQueryItemWithName(decodeQueryComponent(piece.substr(0, equals)),
+                                       decodeQueryComponent(piece.substr(equals + 1)));
       }
     }
     start = end + 1;

@@ -24,7 +24,8 @@ namespace orvex {
 class OrvexURLRequestBuilder {
  public:
   // Splits an absolute URL; none when it does not parse. The URL's own query items are loaded
-  // as forced items, so of two items of one name in it, the later wins.
+  // as forced items, so of two items of one name in it, the later wins. They are read as
+  // servers read them ('+' is a space) and sent again escaped, so they keep their meaning.
   static std::optional<OrvexURLRequestBuilder> requestBuilderWithURL(std::string_view url);
 
   OrvexURLRequestBuilder(const OrvexURLRequestBuilder& other);

@@ -493,17 +493,25 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   EXPECT_FALSE(search->containsQueryItemWithName("units"));
   EXPECT_EQ(search->queryItemValue("24h"), "1");
 
-  // The country override wins over the locale's region.
-  test.assembly->userDefaults->setObject(kORVCountryCodeKey, PlistValue("ch"));
+  // A time-zone change is no part of the bag's key; the country override, which is, wins over
+  // the locale's region and is read afresh by every recipe.
+  german.timeZoneName = "Europe/Berlin";
   locale->set(german);
   factory->systemTimeZoneDidChange();
-  factory->systemLocaleDidChange();
   factory->waitForContextUpdates();
   test.settle();
-  EXPECT_EQ(refreshes, 3);
+  EXPECT_EQ(refreshes, 1);
+  EXPECT_EQ(OrvexURLRequestBuilder::requestBuilderWithURL(
+                factory->searchRequest(searchQuery(), *bag, guid, 0)->url)
+                ->queryItemValue("time_zone"),
+            "Europe/Berlin");
+  test.assembly->userDefaults->setObject(kORVCountryCodeKey, PlistValue("ch"));
   builder = OrvexURLRequestBuilder::requestBuilderWithURL(
       factory->bagCacheRequest(endpoint, "orvexd/1.0", std::nullopt)->url);
   EXPECT_EQ(builder->queryItemValue("cc"), "CH");
+  factory->waitForContextUpdates();
+  test.settle();
+  EXPECT_EQ(refreshes, 2);
 
   // A new user GUID starts a new maps session.
   const std::string geoSession = factory->geoSessionEntityString();

@@ -60,11 +60,13 @@ TEST(OrvexURLRequestBuilder, RejectsWhatIsNotAnAbsoluteUrlAndDecodesLeniently) {
   EXPECT_FALSE(OrvexURLRequestBuilder::requestBuilderWithURL("/relative/path?q=1"));
 
   // Items without a value, empty pieces and broken escapes survive without harm.
-  auto builder = OrvexURLRequestBuilder::requestBuilderWithURL("https://h/p?flag&&bad=%zz%4");
+  auto builder =
+      OrvexURLRequestBuilder::requestBuilderWithURL("https://h/p?flag&&bad=%zz%4&sp=a+b%2Bc");
   ASSERT_TRUE(builder);
   EXPECT_EQ(builder->queryItemValue("flag"), "");
   EXPECT_EQ(builder->queryItemValue("bad"), "%zz%4");
-  EXPECT_EQ(builder->createUrlRequest().url, "https://h/p?bad=%25zz%254&flag=");
+  EXPECT_EQ(builder->queryItemValue("sp"), "a b+c");
+  EXPECT_EQ(builder->createUrlRequest().url, "https://h/p?bad=%25zz%254&flag=&sp=a%20b%2Bc");
   EXPECT_EQ(percentDecode("%41%4a%4"), "AJ%4");
 }
 
