@@ -16,9 +16,32 @@ namespace orvex {
 
 namespace {
 
-// The queues whose jobs the calling thread is running, innermost last. A thread holds more than
-// one when a job of one queue calls sync() on another and runs that queue's jobs itself.
-thread_local std::vector<const void*> tHeldQueues;
+// The queues whose jobs the calling thread is running, innermost first, as a list of nodes on
+// the stack of the frames that run them. A thread holds more than one when a job of one queue
+// calls sync() on another and runs that queue's job itself. A plain pointer, so it stays usable
+// while the thread's other thread-locals are destroyed at exit.
+struct HeldQueue {
+  const void* queue;
+  const HeldQueue* outer;
+};
+thread_local const HeldQueue* tHeldQueues = nullptr;
+
+// Marks the calling thread as running a job of `queue` for the life of the guard; with
+// `alone`, as running that queue's job only.
+class HoldQueue {
+ public:
+  HoldQueue(const void* queue, bool alone)
+      : node_{queue, alone ? nullptr : tHeldQueues}, saved_(tHeldQueues) {
+    tHeldQueues = &node_;
+  }
+  ~HoldQueue() { tHeldQueues = saved_; }
+  HoldQueue(const HoldQueue&) = delete;
+  HoldQueue& operator=(const HoldQueue&) = delete;
+
+ private:
+  HeldQueue node_;
+  const HeldQueue* saved_;
+};
 
 // Jobs a pool thread runs before handing the queue back to the pool, so that one busy queue
 // cannot keep a worker from the others.
@@ -99,16 +122,8 @@ struct SerialQueue::Impl : std::enable_shared_from_this<Impl> {
   // only this queue, as it would on a worker of its own, so it never passes for a job of the
   // queues the caller happens to hold.
   void runEntry(const Entry& entry, bool callersOwn) {
-    if (callersOwn) {
-      tHeldQueues.push_back(this);
-      WorkerPool::runCounted(entry.job);
-      tHeldQueues.pop_back();
-      return;
-    }
-    std::vector<const void*> held{this};
-    tHeldQueues.swap(held);
+    const HoldQueue hold(this, !callersOwn);
     WorkerPool::runCounted(entry.job);
-    tHeldQueues.swap(held);
   }
 
   // Hands a blocked waiter's busy count back. Under the mutex.
@@ -180,7 +195,10 @@ std::function<void(SerialQueue::Job)> SerialQueue::weakPoster() const {
 }
 
 bool SerialQueue::isCurrent() const {
-  return std::find(tHeldQueues.begin(), tHeldQueues.end(), impl_.get()) != tHeldQueues.end();
+  for (const HeldQueue* held = tHeldQueues; held != nullptr; held = held->outer) {
+    if (held->queue == impl_.get()) return true;
+  }
+  return false;
 }
 
 void SerialQueue::assertCurrent(const char* what) const {
