@@ -95,7 +95,6 @@ ORVNetworkRequestFactory::ORVNetworkRequestFactory(Assembly& assembly,
   // read on the queue, where every recipe runs after it.
   _contextAccessQueue.async([this] {
     _updateLocaleContexts(false);
-    _updateTimeZone();
     _setupDebuggingQueryItems();
   });
 }
@@ -174,6 +173,7 @@ void ORVNetworkRequestFactory::_updateLocaleContexts(bool notify) {
   }
 
   _effectiveSystemLanguage = locale.effectiveSystemLanguage;
+  _localTimeZoneName = locale.timeZoneName;
   _localeRegionCode = locale.regionCode;
   if (locale.hourCyclePattern.find("HH") != std::string::npos) {
     _is24hDateFormat = "1";
@@ -239,10 +239,7 @@ void ORVNetworkRequestFactory::_setupDebuggingQueryItems() {
 
 void ORVNetworkRequestFactory::systemLocaleDidChange() {
   _contextAccessQueue.async([weak = weak_from_this()] {
-    if (auto self = weak.lock()) {
-      self->_updateTimeZone();
-      self->_updateLocaleContexts(true);
-    }
+    if (auto self = weak.lock()) self->_updateLocaleContexts(true);
   });
 }
 
