@@ -1,13 +1,41 @@
 #include "orvexd/platform/bus_connection.h"
 
+#include <poll.h>
 #include <sdbus-c++/IConnection.h>
+#include <sys/eventfd.h>
 
+#include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
+#include <system_error>
 
 namespace orvex {
 
+namespace {
+
+uint64_t monotonicMicroseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+}
+
+// poll()'s time-out for sd-bus's absolute deadline (UINT64_MAX: none).
+int pollTimeout(uint64_t deadlineMicroseconds) {
+  if (deadlineMicroseconds == UINT64_MAX) return -1;
+  const uint64_t now = monotonicMicroseconds();
+  if (deadlineMicroseconds <= now) return 0;
+  const uint64_t milliseconds = (deadlineMicroseconds - now + 999) / 1000;
+  return milliseconds > INT32_MAX ? INT32_MAX : static_cast<int>(milliseconds);
+}
+
+}  // namespace
+
 BusConnection::BusConnection(std::unique_ptr<sdbus::IConnection> connection)
-    : connection_(std::move(connection)) {}
+    : connection_(std::move(connection)), wakeup_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wakeup_) throw std::system_error(errno, std::generic_category(), "eventfd");
+}
 
 BusConnection::~BusConnection() = default;
 
@@ -26,6 +54,9 @@ std::unique_ptr<BusConnection> BusConnection::connectToSessionBus(std::string* e
   } catch (const sdbus::Error& e) {
     if (error != nullptr) *error = e.getName() + ": " + e.getMessage();
     return nullptr;
+  } catch (const std::system_error& e) {
+    if (error != nullptr) *error = e.what();
+    return nullptr;
   }
 }
 
@@ -41,6 +72,53 @@ bool BusConnection::requestName(const std::string& name, std::string* error) {
   }
 }
 
-void BusConnection::runEventLoop() { connection_->enterEventLoop(); }
+void BusConnection::post(std::function<void()> job) {
+  {
+    std::lock_guard lock(mutex_);
+    jobs_.push_back(std::move(job));
+  }
+  const uint64_t one = 1;
+  (void)!::write(wakeup_.get(), &one, sizeof one);
+}
+
+void BusConnection::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  const uint64_t one = 1;
+  (void)!::write(wakeup_.get(), &one, sizeof one);
+}
+
+bool BusConnection::runPostedJobs() {
+  uint64_t count = 0;
+  (void)!::read(wakeup_.get(), &count, sizeof count);
+  std::deque<std::function<void()>> jobs;
+  bool stopping = false;
+  {
+    std::lock_guard lock(mutex_);
+    jobs.swap(jobs_);
+    stopping = stopping_;
+  }
+  for (auto& job : jobs) job();
+  return !stopping;
+}
+
+void BusConnection::runEventLoop() {
+  for (;;) {
+    while (connection_->processPendingRequest()) {
+    }
+    if (!runPostedJobs()) return;
+    // A posted job may have queued messages or left requests to process: look again before
+    // sleeping, with the bus's current wishes.
+    if (connection_->processPendingRequest()) continue;
+    const sdbus::IConnection::PollData bus = connection_->getEventLoopPollData();
+    pollfd fds[2] = {{bus.fd, bus.events, 0}, {wakeup_.get(), POLLIN, 0}};
+    const int ready = ::poll(fds, 2, pollTimeout(bus.timeout_usec));
+    if (ready < 0 && errno != EINTR) {
+      throw std::system_error(errno, std::generic_category(), "poll on the session bus");
+    }
+  }
+}
 
 }  // namespace orvex

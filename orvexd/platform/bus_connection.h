@@ -3,16 +3,24 @@
 //
 // The D-Bus glue stays thin: objects register their members on connection(), and every member
 // handler runs through runBusHandler() so that no failure escapes into sd-bus.
+//
+// The connection belongs to the thread that runs its event loop: sd-bus is not thread-safe, so
+// everything that sends (signals, replies from other queues) is handed to that thread with
+// post(), which wakes the loop through an eventfd.
 #pragma once
 
 #include <sdbus-c++/Error.h>
 
+#include <deque>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "orvexd/core/orvex_logging.h"
+#include "orvexd/platform/unique_fd.h"
 
 namespace sdbus {
 class IConnection;
@@ -35,11 +43,23 @@ class BusConnection {
   sdbus::IConnection& connection();
   // Owns `name`; fails (with the reason) when another connection owns it.
   bool requestName(const std::string& name, std::string* error);
-  // Dispatches bus messages on the calling thread for the life of the process.
+  // Dispatches bus messages and posted jobs on the calling thread until stop().
   void runEventLoop();
+  // Ends runEventLoop() once the jobs posted before it have run. Callable from any thread.
+  void stop();
+  // Runs `job` on the event-loop thread, after the jobs posted before it. Callable from any
+  // thread; jobs posted while no loop runs wait for one.
+  void post(std::function<void()> job);
 
  private:
+  // Runs the jobs posted so far; false once stop() was called.
+  bool runPostedJobs();
+
   std::unique_ptr<sdbus::IConnection> connection_;
+  UniqueFd wakeup_;   // eventfd that post() and stop() signal
+  std::mutex mutex_;  // guards jobs_ and stopping_
+  std::deque<std::function<void()>> jobs_;
+  bool stopping_ = false;
 };
 
 // Runs a member handler. An sdbus::Error passes through as the reply's error; any other

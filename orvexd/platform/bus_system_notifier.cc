@@ -1,0 +1,32 @@
+#include "orvexd/platform/bus_system_notifier.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "orvexd/core/orvex_logging.h"
+
+namespace orvex {
+
+BusSystemNotifier::BusSystemNotifier(BusConnection& bus)
+    : bus_(bus), object_(sdbus::createObject(bus.connection(), kOrvexObjectPath)) {
+  object_->registerSignal(kOrvexSystemNotifySignal)
+      .onInterface(kOrvexDaemonInterface)
+      .withParameters<std::string>("name");
+  object_->finishRegistration();
+}
+
+BusSystemNotifier::~BusSystemNotifier() = default;
+
+void BusSystemNotifier::postNotification(const std::string& name) {
+  bus_.post([object = object_, name] {
+    try {
+      object->emitSignal(kOrvexSystemNotifySignal)
+          .onInterface(kOrvexDaemonInterface)
+          .withArguments(name);
+    } catch (const sdbus::Error& e) {
+      OrvexLogForCategory(kOrvexLogGeneral)
+          .error("cannot send SystemNotify %@: %@", name, e.getMessage());
+    }
+  });
+}
+
+}  // namespace orvex

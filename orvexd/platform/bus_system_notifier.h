@@ -1,0 +1,33 @@
+// System notify names on D-Bus: the broadcast signal SystemNotify(s name) of the interface
+// com.zelmor.orvexd.Daemon on /com/zelmor/orvexd.
+#pragma once
+
+#include <memory>
+
+#include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/system_notifier.h"
+
+namespace sdbus {
+class IObject;
+}
+
+namespace orvex {
+
+inline constexpr const char* kOrvexDaemonInterface = "com.zelmor.orvexd.Daemon";
+inline constexpr const char* kOrvexSystemNotifySignal = "SystemNotify";
+
+class BusSystemNotifier final : public SystemNotifier {
+ public:
+  // Registers the signal on `bus`, which must outlive the notifier.
+  explicit BusSystemNotifier(BusConnection& bus);
+  ~BusSystemNotifier() override;
+
+  // The signal is emitted from the bus's event-loop thread, the only one that may send.
+  void postNotification(const std::string& name) override;
+
+ private:
+  BusConnection& bus_;
+  std::shared_ptr<sdbus::IObject> object_;  // shared with the posted emissions
+};
+
+}  // namespace orvex
