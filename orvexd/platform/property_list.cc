@@ -1500,6 +1500,31 @@ std::optional<PlistValue> parsePropertyList(std::span<const std::uint8_t> bytes,
   return value;
 }
 
+PlistHandle parsePropertyListTree(std::span<const std::uint8_t> bytes, std::string* error) {
+  std::string why;
+  PlistHandle root;
+  constexpr std::string_view kBinarySignature = "bplist";
+  if (bytes.size() >= kBinarySignature.size() && bytes.size() <= 0xffffffffu &&
+      std::memcmp(bytes.data(), kBinarySignature.data(), kBinarySignature.size()) == 0) {
+    const auto trailer = readBinaryTrailer(bytes, why);
+    if (trailer && checkBinaryStructure(bytes, *trailer, why)) {
+      plist_t raw = nullptr;
+      plist_from_bin(reinterpret_cast<const char*>(bytes.data()),
+                     static_cast<std::uint32_t>(bytes.size()), &raw);
+      root.reset(raw);
+      if (root == nullptr) {
+        why = "libplist could not read the binary property list";
+      } else if (!readNode(root.get(), 0, why)) {
+        root.reset();  // the same value checks as for PlistValue
+      }
+    }
+  } else if (const auto value = parsePropertyList(bytes, &why)) {
+    root = value->toPlist(&why);
+  }
+  if (root == nullptr && error != nullptr) *error = why;
+  return root;
+}
+
 std::vector<std::uint8_t> serializePropertyList(const PlistValue& value, PlistFormat format,
                                                 std::string* error) {
   std::string why;

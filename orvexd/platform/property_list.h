@@ -181,6 +181,12 @@ inline std::string describe(const PlistValue& value) { return value.describe(); 
 std::optional<PlistValue> parsePropertyList(std::span<const std::uint8_t> bytes,
                                             std::string* error = nullptr);
 
+// Reads an XML or binary property list, with the checks of parsePropertyList(), into a libplist
+// tree. Of a binary document the tree keeps the order of dictionary keys, which PlistValue does
+// not; of an XML document the keys come sorted.
+PlistHandle parsePropertyListTree(std::span<const std::uint8_t> bytes,
+                                  std::string* error = nullptr);
+
 // Writes `value` as a document of the given format. A value that cannot be written (see the
 // top of this file) gives an empty vector, an error log line and the reason in `error`; a
 // document is never empty.

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <limits>
@@ -14,6 +15,35 @@ std::string_view trimWhitespace(std::string_view text) {
   if (first == std::string_view::npos) return {};
   const size_t last = text.find_last_not_of(kSpace);
   return text.substr(first, last - first + 1);
+}
+
+std::strong_ordering compareNumeric(std::string_view a, std::string_view b) {
+  const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+  size_t i = 0;
+  size_t j = 0;
+  while (i < a.size() && j < b.size()) {
+    if (isDigit(a[i]) && isDigit(b[j])) {
+      // Compare the runs without their leading zeros: the longer is greater, else the first
+      // differing digit decides.
+      while (i < a.size() && a[i] == '0') ++i;
+      while (j < b.size() && b[j] == '0') ++j;
+      const size_t runA = std::find_if_not(a.begin() + i, a.end(), isDigit) - (a.begin() + i);
+      const size_t runB = std::find_if_not(b.begin() + j, b.end(), isDigit) - (b.begin() + j);
+      if (runA != runB) return runA <=> runB;
+      if (const int order = a.substr(i, runA).compare(b.substr(j, runB)); order != 0) {
+        return order <=> 0;
+      }
+      i += runA;
+      j += runB;
+      continue;
+    }
+    if (a[i] != b[j]) {
+      return static_cast<unsigned char>(a[i]) <=> static_cast<unsigned char>(b[j]);
+    }
+    ++i;
+    ++j;
+  }
+  return (a.size() - i) <=> (b.size() - j);
 }
 
 void appendUtf8(std::string& out, char32_t codePoint) {

@@ -1,6 +1,7 @@
 // Small text and number helpers shared by the parsers and formatters.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -19,6 +20,10 @@ void appendUtf8(std::string& out, char32_t codePoint);
 // form gives 0 for negative values.
 int64_t saturatingInt64(double value);
 uint64_t saturatingUint64(double value);
+
+// Compares two strings as people read numbered names: runs of ASCII digits compare by their
+// numeric value ("9" < "10", "v2" < "v10", "007" == "7"), everything else byte by byte.
+std::strong_ordering compareNumeric(std::string_view a, std::string_view b);
 
 // Writes all of `bytes` to `fd`, resuming after signals and short writes.
 std::error_code writeAll(int fd, std::span<const uint8_t> bytes);
