@@ -17,6 +17,7 @@
 #include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/file_manager.h"
 #include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/system_notifier.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
@@ -46,6 +47,8 @@ class Assembly {
   std::shared_ptr<DefaultsStore> userDefaults;
   std::shared_ptr<FileManager> fileManager;
   std::shared_ptr<NotificationCenter> notificationCenter;
+  // System-wide notify names; none when the daemon has no bus (tests of single components).
+  std::shared_ptr<SystemNotifier> systemNotifier;
 
   // HTTP sessions, set by start-up: the main session for queries (with the URL cache), the bag
   // session, and the sessions for resource downloads and feedback uploads.

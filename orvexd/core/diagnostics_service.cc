@@ -5,13 +5,15 @@
 #include <map>
 #include <string>
 
+#include "orvexd/core/assembly.h"
 #include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/network/bag_controller.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/process_transaction.h"
 
 namespace orvex {
 
-DiagnosticsService::DiagnosticsService(sdbus::IConnection& connection)
+DiagnosticsService::DiagnosticsService(sdbus::IConnection& connection, Assembly& assembly)
     : object_(sdbus::createObject(connection, kOrvexObjectPath)) {
   object_->registerMethod("GetCounters")
       .onInterface(kOrvexDiagnosticsInterface)
@@ -25,6 +27,16 @@ DiagnosticsService::DiagnosticsService(sdbus::IConnection& connection)
       .implementedAs([]() -> std::map<std::string, int64_t> {
         return runBusHandler("GetTransactions",
                              [] { return ProcessTransaction::openTransactions(); });
+      });
+  object_->registerMethod("GetBag")
+      .onInterface(kOrvexDiagnosticsInterface)
+      .withOutputParamNames("bag")
+      .implementedAs([&assembly]() -> std::string {
+        return runBusHandler("GetBag", [&assembly] {
+          const auto bag =
+              assembly.bagController ? assembly.bagController->cachedBagState() : nullptr;
+          return bag ? bag->rawBag().dump() : std::string();
+        });
       });
   object_->finishRegistration();
 }

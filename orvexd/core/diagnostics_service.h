@@ -3,8 +3,9 @@
 //
 //   GetCounters() -> a{sx}      every counter key with its value
 //   GetTransactions() -> a{sx}  open process transactions by name
+//   GetBag() -> s               the bag the daemon holds, as JSON text ("" when it has none)
 //
-// The handlers read process-wide, thread-safe stores and answer on the bus thread.
+// The handlers read thread-safe stores and answer on the bus thread.
 #pragma once
 
 #include <memory>
@@ -16,11 +17,13 @@ class IObject;
 
 namespace orvex {
 
+class Assembly;
+
 inline constexpr const char* kOrvexDiagnosticsInterface = "com.zelmor.orvexd.Diagnostics";
 
 class DiagnosticsService {
  public:
-  explicit DiagnosticsService(sdbus::IConnection& connection);
+  DiagnosticsService(sdbus::IConnection& connection, Assembly& assembly);
   ~DiagnosticsService();
   DiagnosticsService(const DiagnosticsService&) = delete;
   DiagnosticsService& operator=(const DiagnosticsService&) = delete;

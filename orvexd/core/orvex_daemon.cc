@@ -12,9 +12,11 @@
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
 #include "orvexd/core/tracing_setup.h"
+#include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/bus_system_notifier.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/signal_source.h"
@@ -135,10 +137,21 @@ int OrvexDaemon::run() {
   ORVTracingSetup(*userDefaults);
   registerDefaults(*userDefaults);
 
+  // The bus connection comes first so that components can broadcast from the start; the name
+  // is owned only once they all exist.
+  std::string error;
+  bus_ = BusConnection::connectToSessionBus(&error);
+  if (!bus_) {
+    defaultLog().fault("cannot connect to the session bus: %@", error);
+    flushLogs();
+    return EXIT_FAILURE;
+  }
+
   assembly_ = std::make_shared<Assembly>(pool, std::make_shared<SystemClock>());
   assembly_->userDefaults = userDefaults;
   assembly_->fileManager = fileManager;
   assembly_->notificationCenter = std::make_shared<NotificationCenter>();
+  assembly_->systemNotifier = std::make_shared<BusSystemNotifier>(*bus_);
 
   assembly_->urlSession = makeMainSession(*assembly_);
   auto requestFactory = std::make_shared<ORVNetworkRequestFactory>(
@@ -150,18 +163,15 @@ int OrvexDaemon::run() {
   assembly_->bagSession = makeBagSession(*assembly_);
   assembly_->uploadURLSession = makeUploadSession(*assembly_);
 
+  auto bagController = std::make_shared<OrvexBagController>(*assembly_);
+  assembly_->bagController = bagController;
+  bagController->start();
+
   assembly_->sharedSession = userDefaults->boolForKey(kORVSharedSessionKey);
   assembly_->guidController = std::make_shared<OrvexUserGUIDController>(*assembly_);
 
-  std::string error;
-  bus_ = BusConnection::connectToSessionBus(&error);
-  if (!bus_) {
-    defaultLog().fault("cannot connect to the session bus: %@", error);
-    flushLogs();
-    return EXIT_FAILURE;
-  }
   // Exported before the name is owned, so that a call that activated the daemon finds it.
-  diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection());
+  diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection(), *assembly_);
   if (!bus_->requestName(kOrvexBusName, &error)) {
     defaultLog().fault("cannot own the bus name %s: %@", kOrvexBusName, error);
     flushLogs();
@@ -172,6 +182,8 @@ int OrvexDaemon::run() {
       std::make_unique<SerialQueue>("com.zelmor.orvexd.ipc_event", *pool, *assembly_->clock);
   logLaunchEvent();
 
+  // Job A warms the bag: loaded from disk above, or fetched now that nothing is held.
+  pool->post([bags = assembly_->bagController] { (void)bags->currentBag(); });
   pool->post([center = assembly_->notificationCenter] { center->post(kORVStartupNotification); });
 
   installSignalSources();

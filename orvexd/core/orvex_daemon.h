@@ -37,8 +37,9 @@ class OrvexDaemon {
   void installSignalSources();
 
   DirectoryEnvironment directories_;
-  std::shared_ptr<Assembly> assembly_;
+  // The bus outlives the Assembly, whose components may hold objects registered on it.
   std::unique_ptr<BusConnection> bus_;
+  std::shared_ptr<Assembly> assembly_;
   std::unique_ptr<DiagnosticsService> diagnostics_;
   std::unique_ptr<SerialQueue> ipcEventQueue_;
   std::unique_ptr<SignalSource> sigintSource_;

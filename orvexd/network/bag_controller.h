@@ -1,14 +1,38 @@
 // The bag controller owns the daemon's one current bag; every other component reads
 // configuration through it.
+//
+// OrvexBagController keeps the bag in memory, mirrors it to "bag.plist" in the daemon's cache
+// directory so that a restarted daemon starts with the last bag, decides when it is stale and
+// fetches a new one, one fetch at a time. There is no timer: a stale bag is replaced when
+// somebody asks for it (currentBag, cachedBagState), when the request factory reports that the
+// locale or country changed ("ORVBagRefreshRequired"), or when a search answer announces a
+// newer version (forceFetchBag). A stale bag stays in use until its successor arrives, and a
+// failed fetch never removes it.
+//
+// Every stored bag is announced with "ORVBagChangeNotification" {"bag": shared_ptr<const
+// ORVBag>}, every failed fetch with "ORVBagChangeNotification" {"bagError": OrvexError}. Both
+// are posted while the store excludes readers: observers run on the storing thread and must not
+// call currentBag() or cachedBagState() synchronously (they hop to their own queue instead).
+// When the bag's "enabled" as seen by the news client flips with a fetched bag, the system
+// notify name kORVNotifyEnabled or kORVNotifyDisabled is broadcast.
 #pragma once
 
+#include <atomic>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "orvexd/model/orv_bag.h"
+#include "orvexd/platform/http_session.h"
+#include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/orvex_error.h"
+#include "orvexd/platform/reader_writer_queue.h"
 
 namespace orvex {
+
+class Assembly;
 
 class BagController {
  public:
@@ -25,6 +49,70 @@ class BagController {
   virtual std::string bagFetchURLWithCountry(const std::string& countryCode) = 0;
   // A search answer may announce a newer bag version under "bag"; fetches it when newer.
   virtual void forceFetchBag(const BagDictionary& response) = 0;
+};
+
+// The endpoints used when the defaults key "ORVBagURL" names none.
+inline constexpr const char* kORVDefaultBagURL = "https://bag.search.zelmor.com/bag";
+inline constexpr const char* kORVChinaBagURL = "https://bag.search.zelmor.cn/bag";
+
+class OrvexBagController final : public BagController,
+                                 public std::enable_shared_from_this<OrvexBagController> {
+ public:
+  // Lifetime written into "__expiration", and the margin within which a bag counts as expired.
+  static constexpr Duration kBagLifetime = std::chrono::seconds(14400);
+  static constexpr Duration kEarlyRefreshMargin = std::chrono::seconds(600);
+  // Keys the controller adds to the server's dictionary.
+  static constexpr const char* kExpirationKey = "__expiration";
+  static constexpr const char* kBagURLKey = "__bagurl";
+
+  using FetchCompletion =
+      std::function<void(std::shared_ptr<const ORVBag>, std::optional<OrvexError>)>;
+
+  explicit OrvexBagController(Assembly& assembly);
+  ~OrvexBagController() override;
+  // Loads the disk copy (which starts a fetch when it is stale) and starts observing
+  // "ORVBagRefreshRequired" from the request factory. Call once, when the controller is owned
+  // by a shared_ptr and the request factory is in the Assembly.
+  void start();
+
+  std::shared_ptr<const ORVBag> currentBag() override;
+  std::shared_ptr<const ORVBag> cachedBagState() override;
+  std::optional<std::string> warmURL() override;
+  std::string bagFetchURLWithCountry(const std::string& countryCode) override;
+  void forceFetchBag(const BagDictionary& response) override;
+
+  const std::string& userAgent() const { return _userAgent; }
+
+ private:
+  void _handleRefreshNotification();
+  bool _isRefreshRequiredForCachedBag(const BagDictionary& dictionary);
+  // The disk copy, if one can be read; `stale` tells whether it needs refreshing.
+  std::optional<BagDictionary> diskCachedBagDictionary(bool* stale);
+  std::optional<std::filesystem::path> _pathToCachedBag(std::error_code* error);
+  BagDictionary _dictionaryToCacheBag(const BagDictionary& dictionary);
+  BagDictionary cacheBagDictionary(const BagDictionary& dictionary);
+  void cacheBagState(std::shared_ptr<const ORVBag> bag, bool fromDisk);
+  // Starts a fetch unless one is running (the version asked for is then dropped).
+  void _fetchBagStateWithVersion(std::optional<std::string> version);
+  // One fetch; `completion`, when given, runs on the bag session's callback queue.
+  void _fetchBagStateWithVersion(std::optional<std::string> version, FetchCompletion completion);
+  // The outcome of one fetch's answer: the bag stored, or the error to report (neither for a
+  // body that is a JSON object but cannot be taken).
+  std::optional<OrvexError> _takeFetchedBag(const HttpDataResult& result,
+                                            std::shared_ptr<const ORVBag>& stored);
+  // The bag-cache URL as the request factory builds it now; empty when it cannot.
+  std::string currentBagCacheURL();
+
+  Assembly& _assembly;
+  // The daemon's own user agent, which selects the bag's per-agent values for the daemon.
+  const std::string _userAgent;
+  // The current bag: read in shared sections, replaced in exclusive ones
+  // ("com.zelmor.orvexd.bagcontroller.cacheaccess").
+  ReaderWriterQueue<std::shared_ptr<const ORVBag>> _inMemoryBagCacheAccessQueue;
+  // Set while a fetch is outstanding; any thread sets it by exchange and the fetch's completion
+  // clears it.
+  std::atomic<bool> _fetchInProgress{false};
+  ObserverToken _refreshObserver;  // written once by start()
 };
 
 }  // namespace orvex

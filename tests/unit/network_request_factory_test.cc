@@ -11,6 +11,7 @@
 #include "orvexd/network/app_whitelist_controller.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/platform/http_session.h"
+#include "tests/support/fixed_locale.h"
 #include "tests/support/loopback_http_server.h"
 #include "tests/support/test_assembly.h"
 
@@ -19,33 +20,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Names = std::set<std::string>;
-
-// The locale the tests run in; changed by tests to play a system change.
-struct FixedLocale final : LocaleProvider {
-  LocaleSnapshot currentLocale() const override {
-    std::lock_guard lock(mutex);
-    return snapshot;
-  }
-  void set(LocaleSnapshot value) {
-    std::lock_guard lock(mutex);
-    snapshot = std::move(value);
-  }
-  mutable std::mutex mutex;
-  LocaleSnapshot snapshot;
-};
-
-LocaleSnapshot americanEnglish() {
-  LocaleSnapshot locale;
-  locale.localeIdentifier = "en_US";
-  locale.calendarIdentifier = "gregorian";
-  locale.measurementSystem = MeasurementSystem::kUS;
-  locale.hourCyclePattern = "h:mm a";
-  locale.timeZoneName = "America/Los_Angeles";
-  locale.preferredLanguages = {"en-US", "fr", "de", "ja"};
-  locale.effectiveSystemLanguage = "en";
-  locale.regionCode = "US";
-  return locale;
-}
 
 // Positions pushed by the test, as the location service would deliver them.
 struct ScriptedLocation final : LocationProvider {
@@ -130,7 +104,7 @@ class RequestFactoryTest : public ::testing::Test {
         });
       }
     }
-    locale->set(americanEnglish());
+    locale->set(testing::FixedLocale::americanEnglish());
     Assembly& assembly = *test.assembly;
     assembly.userDefaults->setObject(kORVDebugParametersKey, PlistValue("dbg=1&trace=on"));
     assembly.userDefaults->setObject(kORVStorefrontKey, PlistValue("143441-1,29"));
@@ -210,9 +184,9 @@ class RequestFactoryTest : public ::testing::Test {
   testing::LoopbackHttpServer server;
   std::shared_ptr<HttpSession> session;
   // Handed to the factory when it is made; the test keeps talking to them.
-  std::unique_ptr<FixedLocale> ownedLocale = std::make_unique<FixedLocale>();
+  std::unique_ptr<testing::FixedLocale> ownedLocale = std::make_unique<testing::FixedLocale>();
   std::unique_ptr<ScriptedLocation> ownedLocation = std::make_unique<ScriptedLocation>();
-  FixedLocale* locale = ownedLocale.get();
+  testing::FixedLocale* locale = ownedLocale.get();
   ScriptedLocation* location = ownedLocation.get();
   std::shared_ptr<ORVNetworkRequestFactory> factory;
   std::shared_ptr<const ORVBag> bag;
@@ -468,7 +442,7 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
                                                                 ++foreignRefreshes;
                                                             });
 
-  LocaleSnapshot german = americanEnglish();
+  LocaleSnapshot german = testing::FixedLocale::americanEnglish();
   german.localeIdentifier = "de_DE";
   german.measurementSystem = MeasurementSystem::kOther;
   german.hourCyclePattern = "HH:mm";

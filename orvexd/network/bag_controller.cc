@@ -1,0 +1,376 @@
+#include "orvexd/network/bag_controller.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <utility>
+#include <vector>
+
+#include "orvexd/core/assembly.h"
+#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/core/flags.h"
+#include "orvexd/core/orvex_logging.h"
+#include "orvexd/core/orvex_names.h"
+#include "orvexd/model/orv_constants.h"
+#include "orvexd/network/network_request_factory.h"
+#include "orvexd/network/retryable_network_request.h"
+#include "orvexd/platform/json_property_list.h"
+#include "orvexd/platform/process_transaction.h"
+#include "orvexd/platform/system_notifier.h"
+#include "orvexd/platform/text_util.h"
+
+namespace orvex {
+
+namespace {
+
+const OrvexLog& bagLog() { return OrvexLogForCategory(kOrvexLogBag); }
+
+// Error code of every bag fetch failure the controller itself detects.
+constexpr int64_t kBagFetchErrorCode = 2;
+
+OrvexError bagFetchError(std::string reason) {
+  return OrvexError(kORVErrorDomain, kBagFetchErrorCode, std::move(reason));
+}
+
+double secondsSince1970(WallTime time) {
+  return std::chrono::duration<double>(time.time_since_epoch()).count();
+}
+
+std::string describeHeaders(const HttpHeaderMap& headers) {
+  std::string text = "{";
+  for (const auto& [name, value] : headers) {
+    if (text.size() > 1) text += "; ";
+    text += name + ": " + value;
+  }
+  return text + "}";
+}
+
+// How deeply `json` nests, counted without recursion (the document comes from the network).
+size_t nestingDepth(const BagDictionary& json) {
+  size_t deepest = 0;
+  std::vector<std::pair<const BagDictionary*, size_t>> pending{{&json, 1}};
+  while (!pending.empty()) {
+    const auto [value, depth] = pending.back();
+    pending.pop_back();
+    deepest = std::max(deepest, depth);
+    if (value->is_structured()) {
+      for (const auto& child : *value) pending.emplace_back(&child, depth + 1);
+    }
+  }
+  return deepest;
+}
+
+// Whether the bag enables the news client: 0 or 1, and 2 when there is no bag.
+unsigned long newsStatus(const std::shared_ptr<const ORVBag>& bag) {
+  if (!bag) return 2;
+  const auto news = ORVBag::initWithDictionary(bag->rawBag(), kORVNewsUserAgent);
+  return news && news->isEnabled() ? 1 : 0;
+}
+
+}  // namespace
+
+OrvexBagController::OrvexBagController(Assembly& assembly)
+    : _assembly(assembly),
+      _userAgent(kORVOrvexdNameVersion),
+      _inMemoryBagCacheAccessQueue("com.zelmor.orvexd.bagcontroller.cacheaccess",
+                                   *assembly.workerPool, *assembly.clock) {}
+
+OrvexBagController::~OrvexBagController() = default;
+
+void OrvexBagController::start() {
+  // The disk copy is stored before a refresh of it can start, so that the refreshed bag can
+  // never be overwritten by the older one.
+  bool stale = false;
+  if (auto dictionary = diskCachedBagDictionary(&stale)) {
+    if (auto bag = ORVBag::initWithDictionary(std::move(*dictionary), _userAgent)) {
+      cacheBagState(std::move(bag), /*fromDisk=*/true);
+    }
+  }
+  if (stale) _fetchBagStateWithVersion(std::nullopt);
+
+  // Only the request factory's posts count. They come from its context queue, which the
+  // staleness check calls into, so the check runs on the worker pool instead.
+  const auto* factory = static_cast<const NetworkRequestFactory*>(_assembly.requestFactory.get());
+  _refreshObserver = _assembly.notificationCenter->addObserver(
+      kORVBagRefreshRequiredNotification, factory,
+      [weak = weak_from_this(), pool = _assembly.workerPool](const Notification&) {
+        pool->post([weak] {
+          if (auto self = weak.lock()) self->_handleRefreshNotification();
+        });
+      });
+}
+
+std::shared_ptr<const ORVBag> OrvexBagController::currentBag() {
+  auto bag = cachedBagState();
+  if (!bag) _fetchBagStateWithVersion(std::nullopt);
+  return bag;
+}
+
+std::shared_ptr<const ORVBag> OrvexBagController::cachedBagState() {
+  auto bag = _inMemoryBagCacheAccessQueue.read([](const auto& held) { return held; });
+  if (bag && _isRefreshRequiredForCachedBag(bag->rawBag())) {
+    _assembly.workerPool->post([weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->_fetchBagStateWithVersion(std::nullopt);
+    });
+  }
+  return bag;
+}
+
+std::optional<std::string> OrvexBagController::warmURL() {
+  const auto bag = currentBag();
+  return bag ? bag->warmURL() : std::nullopt;
+}
+
+std::string OrvexBagController::bagFetchURLWithCountry(const std::string& countryCode) {
+  const std::string configured =
+      _assembly.userDefaults->stringForKey(kORVBagURLKey).value_or(std::string());
+  if (!configured.empty()) {
+    if (OrvexURLRequestBuilder::requestBuilderWithURL(configured)) return configured;
+    bagLog().error("Malformed orvex bag URL in user defaults key %@", kORVBagURLKey);
+  }
+  std::string country = countryCode;
+  for (char& c : country) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return country == "CN" ? kORVChinaBagURL : kORVDefaultBagURL;
+}
+
+void OrvexBagController::forceFetchBag(const BagDictionary& response) {
+  const std::string current = _inMemoryBagCacheAccessQueue.read(
+      [](const auto& held) { return held ? held->version() : std::string(); });
+  const auto found = response.is_object() ? response.find("bag") : response.end();
+  if (found == response.end() || !found->is_number()) return;
+  std::string announced;
+  if (found->is_number_float()) {
+    const double value = found->get<double>();
+    if (!std::isfinite(value)) return;
+    announced = std::to_string(saturatingInt64(value));
+  } else {
+    announced = found->dump();  // integers print as their decimal text
+  }
+  // With no bag held the comparison is made against nothing, which reads as the same.
+  if (!current.empty() && compareNumeric(current, announced) == std::strong_ordering::less) {
+    _fetchBagStateWithVersion(announced);
+  }
+}
+
+void OrvexBagController::_handleRefreshNotification() {
+  bagLog().debug(
+      "something significant changed (locale, geo). checking to see if bag needs update");
+  const BagDictionary raw = _inMemoryBagCacheAccessQueue.read(
+      [](const auto& held) { return held ? held->rawBag() : BagDictionary::object(); });
+  if (_isRefreshRequiredForCachedBag(raw)) _fetchBagStateWithVersion(std::nullopt);
+}
+
+bool OrvexBagController::_isRefreshRequiredForCachedBag(const BagDictionary& dictionary) {
+  const auto expirationEntry = dictionary.find(kExpirationKey);
+  const double expiration = expirationEntry != dictionary.end() && expirationEntry->is_number()
+                                ? expirationEntry->get<double>()
+                                : 0;
+  const double remaining = expiration - secondsSince1970(_assembly.clock->wallNow());
+  if (!(remaining >= std::chrono::duration<double>(kEarlyRefreshMargin).count())) {
+    bagLog().info("bag expired: %f", remaining);
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagExpired);
+    return true;
+  }
+  const auto cachedURL = dictionary.find(kBagURLKey);
+  if (cachedURL == dictionary.end() || !cachedURL->is_string()) {
+    bagLog().log("no bag URL found in cache");
+    return true;
+  }
+  const std::string currentURL = currentBagCacheURL();
+  if (currentURL != cachedURL->get_ref<const std::string&>()) {
+    bagLog().log("bag url changed from: %@ to %@", cachedURL->get_ref<const std::string&>(),
+                 currentURL);
+    return true;
+  }
+  return false;
+}
+
+std::string OrvexBagController::currentBagCacheURL() {
+  const auto request = _assembly.requestFactory->bagCacheRequest(*this, _userAgent, std::nullopt);
+  return request ? request->url : std::string();
+}
+
+std::optional<BagDictionary> OrvexBagController::diskCachedBagDictionary(bool* stale) {
+  *stale = false;
+  if (!Flags::diskBagCacheEnabled()) {
+    bagLog().log("skipping check for bag on disk because the flag is disabled");
+    return std::nullopt;
+  }
+  std::error_code pathError;
+  const auto path = _pathToCachedBag(&pathError);
+  if (!path) return std::nullopt;
+  std::error_code readError;
+  const auto bytes = _assembly.fileManager->readFile(*path, readError);
+  if (!bytes) {
+    if (readError != std::errc::no_such_file_or_directory) {
+      bagLog().fault("Error reading from bag cache: %@.", readError.message());
+    }
+    return std::nullopt;
+  }
+  std::string why;
+  auto dictionary = jsonFromPropertyList(*bytes, &why);
+  if (!dictionary) {
+    bagLog().fault("Error reading from bag cache: %@.", why);
+    return std::nullopt;
+  }
+  if (!dictionary->is_object()) {
+    bagLog().log("Unexpected class deserialized from bag cache: %@.", dictionary->type_name());
+    return std::nullopt;
+  }
+  *stale = _isRefreshRequiredForCachedBag(*dictionary);
+  return dictionary;
+}
+
+std::optional<std::filesystem::path> OrvexBagController::_pathToCachedBag(std::error_code* error) {
+  const FileManager& files = *_assembly.fileManager;
+  const std::filesystem::path directory = files.cacheDirectory();
+  if ((*error = files.ensureDirectory(directory.parent_path()))) {
+    bagLog().log("error getting cache directory %@", error->message());
+    return std::nullopt;
+  }
+  if ((*error = files.ensureDirectory(directory))) {
+    bagLog().log("error creating agent-specific cache directory %@", error->message());
+    return std::nullopt;
+  }
+  return directory / "bag.plist";
+}
+
+BagDictionary OrvexBagController::_dictionaryToCacheBag(const BagDictionary& dictionary) {
+  BagDictionary augmented = dictionary;
+  augmented[kExpirationKey] = secondsSince1970(_assembly.clock->wallNow() + kBagLifetime);
+  augmented[kBagURLKey] = currentBagCacheURL();
+  return augmented;
+}
+
+BagDictionary OrvexBagController::cacheBagDictionary(const BagDictionary& dictionary) {
+  BagDictionary augmented = _dictionaryToCacheBag(dictionary);
+  if (!Flags::diskBagCacheEnabled()) {
+    bagLog().log("skipping writing bag to disk because the flag is disabled");
+    return augmented;
+  }
+  std::error_code pathError;
+  const auto path = _pathToCachedBag(&pathError);
+  if (!path) {
+    bagLog().fault("Couldn't get path to cache bag.  Error: %@.", pathError.message());
+    return augmented;
+  }
+  std::string why;
+  const std::vector<uint8_t> document = binaryPropertyListFromJson(augmented, &why);
+  if (document.empty()) {
+    // The previous copy stays: an older bag on disk is better than an empty file.
+    bagLog().log("Error writing bag to persistent cache: %@.", why);
+    return augmented;
+  }
+  // The file is replaced whole and made private to the user in the same step.
+  ProcessTransaction transaction("bagWrite");
+  if (const auto error = _assembly.fileManager->writeFileAtomically(*path, document, 0600)) {
+    bagLog().log("Could not write to %@", path->string());
+  }
+  return augmented;
+}
+
+void OrvexBagController::cacheBagState(std::shared_ptr<const ORVBag> bag, bool fromDisk) {
+  if (!bag) return;
+  _inMemoryBagCacheAccessQueue.write([&](std::shared_ptr<const ORVBag>& held) {
+    const unsigned long previousStatus = newsStatus(held);
+    const unsigned long newStatus = newsStatus(bag);
+    held = bag;
+    _assembly.notificationCenter->post(kORVBagChangeNotification, nullptr,
+                                       {{"bag", std::shared_ptr<const ORVBag>(bag)}});
+    if (previousStatus != newStatus && !fromDisk) {
+      bagLog().log("setting Orvex News Available status to %lu", newStatus);
+      if (_assembly.systemNotifier) {
+        _assembly.systemNotifier->postNotification(newStatus == 1 ? kORVNotifyEnabled
+                                                                  : kORVNotifyDisabled);
+      }
+    }
+  });
+}
+
+void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> version) {
+  if (_fetchInProgress.exchange(true)) return;
+  _fetchBagStateWithVersion(std::move(version), nullptr);
+}
+
+void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> version,
+                                                   FetchCompletion completion) {
+  const auto request = _assembly.requestFactory->bagFetchRequest(*this, _userAgent, version);
+  if (!request) {
+    // Only an unusable endpoint gets here; it fails like an unanswered fetch.
+    const OrvexError error = bagFetchError("no request");
+    bagLog().log("Error fetching bag: %@", error);
+    _assembly.notificationCenter->post(kORVBagChangeNotification, nullptr, {{"bagError", error}});
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetchesFailed);
+    if (completion) completion(nullptr, error);
+    _fetchInProgress.store(false);
+    return;
+  }
+  bagLog().log("Initiating bag fetch attempt with request %@ header %@", request->url,
+               describeHeaders(request->headers));
+
+  auto transaction = std::make_shared<ProcessTransaction>("bagFetch");
+  auto task = dataTaskWithRetryableRequest(
+      _assembly.bagSession,
+      ORVRetryableNetworkRequest(*request, /*expiry=*/std::nullopt, /*delay=*/true),
+      /*attempt=*/1, /*retriesLeft=*/5,
+      [weak = weak_from_this(), transaction, completion](HttpDataResult result) {
+        bagLog().debug("resp: %@",
+                       result.response
+                           ? formatLog("%lld %@", result.response->statusCode, result.response->url)
+                           : std::string("(null)"));
+        auto self = weak.lock();
+        if (!self) {
+          bagLog().log(
+              "Error fetching bag, bag fetch task completed after BagFetchController was cleaned "
+              "up");
+          return;
+        }
+        std::shared_ptr<const ORVBag> stored;
+        const std::optional<OrvexError> error = self->_takeFetchedBag(result, stored);
+        if (!error) {
+          OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetches);
+        } else {
+          self->_assembly.notificationCenter->post(kORVBagChangeNotification, nullptr,
+                                                   {{"bagError", *error}});
+          OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetchesFailed);
+        }
+        if (completion) completion(stored, error);
+        self->_fetchInProgress.store(false);
+      });
+  task->resume();
+}
+
+std::optional<OrvexError> OrvexBagController::_takeFetchedBag(
+    const HttpDataResult& result, std::shared_ptr<const ORVBag>& stored) {
+  if (result.error) {
+    bagLog().log("Error fetching bag: %@", *result.error);
+    return *result.error;
+  }
+  if (!result.response) {
+    bagLog().log("Error fetching bag: returned data was not of the expected type.");
+    return bagFetchError("no data");
+  }
+  if (const int64_t status = result.response->statusCode; status != 200) {
+    bagLog().log("Error fetching bag status code: %ld", status);
+    return bagFetchError(formatLog("statusCode %ld", status));
+  }
+  BagDictionary json = BagDictionary::parse(result.data, nullptr, /*allow_exceptions=*/false);
+  if (!json.is_object()) {
+    bagLog().log("Error fetching bag: returned data was not of the expected type.");
+    return bagFetchError("not JSON object");
+  }
+  if (const size_t depth = nestingDepth(json); depth > static_cast<size_t>(kPlistMaxDepth)) {
+    bagLog().log("error parsing bag json %@",
+                 formatLog("nested %zu levels deep, more than %d", depth, kPlistMaxDepth));
+    return std::nullopt;
+  }
+  bagLog().info("Got bag: %@", json.dump());
+  BagDictionary augmented = cacheBagDictionary(json);
+  if (auto bag = ORVBag::initWithDictionary(std::move(augmented), _userAgent)) {
+    stored = bag;
+    cacheBagState(std::move(bag), /*fromDisk=*/false);
+  }
+  return std::nullopt;
+}
+
+}  // namespace orvex

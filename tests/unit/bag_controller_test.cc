@@ -1,0 +1,443 @@
+#include "orvexd/network/bag_controller.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <thread>
+
+#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/core/orvex_names.h"
+#include "orvexd/model/orv_constants.h"
+#include "orvexd/network/network_request_factory.h"
+#include "orvexd/platform/json_property_list.h"
+#include "orvexd/platform/text_util.h"
+#include "tests/support/fixed_locale.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/loopback_http_server.h"
+#include "tests/support/test_assembly.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::LogCapture;
+using testing::LoopbackHttpServer;
+
+constexpr auto kWatchdog = 10s;
+
+struct RecordingNotifier final : SystemNotifier {
+  void postNotification(const std::string& name) override {
+    std::lock_guard lock(mutex);
+    names.push_back(name);
+  }
+  std::vector<std::string> posted() {
+    std::lock_guard lock(mutex);
+    return names;
+  }
+  std::mutex mutex;
+  std::vector<std::string> names;
+};
+
+// What "ORVBagChangeNotification" announced, in order.
+class BagEvents {
+ public:
+  explicit BagEvents(NotificationCenter& center)
+      : token_(
+            center.addObserver(kORVBagChangeNotification, nullptr, [this](const Notification& n) {
+              std::lock_guard lock(mutex_);
+              if (const auto* bag = n.userInfoValue<std::shared_ptr<const ORVBag>>("bag")) {
+                bags_.push_back(*bag);
+              }
+              if (const auto* error = n.userInfoValue<OrvexError>("bagError"))
+                errors_.push_back(*error);
+              changed_.notify_all();
+            })) {}
+
+  bool waitFor(size_t bags, size_t errors = 0) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kWatchdog,
+                             [&] { return bags_.size() >= bags && errors_.size() >= errors; });
+  }
+  std::vector<std::shared_ptr<const ORVBag>> bags() {
+    std::lock_guard lock(mutex_);
+    return bags_;
+  }
+  std::vector<OrvexError> errors() {
+    std::lock_guard lock(mutex_);
+    return errors_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::shared_ptr<const ORVBag>> bags_;
+  std::vector<OrvexError> errors_;
+  ObserverToken token_;
+};
+
+class BagControllerTest : public ::testing::Test {
+ protected:
+  BagControllerTest() {
+    OrvexDiagnosticDataReporter::resetAllForTesting();
+    server.handle("GET", "/bag", [this](const testing::RecordedRequest&) {
+      std::unique_lock lock(mutex);
+      released.wait(lock, [&] { return !holdAnswers; });
+      return answer;
+    });
+    serve(R"({"version": "9", "enabled": true, "warm_url": "https://warm.example/w",
+              "agents": {"news": {"enabled": false}}})");
+    Assembly& assembly = *test.assembly;
+    assembly.userDefaults->setObject(kORVBagURLKey, PlistValue(server.baseUrl() + "/bag"));
+    assembly.systemNotifier = notifier;
+    HttpSessionConfiguration configuration;
+    configuration.identifier = "bag";
+    assembly.bagSession =
+        std::make_shared<HttpSession>(configuration, *test.platform.pool, *test.platform.clock,
+                                      (test.directory / "tmp").string());
+    DeviceContextServices services;
+    services.locale = std::move(ownedLocale);
+    services.language = makeLanguageDetector();
+    factory = std::make_shared<ORVNetworkRequestFactory>(assembly, std::move(services));
+    factory->start();
+    assembly.requestFactory = factory;
+  }
+
+  ~BagControllerTest() override {
+    release();
+    test.settle();
+  }
+
+  void serve(std::string body, int status = 200) {
+    std::lock_guard lock(mutex);
+    answer = {status, std::move(body), {{"Content-Type", "application/json"}}};
+  }
+  void hold() {
+    std::lock_guard lock(mutex);
+    holdAnswers = true;
+  }
+  void release() {
+    std::lock_guard lock(mutex);
+    holdAnswers = false;
+    released.notify_all();
+  }
+
+  std::shared_ptr<OrvexBagController> makeController() {
+    auto controller = std::make_shared<OrvexBagController>(*test.assembly);
+    test.assembly->bagController = controller;
+    controller->start();
+    return controller;
+  }
+
+  std::filesystem::path bagFile() const {
+    return test.assembly->fileManager->cacheDirectory() / "bag.plist";
+  }
+  BagDictionary diskCopy() const {
+    std::ifstream in(bagFile(), std::ios::binary);
+    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), {});
+    return jsonFromPropertyList(bytes).value_or(BagDictionary());
+  }
+  int64_t counter(std::string_view key) const {
+    const auto counters = OrvexDiagnosticDataReporter::snapshot();
+    const auto found = counters.find(std::string(key));
+    return found == counters.end() ? 0 : found->second;
+  }
+  std::vector<testing::RecordedRequest> bagRequests() const { return server.requests(); }
+
+  // Lets the fetches the controller queued on the pool reach the server and come back.
+  void drain(BagEvents& events, size_t bags, size_t errors = 0) {
+    ASSERT_TRUE(events.waitFor(bags, errors));
+    test.settle();
+  }
+
+  LoopbackHttpServer server;
+  testing::TestAssembly test;
+  std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
+  std::unique_ptr<testing::FixedLocale> ownedLocale = std::make_unique<testing::FixedLocale>();
+  testing::FixedLocale* locale = ownedLocale.get();
+  std::shared_ptr<ORVNetworkRequestFactory> factory;
+
+  std::mutex mutex;
+  std::condition_variable released;
+  bool holdAnswers = false;
+  LoopbackHttpServer::Response answer;
+};
+
+TEST_F(BagControllerTest, FirstBagIsFetchedOnceStoredAndWrittenPrivately) {
+  BagEvents events(*test.assembly->notificationCenter);
+  auto controller = makeController();
+  EXPECT_FALSE(std::filesystem::exists(bagFile()));
+
+  // With nothing held, reads answer none and start one fetch between them, wherever they
+  // come from.
+  hold();
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 5; ++i) {
+    readers.emplace_back([&] { EXPECT_EQ(controller->currentBag(), nullptr); });
+  }
+  for (auto& reader : readers) reader.join();
+  ASSERT_TRUE(server.waitForRequests(1, kWatchdog));
+  EXPECT_EQ(controller->currentBag(), nullptr);
+  release();
+  drain(events, 1);
+  EXPECT_EQ(bagRequests().size(), 1u);
+
+  const auto bag = controller->currentBag();
+  ASSERT_NE(bag, nullptr);
+  EXPECT_EQ(bag, events.bags().front());
+  EXPECT_EQ(bag->version(), "9");
+  EXPECT_EQ(bag->userAgent(), kORVOrvexdNameVersion);
+  EXPECT_EQ(controller->warmURL(), "https://warm.example/w");
+  EXPECT_EQ(counter(kORVCounterBagFetches), 1);
+
+  // The request carries the daemon's context and agent; the bag-cache URL is what the
+  // factory builds now, and the expiry is four hours ahead of the fetch.
+  const auto request = bagRequests().front();
+  const auto cacheRequest = factory->bagCacheRequest(*controller, "orvexd/1.0", std::nullopt);
+  const double now =
+      std::chrono::duration<double>(test.platform.clock->wallNow().time_since_epoch()).count();
+  for (const BagDictionary& held : {bag->rawBag(), diskCopy()}) {
+    EXPECT_EQ(held["version"], "9");
+    EXPECT_EQ(held["__bagurl"], cacheRequest->url);
+    EXPECT_NEAR(held["__expiration"].get<double>(), now + 14400, 1);
+  }
+  struct stat info {};
+  ASSERT_EQ(stat(bagFile().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  std::ifstream in(bagFile(), std::ios::binary);
+  std::string signature(6, '\0');
+  in.read(signature.data(), 6);
+  EXPECT_EQ(signature, "bplist");
+
+  // The first network bag sets the news status from unknown: "news" sees it disabled.
+  EXPECT_EQ(notifier->posted(), std::vector<std::string>{kORVNotifyDisabled});
+}
+
+TEST_F(BagControllerTest, DiskCopyIsUsedAtStartAndRefreshedOnlyNearItsExpiry) {
+  {
+    BagEvents events(*test.assembly->notificationCenter);
+    auto first = makeController();
+    (void)first->currentBag();
+    drain(events, 1);
+  }
+  const WallTime fetchedAt = test.platform.clock->wallNow();
+  const auto startAt = [&](Duration beforeExpiry) {
+    test.platform.clock->setWallTime(fetchedAt + OrvexBagController::kBagLifetime - beforeExpiry);
+    return makeController();
+  };
+
+  // Eleven minutes left: the disk bag is taken as it is, announced, and nothing is fetched.
+  serve(R"({"version": "10", "enabled": true, "agents": {"news": {"enabled": false}}})");
+  {
+    BagEvents events(*test.assembly->notificationCenter);
+    auto restarted = startAt(11min);
+    ASSERT_EQ(events.bags().size(), 1u);
+    EXPECT_EQ(restarted->currentBag()->version(), "9");
+    test.settle();
+    EXPECT_EQ(bagRequests().size(), 1u);
+  }
+
+  // Nine minutes left: the disk bag is used while its successor is fetched.
+  LogCapture logs;
+  BagEvents events(*test.assembly->notificationCenter);
+  auto restarted = startAt(9min);
+  EXPECT_EQ(events.bags().front()->version(), "9");
+  drain(events, 2);
+  EXPECT_EQ(bagRequests().size(), 2u);
+  EXPECT_EQ(restarted->cachedBagState()->version(), "10");
+  EXPECT_TRUE(logs.contains("bag expired: 540.000000"));
+  // A disk bag never posts the news status; the network bag that follows keeps it unchanged.
+  EXPECT_EQ(notifier->posted(), std::vector<std::string>{kORVNotifyDisabled});
+}
+
+TEST_F(BagControllerTest, ALocaleChangeMakesTheBagStale) {
+  BagEvents events(*test.assembly->notificationCenter);
+  auto controller = makeController();
+  (void)controller->currentBag();
+  drain(events, 1);
+
+  LogCapture logs;
+  const std::string before = controller->currentBag()->rawBag()["__bagurl"];
+  LocaleSnapshot french = testing::FixedLocale::americanEnglish();
+  french.localeIdentifier = "fr_FR";
+  french.regionCode = "FR";
+  locale->set(french);
+  factory->systemLocaleDidChange();
+  factory->waitForContextUpdates();
+  drain(events, 2);
+  EXPECT_EQ(bagRequests().size(), 2u);
+  const std::string after = controller->currentBag()->rawBag()["__bagurl"];
+  EXPECT_NE(after.find("locale=fr_FR"), std::string::npos);
+  EXPECT_TRUE(logs.contains("bag url changed from: " + before + " to " + after));
+  test.settle();
+  EXPECT_EQ(bagRequests().size(), 2u);  // fresh again
+}
+
+TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
+  BagEvents events(*test.assembly->notificationCenter);
+  auto controller = makeController();
+  (void)controller->currentBag();
+  drain(events, 1);
+  const auto held = controller->currentBag();
+
+  struct Case {
+    int status;
+    std::string body;
+    int64_t code;
+    std::string reason;
+    std::string log;
+  };
+  const std::vector<Case> cases = {
+      {304, "", 2, "statusCode 304", "Error fetching bag status code: 304"},
+      {500, "oops", 2, "statusCode 500", "Error fetching bag status code: 500"},
+      {200, "[1, 2]", 2, "not JSON object",
+       "Error fetching bag: returned data was not of the expected type."},
+      {200, "{\"version\": ", 2, "not JSON object",
+       "Error fetching bag: returned data was not of the expected type."},
+  };
+  // A server-announced newer version is how a fetch is made on demand here.
+  int version = 10;
+  size_t errors = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.reason);
+    LogCapture logs;
+    serve(c.body, c.status);
+    controller->forceFetchBag(BagDictionary{{"bag", version++}});
+    drain(events, 1, ++errors);
+    const OrvexError error = events.errors().back();
+    EXPECT_EQ(error.domain, kORVErrorDomain);
+    EXPECT_EQ(error.code, c.code);
+    EXPECT_EQ(error.reason, c.reason);
+    EXPECT_TRUE(logs.contains(c.log));
+    EXPECT_EQ(controller->cachedBagState(), held);
+  }
+
+  // A transport failure is reported as the HTTP layer's error, without a retry.
+  server.failNextRequests(1);
+  const size_t before = bagRequests().size();
+  controller->forceFetchBag(BagDictionary{{"bag", version++}});
+  drain(events, 1, ++errors);
+  EXPECT_NE(events.errors().back().domain, kORVErrorDomain);
+  EXPECT_EQ(bagRequests().size(), before + 1);
+
+  // An object nested beyond what the disk copy can hold is refused without an error.
+  std::string deep(600, '[');
+  deep = "{\"deep\": " + deep + std::string(600, ']') + "}";
+  serve(deep);
+  LogCapture logs;
+  controller->forceFetchBag(BagDictionary{{"bag", version++}});
+  EXPECT_TRUE(logs.waitForPrefix("error parsing bag json ", kWatchdog));
+  test.settle();
+  EXPECT_EQ(controller->cachedBagState(), held);
+  EXPECT_EQ(events.errors().size(), errors);
+  EXPECT_EQ(counter(kORVCounterBagFetchesFailed), static_cast<int64_t>(errors));
+  EXPECT_EQ(counter(kORVCounterBagFetches), 2);
+}
+
+TEST_F(BagControllerTest, ServerAnnouncedVersionsCompareNumerically) {
+  BagEvents events(*test.assembly->notificationCenter);
+  auto controller = makeController();
+  // With no bag held, nothing is announced as newer.
+  controller->forceFetchBag(BagDictionary{{"bag", 10}});
+  test.settle();
+  EXPECT_EQ(bagRequests().size(), 0u);
+
+  (void)controller->currentBag();
+  drain(events, 1);  // holds "9"
+  for (const auto& ignored : {BagDictionary{{"bag", 9}}, BagDictionary{{"bag", "10"}},
+                              BagDictionary{{"other", 12}}, BagDictionary::array()}) {
+    controller->forceFetchBag(ignored);
+  }
+  test.settle();
+  EXPECT_EQ(bagRequests().size(), 1u);
+
+  serve(R"({"version": "10", "enabled": false})");
+  controller->forceFetchBag(BagDictionary{{"bag", 10}});
+  drain(events, 2);
+  EXPECT_EQ(bagRequests().back().rawQuery.find("version=10") != std::string::npos, true);
+  EXPECT_EQ(controller->currentBag()->version(), "10");
+  controller->forceFetchBag(BagDictionary{{"bag", 9}});
+  test.settle();
+  EXPECT_EQ(bagRequests().size(), 2u);
+
+  EXPECT_EQ(compareNumeric("v2.10", "v2.9"), std::strong_ordering::greater);
+  EXPECT_EQ(compareNumeric("007", "7"), std::strong_ordering::equal);
+  EXPECT_EQ(compareNumeric("9", "10a"), std::strong_ordering::less);
+}
+
+TEST_F(BagControllerTest, NewsStatusIsBroadcastWhenAFetchedBagFlipsIt) {
+  BagEvents events(*test.assembly->notificationCenter);
+  serve(R"({"version": "1", "enabled": true})");
+  auto controller = makeController();
+  (void)controller->currentBag();
+  drain(events, 1);
+  size_t bags = 1;
+  const auto fetch = [&](const std::string& body, int version) {
+    serve(body);
+    controller->forceFetchBag(BagDictionary{{"bag", version}});
+    drain(events, ++bags);
+  };
+  fetch(R"({"version": "2", "enabled": true})", 2);
+  fetch(R"({"version": "3", "enabled": true, "agents": {"news/": {"enabled": false}}})", 3);
+  fetch(R"({"version": "4", "enabled": false, "agents": {"news": {"enabled": true}}})", 4);
+  EXPECT_EQ(notifier->posted(),
+            (std::vector<std::string>{kORVNotifyEnabled, kORVNotifyDisabled, kORVNotifyEnabled}));
+}
+
+TEST_F(BagControllerTest, EndpointComesFromTheDefaultsOrTheCountry) {
+  auto controller = std::make_shared<OrvexBagController>(*test.assembly);
+  DefaultsStore& defaults = *test.assembly->userDefaults;
+  LogCapture logs;
+  defaults.setObject(kORVBagURLKey, PlistValue("https://bags.example.net/v2/bag?x=1"));
+  EXPECT_EQ(controller->bagFetchURLWithCountry("US"), "https://bags.example.net/v2/bag?x=1");
+  defaults.setObject(kORVBagURLKey, PlistValue(""));
+  EXPECT_EQ(controller->bagFetchURLWithCountry("cn"), kORVChinaBagURL);
+  EXPECT_EQ(controller->bagFetchURLWithCountry("US"), kORVDefaultBagURL);
+  EXPECT_FALSE(logs.containsPrefix("Malformed"));
+  defaults.setObject(kORVBagURLKey, PlistValue("not a url"));
+  EXPECT_EQ(controller->bagFetchURLWithCountry("DE"), kORVDefaultBagURL);
+  EXPECT_TRUE(logs.contains("Malformed orvex bag URL in user defaults key ORVBagURL"));
+}
+
+TEST_F(BagControllerTest, UnreadableDiskCopiesAreIgnoredAndReplaced) {
+  test.assembly->fileManager->ensureDirectory(bagFile().parent_path());
+  for (const std::string& content : {std::string("bplist00 broken"), std::string("\x01\x02")}) {
+    std::ofstream(bagFile(), std::ios::binary) << content;
+    LogCapture logs;
+    BagEvents events(*test.assembly->notificationCenter);
+    auto controller = makeController();
+    EXPECT_TRUE(logs.containsPrefix("Error reading from bag cache: "));
+    EXPECT_TRUE(events.bags().empty());
+    (void)controller->currentBag();
+    drain(events, 1);
+  }
+  // A property list that is no dictionary is named by its kind.
+  const auto array = binaryPropertyListFromJson(BagDictionary::array({"a"}));
+  std::ofstream(bagFile(), std::ios::binary)
+      .write(reinterpret_cast<const char*>(array.data()),
+             static_cast<std::streamsize>(array.size()));
+  LogCapture logs;
+  auto controller = makeController();
+  EXPECT_TRUE(logs.contains("Unexpected class deserialized from bag cache: array."));
+}
+
+TEST(JsonPropertyListTest, KeepsKeyOrderAndNumberKindsDropsNulls) {
+  const auto json = BagDictionary::parse(
+      R"({"z": 1, "agents": {"glance": {"a": 1}, "beta": {"a": 2}, "alpha": {"a": 3}},
+          "big": 18446744073709551615, "neg": -5, "real": 2.5, "gone": null,
+          "list": ["x", null, true]})");
+  const auto document = binaryPropertyListFromJson(json);
+  ASSERT_FALSE(document.empty());
+  const auto back = jsonFromPropertyList(document);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(back->dump(), R"({"z":1,"agents":{"glance":{"a":1},"beta":{"a":2},"alpha":{"a":3}},)"
+                          R"("big":18446744073709551615,"neg":-5,"real":2.5,"list":["x",true]})");
+  std::string why;
+  EXPECT_TRUE(
+      binaryPropertyListFromJson(BagDictionary{{"nul", std::string("a\0b", 3)}}, &why).empty());
+  EXPECT_FALSE(why.empty());
+}
+
+}  // namespace
+}  // namespace orvex
