@@ -11,7 +11,7 @@ packages=(
 )
 if [[ "${1:-build}" == test ]]; then
   packages+=(libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils
-                libbenchmark-dev)
+                libbenchmark-dev openssl)
 fi
 
 missing=()
