@@ -1,7 +1,9 @@
 # Installs the build into a staging directory (as a package build would, through DESTDIR) and
 # checks that the daemon, its D-Bus activation file and its systemd user unit land where the
-# session bus and systemd look for them, pointing at the installed daemon.
-#   cmake -DBUILD_DIR=... -DSTAGE=... -DPREFIX=... -DBINDIR=... -P install_check.cmake
+# session bus and systemd look for them, pointing at the installed daemon, and that the
+# reference back-end comes with its default bag.
+#   cmake -DBUILD_DIR=... -DSTAGE=... -DPREFIX=... -DBINDIR=... -DDATADIR=... \
+#         -P install_check.cmake
 file(REMOVE_RECURSE "${STAGE}")
 execute_process(COMMAND ${CMAKE_COMMAND} -E env DESTDIR=${STAGE}
                         ${CMAKE_COMMAND} --install "${BUILD_DIR}"
@@ -13,7 +15,9 @@ endif()
 set(daemon "${STAGE}${BINDIR}/orvexd")
 set(activation "${STAGE}${PREFIX}/share/dbus-1/services/com.zelmor.orvexd.service")
 set(unit "${STAGE}${PREFIX}/lib/systemd/user/orvexd.service")
-foreach(path "${daemon}" "${activation}" "${unit}")
+set(backend "${STAGE}${BINDIR}/orvex-backend")
+set(bag "${STAGE}${DATADIR}/orvex-backend/bag.json")
+foreach(path "${daemon}" "${activation}" "${unit}" "${backend}" "${bag}")
   if(NOT EXISTS "${path}")
     message(FATAL_ERROR "not installed: ${path}")
   endif()

@@ -1,0 +1,140 @@
+#include "tools/orvex-backend/command_line.h"
+
+#include <charconv>
+#include <stdexcept>
+
+namespace orvex::backend {
+
+namespace {
+
+constexpr std::string_view kUsage = R"(Usage: orvex-backend [OPTION]...
+
+A search back-end for trying orvexd and writing front-ends without a production server. It
+serves the bag (the configuration document the daemon starts from) and the connection warm-up,
+and lets you or a test make any endpoint fail and look at every request it received.
+
+Options:
+  --port N               listen on port N (default 0: the kernel picks a free port)
+  --bind ADDR            listen on address ADDR (default 127.0.0.1; 0.0.0.0 for all)
+  --bag FILE             serve FILE as the bag, a JSON object (default: the bag.json shipped
+                         with orvex-backend). FILE is read again on every request, so you can
+                         edit it while the server runs; "${BASE_URL}" in any of its strings
+                         becomes this server's URL, such as http://127.0.0.1:40123
+  --cert FILE            serve HTTPS with this PEM certificate (needs --key)
+  --key FILE             the PEM private key of the certificate
+  --port-file FILE       once listening, write the port number to FILE
+  --fault ENDPOINT=JSON  set a fault from the start, as the control API would; repeatable:
+                           --fault 'bag={"status": 503, "count": 1}'
+  --quiet                do not log requests on standard error
+  --help                 show this help and exit
+
+Endpoints (by name):
+  bag    GET /bag    the bag, as application/json (any query string)
+  warm   GET /warm   204, for the daemon to open connections early
+Any other request gets 404. Each request is logged on standard error: the request line with
+the status answered, then its headers.
+
+A fault is a JSON object; every key is optional:
+  "status": N         answer with status N and a short text body
+  "delay_ms": N       wait N milliseconds before answering
+  "drop": true        close the connection halfway through the body
+  "garbage": true     answer 200 application/json with bytes that are not JSON
+  "body": "TEXT"      answer TEXT instead of the real body (application/json)
+  "headers": {...}    add these headers to the answer, such as {"Cache-Control": "no-store"}
+  "count": N          apply to the next N requests only (default: until cleared)
+
+Control API (its requests are neither logged nor faulted):
+  PUT    /_orvex/faults/ENDPOINT     set the endpoint's fault (body: fault JSON)   -> 204
+  DELETE /_orvex/faults/ENDPOINT     clear it                                      -> 204
+  DELETE /_orvex/faults              clear every fault                             -> 204
+  GET    /_orvex/faults              the faults in force, by endpoint
+  GET    /_orvex/requests[?since=N]  the requests received (those after number N)
+  DELETE /_orvex/requests            forget them (numbers keep counting)
+For example:
+  curl -X PUT --data '{"delay_ms": 2000, "count": 1}' http://127.0.0.1:PORT/_orvex/faults/bag
+
+On start orvex-backend prints "orvex-backend listening on URL"; it runs until SIGINT or
+SIGTERM and then exits with status 0. Status 2: the command line, certificate or bag cannot be
+used; 1: it cannot listen.
+)";
+
+int parsePort(std::string_view text) {
+  int port = -1;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  if (error != std::errc() || end != text.data() + text.size() || port < 0 || port > 65535) {
+    throw std::invalid_argument("--port wants a number from 0 to 65535, not \"" +
+                                std::string(text) + "\"");
+  }
+  return port;
+}
+
+std::pair<std::string, Fault> parseFault(std::string_view text) {
+  const size_t equals = text.find('=');
+  if (equals == std::string_view::npos || equals == 0) {
+    throw std::invalid_argument("--fault wants ENDPOINT=JSON, not \"" + std::string(text) + "\"");
+  }
+  const std::string endpoint(text.substr(0, equals));
+  try {
+    return {endpoint, Fault::fromJson(nlohmann::json::parse(text.substr(equals + 1)))};
+  } catch (const nlohmann::json::parse_error& error) {
+    throw std::invalid_argument("--fault " + endpoint + ": not valid JSON: " + error.what());
+  } catch (const std::invalid_argument& error) {
+    throw std::invalid_argument("--fault " + endpoint + ": " + error.what());
+  }
+}
+
+}  // namespace
+
+CommandLine CommandLine::parse(const std::vector<std::string_view>& arguments) {
+  CommandLine line;
+  for (size_t i = 0; i < arguments.size(); ++i) {
+    std::string_view option = arguments[i];
+    std::optional<std::string_view> inlineValue;
+    if (const size_t equals = option.find('='); option.starts_with("--") && equals != option.npos) {
+      inlineValue = option.substr(equals + 1);
+      option = option.substr(0, equals);
+    }
+    const auto value = [&]() -> std::string_view {
+      const std::string_view given = inlineValue                ? *inlineValue
+                                     : i + 1 < arguments.size() ? arguments[++i]
+                                                                : std::string_view();
+      if (given.empty()) throw std::invalid_argument(std::string(option) + " needs a value");
+      return given;
+    };
+    const auto flag = [&] {
+      if (inlineValue) throw std::invalid_argument(std::string(option) + " takes no value");
+    };
+
+    if (option == "--help" || option == "-h") {
+      flag();
+      line.help = true;
+    } else if (option == "--quiet") {
+      flag();
+      line.server.quiet = true;
+    } else if (option == "--port") {
+      line.server.port = parsePort(value());
+    } else if (option == "--bind") {
+      line.server.bindAddress = value();
+    } else if (option == "--bag") {
+      line.bag = value();
+    } else if (option == "--cert") {
+      line.server.certificate = value();
+    } else if (option == "--key") {
+      line.server.privateKey = value();
+    } else if (option == "--port-file") {
+      line.portFile = value();
+    } else if (option == "--fault") {
+      line.faults.push_back(parseFault(value()));
+    } else {
+      throw std::invalid_argument("unknown option \"" + std::string(arguments[i]) + "\"");
+    }
+  }
+  if (line.server.certificate.has_value() != line.server.privateKey.has_value()) {
+    throw std::invalid_argument("--cert and --key go together");
+  }
+  return line;
+}
+
+std::string_view CommandLine::usage() { return kUsage; }
+
+}  // namespace orvex::backend

@@ -1,0 +1,103 @@
+#include "tools/orvex-backend/control_api.h"
+
+#include <charconv>
+#include <stdexcept>
+
+#include "tools/orvex-backend/query_items.h"
+
+namespace orvex::backend {
+
+namespace {
+
+EndpointReply text(int status, std::string message) {
+  return {status, "text/plain", std::move(message) + "\n", {}};
+}
+
+EndpointReply noContent() { return {204, "", "", {}}; }
+
+template <typename Json>
+EndpointReply json(const Json& value) {
+  // Logged requests may carry bytes that are not UTF-8; they are shown replaced, not refused.
+  return {200,
+          "application/json",
+          value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
+          {}};
+}
+
+EndpointReply methodNotAllowed(const std::string& allowed) {
+  auto reply = text(405, "allowed methods: " + allowed);
+  reply.headers.emplace_back("Allow", allowed);
+  return reply;
+}
+
+}  // namespace
+
+EndpointReply ControlApi::handle(const std::string& method, const std::string& path,
+                                 std::string_view rawQuery, const std::string& body) {
+  const std::string resource = path.substr(kPrefix.size());
+  if (resource == "faults") return handleFaults(method);
+  if (resource.starts_with("faults/")) {
+    return handleEndpointFault(method, resource.substr(sizeof("faults/") - 1), body);
+  }
+  if (resource == "requests") return handleRequests(method, rawQuery);
+  return text(404, "no control resource " + path +
+                       " (there are /_orvex/faults, /_orvex/faults/<endpoint> and "
+                       "/_orvex/requests)");
+}
+
+EndpointReply ControlApi::handleFaults(const std::string& method) {
+  if (method == "GET") return json(faults_.toJson());
+  if (method == "DELETE") {
+    faults_.clearAll();
+    return noContent();
+  }
+  return methodNotAllowed("GET, DELETE");
+}
+
+EndpointReply ControlApi::handleEndpointFault(const std::string& method,
+                                              const std::string& endpoint,
+                                              const std::string& body) {
+  if (!endpoints_.contains(endpoint)) {
+    std::string known;
+    for (const auto& name : endpoints_.names()) known += (known.empty() ? "" : ", ") + name;
+    return text(404, "no endpoint named \"" + endpoint + "\" (endpoints: " + known + ")");
+  }
+  if (method == "DELETE") {
+    faults_.clear(endpoint);
+    return noContent();
+  }
+  if (method != "PUT") return methodNotAllowed("PUT, DELETE");
+  nlohmann::json parsed;
+  try {
+    parsed = nlohmann::json::parse(body);
+  } catch (const nlohmann::json::parse_error& error) {
+    return text(400, std::string("the fault is not valid JSON: ") + error.what());
+  }
+  try {
+    faults_.set(endpoint, Fault::fromJson(parsed));
+  } catch (const std::invalid_argument& error) {
+    return text(400, std::string("bad fault: ") + error.what());
+  }
+  return noContent();
+}
+
+EndpointReply ControlApi::handleRequests(const std::string& method, std::string_view rawQuery) {
+  if (method == "DELETE") {
+    log_.clear();
+    return noContent();
+  }
+  if (method != "GET") return methodNotAllowed("GET, DELETE");
+  int64_t since = 0;
+  for (const auto& [name, value] : decodeQueryItems(rawQuery)) {
+    if (name != "since") continue;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), since);
+    if (error != std::errc() || end != value.data() + value.size() || since < 0) {
+      return text(400, "since must be a request number (0 or more), not \"" + value + "\"");
+    }
+  }
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
+  for (const LoggedRequest& request : log_.since(since)) list.push_back(request.toJson());
+  return json(list);
+}
+
+}  // namespace orvex::backend

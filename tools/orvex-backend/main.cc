@@ -1,0 +1,132 @@
+// orvex-backend: a search back-end to run orvexd against, for people and for tests.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <stdexcept>
+
+#include "tools/orvex-backend/backend_server.h"
+#include "tools/orvex-backend/bag_file.h"
+#include "tools/orvex-backend/command_line.h"
+
+namespace {
+
+using namespace orvex::backend;
+
+int fail(int status, const std::string& message) {
+  std::cerr << "orvex-backend: " << message << "\n";
+  return status;
+}
+
+EndpointRegistry makeEndpoints(BagFile bag) {
+  EndpointRegistry endpoints;
+  endpoints.add({"bag", "GET", "/bag", [bag = std::move(bag)](const EndpointRequest& request) {
+                   // Bytes that are not UTF-8 in the file come out replaced.
+                   return EndpointReply{
+                       200,
+                       "application/json",
+                       bag.read(request.baseUrl)
+                               .dump(2, ' ', false, nlohmann::json::error_handler_t::replace) +
+                           "\n",
+                       {}};
+                 }});
+  endpoints.add({"warm", "GET", "/warm", [](const EndpointRequest&) {
+                   return EndpointReply{204, "", "", {}};
+                 }});
+  return endpoints;
+}
+
+// The bag shipped with the server: next to the binary in the build tree, else in the data
+// directory of the installation it belongs to (found from the binary, so that a relocated
+// install works too), else where it was configured to be installed.
+std::optional<std::filesystem::path> findDefaultBag() {
+  std::error_code error;
+  const auto binary = std::filesystem::read_symlink("/proc/self/exe", error);
+  std::vector<std::filesystem::path> candidates;
+  if (!error) {
+    candidates.push_back(binary.parent_path() / "bag.json");
+    candidates.push_back(binary.parent_path() / ORVEX_BACKEND_BIN_TO_DATA / "bag.json");
+  }
+  candidates.emplace_back(ORVEX_BACKEND_DATA_DIR "/bag.json");
+  for (const auto& candidate : candidates) {
+    if (std::filesystem::is_regular_file(candidate, error)) return candidate.lexically_normal();
+  }
+  return std::nullopt;
+}
+
+// Written to a temporary file renamed into place, so a reader never sees a partial number.
+bool writePortFile(const std::filesystem::path& path, int port) {
+  const auto temporary = path.string() + ".tmp." + std::to_string(::getpid());
+  {
+    std::ofstream out(temporary, std::ios::trunc);
+    out << port << "\n";
+    if (!out.flush()) return false;
+  }
+  std::error_code error;
+  std::filesystem::rename(temporary, path, error);
+  if (error) std::filesystem::remove(temporary, error);
+  return !error;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CommandLine line;
+  try {
+    line = CommandLine::parse(std::vector<std::string_view>(argv + 1, argv + argc));
+  } catch (const std::invalid_argument& error) {
+    return fail(2, std::string(error.what()) + "\nTry 'orvex-backend --help'.");
+  }
+  if (line.help) {
+    std::cout << CommandLine::usage() << std::flush;
+    return 0;
+  }
+  if (!line.bag) line.bag = findDefaultBag();
+  if (!line.bag) return fail(2, "cannot find the bag.json shipped with orvex-backend; use --bag");
+
+  // SIGINT and SIGTERM are taken by sigwait below; every thread started from here on inherits
+  // the mask. A client that goes away mid-answer must not end the process.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  std::optional<BackendServer> server;
+  try {
+    server.emplace(line.server, makeEndpoints(BagFile(*line.bag)));
+  } catch (const std::runtime_error& error) {
+    return fail(2, error.what());
+  }
+  for (auto& [endpoint, fault] : line.faults) {
+    if (!server->endpoints().contains(endpoint)) {
+      return fail(2, "--fault: no endpoint named \"" + endpoint + "\"");
+    }
+    server->faults().set(endpoint, std::move(fault));
+  }
+  try {
+    server->start();
+  } catch (const std::runtime_error& error) {
+    return fail(1, error.what());
+  }
+
+  std::cout << "orvex-backend listening on " << server->baseUrl() << std::endl;
+  if (line.portFile && !writePortFile(*line.portFile, server->port())) {
+    return fail(1, "cannot write the port file " + line.portFile->string());
+  }
+  std::error_code error;
+  if (!std::filesystem::exists(*line.bag, error)) {
+    std::cerr << "orvex-backend: the bag file " << line.bag->string()
+              << " does not exist; bag requests get 500 until it does\n";
+  } else if (!line.server.quiet) {
+    std::cerr << "orvex-backend: serving the bag file " << line.bag->string() << "\n";
+  }
+
+  int received = 0;
+  sigwait(&stopSignals, &received);
+  server->stop();
+  return 0;
+}
