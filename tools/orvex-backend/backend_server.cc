@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <condition_variable>
@@ -32,7 +33,7 @@ constexpr size_t kWorkerThreads = 64;
 // connections up ahead of queries and expects to reuse them.
 constexpr time_t kKeepAliveSeconds = 30;
 constexpr size_t kKeepAliveRequests = 1000;
-constexpr size_t kMaxRequestBody = 64 * 1024 * 1024;
+constexpr size_t kMaxRequestBody = size_t{64} << 20;
 
 // Bytes that no JSON parser accepts, from the first one on.
 constexpr std::string_view kGarbage = "\xff\xfe<garbage> {\"truncated\": [1, 2,";
@@ -312,7 +313,7 @@ BackendServer::BackendServer(Options options, EndpointRegistry endpoints)
       [](const httplib::Request& request, httplib::Response& response, std::exception_ptr error) {
         std::string what = "unknown exception";
         try {
-          std::rethrow_exception(error);
+          std::rethrow_exception(std::move(error));
         } catch (const std::exception& exception) {
           what = exception.what();
         } catch (...) {

@@ -20,17 +20,12 @@ int fail(int status, const std::string& message) {
   return status;
 }
 
+// The endpoints the server answers, by the names that faults and the request log use.
 EndpointRegistry makeEndpoints(BagFile bag) {
   EndpointRegistry endpoints;
   endpoints.add({"bag", "GET", "/bag", [bag = std::move(bag)](const EndpointRequest& request) {
-                   // Bytes that are not UTF-8 in the file come out replaced.
-                   return EndpointReply{
-                       200,
-                       "application/json",
-                       bag.read(request.baseUrl)
-                               .dump(2, ' ', false, nlohmann::json::error_handler_t::replace) +
-                           "\n",
-                       {}};
+                   const auto json = bag.read(request.baseUrl);
+                   return EndpointReply{200, "application/json", json.dump(2) + "\n", {}};
                  }});
   endpoints.add({"warm", "GET", "/warm", [](const EndpointRequest&) {
                    return EndpointReply{204, "", "", {}};

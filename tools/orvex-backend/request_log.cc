@@ -24,9 +24,12 @@ nlohmann::ordered_json LoggedRequest::toJson() const {
 }
 
 std::string LoggedRequest::toText() const {
-  std::string text = method + " " + path + (query.empty() ? "" : "?" + query) + " -> " +
-                     std::to_string(status) + "\n";
-  for (const auto& [name, value] : headers) text += "    " + name + ": " + value + "\n";
+  std::string text = method + " " + path;
+  if (!query.empty()) text.append("?").append(query);
+  text.append(" -> ").append(std::to_string(status)).append("\n");
+  for (const auto& [name, value] : headers) {
+    text.append("    ").append(name).append(": ").append(value).append("\n");
+  }
   return text;
 }
 

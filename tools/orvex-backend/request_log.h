@@ -24,7 +24,7 @@ struct LoggedRequest {
   std::string path;   // as on the wire, percent-encoding kept
   std::string query;  // everything after the first '?', as on the wire
   std::vector<std::pair<std::string, std::string>> queryItems;
-  HeaderList headers;  // in wire order
+  HeaderList headers;  // ordered by name, as the HTTP library keeps them
   size_t bodySize = 0;
   int status = 0;
 
