@@ -34,7 +34,7 @@ DiagnosticsService::DiagnosticsService(sdbus::IConnection& connection, Assembly&
       .implementedAs([&assembly]() -> std::string {
         return runBusHandler("GetBag", [&assembly] {
           const auto bag =
-              assembly.bagController ? assembly.bagController->cachedBagState() : nullptr;
+              assembly.bagController ? assembly.bagController->currentBag() : nullptr;
           return bag ? bag->rawBag().dump() : std::string();
         });
       });

@@ -3,7 +3,9 @@
 //
 //   GetCounters() -> a{sx}      every counter key with its value
 //   GetTransactions() -> a{sx}  open process transactions by name
-//   GetBag() -> s               the bag the daemon holds, as JSON text ("" when it has none)
+//   GetBag() -> s               the bag the daemon holds, as JSON text ("" when it has none);
+//                               like any read of the bag, it starts a fetch when the bag is
+//                               missing or stale
 //
 // The handlers read thread-safe stores and answer on the bus thread.
 #pragma once
