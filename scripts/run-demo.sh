@@ -1,18 +1,22 @@
 #!/usr/bin/env bash
-# Builds orvexd and runs it on a private session bus: shows that it owns com.zelmor.orvexd and
-# what its counters say, then leaves it running until you press Enter (or Ctrl-C).
+# Builds orvexd and the reference back-end, runs the back-end on loopback and the daemon on a
+# private session bus pointed at it: shows that the daemon owns com.zelmor.orvexd, the bag it
+# fetched from the back-end and its counters, then leaves both running until you press Enter
+# (or Ctrl-C).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh build
 cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc)" --target orvexd
+cmake --build --preset default -j "$(nproc)" --target orvexd orvex-backend
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/orvexd-demo-XXXXXX")
 bus_pid=""
 daemon_pid=""
+backend_pid=""
 cleanup() {
   [[ -n "$daemon_pid" ]] && kill "$daemon_pid" 2>/dev/null || true
+  [[ -n "$backend_pid" ]] && kill "$backend_pid" 2>/dev/null || true
   [[ -n "$bus_pid" ]] && kill "$bus_pid" 2>/dev/null || true
   rm -rf "$work"
 }
@@ -36,7 +40,22 @@ for _ in $(seq 100); do [[ -s "$work/address" ]] && break; sleep 0.05; done
 export DBUS_SESSION_BUS_ADDRESS=$(head -n1 "$work/address")
 echo "private session bus: $DBUS_SESSION_BUS_ADDRESS"
 
-# The daemon keeps its defaults and cache in the demo directory.
+# The reference back-end on a loopback port of the kernel's choosing, serving its default bag.
+build/bin/orvex-backend --port 0 --port-file "$work/backend.port" \
+  > >(sed 's/^/  orvex-backend: /') 2> >(sed 's/^/  orvex-backend: /' >&2) &
+backend_pid=$!
+for _ in $(seq 100); do [[ -s "$work/backend.port" ]] && break; sleep 0.05; done
+[[ -s "$work/backend.port" ]] || { echo "orvex-backend did not start" >&2; exit 1; }
+backend="http://127.0.0.1:$(cat "$work/backend.port")"
+
+# The daemon keeps its defaults and cache in the demo directory; its defaults send it to the
+# back-end for its bag.
+mkdir -p "$work/config/com.zelmor.orvexd"
+cat >"$work/config/com.zelmor.orvexd/defaults.plist" <<PLIST
+<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict><key>ORVBagURL</key><string>$backend/bag</string></dict></plist>
+PLIST
 XDG_CONFIG_HOME="$work/config" XDG_CACHE_HOME="$work/cache" ORVEXD_LOG_LEVEL=info \
   build/bin/orvexd 2> >(sed 's/^/  orvexd: /' >&2) &
 daemon_pid=$!
@@ -49,6 +68,16 @@ done
 echo
 echo "\$ busctl --address=\$DBUS_SESSION_BUS_ADDRESS list | grep orvexd"
 busctl --address="$DBUS_SESSION_BUS_ADDRESS" list --no-pager | grep -E '^NAME|com.zelmor.orvexd'
+# The bag arrives from the back-end shortly after start.
+for _ in $(seq 100); do
+  [[ -s "$work/cache/com.zelmor.orvexd/bag.plist" ]] && break
+  sleep 0.05
+done
+echo
+echo "\$ busctl --address=\$DBUS_SESSION_BUS_ADDRESS call com.zelmor.orvexd /com/zelmor/orvexd com.zelmor.orvexd.Diagnostics GetBag"
+busctl --address="$DBUS_SESSION_BUS_ADDRESS" --json=short call com.zelmor.orvexd \
+  /com/zelmor/orvexd com.zelmor.orvexd.Diagnostics GetBag |
+  jq -r '.data[0]' | jq .
 echo
 echo "\$ busctl --address=\$DBUS_SESSION_BUS_ADDRESS call com.zelmor.orvexd /com/zelmor/orvexd com.zelmor.orvexd.Diagnostics GetCounters"
 busctl --address="$DBUS_SESSION_BUS_ADDRESS" --json=pretty call com.zelmor.orvexd \
@@ -56,7 +85,7 @@ busctl --address="$DBUS_SESSION_BUS_ADDRESS" --json=pretty call com.zelmor.orvex
 
 if [[ -t 0 ]]; then
   echo
-  echo "orvexd is running (pid $daemon_pid). In another shell:"
+  echo "orvexd is running (pid $daemon_pid) against orvex-backend at $backend. In another shell:"
   echo "  export DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS"
   echo "Press Enter to stop it."
   read -r
