@@ -31,7 +31,7 @@ namespace orvex {
 
 // The key names used by every encoder: first the 33 feedback-kind names (in this order, which
 // puts "search_start" and "search_end" after "local_search_end"), then the others.
-inline constexpr std::array<std::string_view, 100> kFeedbackSharedKeys = {
+inline constexpr std::array<std::string_view, 99> kFeedbackSharedKeys = {
     "visible_results",
     "network_search_start",
     "network_search_end",
@@ -132,6 +132,8 @@ inline constexpr std::array<std::string_view, 100> kFeedbackSharedKeys = {
     "local_features",
     "orvex",
 };
+
+static_assert(kFeedbackSharedKeys.back() == "orvex", "every key of the set is listed");
 
 // The index of `name` in kFeedbackSharedKeys, or nothing.
 std::optional<uint16_t> sharedKeyIndex(std::string_view name);
