@@ -109,13 +109,16 @@ std::string archivableText(std::string_view text) {
   return out;
 }
 
-bool jsonDepthWithin(const nlohmann::json& json, int limit) {
-  if (!json.is_structured()) return true;
-  if (limit <= 0) return false;
-  for (const auto& child : json) {
-    if (!jsonDepthWithin(child, limit - 1)) return false;
+std::optional<std::string> freeJsonProblem(const nlohmann::json& json, int limit) {
+  if (json.is_number_float() && !std::isfinite(json.get<double>())) {
+    return "a number that is not finite";
   }
-  return true;
+  if (!json.is_structured()) return std::nullopt;
+  if (limit <= 0) return "nested too deeply";
+  for (const auto& child : json) {
+    if (auto problem = freeJsonProblem(child, limit - 1)) return problem;
+  }
+  return std::nullopt;
 }
 
 nlohmann::json plistToJson(const PlistValue& value) {
@@ -298,7 +301,7 @@ bool decodeScalar(const PlistValue& node, PlistDictionary& out, DecodeContext& c
 
 bool decodeScalar(const nlohmann::json& node, nlohmann::json& out, DecodeContext& c,
                   std::string_view key) {
-  if (!jsonDepthWithin(node, kMaxJsonDepth)) return failWith(c, key, "nested too deeply");
+  if (auto problem = freeJsonProblem(node, kMaxJsonDepth)) return failWith(c, key, *problem);
   out = node;
   return true;
 }
@@ -309,7 +312,7 @@ bool decodeScalar(const PlistValue& node, nlohmann::json& out, DecodeContext& c,
   if (text == nullptr) return failWith(c, key, "not JSON text");
   auto parsed = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
   if (parsed.is_discarded()) return failWith(c, key, "not JSON text");
-  if (!jsonDepthWithin(parsed, kMaxJsonDepth)) return failWith(c, key, "nested too deeply");
+  if (auto problem = freeJsonProblem(parsed, kMaxJsonDepth)) return failWith(c, key, *problem);
   out = std::move(parsed);
   return true;
 }

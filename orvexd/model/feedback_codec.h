@@ -11,8 +11,9 @@
 //
 // and the visitors below turn that list into either form and back:
 // - the D-Bus form, a JSON object: "$class", then each field under its key; absent values are
-//   null, enumerations their integer values, nested records JSON objects of the same form,
-//   free-form JSON as it is, and the bytes inside timing data as {"$data": "<base64>"};
+//   null, enumerations their integer values, nested records JSON objects of the same form
+//   (whose "$class" a reader only needs where a field can hold more than one class), free-form
+//   JSON as it is, and the bytes inside timing data as {"$data": "<base64>"};
 // - the archive form, a property-list dictionary with the same keys: absent values are left
 //   out, free-form JSON is kept as its compact text.
 //
@@ -101,8 +102,9 @@ concept Vector = requires {
 
 // Text as the archive can hold it: valid UTF-8 without NUL (anything else becomes U+FFFD).
 std::string archivableText(std::string_view text);
-// Whether `json` nests no deeper than `limit`.
-bool jsonDepthWithin(const nlohmann::json& json, int limit);
+// What keeps `json` from being carried as free-form JSON: nesting deeper than `limit`, or a
+// number that is not finite (no JSON text can spell it); nothing when it can be carried.
+std::optional<std::string> freeJsonProblem(const nlohmann::json& json, int limit);
 
 // Timing data between its two forms. Bytes travel as {"$data": "<base64>"} in JSON.
 nlohmann::json plistToJson(const PlistValue& value);

@@ -180,8 +180,8 @@ class FeedbackDictionary {
   void setAnyKey(std::string_view key, FeedbackValue value);
   const FeedbackValue* find(std::string_view key) const;
   bool contains(std::string_view key) const { return find(key) != nullptr; }
-  std::size_t size() const { return entries_.size(); }
-  bool empty() const { return entries_.empty(); }
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
 
   // Calls `visit(key, value)` for each entry in the order they were first set.
   template <typename Visitor>
@@ -256,6 +256,8 @@ struct FeedbackDictionary::Entry {
   uint16_t key;
   FeedbackValue value;
 };
+
+inline std::size_t FeedbackDictionary::size() const { return entries_.size(); }
 
 template <typename Visitor>
 void FeedbackDictionary::forEach(Visitor&& visit) const {

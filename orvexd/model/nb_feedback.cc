@@ -140,8 +140,8 @@ DecodeResult<FeedbackRecordPtr> NBFeedback::fromDBusText(std::string_view text) 
 }
 
 DecodeResult<FeedbackRecordPtr> NBFeedback::fromDBusForm(const nlohmann::json& form) {
-  if (!feedback_codec::jsonDepthWithin(form, feedback_codec::kMaxJsonDepth)) {
-    return readFailure(feedback_codec::DBusForm::kName, "nested too deeply");
+  if (auto problem = feedback_codec::freeJsonProblem(form, feedback_codec::kMaxJsonDepth)) {
+    return readFailure(feedback_codec::DBusForm::kName, *problem);
   }
   return readForm<feedback_codec::DBusForm>(form);
 }

@@ -30,7 +30,11 @@ std::optional<std::string> NBPunchout::preferredOpenableURL() const {
 }
 
 FeedbackDictionary NBSearchResult::dictionary() const {
-  FeedbackDictionary d(12);
+  // Seven keys always, the others as the rules below add them; most results are in a visible-
+  // results record, so exact room matters.
+  const bool writesFbr = customProperties.has_value() || type == kTypeOrvex;
+  FeedbackDictionary d(7 + (type == kTypeNSUserActivity) + writesFbr + localFeatures.has_value() +
+                       correctedQuery.has_value());
   d.set("id", FeedbackValue::text(identifier));
   d.set("score", rankingScore);
   d.set("result_type", nameIn(resultTypes(), type));
@@ -44,11 +48,8 @@ FeedbackDictionary NBSearchResult::dictionary() const {
   } else {
     d.set("bundle_id", FeedbackValue::text(bundle));
   }
-  if (customProperties) {
-    d.set("fbr", FeedbackValue::text(customProperties->fbr));
-  } else if (type == kTypeOrvex) {
-    d.set("fbr", nullptr);
-  }
+  if (writesFbr)
+    d.set("fbr", customProperties ? FeedbackValue::text(customProperties->fbr) : nullptr);
   if (localFeatures) d.set("local_features", *localFeatures);
   if (correctedQuery) d.set("corrected_query", *correctedQuery);
   d.set("static_correction", staticCorrection);

@@ -82,8 +82,8 @@ struct KindCase {
   bool noQueryId = false;
 };
 
-// One record of each of the 33 kinds (and of each subclass with keys of its own), with the
-// upload object the Part prescribes.
+// One record of each of the 33 kinds (and of each subclass with keys of its own), with its
+// upload object written out by hand.
 std::vector<KindCase> kindCases() {
   const std::string R = kOrvexResultJson;
   return {
