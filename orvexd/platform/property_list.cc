@@ -35,106 +35,12 @@ using BinaryBuffer = std::unique_ptr<char, CFree<&plist_to_bin_free>>;
 
 // ---- Small codecs ------------------------------------------------------------------------
 
-bool isValidUtf8(std::string_view text) {
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    if (lead < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t length;
-    char32_t codePoint;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-      length = 2;
-      codePoint = lead & 0x1F;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-      length = 3;
-      codePoint = lead & 0x0F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      length = 4;
-      codePoint = lead & 0x07;
-    } else {
-      return false;
-    }
-    if (text.size() - i < length) return false;
-    for (std::size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0) != 0x80) return false;
-      codePoint = (codePoint << 6) | (next & 0x3F);
-    }
-    // Overlong forms, surrogates and values past U+10FFFF.
-    if ((length == 3 && codePoint < 0x800) || (length == 4 && codePoint < 0x10000) ||
-        (codePoint >= 0xD800 && codePoint <= 0xDFFF) || codePoint > 0x10FFFF) {
-      return false;
-    }
-    i += length;
-  }
-  return true;
-}
-
-constexpr char kBase64Alphabet[] =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-std::string encodeBase64(std::span<const std::uint8_t> bytes) {
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4);
-  std::size_t i = 0;
-  for (; i + 3 <= bytes.size(); i += 3) {
-    const std::uint32_t group = (bytes[i] << 16) | (bytes[i + 1] << 8) | bytes[i + 2];
-    out += kBase64Alphabet[(group >> 18) & 0x3F];
-    out += kBase64Alphabet[(group >> 12) & 0x3F];
-    out += kBase64Alphabet[(group >> 6) & 0x3F];
-    out += kBase64Alphabet[group & 0x3F];
-  }
-  if (const std::size_t rest = bytes.size() - i; rest > 0) {
-    const std::uint32_t group = (bytes[i] << 16) | (rest == 2 ? bytes[i + 1] << 8 : 0);
-    out += kBase64Alphabet[(group >> 18) & 0x3F];
-    out += kBase64Alphabet[(group >> 12) & 0x3F];
-    out += rest == 2 ? kBase64Alphabet[(group >> 6) & 0x3F] : '=';
-    out += '=';
-  }
-  return out;
-}
-
 bool isXmlSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
 std::string_view trimXmlSpace(std::string_view text) {
   while (!text.empty() && isXmlSpace(text.front())) text.remove_prefix(1);
   while (!text.empty() && isXmlSpace(text.back())) text.remove_suffix(1);
   return text;
-}
-
-// Base64 as property lists hold it: whitespace anywhere, padding optional at the end.
-std::optional<PlistData> decodeBase64(std::string_view text) {
-  PlistData out;
-  std::uint32_t group = 0;
-  int count = 0;
-  bool padded = false;
-  for (const char c : text) {
-    if (isXmlSpace(c)) continue;
-    if (c == '=') {
-      padded = true;
-      continue;
-    }
-    const char* found = std::strchr(kBase64Alphabet, c);
-    if (padded || c == '\0' || found == nullptr) return std::nullopt;
-    group = (group << 6) | static_cast<std::uint32_t>(found - kBase64Alphabet);
-    if (++count == 4) {
-      out.push_back(static_cast<std::uint8_t>(group >> 16));
-      out.push_back(static_cast<std::uint8_t>(group >> 8));
-      out.push_back(static_cast<std::uint8_t>(group));
-      group = 0;
-      count = 0;
-    }
-  }
-  if (count == 1) return std::nullopt;
-  if (count == 2) out.push_back(static_cast<std::uint8_t>(group >> 4));
-  if (count == 3) {
-    out.push_back(static_cast<std::uint8_t>(group >> 10));
-    out.push_back(static_cast<std::uint8_t>(group >> 2));
-  }
-  return out;
 }
 
 // The shortest text that reads back as the same double.

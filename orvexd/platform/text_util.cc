@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace orvex {
@@ -63,6 +64,107 @@ void appendUtf8(std::string& out, char32_t codePoint) {
     out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
     out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
   }
+}
+
+std::size_t utf8SequenceLength(std::string_view text, std::size_t at) {
+  if (at >= text.size()) return 0;
+  const auto lead = static_cast<unsigned char>(text[at]);
+  if (lead < 0x80) return 1;
+  std::size_t length;
+  char32_t codePoint;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+    codePoint = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    codePoint = lead & 0x0F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    codePoint = lead & 0x07;
+  } else {
+    return 0;
+  }
+  if (text.size() - at < length) return 0;
+  for (std::size_t k = 1; k < length; ++k) {
+    const auto next = static_cast<unsigned char>(text[at + k]);
+    if ((next & 0xC0) != 0x80) return 0;
+    codePoint = (codePoint << 6) | (next & 0x3F);
+  }
+  // Overlong forms, surrogates and values past U+10FFFF.
+  if ((length == 3 && codePoint < 0x800) || (length == 4 && codePoint < 0x10000) ||
+      (codePoint >= 0xD800 && codePoint <= 0xDFFF) || codePoint > 0x10FFFF) {
+    return 0;
+  }
+  return length;
+}
+
+bool isValidUtf8(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const std::size_t length = utf8SequenceLength(text, i);
+    if (length == 0) return false;
+    i += length;
+  }
+  return true;
+}
+
+namespace {
+constexpr char kBase64Alphabet[] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+bool isBase64Space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+}  // namespace
+
+std::string encodeBase64(std::span<const uint8_t> bytes) {
+  std::string out;
+  out.reserve((bytes.size() + 2) / 3 * 4);
+  std::size_t i = 0;
+  for (; i + 3 <= bytes.size(); i += 3) {
+    const uint32_t group = (bytes[i] << 16) | (bytes[i + 1] << 8) | bytes[i + 2];
+    out += kBase64Alphabet[(group >> 18) & 0x3F];
+    out += kBase64Alphabet[(group >> 12) & 0x3F];
+    out += kBase64Alphabet[(group >> 6) & 0x3F];
+    out += kBase64Alphabet[group & 0x3F];
+  }
+  if (const std::size_t rest = bytes.size() - i; rest > 0) {
+    const uint32_t group = (bytes[i] << 16) | (rest == 2 ? bytes[i + 1] << 8 : 0);
+    out += kBase64Alphabet[(group >> 18) & 0x3F];
+    out += kBase64Alphabet[(group >> 12) & 0x3F];
+    out += rest == 2 ? kBase64Alphabet[(group >> 6) & 0x3F] : '=';
+    out += '=';
+  }
+  return out;
+}
+
+std::optional<std::vector<uint8_t>> decodeBase64(std::string_view text) {
+  std::vector<uint8_t> out;
+  uint32_t group = 0;
+  int count = 0;
+  bool padded = false;
+  for (const char c : text) {
+    if (isBase64Space(c)) continue;
+    if (c == '=') {
+      padded = true;
+      continue;
+    }
+    const char* found = std::strchr(kBase64Alphabet, c);
+    if (padded || c == '\0' || found == nullptr) return std::nullopt;
+    group = (group << 6) | static_cast<uint32_t>(found - kBase64Alphabet);
+    if (++count == 4) {
+      out.push_back(static_cast<uint8_t>(group >> 16));
+      out.push_back(static_cast<uint8_t>(group >> 8));
+      out.push_back(static_cast<uint8_t>(group));
+      group = 0;
+      count = 0;
+    }
+  }
+  if (count == 1) return std::nullopt;
+  if (count == 2) out.push_back(static_cast<uint8_t>(group >> 4));
+  if (count == 3) {
+    out.push_back(static_cast<uint8_t>(group >> 10));
+    out.push_back(static_cast<uint8_t>(group >> 2));
+  }
+  return out;
 }
 
 int64_t saturatingInt64(double value) {

@@ -3,10 +3,12 @@
 
 #include <compare>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 namespace orvex {
 
@@ -15,6 +17,18 @@ std::string_view trimWhitespace(std::string_view text);
 
 // Appends the UTF-8 encoding of `codePoint`; a surrogate or a value past U+10FFFF becomes U+FFFD.
 void appendUtf8(std::string& out, char32_t codePoint);
+
+// Whether `text` is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
+bool isValidUtf8(std::string_view text);
+// The length of the well-formed UTF-8 sequence that starts at `text[at]`, or 0 when the bytes
+// there do not begin one.
+std::size_t utf8SequenceLength(std::string_view text, std::size_t at);
+
+// Standard base64 with padding.
+std::string encodeBase64(std::span<const uint8_t> bytes);
+// Reads standard base64; ASCII white space (space, \t, \n, \r) may stand anywhere and the
+// padding is optional. Anything else gives nothing.
+std::optional<std::vector<uint8_t>> decodeBase64(std::string_view text);
 
 // Conversions that saturate where a plain cast would be undefined; NaN gives 0. The unsigned
 // form gives 0 for negative values.
