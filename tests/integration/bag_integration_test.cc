@@ -136,9 +136,9 @@ class BagIntegrationTest : public ::testing::Test {
 
 TEST_F(BagIntegrationTest, FetchedOnceThenTheDiskCopyServesRestartsUntilNearItsExpiry) {
   startDaemon();
-  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(bagFile()); }));
+  // The copy is written just before the bag is taken into memory: wait for the latter.
+  ASSERT_TRUE(eventually([&] { return heldBag().is_object(); }));
   const Json held = heldBag();
-  ASSERT_TRUE(held.is_object());
   EXPECT_EQ(held["version"], "3");
   EXPECT_EQ(held["search_url"], backend->baseUrl() + "/search");
   EXPECT_EQ(backend->requestCount("bag"), 1u);
