@@ -11,50 +11,11 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tools/orvex-backend/query_items.h"
+
 namespace orvex::testing {
 
 namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::string decodeQueryComponent(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '+') {
-      out += ' ';
-    } else if (c == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0 &&
-               hexValue(text[i + 2]) >= 0) {
-      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-      i += 2;
-    } else {
-      out += c;  // a stray '%' stays as it is
-    }
-  }
-  return out;
-}
-
-std::vector<std::pair<std::string, std::string>> parseQuery(std::string_view query) {
-  std::vector<std::pair<std::string, std::string>> items;
-  while (!query.empty()) {
-    const size_t amp = query.find('&');
-    std::string_view item = query.substr(0, amp);
-    query = amp == std::string_view::npos ? std::string_view() : query.substr(amp + 1);
-    if (item.empty()) continue;
-    const size_t equals = item.find('=');
-    items.emplace_back(decodeQueryComponent(item.substr(0, equals)),
-                       equals == std::string_view::npos
-                           ? std::string()
-                           : decodeQueryComponent(item.substr(equals + 1)));
-  }
-  return items;
-}
 
 bool isServerPseudoHeader(const std::string& name) {
   // httplib adds the socket addresses to the request headers; they were not sent.
@@ -79,7 +40,7 @@ struct LoopbackHttpServer::Impl {
     const size_t question = target.find('?');
     recorded.path = target.substr(0, question);
     if (question != std::string::npos) recorded.rawQuery = target.substr(question + 1);
-    recorded.queryItems = parseQuery(recorded.rawQuery);
+    recorded.queryItems = backend::decodeQueryItems(recorded.rawQuery);
     for (const auto& [name, value] : request.headers) {
       if (isServerPseudoHeader(name)) continue;
       auto [entry, inserted] = recorded.headers.try_emplace(name, value);
