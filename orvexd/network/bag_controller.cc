@@ -155,9 +155,11 @@ void OrvexBagController::forceFetchBag(const BagDictionary& response) {
 void OrvexBagController::_handleRefreshNotification() {
   bagLog().debug(
       "something significant changed (locale, geo). checking to see if bag needs update");
-  const BagDictionary raw = _inMemoryBagCacheAccessQueue.read(
-      [](const auto& held) { return held ? held->rawBag() : BagDictionary::object(); });
-  if (_isRefreshRequiredForCachedBag(raw)) _fetchBagStateWithVersion(std::nullopt);
+  // With no bag held the check sees no expiry, which reads as expired.
+  const auto held = _inMemoryBagCacheAccessQueue.read([](const auto& bag) { return bag; });
+  if (_isRefreshRequiredForCachedBag(held ? held->rawBag() : BagDictionary::object())) {
+    _fetchBagStateWithVersion(std::nullopt);
+  }
 }
 
 bool OrvexBagController::_isRefreshRequiredForCachedBag(const BagDictionary& dictionary) {
