@@ -1,0 +1,115 @@
+#include "orvexd/query/critbit_tree.h"
+
+#include <array>
+#include <cstring>
+#include <string>
+#include <utility>
+
+namespace orvex {
+namespace {
+
+// Each stored value is a heap copy of the caller's shared pointer: the core holds one opaque
+// pointer per key, and this copy is the tree's reference to the object.
+using Holder = CritbitTree::Object;
+
+void value_release(void* value) { std::unique_ptr<Holder> drop(static_cast<Holder*>(value)); }
+
+int prefix_callback(const char* key, void* arg) {
+  const auto& visitor = *static_cast<const CritbitTree::KeyVisitor*>(arg);
+  bool stop = false;
+  visitor(std::string_view(key), stop);
+  return stop ? 0 : 1;
+}
+
+// The core takes NUL-terminated keys; a view is copied into a stack buffer when it fits (query
+// text nearly always does) and into a string otherwise. Keys holding a NUL byte are not valid.
+class CKey {
+ public:
+  explicit CKey(std::string_view key) {
+    valid_ = key.find('\0') == std::string_view::npos;
+    if (!valid_) return;
+    if (key.size() < buffer_.size()) {
+      memcpy(buffer_.data(), key.data(), key.size());
+      buffer_[key.size()] = '\0';
+      text_ = buffer_.data();
+    } else {
+      long_.assign(key);
+      text_ = long_.c_str();
+    }
+  }
+  CKey(const CKey&) = delete;
+  CKey& operator=(const CKey&) = delete;
+
+  bool valid() const { return valid_; }
+  const char* c_str() const { return text_; }
+
+ private:
+  std::array<char, 256> buffer_;
+  std::string long_;
+  const char* text_ = nullptr;
+  bool valid_ = false;
+};
+
+}  // namespace
+
+CritbitTree::CritbitTree() : _tree{} { _tree.value_release = value_release; }
+
+CritbitTree::~CritbitTree() { critbit_clear(&_tree); }
+
+CritbitTree::CritbitTree(CritbitTree&& other) noexcept : _tree(other._tree) {
+  other._tree.root.flag = 0;
+  other._tree.size = 0;
+}
+
+CritbitTree& CritbitTree::operator=(CritbitTree&& other) noexcept {
+  if (this != &other) {
+    critbit_clear(&_tree);
+    _tree = other._tree;
+    other._tree.root.flag = 0;
+    other._tree.size = 0;
+  }
+  return *this;
+}
+
+bool CritbitTree::setObject(Object object, std::string_view key) {
+  const CKey ckey(key);
+  if (!object || !ckey.valid()) return false;
+  // The core compares value pointers, and each holder is a fresh one, so the very object already
+  // stored under the key is recognised here and keeps its holder.
+  void* stored = nullptr;
+  if (critbit_contains(&_tree, ckey.c_str(), &stored) == 1 &&
+      static_cast<Holder*>(stored)->get() == object.get()) {
+    return true;
+  }
+  auto holder = std::make_unique<Holder>(std::move(object));
+  if (critbit_insert(&_tree, ckey.c_str(), holder.get(), 1) == 0) return false;
+  holder.release();  // now owned by the tree, dropped through value_release
+  return true;
+}
+
+CritbitTree::Object CritbitTree::objectForKey(std::string_view key) const {
+  const CKey ckey(key);
+  void* stored = nullptr;
+  if (!ckey.valid() || critbit_contains(&_tree, ckey.c_str(), &stored) == 0) return nullptr;
+  return *static_cast<const Holder*>(stored);
+}
+
+bool CritbitTree::containsKey(std::string_view key) const {
+  const CKey ckey(key);
+  return ckey.valid() && critbit_contains(&_tree, ckey.c_str(), nullptr) == 1;
+}
+
+bool CritbitTree::removeObjectForKey(std::string_view key) {
+  const CKey ckey(key);
+  return ckey.valid() && critbit_delete(&_tree, ckey.c_str()) == 1;
+}
+
+void CritbitTree::removeAllObjects() { critbit_clear(&_tree); }
+
+void CritbitTree::keysMatchingPrefix(std::string_view prefix, const KeyVisitor& visitor) const {
+  const CKey cprefix(prefix);
+  if (!cprefix.valid()) return;
+  critbit_allprefixed(&_tree, cprefix.c_str(), prefix_callback, const_cast<KeyVisitor*>(&visitor));
+}
+
+}  // namespace orvex

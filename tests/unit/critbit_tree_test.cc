@@ -1,0 +1,198 @@
+#include "orvexd/query/critbit_tree.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "orvexd/query/critbit.h"
+
+namespace orvex {
+namespace {
+
+std::vector<std::string> releasedValues;
+void recordRelease(void* value) { releasedValues.emplace_back(static_cast<const char*>(value)); }
+
+int collect(const char* key, void* arg) {
+  static_cast<std::vector<std::string>*>(arg)->emplace_back(key);
+  return 1;
+}
+
+// Checks the shape every operation must leave behind and returns the number of keys: two
+// non-empty children per internal node, critical positions increasing along every path.
+uint64_t checkShape(critbit_node node, uint64_t minPosition) {
+  EXPECT_NE(node.flag, 0u);
+  if ((node.flag & 1) == 0) return 1;
+  const auto* q = reinterpret_cast<const critbit_internal_node*>(node.flag - 1);
+  const uint64_t position = uint64_t{q->byte} * 8 + (7 - std::countr_one(q->otherbits));
+  EXPECT_GE(position, minPosition);
+  return checkShape(q->child[0], position + 1) + checkShape(q->child[1], position + 1);
+}
+
+TEST(CritbitCore, ReturnCodesAndReleases) {
+  critbit_tree tree{};
+  tree.value_release = recordRelease;
+  releasedValues.clear();
+  char one[] = "one", two[] = "two", three[] = "three";
+  std::vector<std::string> keys;
+
+  EXPECT_EQ(critbit_contains(&tree, "", nullptr), 0);
+  EXPECT_EQ(critbit_delete(&tree, "abc"), 0);
+  EXPECT_EQ(critbit_allprefixed(&tree, "", collect, &keys), 1);
+
+  EXPECT_EQ(critbit_insert(&tree, "abc", one, 1), 2);
+  EXPECT_EQ(critbit_insert(&tree, "abc", one, 1), 0);  // the very value already stored
+  EXPECT_EQ(critbit_insert(&tree, "abc", two, 0), 1);  // another value, flag clear: kept
+  EXPECT_TRUE(releasedValues.empty());
+  EXPECT_EQ(critbit_insert(&tree, "abc", two, 3), 1);  // only the lowest bit of the flag counts
+  EXPECT_EQ(releasedValues, std::vector<std::string>{"one"});
+  EXPECT_EQ(critbit_insert(&tree, "ab", three, 1), 2);
+  EXPECT_EQ(critbit_insert(&tree, "", one, 1), 2);  // the empty key holds only the NUL
+  EXPECT_EQ(tree.size, 3u);
+
+  void* value = nullptr;
+  EXPECT_EQ(critbit_contains(&tree, "abc", &value), 1);
+  EXPECT_EQ(value, two);
+  EXPECT_EQ(critbit_contains(&tree, "a", &value), 0);
+  EXPECT_EQ(critbit_contains(&tree, "abcd", nullptr), 0);
+  EXPECT_EQ(critbit_contains(&tree, "", nullptr), 1);
+
+  EXPECT_EQ(critbit_allprefixed(&tree, "a", collect, &keys), 1);
+  EXPECT_EQ(keys, (std::vector<std::string>{"ab", "abc"}));
+  keys.clear();
+  EXPECT_EQ(critbit_allprefixed(&tree, "abcd", collect, &keys), 1);
+  EXPECT_EQ(critbit_allprefixed(&tree, "b", collect, &keys), 1);
+  EXPECT_TRUE(keys.empty());
+  const auto stopAtOnce = [](const char*, void*) { return 0; };
+  const auto misbehave = [](const char*, void*) { return 7; };
+  EXPECT_EQ(critbit_allprefixed(&tree, "", stopAtOnce, nullptr), 0);
+  EXPECT_EQ(critbit_allprefixed(&tree, "", misbehave, nullptr), -1);
+  EXPECT_EQ(critbit_allprefixed(&tree, "abc", misbehave, nullptr), -1);  // a lone external node
+
+  EXPECT_EQ(critbit_delete(&tree, "a"), 0);
+  EXPECT_EQ(critbit_delete(&tree, "ab"), 1);
+  EXPECT_EQ(critbit_delete(&tree, "ab"), 0);
+  EXPECT_EQ(critbit_delete(&tree, ""), 1);
+  EXPECT_EQ(critbit_delete(&tree, "abc"), 1);  // the last key: the root is empty again
+  EXPECT_EQ(tree.root.flag, 0u);
+  EXPECT_EQ(tree.size, 0u);
+  EXPECT_EQ(releasedValues, (std::vector<std::string>{"one", "three", "one", "two"}));
+
+  critbit_insert(&tree, "x", one, 1);
+  critbit_insert(&tree, "y", two, 1);
+  releasedValues.clear();
+  critbit_clear(&tree);
+  EXPECT_EQ(tree.root.flag, 0u);
+  EXPECT_EQ(tree.size, 0u);
+  EXPECT_EQ(releasedValues, (std::vector<std::string>{"one", "two"}));
+}
+
+TEST(CritbitTree, HoldsOneReferencePerStoredObject) {
+  auto first = std::make_shared<int>(1);
+  auto second = std::make_shared<int>(2);
+  {
+    CritbitTree tree;
+    EXPECT_TRUE(tree.setObject(first, "weather"));
+    EXPECT_TRUE(tree.setObject(first, "weather"));  // the same object: no second reference
+    EXPECT_EQ(first.use_count(), 2);
+    EXPECT_TRUE(tree.setObject(second, "weather"));
+    EXPECT_EQ(first.use_count(), 1);
+    EXPECT_EQ(tree.count(), 1u);
+    EXPECT_EQ(std::static_pointer_cast<const int>(tree.objectForKey("weather")), second);
+
+    EXPECT_FALSE(tree.setObject(first, std::string_view("a\0b", 3)));
+    EXPECT_FALSE(tree.setObject(nullptr, "a"));
+    EXPECT_FALSE(tree.containsKey(std::string_view("weather\0", 8)));
+    EXPECT_EQ(tree.objectForKey("weath"), nullptr);
+
+    const std::string longKey(1000, 'q');  // past the on-stack key buffer
+    EXPECT_TRUE(tree.setObject(first, longKey));
+    EXPECT_TRUE(tree.containsKey(longKey));
+    EXPECT_FALSE(tree.containsKey(longKey.substr(1)));
+
+    CritbitTree moved(std::move(tree));
+    EXPECT_EQ(moved.count(), 2u);
+    EXPECT_EQ(tree.count(), 0u);
+    EXPECT_TRUE(moved.removeObjectForKey("weather"));
+    EXPECT_FALSE(moved.removeObjectForKey("weather"));
+    EXPECT_EQ(second.use_count(), 1);
+  }
+  EXPECT_EQ(first.use_count(), 1);  // the tree's last reference went with it
+}
+
+TEST(CritbitTree, AgreesWithAnOrderedMap) {
+  std::mt19937 random(20261123);
+  const auto randomKey = [&] {
+    std::string key(random() % 6, ' ');
+    for (char& c : key) c = "ab\x7f\x80\xff"[random() % 5];  // bytes on both sides of 0x80
+    return key;
+  };
+  CritbitTree tree;
+  std::map<std::string, int> oracle;
+  for (int step = 0; step < 6000; ++step) {
+    const std::string key = randomKey();
+    switch (random() % 4) {
+      case 0:
+      case 1:
+        EXPECT_TRUE(tree.setObject(std::make_shared<int>(step), key));
+        oracle[key] = step;
+        break;
+      case 2:
+        EXPECT_EQ(tree.removeObjectForKey(key), oracle.erase(key) == 1) << key;
+        break;
+      default: {
+        std::vector<std::string> found, expected;
+        tree.keysMatchingPrefix(key, [&](std::string_view k, bool&) { found.emplace_back(k); });
+        for (auto it = oracle.lower_bound(key); it != oracle.end() && it->first.starts_with(key);
+             ++it) {
+          expected.push_back(it->first);
+        }
+        ASSERT_EQ(found, expected) << "prefix '" << key << "' at step " << step;
+        if (found.size() > 1) {
+          std::vector<std::string> stopped;
+          tree.keysMatchingPrefix(key, [&](std::string_view k, bool& stop) {
+            stopped.emplace_back(k);
+            stop = stopped.size() == 2;
+          });
+          EXPECT_EQ(stopped.size(), 2u);
+        }
+      }
+    }
+    const auto stored = tree.objectForKey(key);
+    const auto it = oracle.find(key);
+    ASSERT_EQ(stored != nullptr, it != oracle.end());
+    if (stored) {
+      EXPECT_EQ(*std::static_pointer_cast<const int>(stored), it->second);
+    }
+    ASSERT_EQ(tree.count(), oracle.size());
+  }
+  EXPECT_GT(oracle.size(), 100u);
+  tree.removeAllObjects();
+  EXPECT_EQ(tree.count(), 0u);
+  EXPECT_FALSE(tree.containsKey(""));
+}
+
+TEST(CritbitTree, ShapeStaysValidUnderRandomInsertsAndDeletes) {
+  std::mt19937 random(7);
+  critbit_tree tree{};
+  for (int step = 0; step < 3000; ++step) {
+    std::string key(random() % 5, ' ');
+    for (char& c : key) c = static_cast<char>('a' + random() % 3);
+    if (random() % 3 == 0) {
+      critbit_delete(&tree, key.c_str());
+    } else {
+      critbit_insert(&tree, key.c_str(), nullptr, 1);
+    }
+    if (tree.root.flag != 0) {
+      ASSERT_EQ(checkShape(tree.root, 0), tree.size);
+    }
+  }
+  critbit_clear(&tree);
+}
+
+}  // namespace
+}  // namespace orvex
