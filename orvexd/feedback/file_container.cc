@@ -179,11 +179,6 @@ void FileContainer::_close() {
   }
 }
 
-bool FileContainer::_isOpen() const {
-  queue_->assertCurrent("FileContainer::_isOpen");
-  return fileHandle_.valid();
-}
-
 std::optional<StoredSession> FileContainer::read() {
   auto result = queue_->syncResult([this] { return _unarchiveObject(); });
   if (!result) return std::nullopt;

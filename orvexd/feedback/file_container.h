@@ -70,7 +70,7 @@ class FileContainer : public std::enable_shared_from_this<FileContainer> {
   // Appends the version record and then `session` (its archive form) as the root record.
   void writeSessionHeader(PlistDictionary session);
   // Appends one record if the file is open, then calls `done` (also when the append was refused
-  // for size). Nothing is called when the file was closed already.
+  // for size), on the queue. Nothing is called when the file was closed already.
   void writeFeedback(const OrvexFeedback& feedback, WriteDone done = nullptr);
   // The session read back with every record that could be read, or nothing when the file is
   // missing, too large, of another version or without its two leading records. A file still
@@ -81,7 +81,6 @@ class FileContainer : public std::enable_shared_from_this<FileContainer> {
 
   // The same, for callers already on the queue.
   void _close();
-  bool _isOpen() const;
 
  private:
   bool _archiveObject(std::span<const uint8_t> archive);
