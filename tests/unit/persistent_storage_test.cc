@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstring>
 #include <fstream>
 
 #include "orvexd/core/diagnostic_data_reporter.h"
