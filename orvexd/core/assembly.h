@@ -27,6 +27,7 @@ class BagController;
 class GUIDController;
 class HttpSession;
 class NetworkRequestFactory;
+class PersistentStorage;
 
 class Assembly {
  public:
@@ -62,6 +63,8 @@ class Assembly {
   std::shared_ptr<BagController> bagController;
   std::shared_ptr<AppWhitelistController> appWhitelistController;
   std::shared_ptr<GUIDController> guidController;
+  // The session files; set by start-up once the feedback pipeline is wired.
+  std::shared_ptr<PersistentStorage> persistentStorage;
 
   // Value of the defaults key "ORVSharedSession".
   bool sharedSession = false;

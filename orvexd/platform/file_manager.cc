@@ -24,7 +24,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kDirectoryName = "com.zelmor.orvexd";
 
-
 std::error_code lastError() { return std::error_code(errno, std::generic_category()); }
 
 std::string environmentValue(const char* name) {
@@ -267,15 +266,22 @@ std::optional<std::vector<std::filesystem::path>> FileManager::contentsOfDirecto
 
 std::optional<FileAttributes> FileManager::attributesOfItem(
     const std::filesystem::path& item) const {
-  struct stat info {};
-  if (::lstat(item.c_str(), &info) != 0) return std::nullopt;
+  struct statx info {};
+  if (::statx(AT_FDCWD, item.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME,
+              &info) != 0) {
+    return std::nullopt;
+  }
+  const auto toTimePoint = [](const struct statx_timestamp& stamp) {
+    return std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(
+            std::chrono::seconds(stamp.tv_sec) + std::chrono::nanoseconds(stamp.tv_nsec)));
+  };
   FileAttributes attributes;
-  attributes.size = static_cast<std::uintmax_t>(info.st_size);
-  attributes.modificationDate = std::chrono::system_clock::time_point(
-      std::chrono::duration_cast<std::chrono::system_clock::duration>(
-          std::chrono::seconds(info.st_mtim.tv_sec) +
-          std::chrono::nanoseconds(info.st_mtim.tv_nsec)));
-  attributes.mode = info.st_mode;
+  attributes.size = static_cast<std::uintmax_t>(info.stx_size);
+  attributes.modificationDate = toTimePoint(info.stx_mtime);
+  attributes.creationDate = (info.stx_mask & STATX_BTIME) != 0 ? toTimePoint(info.stx_btime)
+                                                               : attributes.modificationDate;
+  attributes.mode = info.stx_mode;
   return attributes;
 }
 

@@ -43,6 +43,8 @@ std::error_code make_error_code(FileManagerError error);
 struct FileAttributes {
   std::uintmax_t size = 0;
   std::chrono::system_clock::time_point modificationDate;
+  // The birth time where the file system records one, else the modification date.
+  std::chrono::system_clock::time_point creationDate;
   mode_t mode = 0;  // permission bits and file type, as st_mode
 };
 

@@ -1,0 +1,124 @@
+// How fast the daemon appends feedback records to an open session file: records of a search
+// front-end's session (query starts, network requests with their headers, visible results),
+// written through FileContainer on the storage's queue into a real file in a temporary
+// directory. Each iteration appends a batch of 100 records and waits until the queue has
+// written them, so the figure includes the archiving, the queue hop and the write(2).
+//
+// Appends are not flushed one by one: each is a single write(2), and the file is flushed with
+// fdatasync(2) once, when the session is closed.
+//
+// Usage: orvex_bench_session_file [Google Benchmark flags]
+#include <benchmark/benchmark.h>
+
+#include <filesystem>
+
+#include "orvexd/core/assembly.h"
+#include "orvexd/core/orvex_logging.h"
+#include "orvexd/core/orvex_names.h"
+#include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/model/orv_constants.h"
+#include "orvexd/model/orvex_feedback.h"
+#include "tests/support/test_environment.h"
+
+namespace orvex {
+namespace {
+
+constexpr int kBatch = 100;
+// A new file is started when the current one passes this size, as a long session would.
+constexpr uint64_t kRotateAt = uint64_t{64} << 20;
+
+NBSearchResult result(int i) {
+  NBSearchResult r;
+  r.identifier = "result-" + std::to_string(i);
+  r.rankingScore = 0.25 * (i % 7);
+  r.type = i % 3 == 0 ? 2 : 1;
+  r.sectionBundleIdentifier = "com.zelmor.web";
+  r.customProperties = ORVCustomSearchResult{"fbr-" + std::to_string(i)};
+  r.queryId = static_cast<uint64_t>(i / 10);
+  return r;
+}
+
+std::vector<OrvexFeedback> records() {
+  std::vector<OrvexFeedback> made;
+  for (int query = 1; made.size() < 90; ++query) {
+    auto start = std::make_shared<NBStartSearchFeedback>();
+    start->triggerEvent = 1;
+    start->input = "weather in par" + std::to_string(query);
+    start->uuid = "6F1A3C2E-0000-4000-8000-" + std::to_string(100000000000 + query);
+    start->queryId = static_cast<uint64_t>(query);
+    auto request = std::make_shared<NBStartNetworkSearchFeedback>();
+    request->input = start->input;
+    request->url =
+        "https://search.example/search?q=weather&locale=fr_FR&qid=" + std::to_string(query);
+    request->headers = FeedbackStringMap{
+        {"Accept", "application/json"}, {"User-Agent", "Glance/1"}, {"X-Zelmor-Geo", "48.85,2.29"}};
+    request->endpoint = 6;
+    auto visible = std::make_shared<NBVisibleResultsFeedback>();
+    visible->triggerEvent = 1;
+    visible->results.emplace();
+    for (int i = 0; i < 8; ++i) visible->results->push_back(result(query * 10 + i));
+    for (FeedbackRecordPtr record :
+         {FeedbackRecordPtr(start), FeedbackRecordPtr(request), FeedbackRecordPtr(visible)}) {
+      made.push_back(OrvexFeedback::initWithFeedback(
+          record, query, "6F1A3C2E-0000-4000-8000-000000000001", "glance/1.0"));
+    }
+  }
+  return made;
+}
+
+void BM_AppendToSessionFile(benchmark::State& state) {
+  setLogThreshold(LogLevel::kError);
+  testing::TempDir directory;
+  DirectoryEnvironment directories;
+  directories.home = directory.path().string();
+  directories.xdgCacheHome = (directory / "cache").string();
+  directories.xdgConfigHome = (directory / "config").string();
+  directories.tmpdir = directory.path().string();
+  Assembly assembly(std::make_shared<WorkerPool>(2), std::make_shared<SystemClock>());
+  assembly.fileManager = std::make_shared<FileManager>(directories);
+  assembly.userDefaults = std::make_shared<DefaultsStore>(
+      assembly.fileManager, DefaultsStore::standardPath(*assembly.fileManager));
+  (void)assembly.userDefaults->setObject(kORVSessionSizeLimitKey, int64_t{1} << 30);
+  auto storage = std::make_shared<OrvexPersistentStorage>(assembly, kORVOrvexdNameVersion);
+
+  const auto feedbacks = records();
+  uint64_t recordBytes = 0;
+  for (const auto& feedback : feedbacks) recordBytes += 8 + feedback.archiveData().size();
+
+  auto container = storage->createFileContainerForWriting();
+  if (!container) {
+    state.SkipWithError("could not create a session file");
+    return;
+  }
+  container->writeSessionHeader({{"$class", "ClientSession"}, {"agent", "glance/1.0"}});
+  size_t next = 0;
+  uint64_t written = 0;
+  for (auto _ : state) {
+    for (int i = 0; i < kBatch; ++i) {
+      container->writeFeedback(feedbacks[next]);
+      next = (next + 1) % feedbacks.size();
+    }
+    // Waits for the queue to have written the batch.
+    benchmark::DoNotOptimize(storage->getAvailableSessionHandles());
+    written += kBatch;
+    if (std::filesystem::file_size(container->fileUrl()) > kRotateAt) {
+      state.PauseTiming();
+      storage->deleteSessionWithFileContainer(container);
+      container = storage->createFileContainerForWriting();
+      container->writeSessionHeader({{"$class", "ClientSession"}, {"agent", "glance/1.0"}});
+      state.ResumeTiming();
+    }
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(written));
+  state.counters["bytes_per_record"] =
+      static_cast<double>(recordBytes) / static_cast<double>(feedbacks.size());
+  state.counters["fsync_per_append"] = 0;
+  storage->deleteSessionWithFileContainer(container);
+  (void)storage->getAvailableSessionHandles();
+}
+BENCHMARK(BM_AppendToSessionFile)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+}  // namespace
+}  // namespace orvex
+
+BENCHMARK_MAIN();

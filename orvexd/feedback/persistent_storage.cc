@@ -1,0 +1,169 @@
+#include "orvexd/feedback/persistent_storage.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <system_error>
+#include <utility>
+
+#include "orvexd/core/assembly.h"
+#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/core/orvex_logging.h"
+#include "orvexd/core/orvex_names.h"
+
+namespace orvex {
+namespace {
+
+const OrvexLog& storageLog() { return OrvexLogForCategory(kOrvexLogFeedbackStorage); }
+
+std::string errnoText(int error) { return std::generic_category().message(error); }
+
+}  // namespace
+
+OrvexPersistentStorage::OrvexPersistentStorage(Assembly& assembly, std::string version)
+    : assembly_(assembly),
+      queue_(std::make_shared<SerialQueue>("com.zelmor.orvexd.persistentStorageQueue",
+                                           *assembly.workerPool, *assembly.clock)),
+      version_(std::move(version)) {
+  if (assembly_.userDefaults) {
+    const int64_t sizeLimit = assembly_.userDefaults->integerForKey(kORVSessionSizeLimitKey);
+    if (sizeLimit >= 1) maxFileSize_ = static_cast<uint64_t>(sizeLimit);
+    const double maxAge = assembly_.userDefaults->doubleForKey(kORVSessionMaxAgeKey);
+    if (maxAge >= 1) maxFileAge_ = maxAge;
+  }
+  if (assembly_.fileManager) {
+    cachesUrl_ = assembly_.fileManager->cacheDirectory();
+  } else {
+    storageLog().error("error getting cache directory %@", "no file manager");
+  }
+  _scanDirectory();
+}
+
+void OrvexPersistentStorage::_scanDirectory() {
+  const OrvexLog& log = storageLog();
+  if (cachesUrl_.empty()) {
+    log.error("error scanning cache directory, could not get path");
+    return;
+  }
+  std::error_code listError;
+  const auto entries = assembly_.fileManager->contentsOfDirectory(cachesUrl_, listError);
+  if (!entries) {
+    log.error("error scanning cache directory %@", listError.message());
+    return;
+  }
+  const WallTime now = assembly_.clock->wallNow();
+  int64_t greatest = 0;  // numbering starts at 1
+  for (const auto& entry : *entries) {
+    const std::string name = entry.filename().string();
+    if (name.starts_with('.') || !name.starts_with(kFileNamePrefix)) continue;
+    const auto attributes = assembly_.fileManager->attributesOfItem(entry);
+    if (!attributes) {
+      log.error("Attribute fetch error %@", entry.string());
+      continue;
+    }
+    const double age = std::chrono::duration<double>(now - attributes->creationDate).count();
+    if (age > maxFileAge_) {
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterFileTooOld);
+      if (const std::error_code error = assembly_.fileManager->removeItem(entry)) {
+        log.error("file removing error %@", error.message());
+      }
+      continue;
+    }
+    const std::string_view number = std::string_view(name).substr(kFileNamePrefix.size());
+    int32_t handle = 0;
+    const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), handle);
+    if (error == std::errc() && end == number.data() + number.size() && handle >= 0) {
+      greatest = std::max<int64_t>(greatest, handle);
+    }
+    // No other component runs yet, but the list belongs to the queue all the same.
+    fileContainers_.push_back(FileContainer::initWithUrl(entry, version_, queue_, maxFileSize_));
+  }
+  handleId_.store(static_cast<int32_t>(greatest + 1));
+}
+
+std::filesystem::path OrvexPersistentStorage::_newFileUrl() {
+  if (cachesUrl_.empty()) return {};
+  const int32_t handle = handleId_.fetch_add(1);
+  std::filesystem::path fileUrl =
+      cachesUrl_ / (std::string(kFileNamePrefix) + std::to_string(handle));
+  // On a first start, or after the user cleared the caches, the directory is not there yet. An
+  // error shows when the file is created.
+  (void)assembly_.fileManager->ensureDirectory(cachesUrl_, 0700);
+  // Never over an existing file: that would lose a session still waiting for upload.
+  UniqueFd created(::open(fileUrl.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!created) {
+    storageLog().error("Could not create %@: %@", fileUrl.string(), errnoText(errno));
+    return {};
+  }
+  // The mode exactly, whatever the umask.
+  (void)::fchmod(created.get(), 0600);
+  return fileUrl;
+}
+
+std::shared_ptr<FileContainer> OrvexPersistentStorage::createFileContainerForWriting() {
+  const OrvexLog& log = storageLog();
+  std::filesystem::path fileUrl = _newFileUrl();
+  if (fileUrl.empty()) {
+    log.error("Could not get a file url");
+    return nullptr;
+  }
+  log.info("new file url %@", fileUrl.string());
+  UniqueFd fileHandle(::open(fileUrl.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!fileHandle) {
+    log.error("Could not open file for writing %@", fileUrl.string());
+    return nullptr;
+  }
+  return FileContainer::initForWritingWithFileHandle(std::move(fileHandle), std::move(fileUrl),
+                                                     version_, queue_, maxFileSize_);
+}
+
+std::vector<std::shared_ptr<FileContainer>> OrvexPersistentStorage::getAvailableSessionHandles() {
+  auto snapshot = queue_->syncResult([this] {
+    for (const auto& container : fileContainers_) {
+      storageLog().info("available file url %@", container->fileUrl().string());
+    }
+    return fileContainers_;
+  });
+  return snapshot ? std::move(*snapshot) : std::vector<std::shared_ptr<FileContainer>>{};
+}
+
+void OrvexPersistentStorage::closeSessionWithFileContainer(
+    std::shared_ptr<FileContainer> container) {
+  if (!container) return;
+  queue_->async([weakSelf = weak_from_this(), container = std::move(container)] {
+    container->_close();
+    if (auto self = weakSelf.lock()) self->fileContainers_.push_back(container);
+  });
+}
+
+void OrvexPersistentStorage::deleteSessionWithFileContainer(
+    std::shared_ptr<FileContainer> container) {
+  if (!container) return;
+  queue_->async([weakSelf = weak_from_this(), container = std::move(container)] {
+    auto self = weakSelf.lock();
+    if (!self) return;
+    std::erase(self->fileContainers_, container);
+    container->_close();
+    self->_deleteSessionFile(container->fileUrl());
+  });
+}
+
+void OrvexPersistentStorage::_deleteSessionFile(const std::filesystem::path& fileUrl) {
+  queue_->assertCurrent("OrvexPersistentStorage::_deleteSessionFile");
+  const OrvexLog& log = storageLog();
+  if (fileUrl.empty()) {
+    log.error("Handle %@ does not have a File URL", fileUrl.string());
+    return;
+  }
+  log.info("delete file url %@", fileUrl.string());
+  if (::unlink(fileUrl.c_str()) != 0 && errno != ENOENT) {
+    log.error("File %@ delete failed", fileUrl.string());
+  }
+}
+
+}  // namespace orvex

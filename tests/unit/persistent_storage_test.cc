@@ -1,0 +1,286 @@
+#include "orvexd/feedback/persistent_storage.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/core/orvex_names.h"
+#include "orvexd/feedback/archived_data_iterator.h"
+#include "orvexd/model/orv_constants.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test_assembly.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+int64_t counter(std::string_view key) {
+  const auto counters = OrvexDiagnosticDataReporter::snapshot();
+  const auto found = counters.find(std::string(key));
+  return found == counters.end() ? 0 : found->second;
+}
+
+std::vector<uint8_t> fileBytes(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeBytes(const fs::path& file, std::span<const uint8_t> bytes) {
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+}
+
+void appendRecord(std::vector<uint8_t>& file, std::span<const uint8_t> archive) {
+  const uint64_t length = archive.size();
+  const auto* lengthBytes = reinterpret_cast<const uint8_t*>(&length);
+  file.insert(file.end(), lengthBytes, lengthBytes + sizeof length);
+  file.insert(file.end(), archive.begin(), archive.end());
+}
+
+PlistDictionary clientSession() {
+  return {{"$class", "ClientSession"}, {"agent", "news/1.0"}, {"first_use", true}};
+}
+
+OrvexFeedback envelope(int64_t queryId) {
+  auto start = std::make_shared<NBStartSearchFeedback>();
+  start->input = "weather in paris";
+  start->queryId = static_cast<uint64_t>(queryId);
+  return OrvexFeedback::initWithFeedback(start, queryId, "6F1A3C2E-0000-4000-8000-000000000001",
+                                         "news/1.0");
+}
+
+std::vector<int64_t> queryIds(const StoredSession& session) {
+  std::vector<int64_t> ids;
+  for (const auto& feedback : session.feedbacks) ids.push_back(feedback.queryId());
+  return ids;
+}
+
+struct StorageTest : ::testing::Test {
+  StorageTest() { (void)test.assembly->fileManager->ensureDirectory(cacheDirectory); }
+  std::shared_ptr<OrvexPersistentStorage> makeStorage() {
+    return std::make_shared<OrvexPersistentStorage>(*test.assembly, kORVOrvexdNameVersion);
+  }
+  // A session file with the header and the given records, written through the storage and
+  // closed; its container is listed.
+  std::shared_ptr<FileContainer> writeSession(OrvexPersistentStorage& storage,
+                                              std::initializer_list<int64_t> ids) {
+    auto container = storage.createFileContainerForWriting();
+    if (!container) return nullptr;
+    container->writeSessionHeader(clientSession());
+    for (int64_t id : ids) container->writeFeedback(envelope(id));
+    storage.closeSessionWithFileContainer(container);
+    (void)storage.getAvailableSessionHandles();  // waits for the queue
+    return container;
+  }
+  std::shared_ptr<FileContainer> reader(const fs::path& file, uint64_t maxFileSize) {
+    return FileContainer::initWithUrl(file, kORVOrvexdNameVersion, queue, maxFileSize);
+  }
+
+  testing::TestAssembly test;
+  const fs::path cacheDirectory = test.assembly->fileManager->cacheDirectory();
+  std::shared_ptr<SerialQueue> queue = std::make_shared<SerialQueue>(
+      "com.zelmor.orvexd.test", *test.platform.pool, *test.platform.clock);
+  testing::LogCapture logs;
+};
+
+TEST_F(StorageTest, WritesLengthPrefixedRecordsAndReadsThemBack) {
+  auto storage = makeStorage();
+  EXPECT_EQ(storage->nextHandleId(), 1);  // an empty directory
+  auto container = writeSession(*storage, {11, 12, 13});
+  ASSERT_TRUE(container);
+  EXPECT_EQ(container->fileUrl(), cacheDirectory / "session.1");
+
+  struct stat info {};
+  ASSERT_EQ(::stat(container->fileUrl().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600u);
+
+  // Byte layout: an 8-byte little-endian length, then that many bytes of archive.
+  const auto bytes = fileBytes(container->fileUrl());
+  ASSERT_GT(bytes.size(), 8u);
+  uint64_t length = 0;
+  for (int i = 7; i >= 0; --i) length = (length << 8) | bytes[static_cast<size_t>(i)];
+  const auto version = parsePropertyList(std::span(bytes).subspan(8, length));
+  ASSERT_TRUE(version && version->asString());
+  EXPECT_EQ(*version->asString(), kORVOrvexdNameVersion);
+  ArchivedDataIterator iterator(bytes);
+  int records = 0;
+  while (iterator.hasMore() && iterator.readNextObject()) ++records;
+  EXPECT_EQ(records, 5);
+  EXPECT_EQ(iterator.position(), bytes.size());
+
+  const auto listed = storage->getAvailableSessionHandles();
+  ASSERT_EQ(listed.size(), 1u);
+  auto session = listed[0]->read();
+  ASSERT_TRUE(session);
+  EXPECT_EQ(session->session, clientSession());
+  EXPECT_EQ(queryIds(*session), (std::vector<int64_t>{11, 12, 13}));
+  EXPECT_EQ(session->feedbacks[0].userAgent(), "news/1.0");
+
+  // A closed container writes nothing and does not call back.
+  bool called = false;
+  container->writeFeedback(envelope(14), [&] { called = true; });
+  (void)storage->getAvailableSessionHandles();
+  EXPECT_FALSE(called);
+  EXPECT_EQ(fileBytes(container->fileUrl()), bytes);
+
+  storage->deleteSessionWithFileContainer(container);
+  EXPECT_TRUE(storage->getAvailableSessionHandles().empty());
+  EXPECT_FALSE(fs::exists(container->fileUrl()));
+  EXPECT_TRUE(logs.contains("delete file url " + container->fileUrl().string()));
+}
+
+TEST_F(StorageTest, SizeLimitIsStrictOnWriteAndInclusiveOnRead) {
+  // Measure one header and one record with a roomy limit.
+  auto roomy = makeStorage();
+  auto measured = writeSession(*roomy, {});
+  const uint64_t headerSize = fs::file_size(measured->fileUrl());
+  const uint64_t recordSize = 8 + envelope(1).archiveData().size();
+
+  // A record that would end the file exactly at the limit is refused, counted and closes the
+  // file; `done` is still called for it, and not for anything after it.
+  ASSERT_TRUE(test.assembly->userDefaults->setObject(
+      kORVSessionSizeLimitKey, static_cast<int64_t>(headerSize + 2 * recordSize)));
+  auto limited = makeStorage();
+  EXPECT_EQ(limited->maxFileSize(), headerSize + 2 * recordSize);
+  const int64_t exceededBefore = counter(kORVCounterFileSizeExceeded);
+  auto container = limited->createFileContainerForWriting();
+  ASSERT_TRUE(container);
+  int done = 0;
+  container->writeSessionHeader(clientSession());
+  for (int64_t id : {1, 2, 3}) container->writeFeedback(envelope(id), [&] { ++done; });
+  limited->closeSessionWithFileContainer(container);
+  (void)limited->getAvailableSessionHandles();
+  EXPECT_EQ(done, 2);
+  EXPECT_EQ(counter(kORVCounterFileSizeExceeded), exceededBefore + 1);
+  const uint64_t written = headerSize + recordSize;
+  EXPECT_EQ(fs::file_size(container->fileUrl()), written);
+  EXPECT_TRUE(logs.contains("bytes written (" + std::to_string(written) + ") + feedback (" +
+                            std::to_string(recordSize) + ") exceeds max session size (" +
+                            std::to_string(headerSize + 2 * recordSize) + ")"));
+  // What the file holds stays readable.
+  auto session = container->read();
+  ASSERT_TRUE(session);
+  EXPECT_EQ(queryIds(*session), (std::vector<int64_t>{1}));
+
+  // One byte more and the same record fits.
+  ASSERT_TRUE(test.assembly->userDefaults->setObject(
+      kORVSessionSizeLimitKey, static_cast<int64_t>(written + recordSize + 1)));
+  auto fits = makeStorage()->createFileContainerForWriting();
+  ASSERT_TRUE(fits);
+  fits->writeSessionHeader(clientSession());
+  fits->writeFeedback(envelope(1));
+  fits->writeFeedback(envelope(2));
+  EXPECT_EQ(fits->read()->feedbacks.size(), 2u);
+
+  // Reading accepts a file of exactly the limit and refuses one byte more.
+  EXPECT_TRUE(reader(container->fileUrl(), written)->read());
+  const int64_t tooLargeBefore = counter(kORVCounterFileTooLarge);
+  EXPECT_FALSE(reader(container->fileUrl(), written - 1)->read());
+  EXPECT_EQ(counter(kORVCounterFileTooLarge), tooLargeBefore + 1);
+  EXPECT_TRUE(logs.contains("Session too big to process"));
+}
+
+TEST_F(StorageTest, DamagedFilesYieldTheWholeRecordsBeforeTheDamage) {
+  auto storage = makeStorage();
+  auto container = writeSession(*storage, {1, 2, 3});
+  const auto whole = fileBytes(container->fileUrl());
+  const fs::path file = test.directory.path() / "damaged";
+  const auto readIds = [&](std::span<const uint8_t> bytes) -> std::optional<std::vector<int64_t>> {
+    writeBytes(file, bytes);
+    auto session = reader(file, OrvexPersistentStorage::kDefaultMaxFileSize)->read();
+    if (!session) return std::nullopt;
+    return queryIds(*session);
+  };
+  const size_t recordSize = 8 + envelope(3).archiveData().size();
+
+  // Cut in the middle of the last record, and inside its length.
+  EXPECT_EQ(readIds(std::span(whole).first(whole.size() - recordSize / 2)),
+            (std::vector<int64_t>{1, 2}));
+  EXPECT_TRUE(logs.contains("broken version string in file"));
+  EXPECT_EQ(readIds(std::span(whole).first(whole.size() - recordSize + 4)),
+            (std::vector<int64_t>{1, 2}));
+
+  // A length of 0, bytes that are no archive, and an object that is no feedback each stop the
+  // reading with what came before.
+  auto withTail = [&](std::span<const uint8_t> tail) {
+    std::vector<uint8_t> bytes(whole.begin(), whole.end() - static_cast<long>(recordSize));
+    bytes.insert(bytes.end(), tail.begin(), tail.end());
+    bytes.insert(bytes.end(), whole.end() - static_cast<long>(recordSize), whole.end());
+    return bytes;
+  };
+  const std::vector<uint8_t> zeroLength(16, 0);
+  EXPECT_EQ(readIds(withTail(zeroLength)), (std::vector<int64_t>{1, 2}));
+  EXPECT_TRUE(logs.contains("empty data file"));
+  std::vector<uint8_t> garbage;
+  appendRecord(garbage, std::vector<uint8_t>{'n', 'o', 't', ' ', 'a', 'n', ' ', 'a', 'r', 'c'});
+  const size_t garbageAt = whole.size() - recordSize;
+  EXPECT_EQ(readIds(withTail(garbage)), (std::vector<int64_t>{1, 2}));
+  EXPECT_TRUE(logs.contains("could not unarchive feedback range " + std::to_string(garbageAt) +
+                            " size " + std::to_string(whole.size() + garbage.size())));
+  std::vector<uint8_t> stranger;
+  appendRecord(stranger, serializePropertyList(clientSession(), PlistFormat::kBinary));
+  EXPECT_EQ(readIds(withTail(stranger)), (std::vector<int64_t>{1, 2}));
+  EXPECT_TRUE(logs.contains("orvex feedback expected"));
+
+  // Without the two leading records nothing is read.
+  EXPECT_EQ(readIds({}), std::nullopt);
+  EXPECT_TRUE(logs.contains("empty file"));
+  // The version record is short, so its length is its first byte.
+  const long versionEnd = 8 + static_cast<long>(whole[0]);
+  std::vector<uint8_t> otherVersion;
+  appendRecord(otherVersion, serializePropertyList("orvexd/0.9", PlistFormat::kBinary));
+  otherVersion.insert(otherVersion.end(), whole.begin() + versionEnd, whole.end());
+  EXPECT_EQ(readIds(otherVersion), std::nullopt);
+  EXPECT_TRUE(logs.contains("version not supported: orvexd/0.9"));
+  std::vector<uint8_t> noSession(whole.begin(), whole.begin() + versionEnd);
+  appendRecord(noSession, envelope(1).archiveData());
+  EXPECT_EQ(readIds(noSession), std::nullopt);
+  EXPECT_TRUE(logs.contains("client session not stored"));
+  EXPECT_EQ(readIds(std::span(whole).subspan(static_cast<size_t>(versionEnd))), std::nullopt);
+  EXPECT_TRUE(logs.contains("version string not stored"));
+}
+
+TEST_F(StorageTest, StartUpScanExpiresOldFilesAndNumbersAfterTheSurvivors) {
+  const fs::path& directory = cacheDirectory;
+  test.platform.clock->setWallTime(std::chrono::system_clock::now());
+  // session.9 is made first, so it is older than session.3.
+  for (const char* name : {"session.9", "session.3", ".session.40", "other.50"}) {
+    auto storage = makeStorage();  // only to write a valid file under each name
+    auto container = writeSession(*storage, {1});
+    fs::rename(container->fileUrl(), directory / name);
+  }
+  const auto created = [&](const char* name) {
+    return test.assembly->fileManager->attributesOfItem(directory / name)->creationDate;
+  };
+  ASSERT_LT(created("session.9"), created("session.3"));
+
+  // session.3 is exactly the maximum age old and stays; session.9 is older and goes.
+  test.platform.clock->setWallTime(created("session.3") + 172800s);
+  const int64_t tooOldBefore = counter(kORVCounterFileTooOld);
+  auto storage = makeStorage();
+  EXPECT_EQ(counter(kORVCounterFileTooOld), tooOldBefore + 1);
+  EXPECT_FALSE(fs::exists(directory / "session.9"));
+  const auto listed = storage->getAvailableSessionHandles();
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0]->fileUrl(), directory / "session.3");
+  EXPECT_EQ(queryIds(*listed[0]->read()), (std::vector<int64_t>{1}));
+  EXPECT_EQ(storage->createFileContainerForWriting()->fileUrl(), directory / "session.4");
+  EXPECT_EQ(storage->createFileContainerForWriting()->fileUrl(), directory / "session.5");
+
+  // A restart numbers after the greatest survivor, never over it.
+  fs::rename(directory / "session.5", directory / "session.9");
+  EXPECT_EQ(makeStorage()->createFileContainerForWriting()->fileUrl(), directory / "session.10");
+
+  // A directory that cannot be listed leaves the counter at 0.
+  fs::remove_all(directory);
+  writeBytes(directory, std::vector<uint8_t>{1});
+  EXPECT_EQ(makeStorage()->nextHandleId(), 0);
+}
+
+}  // namespace
+}  // namespace orvex
