@@ -21,14 +21,10 @@ namespace {
 using namespace std::chrono_literals;
 using Json = nlohmann::ordered_json;
 
+// Waits on the daemon and the back-end, two other processes.
 template <typename F>
-bool eventually(F condition, std::chrono::milliseconds timeout = 10s) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
+bool eventually(F condition) {
+  return testing::eventually(condition, 10s);
 }
 
 double nowSeconds() {
@@ -98,12 +94,7 @@ class BagIntegrationTest : public ::testing::Test {
         .storeResultsTo(counters);
     return counters.count(key) ? counters.at(key) : 0;
   }
-  std::string daemonLog() const {
-    std::ifstream in(logFile);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
+  std::string daemonLog() const { return testing::readTextFile(logFile); }
 
   std::filesystem::path bagFile() const {
     return dir / "cache" / "com.zelmor.orvexd" / "bag.plist";

@@ -15,25 +15,9 @@ namespace orvex {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::eventually;
+using testing::readTextFile;
 using Clock = std::chrono::steady_clock;
-
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Polls `condition` every 2 ms until it holds or `timeout` passes.
-template <typename F>
-bool eventually(F condition, std::chrono::milliseconds timeout = 5s) {
-  const auto deadline = Clock::now() + timeout;
-  while (!condition()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
 
 std::map<std::string, int64_t> getCounters(sdbus::IConnection& connection) {
   auto proxy = sdbus::createProxy(connection, "com.zelmor.orvexd", "/com/zelmor/orvexd");
@@ -83,8 +67,8 @@ TEST_F(DaemonTest, ActivatedByTheBusCountsItsLaunchAndExitsZeroOnSignals) {
     const std::string launchLine =
         "info [com.zelmor.orvexd:Orvex] launch event for com.zelmor.orvexd "
         "(session bus activation)";
-    EXPECT_TRUE(eventually([&] { return readFile(log).find(launchLine) != std::string::npos; }))
-        << readFile(log);
+    EXPECT_TRUE(eventually([&] { return readTextFile(log).find(launchLine) != std::string::npos; }))
+        << readTextFile(log);
 
     const auto pid = testing::PrivateBus::ownerPid(*connection, "com.zelmor.orvexd");
     ASSERT_TRUE(pid.has_value());
@@ -93,10 +77,10 @@ TEST_F(DaemonTest, ActivatedByTheBusCountsItsLaunchAndExitsZeroOnSignals) {
     ASSERT_TRUE(eventually([&] { return std::filesystem::exists(status); }));
     const auto elapsed = Clock::now() - sent;
     EXPECT_LT(elapsed, 1s);
-    EXPECT_EQ(readFile(status), "0\n");
+    EXPECT_EQ(readTextFile(status), "0\n");
     EXPECT_TRUE(eventually(
         [&] { return !testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
-    const auto text = readFile(log);
+    const auto text = readTextFile(log);
     EXPECT_NE(text.find(signal == SIGTERM ? "] SIGTERM" : "] SIGINT"), std::string::npos) << text;
   }
 }
@@ -119,7 +103,7 @@ TEST_F(DaemonTest, StartedByHandOwnsItsNameOnceAndLogsTheSignalItEndsOn) {
   const auto secondLog = dir / "second.log";
   testing::ChildProcess second({ORVEXD_BINARY}, environment, secondLog);
   EXPECT_EQ(second.waitForExit(5s), 1);
-  EXPECT_NE(readFile(secondLog).find("cannot own the bus name com.zelmor.orvexd"),
+  EXPECT_NE(readTextFile(secondLog).find("cannot own the bus name com.zelmor.orvexd"),
             std::string::npos);
 
   // Interface members that do not exist get an error; the daemon carries on.
@@ -134,7 +118,7 @@ TEST_F(DaemonTest, StartedByHandOwnsItsNameOnceAndLogsTheSignalItEndsOn) {
 
   first.signal(SIGTERM);
   EXPECT_EQ(first.waitForExit(2s), 0);
-  const auto text = readFile(log);
+  const auto text = readTextFile(log);
   EXPECT_NE(text.find("debug [com.zelmor.orvexd:Orvex] SIGTERM"), std::string::npos) << text;
   EXPECT_EQ(text.find("launch event for"), std::string::npos) << "started by hand: no event";
 }
@@ -158,7 +142,7 @@ TEST_F(DaemonTest, ReadsTraceEnabledFromItsDefaultsFileAndSurvivesACorruptOne) {
         [&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
     daemon.signal(SIGINT);
     EXPECT_EQ(daemon.waitForExit(2s), 0);
-    EXPECT_NE(readFile(log).find("ORVTraceEnabled flag set to 1"), std::string::npos);
+    EXPECT_NE(readTextFile(log).find("ORVTraceEnabled flag set to 1"), std::string::npos);
   }
 
   std::ofstream(defaults, std::ios::trunc) << "<plist><dict><key>Trace";
@@ -170,9 +154,9 @@ TEST_F(DaemonTest, ReadsTraceEnabledFromItsDefaultsFileAndSurvivesACorruptOne) {
     EXPECT_EQ(getCounters(*connection).at("com.zelmor.orvexd.launch"), 1);
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.waitForExit(2s), 0);
-    EXPECT_NE(readFile(log).find("ORVTraceEnabled flag set to 0"), std::string::npos);
+    EXPECT_NE(readTextFile(log).find("ORVTraceEnabled flag set to 0"), std::string::npos);
     // The operator's file is left for them to repair.
-    EXPECT_EQ(readFile(defaults), "<plist><dict><key>Trace");
+    EXPECT_EQ(readTextFile(defaults), "<plist><dict><key>Trace");
   }
 }
 
@@ -181,7 +165,7 @@ TEST(DaemonBinary, CarriesTheTraceProbe) {
   const auto notes = dir / "notes.txt";
   testing::ChildProcess readelf({"readelf", "-n", ORVEXD_BINARY}, {}, notes);
   ASSERT_EQ(readelf.waitForExit(10s), 0);
-  const auto text = readFile(notes);
+  const auto text = readTextFile(notes);
   EXPECT_NE(text.find("Provider: orvexd"), std::string::npos) << text;
   EXPECT_NE(text.find("Name: trace"), std::string::npos) << text;
 }

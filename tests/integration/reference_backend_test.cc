@@ -13,14 +13,9 @@ namespace orvex {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::eventually;
+using testing::readTextFile;
 using Clock = std::chrono::steady_clock;
-
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 httplib::Client clientFor(const testing::ReferenceBackend& backend) {
   httplib::Client client(backend.baseUrl());
@@ -252,7 +247,7 @@ TEST_F(ReferenceBackendTest, ServesHttpsWithTheGivenCertificate) {
       {"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=127.0.0.1",
        "-days", "1", "-keyout", key.string(), "-out", certificate.string()},
       {}, dir / "openssl.log");
-  ASSERT_EQ(openssl.waitForExit(30s), 0) << readFile(dir / "openssl.log");
+  ASSERT_EQ(openssl.waitForExit(30s), 0) << readTextFile(dir / "openssl.log");
 
   testing::ReferenceBackend backend(bag, {"--cert", certificate.string(), "--key", key.string()});
   EXPECT_EQ(backend.baseUrl(), "https://127.0.0.1:" + std::to_string(backend.port()));
@@ -278,8 +273,8 @@ TEST_F(ReferenceBackendTest, ServesHttpsWithTheGivenCertificate) {
       {ORVEX_BACKEND_BINARY, "--bag", bag.string(), "--cert", key.string(), "--key", key.string()},
       {}, log);
   EXPECT_EQ(bad.waitForExit(10s), 2);
-  EXPECT_NE(readFile(log).find("as a PEM certificate and its private key"), std::string::npos)
-      << readFile(log);
+  EXPECT_NE(readTextFile(log).find("as a PEM certificate and its private key"), std::string::npos)
+      << readTextFile(log);
 }
 
 TEST_F(ReferenceBackendTest, CommandLineSetsFaultsRefusesMistakesAndStopsOnSignals) {
@@ -310,7 +305,7 @@ TEST_F(ReferenceBackendTest, CommandLineSetsFaultsRefusesMistakesAndStopsOnSigna
     std::filesystem::remove(log);
     testing::ChildProcess process(arguments, {}, log);
     const auto status = process.waitForExit(10s);
-    return std::make_pair(status, readFile(log));
+    return std::make_pair(status, readTextFile(log));
   };
   const auto [helpStatus, help] = run({"--help"});
   EXPECT_EQ(helpStatus, 0);

@@ -16,13 +16,6 @@ using namespace std::chrono_literals;
 
 constexpr std::string_view kListeningLine = "orvex-backend listening on ";
 
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 }  // namespace
 
 ReferenceBackend::ReferenceBackend(const std::filesystem::path& bag,
@@ -47,7 +40,7 @@ ReferenceBackend::ReferenceBackend(const std::filesystem::path& bag,
     }
     std::this_thread::sleep_for(2ms);
   }
-  port_ = std::stoi(readFile(portFile));
+  port_ = std::stoi(readTextFile(portFile));
   const std::string text = output();
   const size_t line = text.find(kListeningLine);
   if (line == std::string::npos) {
@@ -66,7 +59,7 @@ ReferenceBackend::~ReferenceBackend() {
   }
 }
 
-std::string ReferenceBackend::output() const { return readFile(dir_ / "output"); }
+std::string ReferenceBackend::output() const { return readTextFile(dir_ / "output"); }
 
 std::optional<int> ReferenceBackend::stop(int signal) {
   process_->signal(signal);

@@ -1,10 +1,19 @@
 #include "tests/support/test_environment.h"
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
 namespace orvex::testing {
+
+std::string readTextFile(const std::filesystem::path& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");

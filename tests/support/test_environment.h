@@ -2,15 +2,32 @@
 // and a platform (worker pool + virtual clock) whose timers the test drives.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "orvexd/platform/virtual_clock.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex::testing {
+
+// The whole content of a text file; "" when it cannot be read.
+std::string readTextFile(const std::filesystem::path& path);
+
+// Polls `condition` every 2 ms until it holds or `timeout` passes (real time: for waits on
+// other processes, never for the daemon's own timers).
+template <typename F>
+bool eventually(F condition, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
 
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
 class TempDir {
