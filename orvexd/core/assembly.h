@@ -28,6 +28,7 @@ class GUIDController;
 class HttpSession;
 class NetworkRequestFactory;
 class PersistentStorage;
+class SessionManager;
 
 class Assembly {
  public:
@@ -63,6 +64,9 @@ class Assembly {
   std::shared_ptr<BagController> bagController;
   std::shared_ptr<AppWhitelistController> appWhitelistController;
   std::shared_ptr<GUIDController> guidController;
+  // The daemon's own session manager ("orvex"): every client's when sessions are shared, and the
+  // one that takes the daemon's own records.
+  std::shared_ptr<SessionManager> clientSessionManager;
   // The session files; set by start-up once the feedback pipeline is wired.
   std::shared_ptr<PersistentStorage> persistentStorage;
 
