@@ -24,6 +24,7 @@ namespace orvex {
 
 class AppWhitelistController;
 class BagController;
+class ClientStateManager;
 class GUIDController;
 class HttpSession;
 class NetworkRequestFactory;
@@ -62,6 +63,7 @@ class Assembly {
   // Components, in the order start-up creates them.
   std::shared_ptr<NetworkRequestFactory> requestFactory;
   std::shared_ptr<BagController> bagController;
+  std::shared_ptr<ClientStateManager> clientStateManager;
   std::shared_ptr<AppWhitelistController> appWhitelistController;
   std::shared_ptr<GUIDController> guidController;
   // The daemon's own session manager ("orvex"): every client's when sessions are shared, and the

@@ -11,16 +11,17 @@
 #include "orvexd/core/diagnostics_service.h"
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
+#include "orvexd/core/orvex_service.h"
 #include "orvexd/core/tracing_setup.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
-#include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/signal_source.h"
 #include "orvexd/platform/url_cache.h"
+#include "orvexd/query/client_state_manager.h"
 
 namespace orvex {
 
@@ -167,10 +168,16 @@ int OrvexDaemon::run() {
   assembly_->bagController = bagController;
   bagController->start();
 
-  assembly_->sharedSession = userDefaults->boolForKey(kORVSharedSessionKey);
-  assembly_->guidController = std::make_shared<OrvexUserGUIDController>(*assembly_);
+  auto clientStateManager = std::make_shared<OrvexClientStateManager>(*assembly_, bus_.get());
+  assembly_->clientStateManager = clientStateManager;
+
+  // The service completes the Assembly (shared-session setting, GUID controller, session
+  // manager); the persisted client states are made once it has, so they bind to those.
+  service_ = std::make_shared<OrvexService>(*assembly_, *bus_);
+  clientStateManager->start();
 
   // Exported before the name is owned, so that a call that activated the daemon finds it.
+  service_->start();
   diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection(), *assembly_);
   if (!bus_->requestName(kOrvexBusName, &error)) {
     defaultLog().fault("cannot own the bus name %s: %@", kOrvexBusName, error);

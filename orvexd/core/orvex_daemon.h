@@ -16,6 +16,7 @@ namespace orvex {
 class Assembly;
 class BusConnection;
 class DiagnosticsService;
+class OrvexService;
 class SerialQueue;
 class SignalSource;
 
@@ -40,6 +41,7 @@ class OrvexDaemon {
   // The bus outlives the Assembly, whose components may hold objects registered on it.
   std::unique_ptr<BusConnection> bus_;
   std::shared_ptr<Assembly> assembly_;
+  std::shared_ptr<OrvexService> service_;
   std::unique_ptr<DiagnosticsService> diagnostics_;
   std::unique_ptr<SerialQueue> ipcEventQueue_;
   std::unique_ptr<SignalSource> sigintSource_;

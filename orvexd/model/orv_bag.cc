@@ -4,16 +4,11 @@
 #include <cctype>
 #include <cmath>
 
+#include "orvexd/platform/text_util.h"
+
 namespace orvex {
 
 namespace {
-
-std::string lowercase(std::string_view text) {
-  std::string out(text);
-  std::transform(out.begin(), out.end(), out.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return out;
-}
 
 const BagDictionary& nullValue() {
   static const BagDictionary kNull;
@@ -28,10 +23,10 @@ std::shared_ptr<const ORVBag> ORVBag::initWithDictionary(BagDictionary dictionar
   BagDictionary effective = dictionary;
   const auto agents = dictionary.find("agents");
   if (agents != dictionary.end() && agents->is_object()) {
-    const std::string agent = lowercase(userAgent);
+    const std::string agent = asciiLowercase(userAgent);
     for (const auto& [fragment, overrides] : agents->items()) {
       if (fragment.empty() || !overrides.is_object()) continue;
-      if (agent.find(lowercase(fragment)) == std::string::npos) continue;
+      if (agent.find(asciiLowercase(fragment)) == std::string::npos) continue;
       for (const auto& [key, value] : overrides.items()) effective[key] = value;
     }
   }

@@ -12,6 +12,7 @@
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/network/app_whitelist_controller.h"
 #include "orvexd/network/bag_controller.h"
+#include "orvexd/platform/input_defaults.h"
 
 namespace orvex {
 
@@ -497,19 +498,16 @@ void ORVNetworkRequestFactory::addUserAgent(OrvexURLRequestBuilder& builder,
   if (!userAgent.empty()) builder.defaultHttpHeaderWithName("User-Agent", userAgent);
 }
 
-// The client's screen scale; when it gives none, the device's ("ORVScreenScale", else the
-// desktop's GDK_SCALE).
+// The client's screen scale; when it gives none, the device's.
 void ORVNetworkRequestFactory::addScale(OrvexURLRequestBuilder& builder,
                                         const ORVRequest& query) const {
   _contextAccessQueue.assertCurrent("addScale");
   double scale = query.scale;
-  if (!(scale > 0)) scale = _assembly.userDefaults->doubleForKey(kORVScreenScaleKey);
-  if (!(scale > 0)) {
-    if (const char* gdkScale = std::getenv("GDK_SCALE"); gdkScale != nullptr) {
-      scale = std::strtod(gdkScale, nullptr);
-    }
+  if (!(scale > 0) || !std::isfinite(scale)) {
+    const auto deviceScale = mainScreenScale(*_assembly.userDefaults);
+    if (!deviceScale) return;
+    scale = *deviceScale;
   }
-  if (!(scale > 0) || !std::isfinite(scale)) return;
   char text[64];
   std::snprintf(text, sizeof text, "%.1f", scale);
   builder.defaultHttpHeaderWithName("X-Zelmor-UI-Scale", text);

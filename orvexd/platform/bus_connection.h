@@ -10,7 +10,9 @@
 #pragma once
 
 #include <sdbus-c++/Error.h>
+#include <sdbus-c++/MethodResult.h>
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -18,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/platform/unique_fd.h"
@@ -30,6 +33,7 @@ namespace orvex {
 
 inline constexpr const char* kOrvexBusName = "com.zelmor.orvexd";
 inline constexpr const char* kOrvexObjectPath = "/com/zelmor/orvexd";
+inline constexpr const char* kOrvexFlusherPath = "/com/zelmor/orvexd/Flusher";
 inline constexpr const char* kOrvexInternalError = "com.zelmor.orvexd.Error.Internal";
 
 class BusConnection {
@@ -78,5 +82,51 @@ auto runBusHandler(std::string_view member, F&& handler) -> decltype(handler()) 
     throw sdbus::Error(kOrvexInternalError, "internal error");
   }
 }
+
+// The reply to one asynchronous method call, which any thread may send: the reply is handed to
+// the bus thread. Copies share the call; only the first reply of all copies is sent, and a call
+// whose replies are all dropped gets no reply at all (the daemon's way of ignoring a request).
+template <typename... Results>
+class BusReply {
+ public:
+  BusReply(BusConnection& bus, sdbus::Result<Results...>&& result)
+      : bus_(&bus), state_(std::make_shared<State>(std::move(result))) {}
+
+  void send(Results... results) const {
+    if (state_->replied.exchange(true)) return;
+    bus_->post([state = state_, values = std::make_tuple(std::move(results)...)] {
+      std::apply([&state](const Results&... args) { sendSafely(*state, args...); }, values);
+    });
+  }
+  void fail(const std::string& name, const std::string& message) const {
+    if (state_->replied.exchange(true)) return;
+    bus_->post([state = state_, error = sdbus::Error(name, message)] {
+      try {
+        state->result.returnError(error);
+      } catch (const sdbus::Error& e) {
+        OrvexLogForCategory(kOrvexLogConnection)
+            .error("cannot send error reply: %@", e.getMessage());
+      }
+    });
+  }
+
+ private:
+  struct State {
+    explicit State(sdbus::Result<Results...>&& r) : result(std::move(r)) {}
+    sdbus::Result<Results...> result;
+    std::atomic<bool> replied{false};
+  };
+  // The caller may have left the bus; that is logged, never thrown.
+  static void sendSafely(State& state, const Results&... args) {
+    try {
+      state.result.returnResults(args...);
+    } catch (const sdbus::Error& e) {
+      OrvexLogForCategory(kOrvexLogConnection).error("cannot send reply: %@", e.getMessage());
+    }
+  }
+
+  BusConnection* bus_;
+  std::shared_ptr<State> state_;
+};
 
 }  // namespace orvex

@@ -7,12 +7,7 @@
 namespace orvex {
 
 BusSystemNotifier::BusSystemNotifier(BusConnection& bus)
-    : bus_(bus), object_(sdbus::createObject(bus.connection(), kOrvexObjectPath)) {
-  object_->registerSignal(kOrvexSystemNotifySignal)
-      .onInterface(kOrvexDaemonInterface)
-      .withParameters<std::string>("name");
-  object_->finishRegistration();
-}
+    : bus_(bus), object_(sdbus::createObject(bus.connection(), kOrvexObjectPath)) {}
 
 BusSystemNotifier::~BusSystemNotifier() = default;
 

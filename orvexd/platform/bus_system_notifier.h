@@ -1,5 +1,6 @@
 // System notify names on D-Bus: the broadcast signal SystemNotify(s name) of the interface
-// com.zelmor.orvexd.Daemon on /com/zelmor/orvexd.
+// com.zelmor.orvexd.Daemon on /com/zelmor/orvexd. The signal is declared (for introspection)
+// with the rest of that interface by the OrvexService; the notifier only sends it.
 #pragma once
 
 #include <memory>
@@ -18,7 +19,7 @@ inline constexpr const char* kOrvexSystemNotifySignal = "SystemNotify";
 
 class BusSystemNotifier final : public SystemNotifier {
  public:
-  // Registers the signal on `bus`, which must outlive the notifier.
+  // `bus` must outlive the notifier.
   explicit BusSystemNotifier(BusConnection& bus);
   ~BusSystemNotifier() override;
 

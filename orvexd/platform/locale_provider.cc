@@ -29,6 +29,7 @@
 #include <string_view>
 
 #include "orvexd/core/orvex_logging.h"
+#include "orvexd/platform/text_util.h"
 
 namespace orvex {
 
@@ -66,12 +67,6 @@ bool isKeywordText(std::string_view text, bool allowDash) {
   });
 }
 
-std::string lowered(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
-
 std::string uppered(std::string_view text) {
   std::string out(text);
   for (char& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -92,7 +87,7 @@ std::optional<std::string> keywordsOf(std::string_view modifier) {
     const std::string_view value = item.substr(equals + 1);
     if (!isKeywordText(key, false) || !isKeywordText(value, true)) return std::nullopt;
     if (!keywords.empty()) keywords += ';';
-    keywords += lowered(key) + '=' + lowered(value);
+    keywords += asciiLowercase(key) + '=' + asciiLowercase(value);
   }
   if (keywords.empty()) return std::nullopt;
   return keywords;
@@ -130,10 +125,10 @@ std::optional<icu::Locale> localeFromPosixName(std::string_view text) {
     if (token.empty() || (!last && name.empty())) return std::nullopt;  // "de_", "_DE", "de__DE"
     if (part == 0) {
       if (!isAsciiAlpha(token) || token.size() < 2 || token.size() > 3) return std::nullopt;
-      language = lowered(token);
+      language = asciiLowercase(token);
       part = 1;
     } else if (part == 1 && token.size() == 4 && isAsciiAlpha(token)) {
-      script = uppered(token.substr(0, 1)) + lowered(token.substr(1));
+      script = uppered(token.substr(0, 1)) + asciiLowercase(token.substr(1));
       part = 2;
     } else if (part <= 2 && ((token.size() == 2 && isAsciiAlpha(token)) ||
                              (token.size() == 3 && isAsciiDigits(token)))) {

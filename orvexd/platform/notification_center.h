@@ -49,6 +49,8 @@ class ObserverToken {
   ObserverToken& operator=(ObserverToken&& other) noexcept;
   ~ObserverToken();
   void reset();
+  // Whether the token still holds an observer.
+  bool active() const { return entry_ != nullptr; }
 
  private:
   friend class NotificationCenter;

@@ -10,6 +10,14 @@
 
 namespace orvex {
 
+std::string asciiLowercase(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
+
 std::string_view trimWhitespace(std::string_view text) {
   constexpr std::string_view kSpace = " \t\n\r\f\v";
   const size_t first = text.find_first_not_of(kSpace);

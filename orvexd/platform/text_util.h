@@ -14,6 +14,8 @@ namespace orvex {
 
 // `text` without leading and trailing ASCII white space (space, \t, \n, \r, \f, \v).
 std::string_view trimWhitespace(std::string_view text);
+// `text` with the ASCII letters A-Z lower-cased; other bytes (UTF-8 included) unchanged.
+std::string asciiLowercase(std::string_view text);
 
 // Appends the UTF-8 encoding of `codePoint`; a surrogate or a value past U+10FFFF becomes U+FFFD.
 void appendUtf8(std::string& out, char32_t codePoint);

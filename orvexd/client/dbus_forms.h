@@ -1,0 +1,56 @@
+// The D-Bus forms of the records that travel between clients and the daemon: configurations,
+// requests, replies, errors and feedback records.
+//
+// Dictionaries are a{sv}. Absent values travel as an empty string or an empty dictionary, so an
+// empty reply dictionary is "no reply" and an empty error dictionary is "no error". Readers
+// accept unknown keys (newer clients may send more) but refuse a known key of the wrong type,
+// saying which key was wrong.
+#pragma once
+
+#include <sdbus-c++/Types.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "orvexd/model/orv_reply.h"
+#include "orvexd/model/orv_request.h"
+#include "orvexd/model/orv_session_configuration.h"
+#include "orvexd/platform/orvex_error.h"
+
+namespace orvex::dbus {
+
+using Dict = std::map<std::string, sdbus::Variant>;
+
+// The error domain of the daemon's errors, and the names of the D-Bus errors that end a call.
+inline constexpr const char* kORVErrorDomain = "ORVErrorDomain";
+inline constexpr const char* kErrorConnectionInvalidated =
+    "com.zelmor.orvexd.Error.ConnectionInvalidated";
+inline constexpr const char* kErrorInvalidArgument = "com.zelmor.orvexd.Error.InvalidArgument";
+inline constexpr const char* kErrorNotSupported = "com.zelmor.orvexd.Error.NotSupported";
+
+// The request kinds by their D-Bus names ("search", "zeroKeyword", ...).
+std::string_view kindName(ORVRequestKind kind);
+std::optional<ORVRequestKind> kindFromName(std::string_view name);
+
+Dict toDBus(const ORVSessionConfiguration& configuration);
+// Missing keys read as empty; `problem` names a key of the wrong type.
+std::optional<ORVSessionConfiguration> configurationFromDBus(const Dict& form,
+                                                             std::string* problem);
+
+Dict toDBus(const ORVRequest& request);
+struct RequestForm {
+  std::optional<ORVRequest> request;
+  bool unknownKind = false;  // "kind" missing or not one of the known kinds
+  std::string problem;       // a known key of the wrong type
+};
+RequestForm requestFromDBus(const Dict& form);
+
+Dict toDBus(const std::optional<ORVReply>& reply);
+std::optional<ORVReply> replyFromDBus(const Dict& form);
+
+Dict toDBus(const std::optional<OrvexError>& error);
+std::optional<OrvexError> errorFromDBus(const Dict& form);
+
+}  // namespace orvex::dbus

@@ -1,0 +1,341 @@
+#include "orvexd/core/client_connection.h"
+
+#include "orvexd/client/dbus_forms.h"
+#include "orvexd/core/assembly.h"
+#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/core/orvex_logging.h"
+#include "orvexd/core/orvex_names.h"
+#include "orvexd/core/tracing_setup.h"
+#include "orvexd/feedback/session_manager.h"
+#include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/input_defaults.h"
+
+namespace orvex {
+
+namespace {
+
+const OrvexLog& sessionLog() { return OrvexLogForCategory(kOrvexLogSession); }
+const OrvexLog& feedbackLog() { return OrvexLogForCategory(kOrvexLogFeedback); }
+const OrvexLog& bagLog() { return OrvexLogForCategory(kOrvexLogBag); }
+const OrvexLog& defaultLog() { return OrvexLogForCategory(kOrvexLogGeneral); }
+
+// Search-view appearances that mean the user is about to type: today view (2), keyboard
+// shortcut (5), menu click (6), tap to input (9), new window (10), click (11), pull down on the
+// home screen (22), notification centre (23) and partial pull down (24).
+bool appearanceWarmsConnection(uint32_t event) {
+  switch (event) {
+    case 2:
+    case 5:
+    case 6:
+    case 9:
+    case 10:
+    case 11:
+    case 22:
+    case 23:
+    case 24:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Wraps `reply` so that the end trace code fires when it is answered.
+QueryReply traced(TraceCode end, QueryReply reply) {
+  return [end, reply = std::move(reply)](int64_t queryId, std::optional<ORVReply> answer,
+                                         std::optional<OrvexError> error) {
+    ORVTrace(end, static_cast<uint64_t>(queryId));
+    if (reply) reply(queryId, std::move(answer), std::move(error));
+  };
+}
+
+}  // namespace
+
+std::shared_ptr<ClientConnection> ClientConnection::create(Assembly& assembly,
+                                                           std::shared_ptr<ClientIpc> remoteObject,
+                                                           ClientPeer peer,
+                                                           std::function<void()> invalidate) {
+  return std::shared_ptr<ClientConnection>(new ClientConnection(
+      assembly, std::move(remoteObject), std::move(peer), std::move(invalidate)));
+}
+
+ClientConnection::ClientConnection(Assembly& assembly, std::shared_ptr<ClientIpc> remoteObject,
+                                   ClientPeer peer, std::function<void()> invalidate)
+    : assembly_(assembly),
+      clientStateManager_(assembly.clientStateManager),
+      remoteObject_(std::move(remoteObject)),
+      peer_(std::move(peer)),
+      invalidate_(std::move(invalidate)),
+      callQueue_("com.zelmor.orvexd.clientconnection", *assembly.workerPool, *assembly.clock) {}
+
+ClientConnection::~ClientConnection() = default;
+
+std::optional<ORVSessionConfiguration> ClientConnection::configuration() const {
+  std::lock_guard lock(mutex_);
+  return configuration_;
+}
+
+std::shared_ptr<ClientState> ClientConnection::state() const {
+  std::lock_guard lock(mutex_);
+  return state_;
+}
+
+void ClientConnection::ensureState() {
+  const auto configuration = this->configuration();
+  if (!configuration) {
+    sessionLog().fault("configuration must not be nil");
+    return;
+  }
+  if (!configuration->isValid()) {
+    sessionLog().fault("configuration requires identifier and agent");
+    return;
+  }
+  if (auto bound = state()) {
+    if (bound->identifier() != configuration->identifier) {
+      sessionLog().fault("session identifier must match");
+    }
+    return;
+  }
+  if (!clientStateManager_) return;
+  auto state = clientStateManager_->stateForClientIdentifier(configuration->identifier);
+  if (!state) return;
+  state->setConfiguration(*configuration);
+  std::lock_guard lock(mutex_);
+  if (!state_) state_ = std::move(state);
+}
+
+void ClientConnection::configure(ORVSessionConfiguration configuration, ConfigureReply reply) {
+  sessionLog().info("client configuration %@", "{identifier = " + configuration.identifier +
+                                                   ", userAgent = " + configuration.userAgent +
+                                                   "}");
+  {
+    std::lock_guard lock(mutex_);
+    configuration_ = configuration;
+  }
+  ensureState();
+  auto state = this->state();
+  if (!state) {
+    reportErrorSession("invalid configuration");
+    sessionLog().fault("invalid configuration, closing connection");
+    if (invalidate_) invalidate_();
+    reply(std::nullopt);
+    return;
+  }
+  std::weak_ptr<ClientConnection> weakSelf = weak_from_this();
+  state->bag(configuration.userAgent, [weakSelf, userAgent = configuration.userAgent](
+                                          std::shared_ptr<const ORVBag> bag,
+                                          std::optional<OrvexError> error) {
+    auto self = weakSelf.lock();
+    if (!self) return;
+    if (bag && !bag->feedbackEnabled()) {
+      OrvexLogForCategory(kOrvexLogFeedback)
+          .info("feedback collection disabled in bag for user agent %@", userAgent);
+    }
+    bagLog().info("sending bag with version: %@ to client: %@ error: %@",
+                  bag ? bag->version() : std::string("(null)"), userAgent,
+                  error ? error->describe() : std::string("(null)"));
+    self->remoteObject_->bagDidLoad(bag, error);
+    {
+      std::lock_guard lock(self->mutex_);
+      if (!self->bagObserver_.active() && !self->invalidated_) {
+        self->bagObserver_ = self->assembly_.notificationCenter->addObserver(
+            kORVBagChangeNotification, nullptr, [weakSelf](const Notification& notification) {
+              if (auto connection = weakSelf.lock())
+                connection->bagChangeNotification(notification);
+            });
+      }
+    }
+    if (self->clientStateManager_) self->clientStateManager_->saveState();
+  });
+  reply(clientStateManager_->endpoint());
+}
+
+void ClientConnection::bagChangeNotification(const Notification& notification) {
+  const auto* bag = notification.userInfoValue<std::shared_ptr<const ORVBag>>("bag");
+  bagLog().info("bag change notification: %@",
+                bag && *bag ? (*bag)->version() : std::string("(null)"));
+  if (bag && *bag) remoteObject_->bagDidLoad(*bag, std::nullopt);
+}
+
+void ClientConnection::invalidated() {
+  std::lock_guard lock(mutex_);
+  invalidated_ = true;
+  bagObserver_.reset();
+}
+
+void ClientConnection::bag(BagReply reply) {
+  ensureState();
+  auto state = this->state();
+  if (!state) {
+    reply(nullptr, OrvexError(dbus::kORVErrorDomain, 500, "client state nil"));
+    return;
+  }
+  const auto configuration = this->configuration();
+  state->bag(configuration ? configuration->userAgent : std::string(), reply);
+}
+
+void ClientConnection::fillRequestDefaults(ORVRequest& request) const {
+  if (request.keyboardInputMode.empty()) {
+    request.keyboardInputMode = defaultKeyboardInputMode(*assembly_.userDefaults);
+    defaultLog().error("keyboardInputMode property not set, using %@", request.keyboardInputMode);
+  }
+  if (request.scale == 0.0) {
+    request.scale = mainScreenScale(*assembly_.userDefaults).value_or(1.0);
+    defaultLog().error("request scale property not set, using %f", request.scale);
+  }
+}
+
+void ClientConnection::request(ORVRequest request, QueryReply reply) {
+  ensureState();
+  fillRequestDefaults(request);
+  auto state = this->state();
+  if (!state) {
+    if (reply) {
+      reply(request.queryId, std::nullopt,
+            OrvexError(dbus::kORVErrorDomain, 500, "client state nil"));
+    }
+    return;
+  }
+  const auto queryId = static_cast<uint64_t>(request.queryId);
+  switch (request.kind) {
+    case ORVRequestKind::kSearch:
+      ORVTrace(TraceCode::kSearchStart, queryId);
+      search(request, traced(TraceCode::kSearchEnd, std::move(reply)));
+      break;
+    case ORVRequestKind::kMoreResults:
+      state->moreResults(request, std::move(reply));
+      break;
+    case ORVRequestKind::kCard:
+      ORVTrace(TraceCode::kCardStart, queryId);
+      state->card(request, traced(TraceCode::kCardEnd, std::move(reply)));
+      break;
+    case ORVRequestKind::kZeroKeyword:
+      ORVTrace(TraceCode::kZeroKeywordStart, queryId);
+      state->zeroKeyword(request, traced(TraceCode::kZeroKeywordEnd, std::move(reply)));
+      break;
+    case ORVRequestKind::kLookup:
+      ORVTrace(TraceCode::kLookupStart, queryId);
+      state->lookup(request, traced(TraceCode::kLookupEnd, std::move(reply)));
+      break;
+    case ORVRequestKind::kFlightLookup:
+      state->flightLookup(request, std::move(reply));
+      break;
+    case ORVRequestKind::kFlightSearch:
+      state->flightSearch(request, std::move(reply));
+      break;
+  }
+}
+
+void ClientConnection::search(const ORVRequest& request, QueryReply reply) {
+  const int64_t queryId = request.queryId;
+  int64_t current = currentQueryId_.load();
+  if (queryId <= current || !currentQueryId_.compare_exchange_strong(current, queryId)) {
+    reply(queryId, std::nullopt, std::nullopt);
+    return;
+  }
+  std::weak_ptr<ClientConnection> weakSelf = weak_from_this();
+  state()->search(request, [weakSelf, reply = std::move(reply)](int64_t answeredId,
+                                                                std::optional<ORVReply> answer,
+                                                                std::optional<OrvexError> error) {
+    auto self = weakSelf.lock();
+    if (!self) return;
+    if (self->currentQueryId_.load() > answeredId) {
+      reply(answeredId, std::nullopt, std::nullopt);
+    } else {
+      reply(answeredId, std::move(answer), std::move(error));
+    }
+  });
+}
+
+void ClientConnection::reportEvent(const std::string&, int64_t queryId,
+                                   FeedbackRecordPtr feedback) {
+  ORVTrace(TraceCode::kFeedbackStart, static_cast<uint64_t>(queryId));
+  reportEvent(std::move(feedback), queryId);
+  ORVTrace(TraceCode::kFeedbackEnd, static_cast<uint64_t>(queryId));
+}
+
+void ClientConnection::reportEvent(FeedbackRecordPtr feedback, int64_t queryId) {
+  auto state = this->state();
+  if (!state) {
+    reportErrorSession("client state nil");
+    feedbackLog().error("state must not be nil");
+    return;
+  }
+  if (const auto* appear = dynamic_cast<const NBSearchViewAppearFeedback*>(feedback.get());
+      appear != nullptr && !appear->onLockScreen &&
+      appearanceWarmsConnection(appear->triggerEvent)) {
+    state->warm();
+  }
+  auto sessionManager = state->sessionManager();
+  if (!sessionManager) {
+    reportErrorSession("session manager nil");
+    feedbackLog().error("session manager nil");
+    return;
+  }
+  if (const auto* engagement = dynamic_cast<const NBResultEngagementFeedback*>(feedback.get());
+      engagement != nullptr && engagement->result) {
+    if (engagement->result->topHit != 0) {
+      if (auto key = createCounterKey(state->clientShortName(), kORVCounterSuffixTopHitEngagements))
+        OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
+    }
+    if (engagement->result->type == 1) {
+      if (auto key = createCounterKey(state->clientShortName(), kORVCounterSuffixOrvexEngagements))
+        OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
+    }
+  }
+  const uint64_t clientQueryId = feedback->referencedClientQueryId();
+  sessionManager->addOrvexFeedback(OrvexFeedback::initWithFeedback(
+      std::move(feedback), queryId, std::nullopt, state->userAgent(), clientQueryId));
+}
+
+void ClientConnection::feedback(const std::string&, FeedbackReply reply) {
+  ensureState();
+  auto state = this->state();
+  auto sessionManager = state ? state->sessionManager() : nullptr;
+  if (!reply) return;
+  reply(sessionManager ? sessionManager->currentFeedbacksWithRelativeTimestamp()
+                       : std::vector<OrvexFeedback>(),
+        std::nullopt);
+}
+
+void ClientConnection::listenToFlusher(std::function<void(std::string)> reply) {
+  ensureState();
+  if (reply) reply(kOrvexFlusherPath);
+}
+
+void ClientConnection::listSessions(std::function<void(std::vector<ClientSessionEntry>)> reply) {
+  ensureState();
+  if (reply) reply(clientStateManager_->sessions());
+}
+
+void ClientConnection::fileHandleAndAttributesForResource(const std::string& identifier,
+                                                          FileHandleReply reply) {
+  ensureState();
+  OrvexLogForCategory(kOrvexLogImages)
+      .error("no downloaded resource for identifier: %@", identifier);
+  reply(std::nullopt, {},
+        OrvexError(dbus::kORVErrorDomain, 500, "no downloaded resource " + identifier));
+}
+
+void ClientConnection::flushSessionInvalidation(std::function<void(bool)> callback) {
+  auto state = this->state();
+  auto sessionManager = state ? state->sessionManager() : nullptr;
+  if (!sessionManager) {
+    callback(false);
+    return;
+  }
+  sessionManager->flushSessionInvalidationWithAgent(state->userAgent(), std::move(callback));
+}
+
+void ClientConnection::flushSession(std::function<void()> completion) {
+  auto state = this->state();
+  auto sessionManager = state ? state->sessionManager() : nullptr;
+  if (!sessionManager) {
+    completion();
+    return;
+  }
+  sessionManager->flushSession(std::move(completion));
+}
+
+void ClientConnection::reportErrorSession(const std::string& reason) { (void)reason; }
+
+}  // namespace orvex

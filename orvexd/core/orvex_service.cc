@@ -1,0 +1,442 @@
+#include "orvexd/core/orvex_service.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "orvexd/client/dbus_forms.h"
+#include "orvexd/core/assembly.h"
+#include "orvexd/core/client_connection.h"
+#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/core/orvex_logging.h"
+#include "orvexd/core/orvex_names.h"
+#include "orvexd/network/user_guid_controller.h"
+#include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/bus_system_notifier.h"
+#include "orvexd/platform/text_util.h"
+
+namespace orvex {
+
+namespace {
+
+const OrvexLog& connectionLog() { return OrvexLogForCategory(kOrvexLogConnection); }
+
+using Dict = dbus::Dict;
+
+// The client's side of the connection: BagDidLoad, sent to the client's unique name only.
+class BusClientIpc final : public ClientIpc {
+ public:
+  BusClientIpc(BusConnection& bus, std::shared_ptr<sdbus::IObject> object, std::string client,
+               pid_t pid)
+      : bus_(bus), object_(std::move(object)), client_(std::move(client)), pid_(pid) {}
+
+  void bagDidLoad(std::shared_ptr<const ORVBag> bag, std::optional<OrvexError> error) override {
+    std::string text = bag ? bag->rawBag().dump() : std::string();
+    bus_.post([object = object_, client = client_, pid = pid_, text = std::move(text),
+               error = dbus::toDBus(error)] {
+      try {
+        auto signal = object->createSignal(kOrvexDaemonInterface, "BagDidLoad");
+        signal << text << error;
+        signal.setDestination(client);
+        object->emitSignal(signal);
+      } catch (const sdbus::Error& e) {
+        connectionLog().error("(pid:%d) remote proxy error: %@", pid, e.getMessage());
+      }
+    });
+  }
+
+ private:
+  BusConnection& bus_;
+  std::shared_ptr<sdbus::IObject> object_;
+  const std::string client_;
+  const pid_t pid_;
+};
+
+std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// "name=" of the [Application] group of a Flatpak instance's .flatpak-info.
+std::optional<std::string> flatpakApplicationId(const std::filesystem::path& procDir) {
+  std::ifstream in(procDir / "root" / ".flatpak-info");
+  std::string line;
+  bool inApplication = false;
+  while (std::getline(in, line)) {
+    const auto trimmed = trimWhitespace(line);
+    if (trimmed.starts_with('[')) {
+      inApplication = trimmed == "[Application]";
+    } else if (inApplication && trimmed.starts_with("name=")) {
+      auto name = std::string(trimWhitespace(trimmed.substr(5)));
+      if (!name.empty()) return name;
+    }
+  }
+  return std::nullopt;
+}
+
+// Undoes systemd's unit-name escaping ("\x2d" for '-').
+std::string unescapeUnitName(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] == 'x') {
+      const std::string hex(text.substr(i + 2, 2));
+      char* end = nullptr;
+      const long value = std::strtol(hex.c_str(), &end, 16);
+      if (end == hex.c_str() + 2) {
+        out += static_cast<char>(value);
+        i += 3;
+        continue;
+      }
+    }
+    out += text[i];
+  }
+  return out;
+}
+
+// The application id of a desktop application's unit, "app[-<launcher>]-<id>[@<n>].service" or
+// "app[-<launcher>]-<id>-<n>.scope", from the innermost such unit in the process's cgroup.
+std::optional<std::string> systemdApplicationId(const std::filesystem::path& procDir) {
+  const std::string cgroup = readFile(procDir / "cgroup");
+  std::optional<std::string> found;
+  size_t start = 0;
+  while (start < cgroup.size()) {
+    size_t end = cgroup.find_first_of("/\n", start);
+    if (end == std::string::npos) end = cgroup.size();
+    std::string_view unit(cgroup.data() + start, end - start);
+    start = end + 1;
+    if (!unit.starts_with("app-")) continue;
+    std::string_view name = unit.substr(4);
+    if (name.ends_with(".service")) {
+      name.remove_suffix(8);
+      name = name.substr(0, name.find('@'));
+    } else if (name.ends_with(".scope")) {
+      name.remove_suffix(6);
+      const size_t dash = name.rfind('-');
+      if (dash != std::string_view::npos) name = name.substr(0, dash);
+    } else {
+      continue;
+    }
+    // A launcher prefix has no dots; application ids do.
+    if (const size_t dash = name.find('-');
+        dash != std::string_view::npos &&
+        name.substr(0, dash).find('.') == std::string_view::npos &&
+        name.substr(dash + 1).find('.') != std::string_view::npos) {
+      name = name.substr(dash + 1);
+    }
+    if (!name.empty()) found = unescapeUnitName(name);
+  }
+  return found;
+}
+
+std::string feedbacksAsJson(const std::vector<OrvexFeedback>& feedbacks) {
+  std::string text = "[";
+  for (const auto& feedback : feedbacks) {
+    if (text.size() > 1) text += ',';
+    text += feedback.dictionary().dump();
+  }
+  return text + "]";
+}
+
+}  // namespace
+
+OrvexService::OrvexService(Assembly& assembly, BusConnection& bus)
+    : assembly_(assembly),
+      bus_(bus),
+      queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock) {
+  assembly_.sharedSession = assembly_.userDefaults->boolForKey(kORVSharedSessionKey);
+  assembly_.guidController = std::make_shared<OrvexUserGUIDController>(assembly_);
+}
+
+OrvexService::~OrvexService() = default;
+
+std::optional<std::string> OrvexService::clientIDForConnection(
+    pid_t pid, const std::filesystem::path& procRoot) {
+  const auto procDir = procRoot / std::to_string(pid);
+  if (auto id = flatpakApplicationId(procDir)) return id;
+  if (auto id = systemdApplicationId(procDir)) return id;
+  std::error_code error;
+  const auto executable = std::filesystem::read_symlink(procDir / "exe", error);
+  if (error || executable.empty()) {
+    connectionLog().error("error getting path for pid [%d] %s", static_cast<int>(pid),
+                          error ? error.message() : std::string("empty path"));
+    return std::nullopt;
+  }
+  std::string name = executable.filename().string();
+  // A replaced executable reads as "<path> (deleted)".
+  if (name.ends_with(" (deleted)")) name.resize(name.size() - 10);
+  return name;
+}
+
+std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnections() {
+  return queue_.syncResult([this] { return connections_; })
+      .value_or(std::vector<std::shared_ptr<ClientConnection>>());
+}
+
+void OrvexService::start() {
+  exportDaemonInterface();
+  watchNameOwners();
+}
+
+std::shared_ptr<ClientConnection> OrvexService::connectionForCall(const sdbus::MethodCall& call) {
+  const std::string sender = call.getSender();
+  if (auto found = live_.find(sender); found != live_.end()) return found->second;
+  pid_t pid = 0;
+  try {
+    pid = call.getCredsPid();
+  } catch (const sdbus::Error& e) {
+    connectionLog().error("cannot read the process of %@: %@", sender, e.getMessage());
+  }
+  return accept(sender, pid);
+}
+
+std::shared_ptr<ClientConnection> OrvexService::accept(const std::string& uniqueName, pid_t pid) {
+  const auto clientId = clientIDForConnection(pid);
+  connectionLog().log("new connection from %@ (%d)", clientId.value_or("(null)"),
+                      static_cast<int>(pid));
+  auto remote = std::make_shared<BusClientIpc>(bus_, object_, uniqueName, pid);
+  std::weak_ptr<OrvexService> weakSelf = weak_from_this();
+  auto invalidateFromDaemon = [weakSelf, uniqueName, &bus = bus_] {
+    bus.post([weakSelf, uniqueName] {
+      if (auto self = weakSelf.lock()) self->invalidate(uniqueName);
+    });
+  };
+  auto connection =
+      ClientConnection::create(assembly_, std::move(remote), ClientPeer{uniqueName, pid, clientId},
+                               std::move(invalidateFromDaemon));
+  live_[uniqueName] = connection;
+  queue_.async([weakSelf, connection, pid] {
+    auto self = weakSelf.lock();
+    if (!self) return;
+    self->connections_.push_back(connection);
+    size_t count = 0;
+    for (const auto& listed : self->connections_) count += listed->peer().pid == pid ? 1 : 0;
+    if (count >= 2) {
+      connectionLog().error("too many connections %lu from pid %d",
+                            static_cast<unsigned long>(count), static_cast<int>(pid));
+    }
+  });
+  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterClientConnection);
+  return connection;
+}
+
+void OrvexService::invalidate(const std::string& uniqueName) {
+  const auto found = live_.find(uniqueName);
+  if (found == live_.end()) return;
+  auto connection = found->second;
+  live_.erase(found);
+  connection->invalidated();
+  connectionLog().log("connection from %@ (%d) invalidated",
+                      connection->peer().clientId.value_or("(null)"),
+                      static_cast<int>(connection->peer().pid));
+  std::weak_ptr<OrvexService> weakSelf = weak_from_this();
+  queue_.async([weakSelf, connection] {
+    connection->flushSessionInvalidation([weakSelf, connection](bool flushed) {
+      OrvexLogForCategory(kOrvexLogSession)
+          .debug("session %@ on invalidation", std::string(flushed ? "flushed" : "not flushed"));
+      auto self = weakSelf.lock();
+      if (!self) return;
+      self->queue_.async([weakSelf, connection] {
+        if (auto service = weakSelf.lock()) std::erase(service->connections_, connection);
+      });
+    });
+  });
+  if (auto state = connection->state()) {
+    if (auto key = createCounterKey(state->clientShortName(), kORVCounterSuffixXCPInvalidation)) {
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
+    }
+  }
+}
+
+void OrvexService::watchNameOwners() {
+  busDriver_ =
+      sdbus::createProxy(bus_.connection(), "org.freedesktop.DBus", "/org/freedesktop/DBus");
+  std::weak_ptr<OrvexService> weakSelf = weak_from_this();
+  busDriver_->uponSignal("NameOwnerChanged")
+      .onInterface("org.freedesktop.DBus")
+      .call([weakSelf](const std::string& name, const std::string&, const std::string& newOwner) {
+        if (!newOwner.empty() || !name.starts_with(':')) return;
+        if (auto self = weakSelf.lock()) self->invalidate(name);
+      });
+  busDriver_->finishRegistration();
+}
+
+void OrvexService::exportDaemonInterface() {
+  object_ = sdbus::createObject(bus_.connection(), kOrvexObjectPath);
+  std::weak_ptr<OrvexService> weakSelf = weak_from_this();
+  auto* object = object_.get();
+  BusConnection& bus = bus_;
+
+  // Finds (or accepts) the caller's connection and runs `job` with it on the client's queue.
+  auto dispatch = [weakSelf, object](auto job) {
+    auto self = weakSelf.lock();
+    if (!self) return;
+    const auto* message = object->getCurrentlyProcessedMessage();
+    auto connection = self->connectionForCall(static_cast<const sdbus::MethodCall&>(*message));
+    connection->callQueue().async([connection, job = std::move(job)]() mutable {
+      runBusHandler("client call", [&] { job(*connection); });
+    });
+  };
+
+  object_->registerMethod("Configure")
+      .onInterface(kOrvexDaemonInterface)
+      .withInputParamNames("configuration")
+      .withOutputParamNames("endpoint")
+      .implementedAs([dispatch, &bus](sdbus::Result<sdbus::ObjectPath>&& result, Dict form) {
+        runBusHandler("Configure", [&] {
+          BusReply<sdbus::ObjectPath> reply(bus, std::move(result));
+          std::string problem;
+          auto configuration = dbus::configurationFromDBus(form, &problem);
+          if (!configuration) {
+            reply.fail(dbus::kErrorInvalidArgument, problem);
+            return;
+          }
+          dispatch([reply, configuration = std::move(*configuration)](ClientConnection& c) {
+            c.configure(configuration, [reply](std::optional<std::string> endpoint) {
+              if (endpoint) {
+                reply.send(sdbus::ObjectPath(*endpoint));
+              } else {
+                reply.fail(dbus::kErrorConnectionInvalidated, "invalid configuration");
+              }
+            });
+          });
+        });
+      });
+
+  object_->registerMethod("Bag")
+      .onInterface(kOrvexDaemonInterface)
+      .withOutputParamNames("bag", "error")
+      .implementedAs([dispatch, &bus](sdbus::Result<std::string, Dict>&& result) {
+        runBusHandler("Bag", [&] {
+          BusReply<std::string, Dict> reply(bus, std::move(result));
+          dispatch([reply](ClientConnection& c) {
+            c.bag([reply](std::shared_ptr<const ORVBag> bag, std::optional<OrvexError> error) {
+              reply.send(bag ? bag->rawBag().dump() : std::string(), dbus::toDBus(error));
+            });
+          });
+        });
+      });
+
+  object_->registerMethod("Request")
+      .onInterface(kOrvexDaemonInterface)
+      .withInputParamNames("request")
+      .withOutputParamNames("query_id", "reply", "error")
+      .implementedAs([dispatch, &bus](sdbus::Result<int64_t, Dict, Dict>&& result, Dict form) {
+        runBusHandler("Request", [&] {
+          BusReply<int64_t, Dict, Dict> reply(bus, std::move(result));
+          auto parsed = dbus::requestFromDBus(form);
+          if (!parsed.problem.empty()) {
+            reply.fail(dbus::kErrorInvalidArgument, parsed.problem);
+            return;
+          }
+          // A request of a kind the daemon does not know is still the client's call (it binds
+          // the connection) but gets no reply.
+          dispatch([reply, request = std::move(parsed.request)](ClientConnection& c) {
+            if (!request) return;
+            c.request(*request, [reply](int64_t queryId, std::optional<ORVReply> answer,
+                                        std::optional<OrvexError> error) {
+              reply.send(queryId, dbus::toDBus(answer), dbus::toDBus(error));
+            });
+          });
+        });
+      });
+
+  object_->registerMethod("ReportEvent")
+      .onInterface(kOrvexDaemonInterface)
+      .withInputParamNames("event", "query_id", "feedback")
+      .withNoReply()
+      .implementedAs(
+          [dispatch](const std::string& event, int64_t queryId, const std::string& text) {
+            runBusHandler("ReportEvent", [&] {
+              auto record = NBFeedback::fromDBusText(text);
+              if (!record) return;  // the reader has logged why
+              dispatch([event, queryId, feedback = std::move(record).value()](ClientConnection& c) {
+                c.reportEvent(event, queryId, feedback);
+              });
+            });
+          });
+
+  object_->registerMethod("Feedback")
+      .onInterface(kOrvexDaemonInterface)
+      .withInputParamNames("ignored")
+      .withOutputParamNames("feedbacks", "error")
+      .implementedAs(
+          [dispatch, &bus](sdbus::Result<std::string, Dict>&& result, const std::string& ignored) {
+            runBusHandler("Feedback", [&] {
+              BusReply<std::string, Dict> reply(bus, std::move(result));
+              dispatch([reply, ignored](ClientConnection& c) {
+                c.feedback(ignored, [reply](std::vector<OrvexFeedback> feedbacks,
+                                            std::optional<OrvexError> error) {
+                  reply.send(feedbacksAsJson(feedbacks), dbus::toDBus(error));
+                });
+              });
+            });
+          });
+
+  object_->registerMethod("ListenToFlusher")
+      .onInterface(kOrvexDaemonInterface)
+      .withOutputParamNames("endpoint")
+      .implementedAs([dispatch, &bus](sdbus::Result<sdbus::ObjectPath>&& result) {
+        runBusHandler("ListenToFlusher", [&] {
+          BusReply<sdbus::ObjectPath> reply(bus, std::move(result));
+          dispatch([reply](ClientConnection& c) {
+            c.listenToFlusher(
+                [reply](std::string endpoint) { reply.send(sdbus::ObjectPath(endpoint)); });
+          });
+        });
+      });
+
+  object_->registerMethod("ListSessions")
+      .onInterface(kOrvexDaemonInterface)
+      .withOutputParamNames("sessions")
+      .implementedAs([dispatch, &bus](sdbus::Result<std::vector<ClientSessionEntry>>&& result) {
+        runBusHandler("ListSessions", [&] {
+          BusReply<std::vector<ClientSessionEntry>> reply(bus, std::move(result));
+          dispatch([reply](ClientConnection& c) {
+            c.listSessions([reply](std::vector<ClientSessionEntry> sessions) {
+              reply.send(std::move(sessions));
+            });
+          });
+        });
+      });
+
+  object_->registerMethod("FileHandleAndAttributesForResource")
+      .onInterface(kOrvexDaemonInterface)
+      .withInputParamNames("identifier")
+      .withOutputParamNames("handle", "attributes", "error")
+      .implementedAs(
+          [dispatch, &bus](sdbus::Result<std::vector<sdbus::UnixFd>, Dict, Dict>&& result,
+                           const std::string& identifier) {
+            runBusHandler("FileHandleAndAttributesForResource", [&] {
+              BusReply<std::vector<sdbus::UnixFd>, Dict, Dict> reply(bus, std::move(result));
+              dispatch([reply, identifier](ClientConnection& c) {
+                c.fileHandleAndAttributesForResource(
+                    identifier, [reply](std::optional<int> fd, PlistDictionary attributes,
+                                        std::optional<OrvexError> error) {
+                      std::vector<sdbus::UnixFd> handles;
+                      if (fd) handles.emplace_back(*fd, sdbus::adopt_fd);
+                      Dict attributeForm;
+                      for (const auto& [key, value] : attributes) {
+                        if (const auto* text = value.asString())
+                          attributeForm[key] = sdbus::Variant(*text);
+                        else if (auto number = value.asInteger())
+                          attributeForm[key] = sdbus::Variant(*number);
+                      }
+                      reply.send(std::move(handles), std::move(attributeForm), dbus::toDBus(error));
+                    });
+              });
+            });
+          });
+
+  object_->registerSignal("BagDidLoad")
+      .onInterface(kOrvexDaemonInterface)
+      .withParameters<std::string, Dict>("bag", "error");
+  object_->registerSignal(kOrvexSystemNotifySignal)
+      .onInterface(kOrvexDaemonInterface)
+      .withParameters<std::string>("name");
+  object_->finishRegistration();
+}
+
+}  // namespace orvex

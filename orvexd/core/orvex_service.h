@@ -1,0 +1,81 @@
+// OrvexService: the daemon's public face on the session bus, com.zelmor.orvexd.Daemon on
+// /com/zelmor/orvexd.
+//
+// A client is one bus connection, known by its unique name. The service accepts it when its
+// first call arrives, wraps it in a ClientConnection and lists it; the client stays listed until
+// the bus reports its name gone (NameOwnerChanged with no new owner) and its feedback session
+// has been dealt with. No client is ever refused; several connections from one process are only
+// logged.
+//
+// Calls arrive on the bus thread. The service reads what it needs from the message there (the
+// sender, its process id), then runs the call on the client's own queue, so one client's calls
+// keep their order and a slow one never holds up the bus. Replies and signals are sent back on
+// the bus thread.
+//
+// Threading: live_ (the connections by unique name) belongs to the bus thread; connections_,
+// the list in acceptance order, to the service queue "com.zelmor.orvex.serviceQueue".
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "orvexd/platform/serial_queue.h"
+
+namespace sdbus {
+class IObject;
+class IProxy;
+class MethodCall;
+}  // namespace sdbus
+
+namespace orvex {
+
+class Assembly;
+class BusConnection;
+class ClientConnection;
+
+class OrvexService : public std::enable_shared_from_this<OrvexService> {
+ public:
+  // Completes the Assembly: "ORVSharedSession", the GUID controller and the shared session
+  // manager.
+  OrvexService(Assembly& assembly, BusConnection& bus);
+  ~OrvexService();
+  OrvexService(const OrvexService&) = delete;
+  OrvexService& operator=(const OrvexService&) = delete;
+
+  // Exports the Daemon interface and starts watching for clients leaving the bus. Call on the
+  // main thread, before the bus name is owned, once the service is owned by a shared_ptr.
+  void start();
+
+  // The listed connections, in acceptance order (a copy). Not from the service queue.
+  std::vector<std::shared_ptr<ClientConnection>> getClientConnections();
+
+  // Names the client process `pid`: its Flatpak application id, else the application id of the
+  // systemd app unit it runs in, else its executable's file name. None (and an error log) when
+  // even the executable cannot be read. `procRoot` is where /proc is, for tests.
+  static std::optional<std::string> clientIDForConnection(
+      pid_t pid, const std::filesystem::path& procRoot = "/proc");
+
+ private:
+  void exportDaemonInterface();
+  void watchNameOwners();
+  // Bus thread only.
+  std::shared_ptr<ClientConnection> connectionForCall(const sdbus::MethodCall& call);
+  std::shared_ptr<ClientConnection> accept(const std::string& uniqueName, pid_t pid);
+  void invalidate(const std::string& uniqueName);
+
+  Assembly& assembly_;
+  BusConnection& bus_;
+  SerialQueue queue_;                                           // "com.zelmor.orvex.serviceQueue"
+  std::vector<std::shared_ptr<ClientConnection>> connections_;  // owned by queue_
+  std::map<std::string, std::shared_ptr<ClientConnection>> live_;  // bus thread
+  std::shared_ptr<sdbus::IObject> object_;                         // set by start()
+  std::unique_ptr<sdbus::IProxy> busDriver_;                       // set by start()
+};
+
+}  // namespace orvex

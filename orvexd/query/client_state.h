@@ -1,0 +1,114 @@
+// ClientState: everything the daemon keeps for one client identifier, and the client's queries.
+//
+// A state holds the client's user agent, its own view of the bag (made for that user agent),
+// its GUID controller and feedback session manager (the daemon's shared ones, or private ones
+// when sessions are not shared), and the time of its last network request. States are made by
+// the ClientStateManager, one per identifier, and live as long as the daemon.
+//
+// bag() may block its caller for up to a second while the first bag is fetched; it must never
+// run on the thread that posts "ORVBagChangeNotification" (the bag controller's), or it would
+// always time out. Connections call it from their own queues.
+//
+// Threading: every operation may be called from any thread. The properties are atomic: each
+// read or write takes `mutex_`, which guards configuration_, userAgent_, bag_,
+// lastNetworkRequest_ and bagObserver_; nothing blocks while holding it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "orvexd/model/orv_bag.h"
+#include "orvexd/model/orv_reply.h"
+#include "orvexd/model/orv_request.h"
+#include "orvexd/model/orv_session_configuration.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/counting_semaphore.h"
+#include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/orvex_error.h"
+
+namespace orvex {
+
+class Assembly;
+class GUIDController;
+class SessionManager;
+
+// The short name of a client, from its identifier or user agent: the first of "roamer",
+// "glance", "voxa", "lookup", "messages", "news" and "orvexd" that the lower-cased text contains.
+std::optional<std::string> extractClientNameFromString(std::string_view text);
+
+// Answers a query: the request's query id, the answer (none when there is nothing to show) and
+// the error (none on success).
+using QueryReply =
+    std::function<void(int64_t queryId, std::optional<ORVReply>, std::optional<OrvexError>)>;
+using BagReply = std::function<void(std::shared_ptr<const ORVBag>, std::optional<OrvexError>)>;
+
+class ClientState : public std::enable_shared_from_this<ClientState> {
+ public:
+  // How long bag() waits for the first bag, and how long a connection stays warm.
+  static constexpr Duration kBagWaitTimeout = std::chrono::seconds(1);
+  static constexpr Duration kWarmInterval = std::chrono::seconds(30);
+
+  static std::shared_ptr<ClientState> initWithIdentifier(std::string identifier,
+                                                         Assembly& assembly);
+  ~ClientState();
+  ClientState(const ClientState&) = delete;
+  ClientState& operator=(const ClientState&) = delete;
+
+  const std::string& identifier() const { return identifier_; }
+  const std::optional<std::string>& clientShortName() const { return clientShortName_; }
+  const std::shared_ptr<GUIDController>& guidController() const { return guidController_; }
+  const std::shared_ptr<SessionManager>& sessionManager() const { return sessionManager_; }
+
+  std::optional<ORVSessionConfiguration> configuration() const;
+  void setConfiguration(ORVSessionConfiguration configuration);
+  std::string userAgent() const;
+  void setUserAgent(std::string userAgent);
+  std::shared_ptr<const ORVBag> bag() const;
+  std::optional<WallTime> lastNetworkRequest() const;
+
+  // Binds the client's user agent (a new one replaces the bag's view and empties the query
+  // cache) and answers with the bag, waiting up to kBagWaitTimeout for the first one.
+  void bag(const std::string& userAgent, const BagReply& reply);
+  // True once the state holds a bag, fetching (and waiting for) the first one if needed.
+  bool ensureBag();
+  // The client shows its search view: open a connection to the back-end unless one was used
+  // within kWarmInterval or the bag is being fetched.
+  void warm();
+  void markNetworkRequest();
+  void setPerformedSearch();
+
+  // The queries. Kinds this daemon does not answer yet get an error in kORVErrorDomain.
+  void search(const ORVRequest& request, QueryReply reply);
+  void zeroKeyword(const ORVRequest& request, QueryReply reply);
+  void moreResults(const ORVRequest& request, QueryReply reply);
+  void card(const ORVRequest& request, QueryReply reply);
+  void lookup(const ORVRequest& request, QueryReply reply);
+  void flightSearch(const ORVRequest& request, QueryReply reply);
+  void flightLookup(const ORVRequest& request, QueryReply reply);
+
+ private:
+  ClientState(std::string identifier, Assembly& assembly);
+  void bagChangeNotification(const Notification& notification);
+  void unsupported(const ORVRequest& request, const QueryReply& reply);
+
+  Assembly& assembly_;
+  // Set at creation, read-only afterwards.
+  const std::string identifier_;
+  const std::optional<std::string> clientShortName_;
+  std::shared_ptr<GUIDController> guidController_;
+  std::shared_ptr<SessionManager> sessionManager_;
+  CountingSemaphore bagFetchSemaphore_;
+
+  mutable std::mutex mutex_;
+  std::optional<ORVSessionConfiguration> configuration_;
+  std::string userAgent_;
+  std::shared_ptr<const ORVBag> bag_;
+  std::optional<WallTime> lastNetworkRequest_;
+  ObserverToken bagObserver_;  // set once, by the first ensureBag() that needs a bag
+};
+
+}  // namespace orvex
