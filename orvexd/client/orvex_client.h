@@ -1,0 +1,136 @@
+// OrvexClient: what a front-end links to talk to orvexd.
+//
+//   std::string error;
+//   auto client = orvex::OrvexClient::connect(&error);
+//   client->onBagDidLoad([](auto bag, auto bagError) { ... });
+//   auto endpoint = client->configure({"com.example.search", "Search/1"});
+//   ORVRequest request;
+//   request.queryString = "weather";
+//   request.queryId = 1;
+//   auto answer = client->request(request);
+//   if (answer && answer.value().reply) show(answer.value().reply->rawResponse);
+//
+// One client is one bus connection, so one client of the daemon: configure it before anything
+// else, and keep it for as long as the front-end runs (the daemon ends the client's feedback
+// session when the connection goes). The connection runs its own event-loop thread; BagDidLoad
+// handlers run on it. Calls block until the daemon answers or the time-out passes, and may be
+// made from any thread; the *Async variants return at once and answer on the event-loop thread.
+//
+// Failures never throw: each call returns its value or a ClientError (a D-Bus error name and
+// message, such as com.zelmor.orvexd.Error.ConnectionInvalidated or
+// org.freedesktop.DBus.Error.NoReply).
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "orvexd/model/nb_feedback.h"
+#include "orvexd/model/orv_bag.h"
+#include "orvexd/model/orv_reply.h"
+#include "orvexd/model/orv_request.h"
+#include "orvexd/model/orv_session_configuration.h"
+#include "orvexd/platform/orvex_error.h"
+
+namespace sdbus {
+class IConnection;
+class IProxy;
+}  // namespace sdbus
+
+namespace orvex {
+
+struct ClientError {
+  std::string name;  // the D-Bus error name
+  std::string message;
+};
+
+template <typename T>
+class ClientResult {
+ public:
+  ClientResult(T value) : state_(std::move(value)) {}
+  ClientResult(ClientError error) : state_(std::move(error)) {}
+  bool ok() const { return state_.index() == 0; }
+  explicit operator bool() const { return ok(); }
+  // Only when ok() / only when not.
+  const T& value() const { return std::get<0>(state_); }
+  T& value() { return std::get<0>(state_); }
+  const ClientError& error() const { return std::get<1>(state_); }
+
+ private:
+  std::variant<T, ClientError> state_;
+};
+
+// The daemon's answer to a query.
+struct QueryAnswer {
+  int64_t queryId = 0;
+  std::optional<ORVReply> reply;    // none: nothing to show (or the answer was superseded)
+  std::optional<OrvexError> error;  // none: success
+};
+
+struct BagAnswer {
+  std::shared_ptr<const ORVBag> bag;  // made for the configured user agent
+  std::optional<OrvexError> error;
+};
+
+struct Empty {};
+
+class OrvexClient {
+ public:
+  using BagHandler = std::function<void(std::shared_ptr<const ORVBag>, std::optional<OrvexError>)>;
+  using Timeout = std::chrono::milliseconds;
+  static constexpr Timeout kDefaultTimeout = std::chrono::seconds(25);
+
+  // Connects to the session bus, or to the bus at `address`. Null (with the reason) on failure.
+  static std::unique_ptr<OrvexClient> connect(std::string* error, const std::string& address = {});
+  ~OrvexClient();
+  OrvexClient(const OrvexClient&) = delete;
+  OrvexClient& operator=(const OrvexClient&) = delete;
+
+  // The client's unique name on the bus.
+  std::string uniqueName() const;
+  void setTimeout(Timeout timeout) { timeout_ = timeout; }
+
+  // Called with every BagDidLoad the daemon sends this client; set it before configure().
+  void onBagDidLoad(BagHandler handler);
+
+  // Introduces the client; answers with the endpoint's object path.
+  ClientResult<std::string> configure(const ORVSessionConfiguration& configuration);
+  ClientResult<BagAnswer> bag();
+  ClientResult<QueryAnswer> request(const ORVRequest& request);
+  void requestAsync(const ORVRequest& request,
+                    std::function<void(ClientResult<QueryAnswer>)> completion);
+  // A more-results or card request through the endpoint.
+  ClientResult<QueryAnswer> endpointRequest(const ORVRequest& request,
+                                            const ORVSessionConfiguration& configuration);
+  // Reports one feedback record; there is no answer.
+  ClientResult<Empty> reportEvent(const std::string& event, int64_t queryId,
+                                  const NBFeedback& feedback);
+  // The records of the client's open feedback session, as the JSON array the daemon keeps.
+  ClientResult<std::string> feedback();
+  ClientResult<std::vector<std::map<std::string, std::string>>> listSessions();
+  ClientResult<std::string> listenToFlusher();
+
+  // Diagnostics.
+  ClientResult<std::map<std::string, int64_t>> counters();
+  ClientResult<std::string> daemonBag();
+  // org.freedesktop.DBus.Peer.Ping on the daemon: the cost of a bare round trip.
+  ClientResult<Empty> ping();
+
+ private:
+  OrvexClient(std::unique_ptr<sdbus::IConnection> connection);
+
+  std::unique_ptr<sdbus::IConnection> connection_;
+  std::unique_ptr<sdbus::IProxy> daemon_;
+  std::unique_ptr<sdbus::IProxy> endpoint_;
+  Timeout timeout_ = kDefaultTimeout;
+  // The handler and the configured user agent; set before the signal can matter.
+  std::shared_ptr<struct OrvexClientSignals> signals_;
+};
+
+}  // namespace orvex
