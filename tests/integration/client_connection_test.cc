@@ -1,0 +1,213 @@
+// Front-ends on the bus, against the real daemon: connections and their configuration, the
+// per-client bag and its signal, query-id supersession, requests the daemon drops, and what
+// happens when a client leaves.
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "orvexd/client/dbus_forms.h"
+#include "tests/support/daemon_harness.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kBag =
+    R"({"version": "7", "enabled": true, "warm_url": "${BASE_URL}/warm", "feedback_enabled": true})";
+
+size_t occurrences(const std::string& text, const std::string& needle) {
+  size_t count = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+// Collects the BagDidLoad signals one client receives.
+struct BagSignals {
+  std::mutex mutex;
+  std::vector<std::string> versions;
+  void attach(OrvexClient& client) {
+    client.onBagDidLoad([this](std::shared_ptr<const ORVBag> bag, std::optional<OrvexError>) {
+      std::lock_guard lock(mutex);
+      versions.push_back(bag ? bag->version() : "");
+    });
+  }
+  size_t count() {
+    std::lock_guard lock(mutex);
+    return versions.size();
+  }
+};
+
+ORVRequest searchRequest(int64_t queryId, std::string query = "wea") {
+  ORVRequest request;
+  request.kind = ORVRequestKind::kSearch;
+  request.queryId = queryId;
+  request.queryString = std::move(query);
+  request.keyboardInputMode = "en_US";
+  request.scale = 2;
+  return request;
+}
+
+TEST(ClientConnectionTest, ConfigurationBindsTheClientAndBagDidLoadReachesOnlyIt) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto configured = harness.client();
+  auto bystander = harness.client();
+  BagSignals configuredSignals;
+  BagSignals bystanderSignals;
+  configuredSignals.attach(*configured);
+  bystanderSignals.attach(*bystander);
+
+  auto endpoint = configured->configure({"com.zelmor.glance", "Glance/1"});
+  ASSERT_TRUE(endpoint) << endpoint.error().message;
+  EXPECT_EQ(endpoint.value(), "/com/zelmor/orvexd/Endpoint");
+  ASSERT_TRUE(testing::eventually([&] { return configuredSignals.count() == 1; }, 10s));
+  EXPECT_EQ(configuredSignals.versions.front(), "7");
+
+  // The other connection has not configured: it is bound to nothing and hears nothing.
+  auto sessions = bystander->listSessions();
+  ASSERT_TRUE(sessions);
+  ASSERT_EQ(sessions.value().size(), 1u);
+  EXPECT_EQ(sessions.value()[0].at("identifier"), "com.zelmor.glance");
+  EXPECT_EQ(sessions.value()[0].at("agent"), "Glance/1");
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(bystanderSignals.count(), 0u);
+  EXPECT_TRUE(harness.daemonLog().find("configuration must not be nil") != std::string::npos);
+
+  // The bag as the configured client sees it, and one process with two connections, logged
+  // once when the second was listed.
+  auto bag = configured->bag();
+  ASSERT_TRUE(bag);
+  ASSERT_TRUE(bag.value().bag);
+  EXPECT_EQ(bag.value().bag->version(), "7");
+  EXPECT_FALSE(bag.value().error);
+  const std::string tooMany = "too many connections 2 from pid " + std::to_string(getpid());
+  EXPECT_EQ(occurrences(harness.daemonLog(), tooMany), 1u);
+  EXPECT_EQ(harness.counter("com.zelmor.orvexd.clientconnection"), 2);
+}
+
+TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestIsChecked) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+
+  auto refused = client->configure({"com.zelmor.glance", ""});
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().name, dbus::kErrorConnectionInvalidated);
+  const std::string log = harness.daemonLog();
+  EXPECT_NE(log.find("configuration requires identifier and agent"), std::string::npos);
+  EXPECT_NE(log.find("invalid configuration, closing connection"), std::string::npos);
+  EXPECT_NE(log.find("invalidated"), std::string::npos);
+
+  // A key of the wrong type is the client's mistake, and says which key.
+  auto connection = harness.bus().connect();
+  auto proxy = sdbus::createProxy(*connection, "com.zelmor.orvexd", "/com/zelmor/orvexd");
+  try {
+    sdbus::ObjectPath endpoint;
+    proxy->callMethod("Configure")
+        .onInterface("com.zelmor.orvexd.Daemon")
+        .withArguments(dbus::Dict{{"identifier", sdbus::Variant(int64_t{4})}})
+        .storeResultsTo(endpoint);
+    ADD_FAILURE() << "a number for the identifier was accepted";
+  } catch (const sdbus::Error& e) {
+    EXPECT_EQ(e.getName(), dbus::kErrorInvalidArgument);
+    EXPECT_NE(e.getMessage().find("identifier"), std::string::npos);
+  }
+
+  // A configured client asking for a kind the daemon does not know gets no reply at all; the
+  // connection keeps working.
+  ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+  try {
+    int64_t queryId = 0;
+    dbus::Dict reply, error;
+    proxy->callMethod("Request")
+        .onInterface("com.zelmor.orvexd.Daemon")
+        .withTimeout(700ms)
+        .withArguments(dbus::Dict{{"kind", sdbus::Variant(std::string("teleport"))},
+                                  {"queryId", sdbus::Variant(int64_t{1})}})
+        .storeResultsTo(queryId, reply, error);
+    ADD_FAILURE() << "an unknown request kind was answered";
+  } catch (const sdbus::Error& e) {
+    EXPECT_EQ(e.getName(), "org.freedesktop.DBus.Error.Timeout");
+  }
+  EXPECT_TRUE(client->listSessions());
+}
+
+TEST(ClientConnectionTest, ASearchThatIsNotNewerIsAnsweredEmptyWithoutReachingTheState) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+
+  auto first = client->request(searchRequest(5));
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first.value().queryId, 5);
+  // Whatever the state made of it, it got there.
+  EXPECT_TRUE(first.value().reply || first.value().error);
+
+  for (int64_t stale : {5, 4}) {
+    auto again = client->request(searchRequest(stale));
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again.value().queryId, stale);
+    EXPECT_FALSE(again.value().reply);
+    EXPECT_FALSE(again.value().error);
+  }
+}
+
+TEST(ClientConnectionTest, ABagThatCannotBeFetchedAnswersWithTheTimeoutError) {
+  testing::DaemonHarness harness(kBag);
+  harness.backend().setFault("bag", {{"status", 503}});
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+  auto bag = client->bag();
+  ASSERT_TRUE(bag);
+  EXPECT_FALSE(bag.value().bag);
+  ASSERT_TRUE(bag.value().error);
+  EXPECT_EQ(bag.value().error->domain, "ORVErrorDomain");
+  EXPECT_EQ(bag.value().error->code, 1);
+  EXPECT_EQ(bag.value().error->reason, "timeout");
+  EXPECT_NE(harness.daemonLog().find("Warming bag cache for agent: Glance/1"), std::string::npos);
+}
+
+TEST(ClientConnectionTest, KnownClientsSurviveARestartWhenPersisted) {
+  testing::DaemonHarness harness(kBag, {{"ORVPersistSessions", PlistValue(true)}});
+  harness.start();
+  {
+    auto client = harness.client();
+    ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+    // saveState is asynchronous; the listing is made on the same queue after it.
+    ASSERT_TRUE(client->listSessions());
+  }
+  ASSERT_EQ(harness.stop(), 0);
+  harness.start();
+  auto sessions = harness.client()->listSessions();
+  ASSERT_TRUE(sessions);
+  ASSERT_EQ(sessions.value().size(), 1u);
+  EXPECT_EQ(sessions.value()[0].at("identifier"), "com.zelmor.glance");
+  EXPECT_EQ(sessions.value()[0].at("agent"), "Glance/1");
+}
+
+TEST(ClientConnectionTest, AClientThatLeavesIsDroppedOnceItsSessionWasDealtWith) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  {
+    auto client = harness.client();
+    ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+  }
+  ASSERT_TRUE(testing::eventually(
+      [&] { return harness.counter("com.zelmor.orvexd.glance.xcpinvalidation") == 1; }, 10s));
+  ASSERT_TRUE(testing::eventually(
+      [&] { return harness.daemonLog().find("on invalidation") != std::string::npos; }, 10s));
+  const std::string log = harness.daemonLog();
+  EXPECT_LT(log.find("invalidated"), log.find("on invalidation"));
+}
+
+}  // namespace
+}  // namespace orvex

@@ -1,0 +1,77 @@
+#include "tests/support/daemon_harness.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <csignal>
+#include <fstream>
+#include <stdexcept>
+
+namespace orvex::testing {
+
+using namespace std::chrono_literals;
+
+DaemonHarness::DaemonHarness(const std::string& bag, PlistDictionary defaults) {
+  std::ofstream(dir_.path() / "bag.json") << bag;
+  backend_ = std::make_unique<ReferenceBackend>(dir_.path() / "bag.json");
+  const auto config = dir_.path() / "config" / "com.zelmor.orvexd";
+  std::filesystem::create_directories(config);
+  defaults.insert_or_assign("ORVBagURL", PlistValue(backend_->baseUrl() + "/bag"));
+  const auto bytes = serializePropertyList(PlistValue(std::move(defaults)), PlistFormat::kXml);
+  std::ofstream(config / "defaults.plist", std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+  connection_ = bus_.connect();
+}
+
+DaemonHarness::~DaemonHarness() {
+  if (daemon_) (void)stop();
+}
+
+void DaemonHarness::start() {
+  logFile_ = dir_.path() / ("orvexd-" + std::to_string(++launches_) + ".log");
+  daemon_ = std::make_unique<ChildProcess>(
+      std::vector<std::string>{ORVEXD_BINARY},
+      std::map<std::string, std::string>{{"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
+                                         {"XDG_CONFIG_HOME", (dir_.path() / "config").string()},
+                                         {"XDG_CACHE_HOME", cacheDirectory().string()},
+                                         {"ORVEXD_LOG_LEVEL", "debug"},
+                                         {"JOURNAL_STREAM", ""},
+                                         {"INVOCATION_ID", ""}},
+      logFile_);
+  if (!eventually([&] { return PrivateBus::hasOwner(*connection_, "com.zelmor.orvexd"); }, 10s)) {
+    throw std::runtime_error("orvexd did not take its name:\n" + daemonLog());
+  }
+}
+
+std::optional<int> DaemonHarness::stop() {
+  if (!daemon_) return std::nullopt;
+  daemon_->signal(SIGTERM);
+  auto status = daemon_->waitForExit(5s);
+  daemon_.reset();
+  return status;
+}
+
+void DaemonHarness::kill() {
+  if (!daemon_) return;
+  daemon_->signal(SIGKILL);
+  (void)daemon_->waitForExit(5s);
+  daemon_.reset();
+}
+
+std::unique_ptr<OrvexClient> DaemonHarness::client() const {
+  std::string error;
+  auto client = OrvexClient::connect(&error, bus_.address());
+  if (!client) throw std::runtime_error("cannot connect to the private bus: " + error);
+  return client;
+}
+
+std::string DaemonHarness::daemonLog() const { return readTextFile(logFile_); }
+
+int64_t DaemonHarness::counter(const std::string& key) const {
+  auto counters = client()->counters();
+  if (!counters) return 0;
+  const auto found = counters.value().find(key);
+  return found == counters.value().end() ? 0 : found->second;
+}
+
+}  // namespace orvex::testing

@@ -1,0 +1,59 @@
+// The real daemon, as a front-end meets it: orvexd on a private bus, pointed at the reference
+// back-end through its defaults, with its own configuration and cache directories.
+//
+//   testing::DaemonHarness harness(R"({"version": "1", "enabled": true})");
+//   harness.start();
+//   auto client = harness.client();
+//   client->configure({"com.zelmor.glance", "Glance/1"});
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "orvexd/client/orvex_client.h"
+#include "orvexd/platform/property_list.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/reference_backend.h"
+#include "tests/support/test_environment.h"
+
+namespace orvex::testing {
+
+class DaemonHarness {
+ public:
+  // `bag` is the back-end's bag (JSON, "${BASE_URL}" is the back-end's address); `defaults`
+  // joins "ORVBagURL" in the daemon's defaults store.
+  explicit DaemonHarness(const std::string& bag, PlistDictionary defaults = {});
+  ~DaemonHarness();
+  DaemonHarness(const DaemonHarness&) = delete;
+  DaemonHarness& operator=(const DaemonHarness&) = delete;
+
+  // Starts the daemon and waits until it owns its name; each launch logs to a file of its own.
+  void start();
+  // SIGTERM, and the exit status.
+  std::optional<int> stop();
+  void kill();
+
+  std::unique_ptr<OrvexClient> client() const;
+  std::string daemonLog() const;
+  int64_t counter(const std::string& key) const;
+
+  const std::filesystem::path& directory() const { return dir_.path(); }
+  std::filesystem::path cacheDirectory() const { return dir_.path() / "cache"; }
+  const PrivateBus& bus() const { return bus_; }
+  ReferenceBackend& backend() { return *backend_; }
+  ChildProcess* daemon() const { return daemon_.get(); }
+
+ private:
+  TempDir dir_;
+  TempDir busDir_;
+  PrivateBus bus_{busDir_.path()};
+  std::unique_ptr<ReferenceBackend> backend_;
+  std::unique_ptr<sdbus::IConnection> connection_;
+  std::unique_ptr<ChildProcess> daemon_;
+  int launches_ = 0;
+  std::filesystem::path logFile_;
+};
+
+}  // namespace orvex::testing
