@@ -36,15 +36,6 @@ double secondsSince1970(WallTime time) {
   return std::chrono::duration<double>(time.time_since_epoch()).count();
 }
 
-std::string describeHeaders(const HttpHeaderMap& headers) {
-  std::string text = "{";
-  for (const auto& [name, value] : headers) {
-    if (text.size() > 1) text += "; ";
-    text += name + ": " + value;
-  }
-  return text + "}";
-}
-
 // How deeply `json` nests, counted without recursion (the document comes from the network).
 size_t nestingDepth(const BagDictionary& json) {
   size_t deepest = 0;

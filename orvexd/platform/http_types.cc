@@ -14,4 +14,13 @@ bool HttpHeaderNameLess::operator()(std::string_view a, std::string_view b) cons
   });
 }
 
+std::string describeHeaders(const HttpHeaderMap& headers) {
+  std::string text = "{";
+  for (const auto& [name, value] : headers) {
+    if (text.size() > 1) text += "; ";
+    text += name + ": " + value;
+  }
+  return text + "}";
+}
+
 }  // namespace orvex

@@ -57,4 +57,7 @@ struct HttpResponse {
 using TaskTimingData = PlistDictionary;
 inline constexpr std::string_view kTaskTimingPrefix = "_orvexTiming_";
 
+// "{Name: value; Name: value}", for logs.
+std::string describeHeaders(const HttpHeaderMap& headers);
+
 }  // namespace orvex

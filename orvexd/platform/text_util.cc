@@ -18,6 +18,16 @@ std::string asciiLowercase(std::string_view text) {
   return out;
 }
 
+uint64_t utf16Length(std::string_view text) {
+  uint64_t units = 0;
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = utf8SequenceLength(text, at);
+    units += length == 4 ? 2 : 1;
+    at += length == 0 ? 1 : length;
+  }
+  return units;
+}
+
 std::string_view trimWhitespace(std::string_view text) {
   constexpr std::string_view kSpace = " \t\n\r\f\v";
   const size_t first = text.find_first_not_of(kSpace);

@@ -16,6 +16,9 @@ namespace orvex {
 std::string_view trimWhitespace(std::string_view text);
 // `text` with the ASCII letters A-Z lower-cased; other bytes (UTF-8 included) unchanged.
 std::string asciiLowercase(std::string_view text);
+// The length of UTF-8 `text` in UTF-16 code units (characters beyond the BMP count twice); an
+// invalid byte counts as one unit.
+uint64_t utf16Length(std::string_view text);
 
 // Appends the UTF-8 encoding of `codePoint`; a surrogate or a value past U+10FFFF becomes U+FFFD.
 void appendUtf8(std::string& out, char32_t codePoint);

@@ -4,6 +4,7 @@
 
 #include "orvexd/client/dbus_forms.h"
 #include "orvexd/core/assembly.h"
+#include "orvexd/core/diagnostic_data_reporter.h"
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
 #include "orvexd/feedback/session_manager.h"
@@ -15,6 +16,7 @@
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/text_util.h"
+#include "orvexd/platform/uuid.h"
 
 namespace orvex {
 
@@ -27,6 +29,10 @@ const OrvexLog& searchLog() { return OrvexLogForCategory(kOrvexLogSearch); }
 // The warm request's feedback: trigger event 19 ("warm") at endpoint 12 ("warm").
 constexpr uint32_t kWarmTriggerEvent = 19;
 constexpr uint32_t kWarmEndpoint = 12;
+// Searches go to endpoint 6 ("search").
+constexpr uint32_t kSearchEndpoint = 6;
+// An answer that is not JSON.
+constexpr int64_t kJsonParseErrorCode = 3840;
 
 OrvexError bagError(const char* reason) { return OrvexError(dbus::kORVErrorDomain, 1, reason); }
 
@@ -225,9 +231,205 @@ void ClientState::unsupported(const ORVRequest& request, const QueryReply& reply
             "request kind " + std::string(dbus::kindName(request.kind)) + " is not supported"));
 }
 
-void ClientState::search(const ORVRequest& request, QueryReply reply) {
-  unsupported(request, reply);
+void ClientState::addFeedback(FeedbackRecordPtr record, const ORVRequest& request) const {
+  if (!sessionManager_) return;
+  sessionManager_->addOrvexFeedback(OrvexFeedback::initWithFeedback(
+      std::move(record), request.queryId, std::nullopt, userAgent(), request.clientQueryId));
 }
+
+void ClientState::recordSkip(uint32_t reason, const ORVRequest& request) const {
+  auto skip = std::make_shared<ORVSkipSearchFeedback>();
+  skip->timestamp = monotonicNanoseconds(*assembly_.clock);
+  skip->triggerEvent = reason;
+  skip->input = request.queryString;
+  addFeedback(std::move(skip), request);
+}
+
+void ClientState::recordSearchResult(int64_t statusCode) const {
+  if (auto key = createCounterKey(
+          extractClientNameFromString(userAgent()),
+          std::string(kORVCounterSuffixFedAPICallServerStatus) + std::to_string(statusCode))) {
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
+  }
+}
+
+ORVReply ClientState::makeReply(const ORVRequest& request, const HttpRequest* httpRequest,
+                                const HttpResponse* httpResponse) const {
+  ORVReply reply;
+  reply.scale = request.scale;
+  if (request.verboseReply) {
+    if (httpRequest != nullptr) {
+      reply.httpRequest = ORVHttpRequestInfo{
+          httpRequest->url, httpRequest->method,
+          ORVHeaderList(httpRequest->headers.begin(), httpRequest->headers.end())};
+    }
+    if (httpResponse != nullptr) {
+      reply.httpResponse = ORVHttpResponseInfo{
+          httpResponse->url, httpResponse->statusCode,
+          ORVHeaderList(httpResponse->headers.begin(), httpResponse->headers.end())};
+    }
+  }
+  if (assembly_.requestFactory) {
+    reply.geoSessionEntityString = assembly_.requestFactory->geoSessionEntityString();
+  }
+  return reply;
+}
+
+void ClientState::search(const ORVRequest& request, QueryReply reply) {
+  searchLog().log("session %@ performing query[%llu] %@, reply %@", identifier_,
+                  static_cast<unsigned long long>(request.queryId), request.queryString,
+                  std::string(reply ? "yes" : "(null)"));
+  if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixKeystrokes)) {
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
+  }
+  if (!ensureBag()) {
+    reply(request.queryId, std::nullopt, bagError("timeout"));
+    searchLog().error("Bag fetch failed, can't complete non-cached query %@.", request.queryString);
+    recordSkip(ORVSkipSearchFeedback::kBagFetchFailed, request);
+    return;
+  }
+  const auto bag = this->bag();
+  if (!bag->isEnabled()) {
+    searchLog().debug("no search, bag disabled");
+    reply(request.queryId, std::nullopt, std::nullopt);
+    recordSkip(ORVSkipSearchFeedback::kBagDisabled, request);
+    return;
+  }
+  if (utf16Length(request.queryString) < static_cast<uint64_t>(bag->minimumQueryLength())) {
+    searchLog().debug("query[%lld] input '%@' less than minQueryLength",
+                      static_cast<long long>(request.queryId), request.queryString);
+    reply(request.queryId, std::nullopt, std::nullopt);
+    recordSkip(ORVSkipSearchFeedback::kLessThanMinimumQueryLength, request);
+    return;
+  }
+  if (serveFromCache(request, reply)) return;
+
+  const unsigned fieldMask = asciiLowercase(userAgent()).find("messages") != std::string::npos
+                                 ? kORVFieldMaskNoLocation
+                                 : 0;
+  searchLog().debug("Dispatching network request for (id, query): (%lld, %@)",
+                    static_cast<long long>(request.queryId), request.queryString);
+  auto httpRequest = assembly_.requestFactory->searchRequest(
+      request, *bag, guidController_->currentUserGUID(), fieldMask);
+  if (!httpRequest) {
+    reply(request.queryId, std::nullopt,
+          OrvexError(dbus::kORVErrorDomain, 500, "no search request could be made"));
+    return;
+  }
+  searchLog().debug("request: %@ header: %@", httpRequest->url,
+                    describeHeaders(httpRequest->headers));
+  auto start = std::make_shared<NBStartNetworkSearchFeedback>();
+  start->timestamp = monotonicNanoseconds(*assembly_.clock);
+  start->input = request.queryString;
+  start->url = httpRequest->url;
+  start->headers = FeedbackStringMap(httpRequest->headers.begin(), httpRequest->headers.end());
+  start->triggerEvent = request.triggerEvent;
+  start->endpoint = kSearchEndpoint;
+  start->uuid = Uuid::random().upperString();
+  start->queryId = request.clientQueryId;
+  addFeedback(start, request);
+
+  auto task = assembly_.urlSession->dataTask(
+      *httpRequest, [self = shared_from_this(), request, sent = *httpRequest, start, bag,
+                     reply = std::move(reply)](HttpDataResult result) {
+        self->searchCompleted(request, sent, start, *bag, reply, std::move(result));
+      });
+  task->resume();
+  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterSearch);
+  setPerformedSearch();
+  markNetworkRequest();
+}
+
+void ClientState::searchCompleted(const ORVRequest& request, const HttpRequest& sent,
+                                  const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
+                                  const ORVBag& bag, const QueryReply& reply,
+                                  HttpDataResult result) {
+  (void)bag;
+  const int64_t statusCode = result.response ? result.response->statusCode : 0;
+  if (result.response) recordSearchResult(statusCode);
+  searchLog().log("Got network response for (id, query): (%lld, %@)",
+                  static_cast<long long>(request.queryId), request.queryString);
+  searchLog().debug("resp: %@", result.response
+                                    ? std::to_string(statusCode) + " " + result.response->url
+                                    : std::string("(null)"));
+  if (result.error || result.data.empty()) {
+    searchLog().error("error with request %@", sent.url);
+    reply(request.queryId, std::nullopt, result.error);
+    failSearchFeedback(result.error, request, start, static_cast<int64_t>(result.data.size()),
+                       statusCode, result.timing);
+    return;
+  }
+  auto parsed = nlohmann::json::parse(result.data, nullptr, false);
+  std::optional<OrvexError> parseError;
+  ORVReply answer = makeReply(request, &sent, &*result.response);
+  if (parsed.is_discarded()) {
+    parseError =
+        OrvexError(dbus::kORVErrorDomain, kJsonParseErrorCode, "the answer is not valid JSON");
+  } else {
+    cacheResponse(parsed, sent, request.queryString, start->uuid.value_or(""));
+    answer.rawResponse = parsed.dump();
+  }
+  reply(request.queryId, std::move(answer), parseError);
+  endNetworkFeedback(start, parsed.is_discarded() ? nullptr : &parsed,
+                     static_cast<int64_t>(result.data.size()), statusCode, result.timing, request);
+
+  if (const auto header = result.response->headers.find("X-Zelmor-ForceFetch");
+      header != result.response->headers.end()) {
+    auto force = BagDictionary::parse(header->second, nullptr, false);
+    if (!force.is_discarded() && force.is_object()) {
+      assembly_.bagController->forceFetchBag(force);
+    } else {
+      searchLog().error(
+          "Failed to deserialize X-Zelmor-ForceFetch header data into a dictionary: %@",
+          header->second);
+    }
+  }
+}
+
+void ClientState::endNetworkFeedback(
+    const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
+    const nlohmann::json* rawResponse, int64_t responseSize, int64_t statusCode,
+    const TaskTimingData& timing, const ORVRequest& request) const {
+  auto end = std::make_shared<ORVEndNetworkSearchFeedback>();
+  end->timestamp = monotonicNanoseconds(*assembly_.clock);
+  end->uuid = start->uuid;
+  end->responseSize = responseSize;
+  end->statusCode = statusCode;
+  end->networkTimingData = timing;
+  if (rawResponse != nullptr && rawResponse->is_object()) {
+    if (auto status = rawResponse->find("status");
+        status != rawResponse->end() && status->is_string()) {
+      end->orvexStatus = status->get<std::string>();
+    }
+    if (auto fbq = rawResponse->find("fbq"); fbq != rawResponse->end() && fbq->is_string()) {
+      end->fbq = fbq->get<std::string>();
+    }
+  }
+  addFeedback(std::move(end), request);
+}
+
+void ClientState::failSearchFeedback(
+    const std::optional<OrvexError>& error, const ORVRequest& request,
+    const std::shared_ptr<const NBStartNetworkSearchFeedback>& start, int64_t responseSize,
+    int64_t statusCode, const TaskTimingData& timing) const {
+  if (error) {
+    if (auto key = createCounterKey(extractClientNameFromString(userAgent()),
+                                    kORVCounterSuffixNoConnection)) {
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
+    }
+    auto record = std::make_shared<NBErrorFeedback>();
+    record->timestamp = monotonicNanoseconds(*assembly_.clock);
+    record->error = *error;
+    addFeedback(std::move(record), request);
+  }
+  endNetworkFeedback(start, nullptr, responseSize, statusCode, timing, request);
+}
+
+bool ClientState::serveFromCache(const ORVRequest&, const QueryReply&) { return false; }
+
+void ClientState::cacheResponse(const nlohmann::json&, const HttpRequest&, const std::string&,
+                                const std::string&) {}
+
 void ClientState::zeroKeyword(const ORVRequest& request, QueryReply reply) {
   unsupported(request, reply);
 }

@@ -21,12 +21,14 @@
 #include <optional>
 #include <string>
 
+#include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orv_reply.h"
 #include "orvexd/model/orv_request.h"
 #include "orvexd/model/orv_session_configuration.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/counting_semaphore.h"
+#include "orvexd/platform/http_session.h"
 #include "orvexd/platform/notification_center.h"
 #include "orvexd/platform/orvex_error.h"
 
@@ -94,6 +96,28 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   ClientState(std::string identifier, Assembly& assembly);
   void bagChangeNotification(const Notification& notification);
   void unsupported(const ORVRequest& request, const QueryReply& reply);
+
+  // The search flow.
+  bool serveFromCache(const ORVRequest& request, const QueryReply& reply);
+  void cacheResponse(const nlohmann::json& response, const HttpRequest& request,
+                     const std::string& input, const std::string& uuid);
+  void searchCompleted(const ORVRequest& request, const HttpRequest& sent,
+                       const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
+                       const ORVBag& bag, const QueryReply& reply, HttpDataResult result);
+  ORVReply makeReply(const ORVRequest& request, const HttpRequest* httpRequest,
+                     const HttpResponse* httpResponse) const;
+  // Feedback about `request`, in the state's session.
+  void addFeedback(FeedbackRecordPtr record, const ORVRequest& request) const;
+  void recordSkip(uint32_t reason, const ORVRequest& request) const;
+  void recordSearchResult(int64_t statusCode) const;
+  void endNetworkFeedback(const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
+                          const nlohmann::json* rawResponse, int64_t responseSize,
+                          int64_t statusCode, const TaskTimingData& timing,
+                          const ORVRequest& request) const;
+  void failSearchFeedback(const std::optional<OrvexError>& error, const ORVRequest& request,
+                          const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
+                          int64_t responseSize, int64_t statusCode,
+                          const TaskTimingData& timing) const;
 
   Assembly& assembly_;
   // Set at creation, read-only afterwards.
