@@ -12,6 +12,9 @@
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
 #include "orvexd/core/tracing_setup.h"
+#include "orvexd/feedback/client_session_manager.h"
+#include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/model/orv_constants.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/user_guid_controller.h"
@@ -169,6 +172,11 @@ int OrvexDaemon::run() {
 
   assembly_->sharedSession = userDefaults->boolForKey(kORVSharedSessionKey);
   assembly_->guidController = std::make_shared<OrvexUserGUIDController>(*assembly_);
+  // Session files first: the sessions open theirs from the first record on.
+  assembly_->persistentStorage =
+      std::make_shared<OrvexPersistentStorage>(*assembly_, kORVOrvexdNameVersion);
+  assembly_->clientSessionManager =
+      std::make_shared<ClientSessionManager>(*assembly_, assembly_->guidController, "orvex");
 
   // Exported before the name is owned, so that a call that activated the daemon finds it.
   diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection(), *assembly_);
