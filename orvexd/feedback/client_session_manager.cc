@@ -130,11 +130,13 @@ std::vector<OrvexFeedback> ClientSessionManager::currentFeedbacksWithRelativeTim
 }
 
 std::shared_ptr<FeedbackSession> ClientSessionManager::session() {
+  if (sessionQueue_.isCurrent()) return session_;  // a callback of the manager's own
   return sessionQueue_.syncResult([this] { return session_; }).value_or(nullptr);
 }
 
 unsigned ClientSessionManager::currentState() {
-  return sessionQueue_.syncResult([this] { return currentState_; }).value_or(currentState_);
+  if (sessionQueue_.isCurrent()) return currentState_;
+  return sessionQueue_.syncResult([this] { return currentState_; }).value_or(kStateNoSession);
 }
 
 void ClientSessionManager::_updateState(unsigned event, const OrvexFeedback* feedback,

@@ -18,7 +18,8 @@
 //
 // Threading: every field below sessionQueue_ is owned by it ("com.zelmor.orvexd.
 // clientSessionManagerQueue"). Records and flushes are posted to it; session() and
-// currentFeedbacksWithRelativeTimestamp() wait for it and so must not be called from it.
+// currentState() wait for it (or read directly when called on it, as from a flush callback),
+// currentFeedbacksWithRelativeTimestamp() waits for it and must not be called from it.
 // Timers run on the queue, hold the manager weakly and carry the session counter of the session
 // they were armed for, so a timer of an ended session does nothing.
 #pragma once
