@@ -6,7 +6,8 @@
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
 #include "orvexd/core/tracing_setup.h"
-#include "orvexd/feedback/session_manager.h"
+#include "orvexd/feedback/client_session.h"
+#include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/input_defaults.h"
 
@@ -114,7 +115,8 @@ void ClientConnection::configure(ORVSessionConfiguration configuration, Configur
   ensureState();
   auto state = this->state();
   if (!state) {
-    reportErrorSession("invalid configuration");
+    ClientSessionManager::reportErrorAsOrvexdFeedback(
+        OrvexError(dbus::kORVErrorDomain, 500, "invalid configuration"), assembly_);
     sessionLog().fault("invalid configuration, closing connection");
     if (invalidate_) invalidate_();
     reply(std::nullopt);
@@ -260,6 +262,12 @@ void ClientConnection::reportEvent(FeedbackRecordPtr feedback, int64_t queryId) 
     feedbackLog().error("state must not be nil");
     return;
   }
+  if (const auto* custom = dynamic_cast<const NBCustomFeedback*>(feedback.get())) {
+    handleCustomFeedback(*custom, feedback, queryId, [] {
+      OrvexLogForCategory(kOrvexLogFlusher).debug("flushed custom feedback");
+    });
+    return;
+  }
   if (const auto* appear = dynamic_cast<const NBSearchViewAppearFeedback*>(feedback.get());
       appear != nullptr && !appear->onLockScreen &&
       appearanceWarmsConnection(appear->triggerEvent)) {
@@ -336,6 +344,35 @@ void ClientConnection::flushSession(std::function<void()> completion) {
   sessionManager->flushSession(std::move(completion));
 }
 
-void ClientConnection::reportErrorSession(const std::string& reason) { (void)reason; }
+void ClientConnection::reportErrorSession(const std::string& reason) {
+  ClientSession::createFeedbackSessionFromError(OrvexError(dbus::kORVErrorDomain, 500, reason),
+                                                assembly_)
+      ->sessionComplete();
+}
+
+void ClientConnection::handleCustomFeedback(const NBCustomFeedback& custom,
+                                            FeedbackRecordPtr feedback, int64_t queryId,
+                                            std::function<void()> callback) {
+  switch (custom.customType) {
+    case 1:
+    case 3: {
+      auto state = this->state();
+      ClientSession::initWithAssembly(
+          assembly_, OrvexFeedback::initWithFeedback(std::move(feedback), queryId, std::nullopt,
+                                                     state ? state->userAgent() : std::string()))
+          ->sessionComplete();
+      callback();
+      break;
+    }
+    case 2:
+      // Crowdsourcing records go to their own flusher, which this daemon does not have yet:
+      // they are counted and dropped, and the callback (the flusher's) never runs.
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterDPSubmit);
+      feedbackLog().error("crowdsourcing feedback dropped: no crowdsourcing flusher");
+      break;
+    default:
+      break;
+  }
+}
 
 }  // namespace orvex

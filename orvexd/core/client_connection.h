@@ -105,7 +105,10 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void search(const ORVRequest& request, QueryReply reply);
   void reportEvent(FeedbackRecordPtr feedback, int64_t queryId);
   void bagChangeNotification(const Notification& notification);
+  // A record that cannot be routed becomes a one-record error session, completed at once.
   void reportErrorSession(const std::string& reason);
+  void handleCustomFeedback(const NBCustomFeedback& custom, FeedbackRecordPtr feedback,
+                            int64_t queryId, std::function<void()> callback);
 
   Assembly& assembly_;
   const std::shared_ptr<ClientStateManager> clientStateManager_;

@@ -1,10 +1,12 @@
 #include "orvexd/core/diagnostic_data_reporter.h"
 
+#include <array>
 #include <limits>
 #include <mutex>
 
 #include "orvexd/core/log_format.h"
 #include "orvexd/core/orvex_logging.h"
+#include "orvexd/platform/text_util.h"
 
 namespace orvex {
 namespace {
@@ -73,6 +75,16 @@ void OrvexDiagnosticDataReporter::resetAllForTesting() {
   Counters& all = counters();
   std::lock_guard lock(all.mutex);
   all.values.clear();
+}
+
+std::optional<std::string> extractClientNameFromString(std::string_view text) {
+  static constexpr std::array<std::string_view, 7> kNames = {
+      "roamer", "glance", "voxa", "lookup", "messages", "news", "orvexd"};
+  const std::string lower = asciiLowercase(text);
+  for (const auto name : kNames) {
+    if (lower.find(name) != std::string::npos) return std::string(name);
+  }
+  return std::nullopt;
 }
 
 std::optional<std::string> createCounterKey(std::optional<std::string_view> clientName,

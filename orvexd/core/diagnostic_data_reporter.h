@@ -88,6 +88,10 @@ class OrvexDiagnosticDataReporter {
   static void resetAllForTesting();
 };
 
+// The short name of a client, from its identifier or user agent: the first of "roamer",
+// "glance", "voxa", "lookup", "messages", "news" and "orvexd" that the lower-cased text contains.
+std::optional<std::string> extractClientNameFromString(std::string_view text);
+
 // "com.zelmor.orvexd.<clientName>.<suffix>", or no key when there is no client name.
 std::optional<std::string> createCounterKey(std::optional<std::string_view> clientName,
                                             std::string_view suffix);

@@ -13,6 +13,8 @@
 #include "orvexd/core/orvex_names.h"
 #include "orvexd/core/orvex_service.h"
 #include "orvexd/core/tracing_setup.h"
+#include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/model/orv_constants.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/platform/bus_connection.h"
@@ -167,6 +169,10 @@ int OrvexDaemon::run() {
   auto bagController = std::make_shared<OrvexBagController>(*assembly_);
   assembly_->bagController = bagController;
   bagController->start();
+
+  // Session files first: the sessions open theirs from the first record on.
+  assembly_->persistentStorage =
+      std::make_shared<OrvexPersistentStorage>(*assembly_, kORVOrvexdNameVersion);
 
   auto clientStateManager = std::make_shared<OrvexClientStateManager>(*assembly_, bus_.get());
   assembly_->clientStateManager = clientStateManager;

@@ -13,6 +13,7 @@
 #include "orvexd/core/diagnostic_data_reporter.h"
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
+#include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
@@ -148,6 +149,8 @@ OrvexService::OrvexService(Assembly& assembly, BusConnection& bus)
       queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock) {
   assembly_.sharedSession = assembly_.userDefaults->boolForKey(kORVSharedSessionKey);
   assembly_.guidController = std::make_shared<OrvexUserGUIDController>(assembly_);
+  assembly_.clientSessionManager =
+      std::make_shared<ClientSessionManager>(assembly_, assembly_.guidController, "orvex");
 }
 
 OrvexService::~OrvexService() = default;

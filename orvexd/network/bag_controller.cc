@@ -11,9 +11,12 @@
 #include "orvexd/core/flags.h"
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
+#include "orvexd/feedback/session_manager.h"
+#include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/retryable_network_request.h"
+#include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/json_property_list.h"
 #include "orvexd/platform/process_transaction.h"
 #include "orvexd/platform/system_notifier.h"
@@ -30,6 +33,18 @@ constexpr int64_t kBagFetchErrorCode = 2;
 
 OrvexError bagFetchError(std::string reason) {
   return OrvexError(kORVErrorDomain, kBagFetchErrorCode, std::move(reason));
+}
+
+// Trigger and endpoint of the start record of a bag fetch (their indices in the tables of the
+// record's fields).
+constexpr uint32_t kBagFetchTriggerEvent = 16;
+constexpr uint32_t kBagEndpoint = 10;
+
+uint64_t monotonicNanoseconds(const Clock& clock) {
+  const auto count =
+      std::chrono::duration_cast<std::chrono::nanoseconds>(clock.monotonicNow().time_since_epoch())
+          .count();
+  return count < 0 ? 0 : static_cast<uint64_t>(count);
 }
 
 double secondsSince1970(WallTime time) {
@@ -301,16 +316,42 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
   bagLog().log("Initiating bag fetch attempt with request %@ header %@", request->url,
                describeHeaders(request->headers));
 
+  // The fetch is recorded as the daemon's own feedback: its start now, its end (and error) when
+  // it completes, in the session manager that exists now.
+  auto sessionManager = _assembly.clientSessionManager;
+  std::optional<std::string> userGuid;
+  if (_assembly.guidController)
+    userGuid = _assembly.guidController->currentUserGUID().upperString();
+  auto start = std::make_shared<NBStartNetworkSearchFeedback>();
+  start->timestamp = monotonicNanoseconds(*_assembly.clock);
+  start->input = "";
+  start->url = request->url;
+  start->headers = FeedbackStringMap(request->headers.begin(), request->headers.end());
+  start->triggerEvent = kBagFetchTriggerEvent;
+  start->endpoint = kBagEndpoint;
+  start->uuid = Uuid::random().upperString();
+  auto record = [userGuid, userAgent = _userAgent](FeedbackRecordPtr feedback) {
+    return OrvexFeedback::initWithFeedback(std::move(feedback), 0, userGuid, userAgent);
+  };
+  if (sessionManager) sessionManager->addOrvexFeedback(record(start));
+
   auto transaction = std::make_shared<ProcessTransaction>("bagFetch");
   auto task = dataTaskWithRetryableRequest(
       _assembly.bagSession,
       ORVRetryableNetworkRequest(*request, /*expiry=*/std::nullopt, /*delay=*/true),
       /*attempt=*/1, /*retriesLeft=*/5,
-      [weak = weak_from_this(), transaction, completion](HttpDataResult result) {
+      [weak = weak_from_this(), transaction, completion, sessionManager, record, uuid = start->uuid,
+       clock = _assembly.clock](HttpDataResult result) {
         bagLog().debug("resp: %@",
                        result.response
                            ? formatLog("%lld %@", result.response->statusCode, result.response->url)
                            : std::string("(null)"));
+        auto end = std::make_shared<NBEndNetworkSearchFeedback>();
+        end->timestamp = monotonicNanoseconds(*clock);
+        end->uuid = uuid;
+        end->responseSize = static_cast<int64_t>(result.data.size());
+        end->statusCode = result.response ? result.response->statusCode : 0;
+        if (!result.timing.empty()) end->networkTimingData = result.timing;
         auto self = weak.lock();
         if (!self) {
           bagLog().log(
@@ -318,11 +359,18 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
               "up");
           return;
         }
+        if (sessionManager) sessionManager->addOrvexFeedback(record(end));
         std::shared_ptr<const ORVBag> stored;
         const std::optional<OrvexError> error = self->_takeFetchedBag(result, stored);
         if (!error) {
           OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetches);
         } else {
+          if (sessionManager) {
+            auto failure = std::make_shared<NBErrorFeedback>();
+            failure->timestamp = monotonicNanoseconds(*clock);
+            failure->error = *error;
+            sessionManager->addOrvexFeedback(record(failure));
+          }
           self->_assembly.notificationCenter->post(kORVBagChangeNotification, nullptr,
                                                    {{"bagError", *error}});
           OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetchesFailed);

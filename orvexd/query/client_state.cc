@@ -7,7 +7,7 @@
 #include "orvexd/core/diagnostic_data_reporter.h"
 #include "orvexd/core/orvex_logging.h"
 #include "orvexd/core/orvex_names.h"
-#include "orvexd/feedback/session_manager.h"
+#include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_feedback.h"
@@ -49,16 +49,6 @@ void addDaemonFeedback(Assembly& assembly, FeedbackRecordPtr record) {
 
 }  // namespace
 
-std::optional<std::string> extractClientNameFromString(std::string_view text) {
-  static constexpr std::array<std::string_view, 7> kNames = {
-      "roamer", "glance", "voxa", "lookup", "messages", "news", "orvexd"};
-  const std::string lower = asciiLowercase(text);
-  for (const auto name : kNames) {
-    if (lower.find(name) != std::string::npos) return std::string(name);
-  }
-  return std::nullopt;
-}
-
 std::shared_ptr<ClientState> ClientState::initWithIdentifier(std::string identifier,
                                                              Assembly& assembly) {
   return std::shared_ptr<ClientState>(new ClientState(std::move(identifier), assembly));
@@ -81,7 +71,8 @@ ClientState::ClientState(std::string identifier, Assembly& assembly)
   } else {
     sessionLog().info("Orvex is using individual instance of guid controller %@", identifier_);
     guidController_ = std::make_shared<OrvexUserGUIDController>(assembly_);
-    sessionManager_ = assembly_.clientSessionManager;
+    sessionManager_ =
+        std::make_shared<ClientSessionManager>(assembly_, guidController_, identifier_);
   }
 }
 

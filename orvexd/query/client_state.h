@@ -38,10 +38,6 @@ class Assembly;
 class GUIDController;
 class SessionManager;
 
-// The short name of a client, from its identifier or user agent: the first of "roamer",
-// "glance", "voxa", "lookup", "messages", "news" and "orvexd" that the lower-cased text contains.
-std::optional<std::string> extractClientNameFromString(std::string_view text);
-
 // Answers a query: the request's query id, the answer (none when there is nothing to show) and
 // the error (none on success).
 using QueryReply =

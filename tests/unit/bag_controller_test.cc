@@ -9,6 +9,7 @@
 
 #include "orvexd/core/diagnostic_data_reporter.h"
 #include "orvexd/core/orvex_names.h"
+#include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/platform/json_property_list.h"
@@ -333,6 +334,43 @@ TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
   EXPECT_EQ(events.errors().size(), errors);
   EXPECT_EQ(counter(kORVCounterBagFetchesFailed), static_cast<int64_t>(errors));
   EXPECT_EQ(counter(kORVCounterBagFetches), 2);
+}
+
+TEST_F(BagControllerTest, EachFetchIsRecordedInTheDaemonsSession) {
+  auto manager = std::make_shared<ClientSessionManager>(*test.assembly, nullptr, "orvex");
+  test.assembly->clientSessionManager = manager;
+  serve(R"({"version": "9", "feedback_enabled": true})");
+  BagEvents events(*test.assembly->notificationCenter);
+  auto controller = makeController();
+  (void)controller->currentBag();
+  drain(events, 1);
+  serve("oops", 500);
+  controller->forceFetchBag(BagDictionary{{"bag", 10}});
+  drain(events, 1, 1);
+
+  const auto records = manager->currentFeedbacksWithRelativeTimestamp();
+  std::vector<NBFeedbackType> types;
+  for (const auto& record : records) {
+    types.push_back(record.type());
+    EXPECT_EQ(record.userAgent(), "orvexd/1.0");
+    EXPECT_EQ(record.queryId(), 0);
+  }
+  EXPECT_EQ(types,
+            (std::vector{NBFeedbackType::kNetworkSearchStart, NBFeedbackType::kNetworkSearchEnd,
+                         NBFeedbackType::kNetworkSearchStart, NBFeedbackType::kNetworkSearchEnd,
+                         NBFeedbackType::kError}));
+  ASSERT_EQ(records.size(), 5u);
+  const auto& start = dynamic_cast<const NBStartNetworkSearchFeedback&>(*records[2].feedback());
+  ASSERT_TRUE(start.url);
+  EXPECT_EQ(start.url->rfind(server.baseUrl() + bagRequests().back().path, 0), 0u);
+  EXPECT_EQ(start.triggerEvent, 16u);
+  EXPECT_EQ(start.endpoint, 10u);
+  const auto& end = dynamic_cast<const NBEndNetworkSearchFeedback&>(*records[3].feedback());
+  EXPECT_EQ(end.uuid, start.uuid);
+  EXPECT_EQ(end.statusCode, 500);
+  EXPECT_EQ(end.responseSize, 4);
+  const auto& error = dynamic_cast<const NBErrorFeedback&>(*records[4].feedback());
+  EXPECT_EQ(error.error->reason, "statusCode 500");
 }
 
 TEST_F(BagControllerTest, ServerAnnouncedVersionsCompareNumerically) {

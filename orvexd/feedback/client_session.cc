@@ -1,0 +1,267 @@
+#include "orvexd/feedback/client_session.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <ctime>
+#include <utility>
+
+#include "orvexd/core/assembly.h"
+#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/core/orvex_logging.h"
+#include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/feedback/session_privacy_filter.h"
+#include "orvexd/model/orv_constants.h"
+#include "orvexd/network/user_guid_controller.h"
+#include "orvexd/platform/text_util.h"
+
+namespace orvex {
+
+namespace {
+
+const OrvexLog& sessionLog() { return OrvexLogForCategory(kOrvexLogSession); }
+
+// Clients whose first session of the day is recorded, in the order their names are tried.
+constexpr std::array<std::string_view, 6> kFirstUseClients = {"roamer",   "glance", "lookup",
+                                                              "messages", "news",   "voxa"};
+// Client short names of the counters, in the order they are tried; the daemon is one of them.
+// One lock for every client's first-use date: the check reads, compares and stores it.
+std::mutex& firstUseMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+uint64_t monotonicNanoseconds(MonotonicTime time) {
+  const auto count =
+      std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
+  return count < 0 ? 0 : static_cast<uint64_t>(count);
+}
+
+// The number of the local calendar day `time` falls on.
+int64_t localDayNumber(WallTime time) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+  std::tm local{};
+  if (localtime_r(&seconds, &local) == nullptr) return seconds / 86400;
+  const int64_t shifted = static_cast<int64_t>(seconds) + local.tm_gmtoff;
+  return shifted >= 0 ? shifted / 86400 : (shifted - 86399) / 86400;
+}
+
+nlohmann::json jsonFromPlist(const PlistValue& value) {
+  return value.visit([](const auto& v) -> nlohmann::json {
+    using T = std::decay_t<decltype(v)>;
+    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, int64_t> ||
+                  std::is_same_v<T, uint64_t> || std::is_same_v<T, double> ||
+                  std::is_same_v<T, std::string>) {
+      return v;
+    } else if constexpr (std::is_same_v<T, PlistArray>) {
+      nlohmann::json array = nlohmann::json::array();
+      for (const auto& element : v) array.push_back(jsonFromPlist(element));
+      return array;
+    } else if constexpr (std::is_same_v<T, PlistDictionary>) {
+      nlohmann::json object = nlohmann::json::object();
+      for (const auto& [key, element] : v) object[key] = jsonFromPlist(element);
+      return object;
+    } else if constexpr (std::is_same_v<T, PlistDate>) {
+      return v.iso8601();
+    } else {
+      return nullptr;  // raw data has no JSON form
+    }
+  });
+}
+
+}  // namespace
+
+std::optional<std::string> ClientSession::firstUseKeyForAgent(std::string_view agent) {
+  const std::string lower = asciiLowercase(agent);
+  for (std::string_view name : kFirstUseClients) {
+    if (lower.find(name) != std::string::npos) {
+      return std::string(kFirstUseKeyPrefix) + std::string(name);
+    }
+  }
+  return std::nullopt;
+}
+
+std::shared_ptr<ClientSession> ClientSession::initWithAssembly(Assembly& assembly,
+                                                               OrvexFeedback feedback) {
+  return initWithAssembly(assembly, std::move(feedback), kOrvexSessionEndNoPreviousSession);
+}
+
+std::shared_ptr<ClientSession> ClientSession::initWithAssembly(Assembly& assembly,
+                                                               OrvexFeedback feedback,
+                                                               uint32_t previousSessionEndReason) {
+  return std::make_shared<ClientSession>(assembly, feedback, previousSessionEndReason);
+}
+
+std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(
+    const OrvexError& error, Assembly& assembly) {
+  auto record = std::make_shared<NBErrorFeedback>();
+  record->timestamp = monotonicNanoseconds(assembly.clock->monotonicNow());
+  record->error = error;
+  std::optional<std::string> guid;
+  if (assembly.guidController) guid = assembly.guidController->currentUserGUID().upperString();
+  return initWithAssembly(
+      assembly, OrvexFeedback::initWithFeedback(record, 0, std::move(guid), kORVOrvexdNameVersion));
+}
+
+ClientSession::ClientSession(Assembly& assembly, const OrvexFeedback& feedback,
+                             uint32_t previousSessionEndReason)
+    : assembly_(assembly),
+      agent_(feedback.userAgent()),
+      userGuid_(feedback.userGuid()),
+      previousSessionEndReason_(previousSessionEndReason),
+      removeTimestamps_(feedback.type() == NBFeedbackType::kCustomGlanceResultFeatures),
+      sessionStart_(assembly.clock->wallNow()),
+      sessionStartMonotonic_(assembly.clock->monotonicNow()) {
+  const std::optional<std::string> firstUseKey = firstUseKeyForAgent(agent_);
+  if (firstUseKey && assembly_.userDefaults) {
+    firstUseDate_ = assembly_.userDefaults->dateForKey(*firstUseKey);
+  }
+  if (auto key = createCounterKey(extractClientNameFromString(agent_), kORVCounterSuffixSessions)) {
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
+  }
+  firstUseOfTheDay_ = checkFirstUseOfTheDay(firstUseKey);
+
+  // No download manager keeps resource files yet, so there are no versions to report.
+  resourceVersions_ = PlistDictionary();
+  if (assembly_.persistentStorage) {
+    storageHandle_ = assembly_.persistentStorage->createFileContainerForWriting();
+  }
+  if (storageHandle_) storageHandle_->writeSessionHeader(archiveForm());
+  addFeedback(feedback);
+}
+
+bool ClientSession::checkFirstUseOfTheDay(const std::optional<std::string>& key) {
+  if (!key) {
+    sessionLog().debug("user default key not found for agent: %@", agent_);
+    return false;
+  }
+  std::lock_guard lock(firstUseMutex());
+  const WallTime now = assembly_.clock->wallNow();
+  if (assembly_.userDefaults) firstUseDate_ = assembly_.userDefaults->dateForKey(*key);
+  if (firstUseDate_ && localDayNumber(*firstUseDate_) == localDayNumber(now)) return false;
+  firstUseDate_ = now;
+  if (assembly_.userDefaults) {
+    (void)assembly_.userDefaults->setObject(*key, PlistValue(PlistDate(now)));
+    (void)assembly_.userDefaults->synchronize();
+  }
+  if (auto counter =
+          createCounterKey(extractClientNameFromString(*key), kORVCounterSuffixDailyActiveUsers)) {
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, *counter);
+  }
+  return true;
+}
+
+void ClientSession::addFeedback(const OrvexFeedback& feedback) {
+  if (!feedback.feedback()) {
+    sessionLog().debug("attempted to add a nil feedback");
+    return;
+  }
+  std::lock_guard lock(mutex_);
+  sessionFeedbacks_.push_back(feedback);
+  if (storageHandle_) storageHandle_->writeFeedback(feedback);
+  if (userGuid_ && feedback.userGuid() != userGuid_) {
+    auto record = std::make_shared<NBErrorFeedback>();
+    record->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
+    record->error = OrvexError(kORVErrorDomain, 500, "different guid in session");
+    auto error = OrvexFeedback::initWithFeedback(record, 0, std::nullopt, feedback.userAgent());
+    sessionFeedbacks_.push_back(error);
+    if (storageHandle_) storageHandle_->writeFeedback(error);
+  }
+}
+
+void ClientSession::enumerateSessions(
+    const std::function<void(ClientSession& session, bool last)>& visit) {
+  visit(*this, true);
+}
+
+uint64_t ClientSession::relativeTimestamp(const OrvexFeedback& feedback) const {
+  const uint64_t start = monotonicNanoseconds(sessionStartMonotonic_);
+  const uint64_t at = feedback.feedback()->timestamp;
+  return at > start ? (at - start) / 1000000 : 0;
+}
+
+std::vector<OrvexFeedback> ClientSession::getSessionFeedbacks() const {
+  std::lock_guard lock(mutex_);
+  return sessionFeedbacks_;
+}
+
+std::vector<OrvexFeedback> ClientSession::feedbacksWithRelativeTimestamp() const {
+  std::vector<OrvexFeedback> feedbacks = getSessionFeedbacks();
+  for (auto& feedback : feedbacks) feedback.setRelTimestamp(relativeTimestamp(feedback));
+  return feedbacks;
+}
+
+std::vector<OrvexFeedback> ClientSession::privacyFilteredFeedbacksWithRelativeTimestamp(
+    SessionProcessingHelper& helper) const {
+  std::vector<OrvexFeedback> processed;
+  for (const auto& feedback : feedbacksWithRelativeTimestamp()) {
+    processed.push_back(feedback.process(helper));
+  }
+  // What was shown and never engaged goes first, as of the session's start.
+  std::vector<OrvexFeedback> filtered;
+  const uint64_t start = monotonicNanoseconds(sessionStartMonotonic_);
+  if (auto results = helper.missingResults(); !results.empty()) {
+    auto record = std::make_shared<OrvexSessionMissingResults>(
+        OrvexSessionMissingResults::initWithMissingResults(std::move(results)));
+    record->timestamp = start;
+    filtered.push_back(OrvexFeedback::initWithFeedback(record, 0, userGuid_, agent_));
+  }
+  if (auto suggestions = helper.missingSuggestions(); !suggestions.empty()) {
+    auto record = std::make_shared<OrvexSessionMissingSuggestions>(
+        OrvexSessionMissingSuggestions::initWithMissingSuggestions(std::move(suggestions)));
+    record->timestamp = start;
+    filtered.push_back(OrvexFeedback::initWithFeedback(record, 0, userGuid_, agent_));
+  }
+  filtered.insert(filtered.end(), std::make_move_iterator(processed.begin()),
+                  std::make_move_iterator(processed.end()));
+  return filtered;
+}
+
+nlohmann::json ClientSession::getFeedbacksToSend() const {
+  SessionPrivacyFilter filter;
+  nlohmann::json records = nlohmann::json::array();
+  for (const auto& feedback : privacyFilteredFeedbacksWithRelativeTimestamp(filter)) {
+    records.push_back(feedback.dictionary().toJson());
+  }
+  const auto reason = OrvexSessionEndFeedback::reasons().nameAt(previousSessionEndReason_);
+  const int64_t baseTime =
+      removeTimestamps_
+          ? 0
+          : std::chrono::duration_cast<std::chrono::seconds>(sessionStart_.time_since_epoch())
+                .count();
+  return nlohmann::json{
+      {"fb", std::move(records)},
+      {"agent", agent_},
+      {"user_guid", userGuid_.value_or("")},
+      {"resource_versions", jsonFromPlist(PlistValue(resourceVersions_))},
+      {"first_use", firstUseOfTheDay_},
+      {"base_time", baseTime},
+      {"previous_session_end_reason", reason ? nlohmann::json(std::string(*reason)) : nullptr},
+  };
+}
+
+void ClientSession::sessionComplete() {
+  if (!storageHandle_ || !assembly_.persistentStorage) {
+    sessionLog().error("Storage Handle nil major error");
+    return;
+  }
+  // Under the lock, so the close is queued after every write already posted.
+  std::lock_guard lock(mutex_);
+  assembly_.persistentStorage->closeSessionWithFileContainer(storageHandle_);
+}
+
+PlistDictionary ClientSession::archiveForm() const {
+  PlistDictionary form{
+      {"$class", std::string(FileContainer::kClientSessionClassName)},
+      {"agent", agent_},
+      {"resource_versions", resourceVersions_},
+      {"base_time", PlistDate(sessionStart_)},
+      {"first_use", firstUseOfTheDay_},
+      {"remove_timestamps", removeTimestamps_},
+      {"previous_session_end_reason", int64_t{previousSessionEndReason_}},
+  };
+  if (userGuid_) form.emplace("user_guid", *userGuid_);
+  return form;
+}
+
+}  // namespace orvex

@@ -1,0 +1,119 @@
+// One client's session: the run of records of one user agent under one user GUID, written to a
+// session file as it grows and uploaded once it is complete.
+//
+// A session is opened with its first record, which gives it its agent and user GUID. Opening
+// counts the session ("com.zelmor.orvexd.<client>.sessions"), works out whether it is the
+// client's first of the calendar day (counting "dailyactiveusers" when it is), opens a new
+// session file through the Assembly's persistent storage and writes the session's header and
+// first record to it. Every later record is appended to the file as it is added. A record made
+// under another user GUID than the session's is kept, followed by an error record ("different
+// guid in session"). sessionComplete() closes the file and hands it to the storage for upload;
+// the session must not be added to afterwards.
+//
+// For upload, getFeedbacksToSend() gives the session's JSON object, with the records filtered
+// by a SessionPrivacyFilter: private identifiers replaced, and results and suggestions shown but
+// never engaged reported in two records at the start of the list.
+//
+// Threading: a session may be read and added to from any thread; mutex_ guards the record list
+// and keeps file writes in the order records were added. Everything else is fixed when the
+// session is made. The first-use date of each client is shared by all sessions through the
+// defaults store, under one process-wide lock.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "orvexd/feedback/feedback_session.h"
+#include "orvexd/feedback/file_container.h"
+#include "orvexd/model/orvex_session_feedback.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/orvex_error.h"
+#include "orvexd/platform/property_list.h"
+
+namespace orvex {
+
+class Assembly;
+class SessionProcessingHelper;
+
+class ClientSession final : public FeedbackSession,
+                            public std::enable_shared_from_this<ClientSession> {
+ public:
+  static constexpr std::string_view kFirstUseKeyPrefix = "OrvexFirstUseOfTheDay_";
+
+  // A new session opened with `feedback`; `previousSessionEndReason` says why the client's
+  // previous session ended (OrvexSessionEndReason).
+  static std::shared_ptr<ClientSession> initWithAssembly(Assembly& assembly,
+                                                         OrvexFeedback feedback);
+  static std::shared_ptr<ClientSession> initWithAssembly(Assembly& assembly, OrvexFeedback feedback,
+                                                         uint32_t previousSessionEndReason);
+  // A session of one error record, made by the daemon under its own user agent, for records
+  // that have no session to go to. The caller completes it.
+  static std::shared_ptr<ClientSession> createFeedbackSessionFromError(const OrvexError& error,
+                                                                       Assembly& assembly);
+
+  // Use initWithAssembly(); public for make_shared.
+  ClientSession(Assembly& assembly, const OrvexFeedback& feedback,
+                uint32_t previousSessionEndReason);
+
+  void addFeedback(const OrvexFeedback& feedback) override;
+  std::optional<std::string> userGuid() const override { return userGuid_; }
+  void enumerateSessions(
+      const std::function<void(ClientSession& session, bool last)>& visit) override;
+  std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
+
+  // The records as added.
+  std::vector<OrvexFeedback> getSessionFeedbacks() const;
+  // The records with relative times, processed by `helper`, with the records of what the
+  // helper finds missing first.
+  std::vector<OrvexFeedback> privacyFilteredFeedbacksWithRelativeTimestamp(
+      SessionProcessingHelper& helper) const;
+  // The upload object: "fb", "agent", "user_guid", "resource_versions", "first_use",
+  // "base_time" and "previous_session_end_reason".
+  nlohmann::json getFeedbacksToSend() const;
+  // Closes the session's file and lists it for upload.
+  void sessionComplete();
+  // The session's archive form, the root record of its file.
+  PlistDictionary archiveForm() const;
+
+  const std::string& agent() const { return agent_; }
+  const PlistDictionary& resourceVersions() const { return resourceVersions_; }
+  WallTime sessionStart() const { return sessionStart_; }
+  uint32_t previousSessionEndReason() const { return previousSessionEndReason_; }
+  bool firstUseOfTheDay() const { return firstUseOfTheDay_; }
+  bool removeTimestamps() const { return removeTimestamps_; }
+  const std::shared_ptr<FileContainer>& storageHandle() const { return storageHandle_; }
+
+  // The defaults key of the client's first-use date, or nothing for a client that has none.
+  static std::optional<std::string> firstUseKeyForAgent(std::string_view agent);
+
+ private:
+  // Records and stores today's first use; true when this is the client's first session today.
+  bool checkFirstUseOfTheDay(const std::optional<std::string>& key);
+  // The time of `feedback` in milliseconds after the session start, 0 for earlier records.
+  uint64_t relativeTimestamp(const OrvexFeedback& feedback) const;
+
+  Assembly& assembly_;
+  // Fixed at creation.
+  const std::string agent_;
+  const std::optional<std::string> userGuid_;
+  const uint32_t previousSessionEndReason_;
+  const bool removeTimestamps_;
+  const WallTime sessionStart_;
+  const MonotonicTime sessionStartMonotonic_;
+  std::optional<WallTime> firstUseDate_;
+  bool firstUseOfTheDay_ = false;
+  PlistDictionary resourceVersions_;
+  std::shared_ptr<FileContainer> storageHandle_;
+
+  mutable std::mutex mutex_;
+  std::vector<OrvexFeedback> sessionFeedbacks_;  // guarded by mutex_
+};
+
+}  // namespace orvex

@@ -1,0 +1,115 @@
+// ClientSessionManager groups records into sessions and decides when a session ends.
+//
+// States: 0, a session is open and younger than the soft limit (600 s); 1, a session is open
+// past its soft limit; 2, no session is open (the start). 3 is accepted like 1 but never
+// entered. The first record opens a session. 600 s after a session opened it passes its soft
+// limit, and 300 s later it ends ("max session time passed") if nothing else ended it first.
+// Past the soft limit, a result or card engagement ends it right after being added
+// ("engagement received", and the user GUID is rotated), and a record that comes 180 s or more
+// after the previous one ends it and opens the next session ("session idle", also rotating the
+// GUID). A record under another user GUID than the session's (the GUID rotates on its own
+// every 15 minutes) ends the session and opens the next ("guid changed"). flushSession() ends
+// it on request ("external request"). An ended session gets an OrvexSessionEndFeedback with the
+// reason as its last record and its file is handed to the storage for upload; the next session
+// records that reason as its previous end reason.
+//
+// Records are stamped with the current user GUID; when the bag disables feedback for a record's
+// user agent, the record is dropped.
+//
+// Threading: every field below sessionQueue_ is owned by it ("com.zelmor.orvexd.
+// clientSessionManagerQueue"). Records and flushes are posted to it; session() and
+// currentState() wait for it (or read directly when called on it, as from a flush callback),
+// currentFeedbacksWithRelativeTimestamp() waits for it and must not be called from it.
+// Timers run on the queue, hold the manager weakly and carry the session counter of the session
+// they were armed for, so a timer of an ended session does nothing.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "orvexd/feedback/feedback_session.h"
+#include "orvexd/feedback/session_manager.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/orvex_error.h"
+#include "orvexd/platform/serial_queue.h"
+
+namespace orvex {
+
+class Assembly;
+class GUIDController;
+
+class ClientSessionManager final : public SessionManager,
+                                   public std::enable_shared_from_this<ClientSessionManager> {
+ public:
+  enum State : unsigned {
+    kStateOpen = 0,
+    kStatePastSoftLimit = 1,
+    kStateNoSession = 2,
+    kStatePastSoftLimitAlt = 3,  // treated as 1; nothing enters it
+  };
+  enum Event : unsigned {
+    kEventFeedback = 0,
+    kEventSoftLimitReached = 1,
+    kEventMaxTimerExpired = 2,
+    kEventExternalFlush = 3,
+    kEventNone = 4,
+    kEventFlushHint = 5,
+    kEventCriticalMemory = 6,
+    kEventFlushHintAlt = 7,
+    kEventFeedbackAfterIdle = 8,
+    kEventGuidChanged = 9,
+    kEventSentinelFeedback = 10,
+  };
+
+  static constexpr Duration kSoftLimit = std::chrono::seconds(600);
+  static constexpr Duration kMaxTimeAfterSoftLimit = std::chrono::seconds(300);
+  static constexpr Duration kIdleTime = std::chrono::seconds(180);
+
+  // Must be owned by a shared_ptr before the first record arrives (its timers hold it weakly).
+  ClientSessionManager(Assembly& assembly, std::shared_ptr<GUIDController> guidController,
+                       std::string identifier);
+
+  void addOrvexFeedback(OrvexFeedback feedback) override;
+  void flushSession(std::function<void()> callback) override;
+  void flushSessionInvalidationWithAgent(std::string agent,
+                                         std::function<void(bool flushed)> callback) override;
+  std::vector<OrvexFeedback> currentFeedbacksWithRelativeTimestamp() override;
+
+  // The open session, or null.
+  std::shared_ptr<FeedbackSession> session();
+  unsigned currentState();
+  const std::string& identifier() const { return identifier_; }
+  const std::shared_ptr<GUIDController>& guidController() const { return guidController_; }
+  const SerialQueue& sessionQueue() const { return sessionQueue_; }
+
+  // The daemon's own user agent, under which it records what it does itself.
+  static std::string orvexdUserAgent();
+  // Records `error` as an error record of the daemon's own in the Assembly's session manager.
+  static void reportErrorAsOrvexdFeedback(const OrvexError& error, Assembly& assembly);
+
+ private:
+  void _addOrvexFeedback(OrvexFeedback feedback);
+  void _updateState(unsigned event, const OrvexFeedback* feedback, std::function<void()> callback);
+  void _setNewSession(const OrvexFeedback& feedback);
+  void _onUserGuidSoftLimitReached();
+  void _flushSessionWithReason(uint32_t reason, std::function<void()> callback);
+  void _scheduleFlushActivity();
+  void _listenForMemoryPressure() {}
+  std::string currentGuidString();
+
+  Assembly& assembly_;
+  const std::shared_ptr<GUIDController> guidController_;
+  const std::string identifier_;
+  const bool shared_;
+  SerialQueue sessionQueue_;  // "com.zelmor.orvexd.clientSessionManagerQueue"
+  // Owned by sessionQueue_.
+  std::shared_ptr<FeedbackSession> session_;
+  unsigned currentState_ = kStateNoSession;
+  uint32_t flushReason_ = 0;
+  uint64_t sessionCounter_ = 0;
+  MonotonicTime expirationTime_{};
+};
+
+}  // namespace orvex

@@ -1,0 +1,49 @@
+// A session shared by every client: one ClientSession per user agent, opened by the first
+// record of that agent, all under the user GUID of the record that opened the shared session.
+//
+// Used instead of a ClientSession when "ORVSharedSession" is set, so that one manager keeps the
+// records of every client and ends all their sessions together.
+//
+// Threading: mutex_ guards the map; the sessions guard themselves.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "orvexd/feedback/client_session.h"
+
+namespace orvex {
+
+class Assembly;
+
+class ClientSessionShared final : public FeedbackSession {
+ public:
+  // A shared session opened with `feedback`; every ClientSession it opens takes
+  // `previousSessionEndReason`.
+  ClientSessionShared(Assembly& assembly, const OrvexFeedback& feedback,
+                      uint32_t previousSessionEndReason);
+
+  // Adds the record to the session of its user agent, opening that session if needed.
+  void addFeedback(const OrvexFeedback& feedback) override;
+  std::optional<std::string> userGuid() const override { return userGuid_; }
+  // In the order of the agents' names.
+  void enumerateSessions(
+      const std::function<void(ClientSession& session, bool last)>& visit) override;
+  // Every agent's records, ordered by their own timestamps.
+  std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
+
+  // The session of `agent`, if it has one.
+  std::shared_ptr<ClientSession> sessionForAgent(const std::string& agent) const;
+
+ private:
+  Assembly& assembly_;
+  const std::optional<std::string> userGuid_;
+  const uint32_t previousSessionEndReason_;
+  mutable std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<ClientSession>> sessionMap_;  // guarded by mutex_
+};
+
+}  // namespace orvex
