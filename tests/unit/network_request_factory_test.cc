@@ -452,6 +452,7 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
         name, sender, [&changes, name](const Notification&) { ++changes[name]; }));
     changes[name] = 0;
   }
+  factory->waitForContextUpdates();  // the first reading of the context is no change
 
   LocaleSnapshot german = testing::FixedLocale::americanEnglish();
   german.localeIdentifier = "de_DE";
