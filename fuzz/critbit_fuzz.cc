@@ -1,6 +1,6 @@
 // Reads bytes as a sequence of crit-bit tree operations and checks every result against
 // std::map: the core's return codes, the values it holds and gives up, and the keys a prefix
-// enumeration yields, through the core and through CritbitTree.
+// enumeration yields, through the core and through CritbitMap.
 //
 // Each operation is an opcode byte, a length byte and up to 15 key bytes; a NUL byte ends the
 // key early, since keys never hold one. Values are small integers, so "the very value" and
@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   tree.value_release = release;
   g_live.clear();
   std::map<std::string, void*> oracle;
-  orvex::CritbitTree wrapper;
+  orvex::CritbitMap<int> wrapper;
 
   size_t at = 0;
   while (at + 2 <= size) {
@@ -68,13 +68,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           oracle[key] = value;
           ++g_live[reinterpret_cast<uintptr_t>(value)];
         }
-        check(wrapper.setObject(std::make_shared<int>(op), key));
+        check(wrapper.set(std::make_unique<int>(op), key));
         break;
       }
       case 1: {
         const bool present = oracle.erase(key) == 1;
         check(orvex::critbit_delete(&tree, key.c_str()) == (present ? 1 : 0));
-        check(wrapper.removeObjectForKey(key) == present);
+        check(wrapper.remove(key) == present);
         break;
       }
       case 2: {
@@ -82,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const auto it = oracle.find(key);
         check(orvex::critbit_contains(&tree, key.c_str(), &value) == (it != oracle.end()));
         check(it == oracle.end() || value == it->second);
-        check(wrapper.containsKey(key) == (it != oracle.end()));
+        check(wrapper.contains(key) == (it != oracle.end()));
         break;
       }
       default: {

@@ -11,6 +11,14 @@ inline constexpr const char* kORVUserGUIDChangeNotification = "ORVUserGUIDChange
 inline constexpr const char* kORVFileDownloadCompletedNotification =
     "ORVFileDownloadCompletedNotification";
 inline constexpr const char* kORVFileDeletedNotification = "ORVFileDeletedNotification";
+// Changes of the device context, posted by the request factory where it notices them: the
+// device country (the locale's region or the ORVCountryCode override), the system time zone,
+// the system locale, and the managed-account mode (ORVManagedAccount).
+inline constexpr const char* kORVCountryCodeChangeNotification = "ORVCountryCodeChangeNotification";
+inline constexpr const char* kORVTimeZoneChangeNotification = "ORVTimeZoneChangeNotification";
+inline constexpr const char* kORVLocaleChangeNotification = "ORVLocaleChangeNotification";
+inline constexpr const char* kORVDeviceManagementChangeNotification =
+    "ORVDeviceManagementChangeNotification";
 
 // Keys of the defaults store ($XDG_CONFIG_HOME/com.zelmor.orvexd/defaults.plist).
 inline constexpr const char* kORVSharedSessionKey = "ORVSharedSession";

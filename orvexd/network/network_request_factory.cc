@@ -195,6 +195,7 @@ bool ORVNetworkRequestFactory::_updateDeviceOverrides() {
   _contextAccessQueue.assertCurrent("_updateDeviceOverrides");
   DefaultsStore& defaults = *_assembly.userDefaults;
   const std::string previousCountry = _geoDeviceCountryCode;
+  const bool previouslyManaged = _isManagedAccount;
   if (auto country = defaults.stringForKey(kORVCountryCodeKey); country && !country->empty()) {
     _geoDeviceCountryCode = upper(*country);
   } else {
@@ -207,6 +208,16 @@ bool ORVNetworkRequestFactory::_updateDeviceOverrides() {
     _storeFrontIdentifier = _storeFrontFromSubscriptions;
   }
   _isManagedAccount = defaults.boolForKey(kORVManagedAccountKey);
+  // The first reading sets the context up; only later ones are changes.
+  if (_deviceContextKnown) {
+    if (_geoDeviceCountryCode != previousCountry) {
+      _postContextChange(kORVCountryCodeChangeNotification);
+    }
+    if (_isManagedAccount != previouslyManaged) {
+      _postContextChange(kORVDeviceManagementChangeNotification);
+    }
+  }
+  _deviceContextKnown = true;
   return _geoDeviceCountryCode != previousCountry;
 }
 
@@ -240,14 +251,30 @@ void ORVNetworkRequestFactory::_setupDebuggingQueryItems() {
 
 void ORVNetworkRequestFactory::systemLocaleDidChange() {
   _contextAccessQueue.async([weak = weak_from_this()] {
-    if (auto self = weak.lock()) self->_updateLocaleContexts(true);
+    auto self = weak.lock();
+    if (!self) return;
+    self->_updateLocaleContexts(true);
+    self->_postContextChange(kORVLocaleChangeNotification);
   });
 }
 
 void ORVNetworkRequestFactory::systemTimeZoneDidChange() {
   _contextAccessQueue.async([weak = weak_from_this()] {
     // The time zone is no part of the bag's key: nothing to refresh.
-    if (auto self = weak.lock()) self->_updateTimeZone();
+    auto self = weak.lock();
+    if (!self) return;
+    self->_updateTimeZone();
+    self->_postContextChange(kORVTimeZoneChangeNotification);
+  });
+}
+
+void ORVNetworkRequestFactory::_postContextChange(const char* name) {
+  // Posted from the queue, asynchronously, like the refresh request below.
+  _contextAccessQueue.async([weak = weak_from_this(), name] {
+    auto self = weak.lock();
+    if (!self) return;
+    const NetworkRequestFactory* sender = self.get();
+    self->_assembly.notificationCenter->post(name, sender);
   });
 }
 

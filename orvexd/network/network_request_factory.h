@@ -157,6 +157,9 @@ class ORVNetworkRequestFactory final
   void _setLocation(const LocationFix& fix);
   void _dropLocation(const std::string& reason);
   void _notifyBagRefreshRequired();
+  // Posts one of the context-change notifications (country, time zone, locale, device
+  // management) that per-client caches empty themselves on.
+  void _postContextChange(const char* name);
   std::optional<std::string> _languageForString(const std::string& text) const;
   std::string _geoSessionEntity();
 
@@ -215,6 +218,8 @@ class ORVNetworkRequestFactory final
   std::string _storeFrontFromSubscriptions;
   std::optional<std::string> _subscriptionInfo;
   bool _isManagedAccount = false;
+  // Set once the overrides have been read the first time.
+  bool _deviceContextKnown = false;
   std::vector<URLQueryItem> _debuggingQueryItems;
   std::string _orvexdUserAgent;
   std::optional<bool> _hashtagImagesVisible;

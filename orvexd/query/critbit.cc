@@ -2,6 +2,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <new>
+#include <utility>
 
 namespace orvex {
 namespace {
@@ -37,6 +40,74 @@ int direction(const critbit_internal_node* node, const uint8_t* key, size_t leng
 }
 
 const uint8_t* bytes(const char* key) { return reinterpret_cast<const uint8_t*>(key); }
+
+// Internal nodes all have the same 24 bytes, which malloc would place in 32-byte chunks. They come
+// from 4 KiB slabs instead, 170 to a slab, shared by every tree of the process: a third less
+// memory for the node that every key but the first brings. Freed nodes go back to a free list;
+// when the last node of the process is freed, every slab goes back to malloc, so a process whose
+// trees are all empty holds no slab.
+class InternalNodePool {
+ public:
+  void* allocate() {
+    std::lock_guard lock(mutex_);
+    if (free_ == nullptr && !addSlab()) return nullptr;
+    Slot* const slot = free_;
+    free_ = slot->next;
+    ++live_;
+    return slot;
+  }
+
+  void release(void* node) {
+    std::lock_guard lock(mutex_);
+    Slot* const slot = static_cast<Slot*>(node);
+    slot->next = free_;
+    free_ = slot;
+    if (--live_ == 0) releaseSlabs();
+  }
+
+ private:
+  union Slot {
+    Slot* next;
+    alignas(8) unsigned char node[sizeof(critbit_internal_node)];
+  };
+  static constexpr size_t kSlabBytes = 4096;
+  struct Slab {
+    Slab* next;
+    Slot slots[(kSlabBytes - sizeof(Slab*)) / sizeof(Slot)];
+  };
+  static_assert(sizeof(Slot) == 24 && sizeof(Slab) <= kSlabBytes);
+
+  bool addSlab() {
+    void* const block = malloc(sizeof(Slab));
+    if (block == nullptr) return false;
+    Slab* const slab = ::new (block) Slab;
+    slab->next = slabs_;
+    slabs_ = slab;
+    for (Slot& slot : slab->slots) {
+      slot.next = free_;
+      free_ = &slot;
+    }
+    return true;
+  }
+
+  void releaseSlabs() {
+    while (slabs_ != nullptr) free(std::exchange(slabs_, slabs_->next));
+    free_ = nullptr;
+  }
+
+  std::mutex mutex_;
+  Slot* free_ = nullptr;  // guarded by mutex_, as are the fields below
+  Slab* slabs_ = nullptr;
+  size_t live_ = 0;
+};
+
+// Never destroyed: trees held in static storage may free their nodes during exit, after the
+// pool's own destruction would have run.
+InternalNodePool& internalNodes() {
+  alignas(InternalNodePool) static unsigned char storage[sizeof(InternalNodePool)];
+  static InternalNodePool* const pool = ::new (storage) InternalNodePool();
+  return *pool;
+}
 
 }  // namespace
 
@@ -103,12 +174,12 @@ int critbit_insert(critbit_tree* tree, const char* key, void* value, int replace
     return 1;
   }
 
-  void* block = nullptr;
-  if (posix_memalign(&block, 8, sizeof(critbit_internal_node)) != 0) return 0;
-  auto* const node = static_cast<critbit_internal_node*>(block);
+  void* const block = internalNodes().allocate();
+  if (block == nullptr) return 0;
+  auto* const node = ::new (block) critbit_internal_node;
   critbit_external_node* const external = new_external_node(u, length, value);
   if (external == nullptr) {
-    free(node);
+    internalNodes().release(node);
     return 0;
   }
 
@@ -164,7 +235,7 @@ int critbit_delete(critbit_tree* tree, const char* key) {
     tree->root.flag = 0;
   } else {
     *whereq = q->child[1 - dir];
-    free(q);
+    internalNodes().release(q);
   }
   return 1;
 }
@@ -174,7 +245,7 @@ void traverse(critbit_tree* tree, critbit_node node) {
     critbit_internal_node* const q = internal_of(node);
     traverse(tree, q->child[0]);
     traverse(tree, q->child[1]);
-    free(q);
+    internalNodes().release(q);
   } else {
     critbit_external_node* const p = external_of(node);
     if (tree->value_release != nullptr) tree->value_release(p->value);

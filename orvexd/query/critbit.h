@@ -1,14 +1,16 @@
 // A crit-bit tree: an ordered map from NUL-terminated byte strings to opaque value pointers,
 // branching two ways on the bits at which stored keys first differ, with prefix enumeration.
 //
-// This is a small C-level core: plain structs and functions, malloc/free for the nodes, no
-// exceptions and no knowledge of what a value is. The tree calls `value_release` (when set)
+// This is a small C-level core: plain structs and functions, no exceptions and no knowledge of
+// what a value is. External nodes (value and key in one block) come from malloc; internal nodes
+// from a process-wide pool of slabs, which is safe to use from several threads (each tree itself
+// is not). The tree calls `value_release` (when set)
 // whenever it gives a value up: on replace, delete and clear. CritbitTree is the owning C++ layer
 // on top.
 //
 // Keys are byte strings without interior NUL bytes; bytes compare as unsigned 8-bit values, so
 // enumeration yields keys in ascending byte order, a key before every key it is a prefix of.
-// There is no locking; the tree must not be modified while an enumeration runs.
+// A tree has no locking; it must not be modified while an enumeration runs.
 #pragma once
 
 #include <cstddef>

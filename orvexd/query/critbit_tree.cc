@@ -8,12 +8,6 @@
 namespace orvex {
 namespace {
 
-// Each stored value is a heap copy of the caller's shared pointer: the core holds one opaque
-// pointer per key, and this copy is the tree's reference to the object.
-using Holder = CritbitTree::Object;
-
-void value_release(void* value) { std::unique_ptr<Holder> drop(static_cast<Holder*>(value)); }
-
 int prefix_callback(const char* key, void* arg) {
   const auto& visitor = *static_cast<const CritbitTree::KeyVisitor*>(arg);
   bool stop = false;
@@ -52,7 +46,7 @@ class CKey {
 
 }  // namespace
 
-CritbitTree::CritbitTree() : _tree{} { _tree.value_release = value_release; }
+CritbitTree::CritbitTree(ReleaseFunction release) : _tree{} { _tree.value_release = release; }
 
 CritbitTree::~CritbitTree() { critbit_clear(&_tree); }
 
@@ -71,27 +65,20 @@ CritbitTree& CritbitTree::operator=(CritbitTree&& other) noexcept {
   return *this;
 }
 
-bool CritbitTree::setObject(Object object, std::string_view key) {
+bool CritbitTree::setObject(void* value, std::string_view key) {
   const CKey ckey(key);
-  if (!object || !ckey.valid()) return false;
-  // The core compares value pointers, and each holder is a fresh one, so the very object already
-  // stored under the key is recognised here and keeps its holder.
+  if (value == nullptr || !ckey.valid()) return false;
+  if (critbit_insert(&_tree, ckey.c_str(), value, 1) != 0) return true;
+  // 0 is either this very value already stored under the key, or a failed allocation.
   void* stored = nullptr;
-  if (critbit_contains(&_tree, ckey.c_str(), &stored) == 1 &&
-      static_cast<Holder*>(stored)->get() == object.get()) {
-    return true;
-  }
-  auto holder = std::make_unique<Holder>(std::move(object));
-  if (critbit_insert(&_tree, ckey.c_str(), holder.get(), 1) == 0) return false;
-  holder.release();  // now owned by the tree, dropped through value_release
-  return true;
+  return critbit_contains(&_tree, ckey.c_str(), &stored) == 1 && stored == value;
 }
 
-CritbitTree::Object CritbitTree::objectForKey(std::string_view key) const {
+void* CritbitTree::objectForKey(std::string_view key) const {
   const CKey ckey(key);
   void* stored = nullptr;
   if (!ckey.valid() || critbit_contains(&_tree, ckey.c_str(), &stored) == 0) return nullptr;
-  return *static_cast<const Holder*>(stored);
+  return stored;
 }
 
 bool CritbitTree::containsKey(std::string_view key) const {

@@ -76,13 +76,119 @@ TEST_F(ReferenceBackendTest, ServesTheBagWithItsOwnUrlAndReadsTheFileAgainOnEver
   answer = client.Get("/warm");
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->status, 204);
-  answer = client.Get("/search?q=a");
+  answer = client.Get("/nothing-here?q=a");
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->status, 404);
   writeBag(R"({"version": "3"})");
   answer = client.Get("/bag");
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->status, 200);
+}
+
+TEST_F(ReferenceBackendTest, AnswersSearchesFromTheWordList) {
+  testing::ReferenceBackend backend(bag);
+  auto client = clientFor(backend);
+  const auto search = [&](const std::string& target) {
+    auto answer = client.Get(target);
+    EXPECT_TRUE(answer);
+    if (!answer) return std::make_pair(0, nlohmann::json());
+    return std::make_pair(answer->status, nlohmann::json::parse(answer->body, nullptr, false));
+  };
+
+  // A lemma is its own completion; its senses are the results, nouns first.
+  auto [status, json] = search("/search?q=Dog");
+  ASSERT_EQ(status, 200) << json;
+  EXPECT_EQ(json["status"], "OK");
+  EXPECT_EQ(json["query"], "dog");
+  EXPECT_EQ(json["max_age"], 300);
+  EXPECT_GT(json["completion_score"].get<double>(), 0);
+  ASSERT_GE(json["results"].size(), 2u);
+  const auto& first = json["results"][0];
+  EXPECT_EQ(first["type"], "noun");
+  EXPECT_NE(first["title"].get<std::string>().find("domestic dog"), std::string::npos) << first;
+  EXPECT_NE(first["description"].get<std::string>().find("genus Canis"), std::string::npos);
+  EXPECT_TRUE(first["id"].get<std::string>().starts_with("wordnet:n:"));
+  EXPECT_EQ(json["results"].back()["type"], "verb");  // "to dog": chase after
+
+  // A prefix completes to a lemma that begins with it, spaces for underscores.
+  std::tie(status, json) = search("/search?q=ice+crea");
+  EXPECT_EQ(json["query"], "ice cream");
+  EXPECT_LE(json["completion_score"].get<double>(), 1.0);
+  EXPECT_FALSE(json["results"].empty());
+
+  // No lemma: the query as typed, no results.
+  std::tie(status, json) = search("/search?q=zzqx%20y");
+  EXPECT_EQ(status, 200);
+  EXPECT_EQ(json["query"], "zzqx y");
+  EXPECT_TRUE(json["results"].empty());
+  std::tie(status, json) = search("/search?lang=en");
+  EXPECT_EQ(status, 400);
+  EXPECT_EQ(json["status"], "ERROR");
+
+  // Faults and the request log apply as to every endpoint.
+  backend.setFault("search", {{"status", 503}, {"count", 1}});
+  EXPECT_EQ(search("/search?q=cat").first, 503);
+  EXPECT_EQ(search("/search?q=cat").second["query"], "cat");
+  const auto logged = backend.requests();
+  ASSERT_FALSE(logged.empty());
+  EXPECT_EQ(logged.back().endpoint, "search");
+  EXPECT_EQ(backend.requestCount("search"), 6u);
+
+  // Without a word list the server still runs, and says why searches fail.
+  testing::ReferenceBackend bare(bag, {"--corpus", (dir / "no-such-dir").string()});
+  auto bareClient = clientFor(bare);
+  const auto answer = bareClient.Get("/search?q=dog");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 503);
+  EXPECT_NE(bare.output().find("no search answers"), std::string::npos) << bare.output();
+  EXPECT_EQ(bareClient.Get("/warm")->status, 204);
+}
+
+// A corpus written by hand: lines the server must read, and lines it must survive.
+TEST_F(ReferenceBackendTest, SearchesSurviveADamagedWordList) {
+  const auto corpus = dir / "wordnet";
+  std::filesystem::create_directories(corpus);
+  // Data lines begin with their own byte offset.
+  const std::string first = "00000000 05 n 02 hot_dog 0 frank 0 000 | a sausage in a roll  \n";
+  const std::string second = std::string(8 - std::to_string(first.size()).size(), '0') +
+                             std::to_string(first.size()) + " 05 n 01 hotel 0 000 | an inn\n";
+  std::ofstream(corpus / "data.noun") << first + second;
+  std::ofstream(corpus / "index.noun")
+      << "  1 licence line\n"
+      << "hot_dog n 1 0 1 0 00000000\n"
+      << "hotel n 2 0 2 0 " << second.substr(0, 8) << " 99999999\n"  // one offset past the end
+      << "hotter n 1\n"                                              // cut short
+      << "hottest n x 0 1 0 00000000\n";                             // not a number
+  for (const char* part : {"verb", "adj", "adv"}) {
+    std::ofstream(corpus / (std::string("index.") + part)) << "hold v 1 0 1 0 00000000\n";
+    std::ofstream(corpus / (std::string("data.") + part)) << "garbage without an offset\n";
+  }
+  testing::ReferenceBackend backend(bag, {"--corpus", corpus.string()});
+  auto client = clientFor(backend);
+  const auto search = [&](const std::string& q) {
+    auto answer = client.Get("/search?q=" + q);
+    EXPECT_TRUE(answer && answer->status == 200);
+    return answer ? nlohmann::json::parse(answer->body) : nlohmann::json();
+  };
+
+  auto json = search("hot+d");
+  EXPECT_EQ(json["query"], "hot dog");
+  ASSERT_EQ(json["results"].size(), 1u);
+  EXPECT_EQ(json["results"][0]["title"], "hot dog, frank");
+  EXPECT_EQ(json["results"][0]["description"], "a sausage in a roll");
+  EXPECT_EQ(json["results"][0]["id"], "wordnet:n:00000000");
+
+  json = search("hote");  // the sense past the end of the file is left out
+  EXPECT_EQ(json["query"], "hotel");
+  ASSERT_EQ(json["results"].size(), 1u);
+  EXPECT_EQ(json["results"][0]["description"], "an inn");
+
+  json = search("hol");  // the verb's line is not where the index says: no result, no crash
+  EXPECT_EQ(json["query"], "hold");
+  EXPECT_TRUE(json["results"].empty());
+  EXPECT_TRUE(search("hott")["results"].empty());
+  // "hotel" has two senses to "hot dog"'s one.
+  EXPECT_EQ(search("hot")["query"], "hotel");
 }
 
 TEST_F(ReferenceBackendTest, LogsEachRequestAsSentWithTheStatusItGot) {
@@ -230,7 +336,7 @@ TEST_F(ReferenceBackendTest, RefusesBadControlInputWithTheReasonAndKeepsServing)
     EXPECT_EQ(status, 400) << body;
     EXPECT_NE(text.find(reason), std::string::npos) << body << " -> " << text;
   }
-  EXPECT_EQ(put("search", "{}").first, 404);
+  EXPECT_EQ(put("lookup", "{}").first, 404);
   EXPECT_EQ(client.Get("/_orvex/requests?since=two")->status, 400);
   EXPECT_EQ(client.Post("/_orvex/faults", "{}", "application/json")->status, 405);
   EXPECT_EQ(client.Get("/_orvex/nothing")->status, 404);
@@ -319,7 +425,7 @@ TEST_F(ReferenceBackendTest, CommandLineSetsFaultsRefusesMistakesAndStopsOnSigna
            {{"--port", "65536"}, "--port wants a number"},
            {{"--cert", "cert.pem"}, "--cert and --key go together"},
            {{"--bag"}, "--bag needs a value"},
-           {{"--fault", "search={}"}, "no endpoint named \"search\""},
+           {{"--fault", "lookup={}"}, "no endpoint named \"lookup\""},
            {{"--fault", "bag"}, "--fault wants ENDPOINT=JSON"},
        }) {
     const auto [status, text] = run(arguments);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <map>
 #include <mutex>
 #include <set>
 
@@ -442,6 +443,17 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
                                                                 ++foreignRefreshes;
                                                             });
 
+  // The context changes that per-client caches empty themselves on, by name.
+  std::map<std::string, std::atomic<int>> changes;
+  std::vector<ObserverToken> changeTokens;
+  for (const char* name : {kORVCountryCodeChangeNotification, kORVTimeZoneChangeNotification,
+                           kORVLocaleChangeNotification, kORVDeviceManagementChangeNotification}) {
+    changeTokens.push_back(test.assembly->notificationCenter->addObserver(
+        name, sender, [&changes, name](const Notification&) { ++changes[name]; }));
+    changes[name] = 0;
+  }
+  factory->waitForContextUpdates();  // the first reading of the context is no change
+
   LocaleSnapshot german = testing::FixedLocale::americanEnglish();
   german.localeIdentifier = "de_DE";
   german.measurementSystem = MeasurementSystem::kOther;
@@ -455,6 +467,9 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   test.settle();
   EXPECT_EQ(refreshes, 1);
   EXPECT_EQ(foreignRefreshes, 0);
+  EXPECT_EQ(changes[kORVLocaleChangeNotification], 1);
+  EXPECT_EQ(changes[kORVCountryCodeChangeNotification], 1);  // the region went from US to DE
+  EXPECT_EQ(changes[kORVTimeZoneChangeNotification], 0);
 
   BagEndpoint endpoint(server.baseUrl() + "/bag");
   auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(
@@ -486,6 +501,19 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   factory->waitForContextUpdates();
   test.settle();
   EXPECT_EQ(refreshes, 2);
+  EXPECT_EQ(changes[kORVTimeZoneChangeNotification], 1);
+  EXPECT_EQ(changes[kORVCountryCodeChangeNotification], 2);
+  EXPECT_EQ(changes[kORVLocaleChangeNotification], 1);
+
+  // The managed-account mode, read afresh by every recipe, likewise.
+  const bool managed = test.assembly->userDefaults->boolForKey(kORVManagedAccountKey);
+  test.assembly->userDefaults->setObject(kORVManagedAccountKey, PlistValue(!managed));
+  (void)factory->searchRequest(searchQuery(), *bag, guid, 0);
+  (void)factory->searchRequest(searchQuery(), *bag, guid, 0);
+  factory->waitForContextUpdates();
+  test.settle();
+  EXPECT_EQ(changes[kORVDeviceManagementChangeNotification], 1);
+  EXPECT_EQ(changes[kORVCountryCodeChangeNotification], 2);
 
   // A new user GUID starts a new maps session.
   const std::string geoSession = factory->geoSessionEntityString();

@@ -10,8 +10,8 @@ namespace {
 constexpr std::string_view kUsage = R"(Usage: orvex-backend [OPTION]...
 
 A search back-end for trying orvexd and writing front-ends without a production server. It
-serves the bag (the configuration document the daemon starts from) and the connection warm-up,
-and lets you or a test make any endpoint fail and look at every request it received.
+serves the bag (the configuration document the daemon starts from), the connection warm-up and
+searches answered from a WordNet word list, and lets you or a test make any endpoint fail and look at every request it received.
 
 Options:
   --port N               listen on port N (default 0: the kernel picks a free port)
@@ -22,6 +22,8 @@ Options:
                          becomes this server's URL, such as http://127.0.0.1:40123
   --cert FILE            serve HTTPS with this PEM certificate (needs --key)
   --key FILE             the PEM private key of the certificate
+  --corpus DIR           answer searches from the WordNet database in DIR (default
+                         /usr/share/wordnet, Debian package wordnet-base)
   --port-file FILE       once listening, write the port number to FILE
   --fault ENDPOINT=JSON  set a fault from the start, as the control API would; repeatable:
                            --fault 'bag={"status": 503, "count": 1}'
@@ -31,6 +33,8 @@ Options:
 Endpoints (by name):
   bag    GET /bag    the bag, as application/json (any query string)
   warm   GET /warm   204, for the daemon to open connections early
+  search GET /search the completion of the query item "q" and its word senses, as JSON
+                     (see README.md); 503 when the corpus could not be loaded
 Any other request gets 404. Each request is logged on standard error: the request line with
 the status answered, then its headers.
 
@@ -121,6 +125,8 @@ CommandLine CommandLine::parse(const std::vector<std::string_view>& arguments) {
       line.server.certificate = value();
     } else if (option == "--key") {
       line.server.privateKey = value();
+    } else if (option == "--corpus") {
+      line.corpus = value();
     } else if (option == "--port-file") {
       line.portFile = value();
     } else if (option == "--fault") {

@@ -23,6 +23,8 @@ struct CommandLine {
   BackendServer::Options server;
   std::optional<std::filesystem::path> bag;
   std::optional<std::filesystem::path> portFile;
+  // The WordNet database the search endpoint answers from.
+  std::filesystem::path corpus = "/usr/share/wordnet";
   std::vector<std::pair<std::string, Fault>> faults;  // by endpoint name, in order given
 };
 

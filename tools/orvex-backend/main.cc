@@ -10,6 +10,7 @@
 #include "tools/orvex-backend/backend_server.h"
 #include "tools/orvex-backend/bag_file.h"
 #include "tools/orvex-backend/command_line.h"
+#include "tools/orvex-backend/wordnet_corpus.h"
 
 namespace {
 
@@ -21,7 +22,26 @@ int fail(int status, const std::string& message) {
 }
 
 // The endpoints the server answers, by the names that faults and the request log use.
-EndpointRegistry makeEndpoints(BagFile bag) {
+EndpointReply jsonReply(int status, const nlohmann::ordered_json& json) {
+  return EndpointReply{status, "application/json", json.dump(2) + "\n", {}};
+}
+
+// The search answer for the last "q" item of the request; 400 without one.
+EndpointReply answerSearch(const WordNetCorpus* corpus, const EndpointRequest& request) {
+  if (corpus == nullptr) {
+    return jsonReply(503, {{"status", "ERROR"}, {"reason", "no word list loaded"}});
+  }
+  const std::string* typed = nullptr;
+  for (const auto& [name, value] : request.queryItems) {
+    if (name == "q") typed = &value;
+  }
+  if (typed == nullptr) {
+    return jsonReply(400, {{"status", "ERROR"}, {"reason", "missing query item \"q\""}});
+  }
+  return jsonReply(200, corpus->answer(*typed));
+}
+
+EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus> corpus) {
   EndpointRegistry endpoints;
   endpoints.add({"bag", "GET", "/bag", [bag = std::move(bag)](const EndpointRequest& request) {
                    const auto json = bag.read(request.baseUrl);
@@ -29,6 +49,9 @@ EndpointRegistry makeEndpoints(BagFile bag) {
                  }});
   endpoints.add({"warm", "GET", "/warm", [](const EndpointRequest&) {
                    return EndpointReply{204, "", "", {}};
+                 }});
+  endpoints.add({"search", "GET", "/search", [corpus](const EndpointRequest& request) {
+                   return answerSearch(corpus.get(), request);
                  }});
   return endpoints;
 }
@@ -90,9 +113,18 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
+  // Searches answer 503 without a word list; the rest of the server is still of use.
+  std::shared_ptr<const WordNetCorpus> corpus;
+  try {
+    corpus = WordNetCorpus::load(line.corpus);
+  } catch (const std::runtime_error& error) {
+    std::cerr << "orvex-backend: no search answers: " << error.what()
+              << " (install wordnet-base or give --corpus DIR)\n";
+  }
+
   std::optional<BackendServer> server;
   try {
-    server.emplace(line.server, makeEndpoints(BagFile(*line.bag)));
+    server.emplace(line.server, makeEndpoints(BagFile(*line.bag), corpus));
   } catch (const std::runtime_error& error) {
     return fail(2, error.what());
   }
