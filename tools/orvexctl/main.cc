@@ -273,11 +273,13 @@ class Session {
 
  private:
   const Options& options_;
-  std::unique_ptr<OrvexClient> client_;
   std::string endpoint_;
   std::mutex mutex_;
   std::condition_variable bagArrived_;
   std::optional<BagAnswer> bagDidLoad_;
+  // Last, so that it goes first: its bus thread runs the BagDidLoad handler, which uses the
+  // members above.
+  std::unique_ptr<OrvexClient> client_;
 };
 
 // ---- commands ----
