@@ -1,0 +1,434 @@
+// The shipped interface description against the running daemon, member by member, and orvexctl
+// against the running daemon with the reference back-end behind it.
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <csignal>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "orvexd/model/nb_feedback.h"
+#include "orvexd/platform/property_list.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/reference_backend.h"
+#include "tests/support/test_environment.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+
+// ---- a small reader for introspection XML ----
+
+struct XmlElement {
+  std::string name;
+  std::map<std::string, std::string> attributes;
+  std::vector<XmlElement> children;
+};
+
+// Reads the element tree of `text`, skipping the prologue, the doctype and comments. Throws on
+// text that is not well-formed as far as introspection data needs.
+class XmlReader {
+ public:
+  explicit XmlReader(std::string text) : text_(std::move(text)) {}
+
+  XmlElement document() {
+    skipMisc();
+    XmlElement root = element();
+    skipMisc();
+    if (pos_ != text_.size()) fail("content after the root element");
+    return root;
+  }
+
+ private:
+  [[noreturn]] void fail(const std::string& what) const {
+    throw std::runtime_error("introspection XML: " + what + " at offset " + std::to_string(pos_));
+  }
+  bool startsWith(std::string_view prefix) const {
+    return std::string_view(text_).substr(pos_).starts_with(prefix);
+  }
+  void skipSpace() {
+    while (pos_ < text_.size() && std::isspace(static_cast<unsigned char>(text_[pos_]))) ++pos_;
+  }
+  void skipPast(std::string_view end) {
+    const auto found = text_.find(end, pos_);
+    if (found == std::string::npos) fail("unterminated markup");
+    pos_ = found + end.size();
+  }
+  // Whitespace, comments, processing instructions and the doctype.
+  void skipMisc() {
+    for (;;) {
+      skipSpace();
+      if (startsWith("<!--")) {
+        skipPast("-->");
+      } else if (startsWith("<?")) {
+        skipPast("?>");
+      } else if (startsWith("<!DOCTYPE")) {
+        skipPast(">");
+      } else {
+        return;
+      }
+    }
+  }
+  std::string name() {
+    const auto start = pos_;
+    while (pos_ < text_.size() &&
+           (std::isalnum(static_cast<unsigned char>(text_[pos_])) || text_[pos_] == '_' ||
+            text_[pos_] == '-' || text_[pos_] == ':' || text_[pos_] == '.')) {
+      ++pos_;
+    }
+    if (start == pos_) fail("a name expected");
+    return text_.substr(start, pos_ - start);
+  }
+  static std::string unescape(std::string value) {
+    const std::pair<std::string_view, std::string_view> entities[] = {
+        {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}, {"&amp;", "&"}};
+    for (const auto& [entity, character] : entities) {
+      for (auto at = value.find(entity); at != std::string::npos;
+           at = value.find(entity, at + character.size())) {
+        value.replace(at, entity.size(), character);
+      }
+    }
+    return value;
+  }
+  XmlElement element() {
+    if (!startsWith("<")) fail("an element expected");
+    ++pos_;
+    XmlElement element{name(), {}, {}};
+    for (;;) {
+      skipSpace();
+      if (startsWith("/>")) {
+        pos_ += 2;
+        return element;
+      }
+      if (startsWith(">")) {
+        ++pos_;
+        break;
+      }
+      const auto attribute = name();
+      skipSpace();
+      if (!startsWith("=")) fail("'=' expected");
+      ++pos_;
+      skipSpace();
+      const char quote = pos_ < text_.size() ? text_[pos_] : '\0';
+      if (quote != '"' && quote != '\'') fail("a quoted value expected");
+      const auto end = text_.find(quote, ++pos_);
+      if (end == std::string::npos) fail("unterminated value");
+      element.attributes[attribute] = unescape(text_.substr(pos_, end - pos_));
+      pos_ = end + 1;
+    }
+    for (;;) {
+      skipMisc();
+      if (startsWith("</")) {
+        pos_ += 2;
+        if (name() != element.name) fail("mismatched end tag of " + element.name);
+        skipSpace();
+        if (!startsWith(">")) fail("'>' expected");
+        ++pos_;
+        return element;
+      }
+      if (pos_ >= text_.size()) fail("unterminated element " + element.name);
+      if (!startsWith("<")) fail("text inside " + element.name);
+      element.children.push_back(this->element());
+    }
+  }
+
+  std::string text_;
+  size_t pos_ = 0;
+};
+
+// One interface as comparable lines, by member: "method Request" -> its arguments and
+// annotations in order ("arg in a{sv} request", "annotation org...NoReply=true").
+using InterfaceShape = std::map<std::string, std::vector<std::string>>;
+using NodeShape = std::map<std::string, InterfaceShape>;  // by interface name
+
+std::string line(const XmlElement& element, const std::string& memberKind) {
+  auto attribute = [&](const std::string& key) {
+    auto it = element.attributes.find(key);
+    return it == element.attributes.end() ? std::string() : it->second;
+  };
+  if (element.name == "arg") {
+    // Signal arguments are always outgoing, whether or not the XML says so.
+    std::string direction = attribute("direction");
+    if (direction.empty()) direction = memberKind == "method" ? "in" : "out";
+    return "arg " + direction + " " + attribute("type") + " " + attribute("name");
+  }
+  if (element.name == "annotation") {
+    return "annotation " + attribute("name") + "=" + attribute("value");
+  }
+  return element.name + " " + attribute("name");
+}
+
+// The interfaces a node element declares itself, without the standard org.freedesktop.DBus ones.
+NodeShape shapeOf(const XmlElement& node) {
+  NodeShape shape;
+  for (const auto& interface : node.children) {
+    if (interface.name != "interface") continue;
+    const auto& name = interface.attributes.at("name");
+    if (name.starts_with("org.freedesktop.DBus.")) continue;
+    InterfaceShape& members = shape[name];
+    for (const auto& member : interface.children) {
+      const auto key = member.name + " " + member.attributes.at("name");
+      auto& lines = members[key];
+      for (const auto& part : member.children) lines.push_back(line(part, member.name));
+    }
+  }
+  return shape;
+}
+
+std::string describe(const NodeShape& shape) {
+  std::ostringstream out;
+  for (const auto& [interface, members] : shape) {
+    out << interface << "\n";
+    for (const auto& [member, lines] : members) {
+      out << "  " << member << "\n";
+      for (const auto& text : lines) out << "    " << text << "\n";
+    }
+  }
+  return out.str();
+}
+
+XmlElement shippedDocument() {
+  return XmlReader(testing::readTextFile(ORVEXD_INTERFACE_XML)).document();
+}
+
+const XmlElement& childNode(const XmlElement& node, const std::string& name) {
+  for (const auto& child : node.children) {
+    if (child.name == "node" && child.attributes.count("name") &&
+        child.attributes.at("name") == name)
+      return child;
+  }
+  throw std::runtime_error("no node " + name);
+}
+
+// ---- the daemon with the reference back-end on a private bus ----
+
+class RunningDaemonTest : public ::testing::Test {
+ protected:
+  RunningDaemonTest() {
+    std::ofstream(dir / "bag.json")
+        << R"({"version": "7", "enabled": true, "search_url": "${BASE_URL}/search",
+               "feedback_url": "${BASE_URL}/feedback"})";
+    backend = std::make_unique<testing::ReferenceBackend>(dir / "bag.json");
+    const auto config = dir / "config" / "com.zelmor.orvexd";
+    std::filesystem::create_directories(config);
+    const auto defaults = serializePropertyList(
+        PlistValue(PlistDictionary{{"ORVBagURL", PlistValue(backend->baseUrl() + "/bag")}}),
+        PlistFormat::kXml);
+    std::ofstream(config / "defaults.plist", std::ios::binary)
+        .write(reinterpret_cast<const char*>(defaults.data()),
+               static_cast<std::streamsize>(defaults.size()));
+    connection = bus.connect();
+    daemon = std::make_unique<testing::ChildProcess>(
+        std::vector<std::string>{ORVEXD_BINARY},
+        std::map<std::string, std::string>{{"DBUS_SESSION_BUS_ADDRESS", bus.address()},
+                                           {"XDG_CONFIG_HOME", (dir / "config").string()},
+                                           {"XDG_CACHE_HOME", (dir / "cache").string()},
+                                           {"JOURNAL_STREAM", ""},
+                                           {"INVOCATION_ID", ""}},
+        dir / "orvexd.log");
+    EXPECT_TRUE(testing::eventually(
+        [&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }, 10s));
+  }
+  ~RunningDaemonTest() override {
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->waitForExit(5s), 0);
+  }
+
+  std::string introspect(const std::string& path) {
+    auto proxy = sdbus::createProxy(*connection, "com.zelmor.orvexd", path);
+    std::string xml;
+    proxy->callMethod("Introspect")
+        .onInterface("org.freedesktop.DBus.Introspectable")
+        .storeResultsTo(xml);
+    return xml;
+  }
+
+  testing::TempDir dir;
+  testing::TempDir busDir;
+  testing::PrivateBus bus{busDir.path()};
+  std::unique_ptr<testing::ReferenceBackend> backend;
+  std::unique_ptr<sdbus::IConnection> connection;
+  std::unique_ptr<testing::ChildProcess> daemon;
+};
+
+TEST_F(RunningDaemonTest, ShippedInterfaceXmlMatchesWhatTheDaemonServes) {
+  const XmlElement shipped = shippedDocument();
+  ASSERT_EQ(shipped.name, "node");
+  const auto served = XmlReader(introspect("/com/zelmor/orvexd")).document();
+  const auto servedEndpoint = XmlReader(introspect("/com/zelmor/orvexd/Endpoint")).document();
+
+  const NodeShape shippedRoot = shapeOf(shipped);
+  const NodeShape shippedEndpoint = shapeOf(childNode(shipped, "Endpoint"));
+  // Both sides name the interfaces they must: a missing one is not an "equal" empty shape.
+  EXPECT_EQ(shippedRoot.size(), 2u) << describe(shippedRoot);
+  EXPECT_TRUE(shippedRoot.count("com.zelmor.orvexd.Daemon"));
+  EXPECT_TRUE(shippedRoot.count("com.zelmor.orvexd.Diagnostics"));
+  EXPECT_TRUE(shippedEndpoint.count("com.zelmor.orvexd.Endpoint"));
+
+  EXPECT_EQ(shapeOf(served), shippedRoot) << "the daemon serves on /com/zelmor/orvexd:\n"
+                                          << describe(shapeOf(served)) << "the XML says:\n"
+                                          << describe(shippedRoot);
+  EXPECT_EQ(shapeOf(servedEndpoint), shippedEndpoint)
+      << "the daemon serves on /com/zelmor/orvexd/Endpoint:\n"
+      << describe(shapeOf(servedEndpoint)) << "the XML says:\n"
+      << describe(shippedEndpoint);
+
+  // The comparison sees a member that one side lacks and an argument renamed on one side.
+  NodeShape fewer = shippedRoot;
+  fewer["com.zelmor.orvexd.Diagnostics"].erase("method GetBag");
+  EXPECT_NE(shapeOf(served), fewer);
+  NodeShape renamed = shippedRoot;
+  renamed["com.zelmor.orvexd.Daemon"]["method Configure"].at(0) = "arg in a{sv} config";
+  EXPECT_NE(shapeOf(served), renamed);
+}
+
+// ---- orvexctl ----
+
+struct CtlRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+class OrvexctlTest : public RunningDaemonTest {
+ protected:
+  // Runs orvexctl on the private bus with `arguments`, `input` on its standard input.
+  CtlRun ctl(std::vector<std::string> arguments, const std::string& input = "") {
+    const auto in = dir / "ctl.in";
+    const auto out = dir / "ctl.out";
+    const auto err = dir / "ctl.err";
+    std::ofstream(in) << input;
+    std::vector<std::string> argv{"/bin/sh",
+                                  "-c",
+                                  "exec \"$0\" \"$@\" <\"" + in.string() + "\" >\"" + out.string() +
+                                      "\" 2>\"" + err.string() + "\"",
+                                  ORVEXCTL_BINARY,
+                                  "--address",
+                                  bus.address()};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    testing::ChildProcess process(argv);
+    CtlRun run;
+    run.status = process.waitForExit(30s).value_or(-1);
+    run.out = testing::readTextFile(out);
+    run.err = testing::readTextFile(err);
+    return run;
+  }
+};
+
+TEST_F(OrvexctlTest, CommandsAnswerFromTheDaemonInTextAndJson) {
+  // configure waits for BagDidLoad and shows the bag the back-end serves.
+  auto run = ctl({"configure"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("endpoint /com/zelmor/orvexd/Endpoint"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("bag version 7, enabled"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("search_url: " + backend->baseUrl() + "/search"), std::string::npos)
+      << run.out;
+
+  run = ctl({"--json", "configure"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  auto json = nlohmann::json::parse(run.out);
+  EXPECT_EQ(json["endpoint"], "/com/zelmor/orvexd/Endpoint");
+  EXPECT_EQ(json["bagDidLoad"]["bag"]["version"], "7");
+
+  run = ctl({"bag"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("bag version 7, enabled for orvexctl/1.0"), std::string::npos) << run.out;
+  run = ctl({"bag", "--json"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  json = nlohmann::json::parse(run.out);
+  EXPECT_EQ(json["search_url"], backend->baseUrl() + "/search");  // the raw bag, as served
+
+  // sessions lists the clients configured so far, this one included.
+  run = ctl({"--identifier", "com.example.viewer", "--agent", "Viewer/2", "sessions"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out.rfind("IDENTIFIER", 0), 0u) << run.out;
+  EXPECT_NE(run.out.find("com.example.viewer"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("Viewer/2"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("com.zelmor.orvexctl"), std::string::npos) << run.out;
+  run = ctl({"sessions", "--json"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  json = nlohmann::json::parse(run.out);
+  ASSERT_TRUE(json.is_array());
+  EXPECT_TRUE(std::any_of(json.begin(), json.end(), [](const auto& entry) {
+    return entry["identifier"] == "com.example.viewer" && entry["agent"] == "Viewer/2";
+  })) << run.out;
+
+  // counters: sorted, and only those under the prefix.
+  run = ctl({"--json", "counters", "com.zelmor.orvexd.launch"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  json = nlohmann::json::parse(run.out);
+  EXPECT_EQ(json, nlohmann::json({{"com.zelmor.orvexd.launch", 1}})) << run.out;
+  run = ctl({"counters"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::vector<std::string> names;
+  std::istringstream lines(run.out);
+  for (std::string text; std::getline(lines, text);)
+    names.push_back(text.substr(0, text.find(' ')));
+  EXPECT_FALSE(names.empty());
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end())) << run.out;
+
+  // Whatever a search gets today, the JSON form says so.
+  run = ctl({"--json", "search", "weather", "--query-id", "4"});
+  EXPECT_TRUE(run.status == 0 || run.status == 1) << run.err;
+  json = nlohmann::json::parse(run.out);
+  EXPECT_EQ(json["queryId"], 4);
+  EXPECT_TRUE(json.contains("reply") && json.contains("error")) << run.out;
+
+  run = ctl({"--json", "feedback"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(nlohmann::json::parse(run.out).is_array()) << run.out;
+}
+
+TEST_F(OrvexctlTest, ReportsValidRecordsAndRefusesBadInputWithUsageStatus) {
+  NBStartSearchFeedback record;
+  record.input = "weather";
+  auto run = ctl({"report", "-", "--event", "searchStarted"}, record.dbusText());
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("reported NBStartSearchFeedback (event \"searchStarted\""),
+            std::string::npos)
+      << run.out;
+  run = ctl({"--json", "report", "-", "--query-id", "9"}, record.dbusText());
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(nlohmann::json::parse(run.out), nlohmann::json({{"reported", "NBStartSearchFeedback"},
+                                                            {"event", "NBStartSearchFeedback"},
+                                                            {"queryId", 9}}));
+
+  // A record that does not parse never reaches the daemon.
+  run = ctl({"report", "-"}, R"({"$class": "NBNoSuchFeedback"})");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("standard input is not a feedback record"), std::string::npos) << run.err;
+  run = ctl({"report", (dir / "missing.json").string()});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("cannot read"), std::string::npos) << run.err;
+
+  // Usage errors.
+  for (const auto& arguments : std::vector<std::vector<std::string>>{
+           {"frobnicate"}, {}, {"search"}, {"bag", "--verbose"}, {"--timeout", "soon", "bag"}}) {
+    run = ctl(arguments);
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find("orvexctl --help"), std::string::npos) << run.err;
+  }
+  run = ctl({"--help"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.out.find("search QUERY"), std::string::npos);
+}
+
+TEST(OrvexctlWithoutDaemon, NamesTheBusErrorAndHintsThatTheDaemonIsNotRunning) {
+  testing::TempDir busDir;
+  testing::PrivateBus bus{busDir.path()};
+  const auto err = busDir / "err";
+  testing::ChildProcess process({"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>\"" + err.string() + "\"",
+                                 ORVEXCTL_BINARY, "--address", bus.address(), "counters"});
+  EXPECT_EQ(process.waitForExit(30s), 1);
+  const auto text = testing::readTextFile(err);
+  EXPECT_NE(text.find("org.freedesktop.DBus.Error.ServiceUnknown"), std::string::npos) << text;
+  EXPECT_NE(text.find("not running on this bus"), std::string::npos) << text;
+}
+
+}  // namespace
+}  // namespace orvex

@@ -1,0 +1,608 @@
+// orvexctl: talks to a running orvexd over D-Bus, for people at a shell and for scripts.
+//
+// One invocation is one bus connection, and so one client of the daemon: every command first
+// configures that client (identifier and agent from the command line), then does its one thing.
+// Exit status: 0 on success, 1 when the bus or the daemon fails the call, 2 when the command
+// line or the input it names is wrong.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "orvexd/client/orvex_client.h"
+#include "orvexd/core/orvex_logging.h"
+
+namespace orvex::ctl {
+namespace {
+
+using nlohmann::json;
+using namespace std::chrono_literals;
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+// How long `configure` waits for the daemon's BagDidLoad after the configuration was accepted.
+constexpr auto kBagDidLoadWait = 3s;
+
+constexpr const char* kHelp = R"(orvexctl - talk to orvexd, the on-device search daemon
+
+orvexd runs on the D-Bus session bus under the name com.zelmor.orvexd. Front-ends
+(search screen, browser, assistant, ...) configure themselves as clients, then ask
+it for search results and report what the user did with them. orvexctl is such a
+client: each run opens one bus connection, configures it (so the daemon knows it
+by --identifier and --agent) and runs one command.
+
+Usage: orvexctl [OPTIONS] COMMAND [ARGUMENTS]
+
+Commands:
+  configure           configure and show the endpoint and the bag the daemon sends back
+                        orvexctl configure
+  bag                 the bag (the back-end's configuration) as seen by this agent
+                        orvexctl --agent news/1.0 bag
+  search QUERY        run one search and show the completed query and first results
+      --query-id N      the query id to send (default 1)
+      --verbose         ask for the HTTP exchange too, and show it
+                        orvexctl search "weather in lisbon" --verbose
+  sessions            the clients the daemon knows: identifier and agent
+                        orvexctl sessions
+  counters [PREFIX]   the daemon's diagnostic counters, sorted, those starting with PREFIX
+                        orvexctl counters com.zelmor.orvexd.bag
+  feedback            the records of the open feedback session, as JSON
+                        orvexctl feedback
+  report FILE|-       send one feedback record (a JSON object with "$class") from FILE
+                      or standard input; it is checked locally before it is sent
+      --event NAME      the event name to send with it (default: the record's class)
+      --query-id N      the query id the record belongs to (default 0)
+                        echo '{"$class": "NBStartSearchFeedback", ...}' | orvexctl report -
+
+Options (anywhere on the command line):
+  --identifier ID     client identifier to configure (default com.zelmor.orvexctl)
+  --agent UA          user agent to configure (default orvexctl/1.0)
+  --address BUS       D-Bus address to use instead of the session bus
+                        (for example unix:path=/tmp/orvexd-demo-abc/bus)
+  --json              print machine-readable JSON on standard output
+  --timeout MS        how long to wait for each answer, in milliseconds (default 25000)
+  --help              this text
+
+Exit status: 0 success; 1 the bus or the daemon failed the call (the D-Bus error is
+on standard error); 2 a wrong command line or an unusable input record.
+)";
+
+struct UsageError {
+  std::string message;
+};
+
+// The parsed command line.
+struct Options {
+  std::string identifier = "com.zelmor.orvexctl";
+  std::string agent = "orvexctl/1.0";
+  std::string address;
+  bool json = false;
+  std::optional<std::chrono::milliseconds> timeout;
+  bool help = false;
+  std::string command;
+  std::vector<std::string> arguments;
+  std::optional<int64_t> queryId;
+  bool verbose = false;
+  std::optional<std::string> event;
+  // report: the record, read and checked before the daemon is contacted.
+  FeedbackRecordPtr record;
+};
+
+int64_t parseInteger(const std::string& option, const std::string& text) {
+  try {
+    size_t used = 0;
+    const long long value = std::stoll(text, &used);
+    if (used == text.size()) return value;
+  } catch (const std::exception&) {
+  }
+  throw UsageError{option + " needs an integer, not \"" + text + "\""};
+}
+
+Options parseCommandLine(int argc, char** argv) {
+  Options options;
+  std::vector<std::string> words(argv + 1, argv + argc);
+  for (size_t i = 0; i < words.size(); ++i) {
+    std::string word = words[i];
+    if (word == "-" || !word.starts_with("--")) {
+      if (options.command.empty()) {
+        options.command = word;
+      } else {
+        options.arguments.push_back(word);
+      }
+      continue;
+    }
+    if (word == "--") {  // everything after is an argument (a query that starts with --)
+      for (++i; i < words.size(); ++i) options.arguments.push_back(words[i]);
+      break;
+    }
+    std::optional<std::string> inlineValue;
+    if (const auto equals = word.find('='); equals != std::string::npos) {
+      inlineValue = word.substr(equals + 1);
+      word.resize(equals);
+    }
+    auto value = [&]() -> std::string {
+      if (inlineValue) return *inlineValue;
+      if (i + 1 >= words.size()) throw UsageError{word + " needs a value"};
+      return words[++i];
+    };
+    auto flag = [&] {
+      if (inlineValue) throw UsageError{word + " takes no value"};
+      return true;
+    };
+    if (word == "--identifier") {
+      options.identifier = value();
+    } else if (word == "--agent") {
+      options.agent = value();
+    } else if (word == "--address") {
+      options.address = value();
+    } else if (word == "--json") {
+      options.json = flag();
+    } else if (word == "--help") {
+      options.help = flag();
+    } else if (word == "--timeout") {
+      const auto ms = parseInteger(word, value());
+      if (ms <= 0) throw UsageError{"--timeout needs a positive number of milliseconds"};
+      options.timeout = std::chrono::milliseconds(ms);
+    } else if (word == "--query-id") {
+      options.queryId = parseInteger(word, value());
+    } else if (word == "--verbose") {
+      options.verbose = flag();
+    } else if (word == "--event") {
+      options.event = value();
+    } else {
+      throw UsageError{"unknown option " + word};
+    }
+  }
+  if (options.identifier.empty()) throw UsageError{"--identifier must not be empty"};
+  if (options.agent.empty()) throw UsageError{"--agent must not be empty"};
+  return options;
+}
+
+// ---- output helpers ----
+
+void printJson(const json& value) { std::cout << value.dump(2) << "\n"; }
+
+json errorJson(const std::optional<OrvexError>& error) {
+  if (!error) return nullptr;
+  return json{{"domain", error->domain}, {"code", error->code}, {"reason", error->reason}};
+}
+
+std::string describeError(const OrvexError& error) {
+  return error.domain + " code " + std::to_string(error.code) + ": " + error.reason;
+}
+
+// A D-Bus failure: the error's name and message on standard error, with a hint when the daemon
+// is simply not there.
+int busFailure(const std::string& what, const ClientError& error) {
+  std::cerr << "orvexctl: " << what << " failed: " << error.name << ": " << error.message << "\n";
+  if (error.name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+      error.name == "org.freedesktop.DBus.Error.NameHasNoOwner") {
+    std::cerr << "hint: orvexd (com.zelmor.orvexd) is not running on this bus, and the bus "
+                 "could not start it; start orvexd or pass --address for the bus it runs on\n";
+  } else if (error.name == "org.freedesktop.DBus.Error.NoReply") {
+    std::cerr << "hint: the daemon did not answer in time; a longer --timeout may help\n";
+  }
+  return kExitFailure;
+}
+
+// The parts of a bag worth showing: version, switch, and the main URLs.
+json bagSummary(const ORVBag& bag) {
+  json summary{{"version", bag.version()}, {"enabled", bag.isEnabled()}};
+  const std::pair<const char*, std::optional<std::string>> urls[] = {
+      {"search_url", bag.searchURL()},     {"more_results_url", bag.moreResultsURL()},
+      {"card_url", bag.cardURL()},         {"warm_url", bag.warmURL()},
+      {"feedback_url", bag.feedbackURL()},
+  };
+  json urlObject = json::object();
+  for (const auto& [name, url] : urls) {
+    if (url) urlObject[name] = *url;
+  }
+  summary["urls"] = std::move(urlObject);
+  return summary;
+}
+
+void printBagSummary(const ORVBag& bag) {
+  std::cout << "bag version " << (bag.version().empty() ? "(none)" : bag.version()) << ", "
+            << (bag.isEnabled() ? "enabled" : "disabled") << " for " << bag.userAgent() << "\n";
+  const auto summary = bagSummary(bag);
+  for (const auto& [name, url] : summary["urls"].items()) {
+    std::cout << "  " << name << ": " << url.get<std::string>() << "\n";
+  }
+}
+
+// ---- the session every command starts with ----
+
+class Session {
+ public:
+  explicit Session(const Options& options) : options_(options) {}
+
+  // Connects and configures; the exit status on failure.
+  std::optional<int> open() {
+    std::string error;
+    client_ = OrvexClient::connect(&error, options_.address);
+    if (!client_) {
+      std::cerr << "orvexctl: cannot connect to "
+                << (options_.address.empty() ? "the session bus" : options_.address) << ": "
+                << error << "\n";
+      return kExitFailure;
+    }
+    if (options_.timeout) client_->setTimeout(*options_.timeout);
+    client_->onBagDidLoad(
+        [this](std::shared_ptr<const ORVBag> bag, std::optional<OrvexError> bagError) {
+          std::lock_guard lock(mutex_);
+          bagDidLoad_ = BagAnswer{std::move(bag), std::move(bagError)};
+          bagArrived_.notify_all();
+        });
+    auto endpoint = client_->configure(configuration());
+    if (!endpoint) return busFailure("Configure", endpoint.error());
+    endpoint_ = endpoint.value();
+    return std::nullopt;
+  }
+
+  ORVSessionConfiguration configuration() const {
+    ORVSessionConfiguration configuration;
+    configuration.identifier = options_.identifier;
+    configuration.userAgent = options_.agent;
+    return configuration;
+  }
+
+  OrvexClient& client() { return *client_; }
+  const std::string& endpoint() const { return endpoint_; }
+
+  // The first BagDidLoad, waiting at most `wait` for it.
+  std::optional<BagAnswer> waitForBagDidLoad(std::chrono::milliseconds wait) {
+    std::unique_lock lock(mutex_);
+    bagArrived_.wait_for(lock, wait, [this] { return bagDidLoad_.has_value(); });
+    return bagDidLoad_;
+  }
+
+ private:
+  const Options& options_;
+  std::string endpoint_;
+  std::mutex mutex_;
+  std::condition_variable bagArrived_;
+  std::optional<BagAnswer> bagDidLoad_;
+  // Last, so that it goes first: its bus thread runs the BagDidLoad handler, which uses the
+  // members above.
+  std::unique_ptr<OrvexClient> client_;
+};
+
+// ---- commands ----
+
+int runConfigure(Session& session, const Options& options) {
+  auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(kBagDidLoadWait);
+  if (options.timeout) wait = std::min(wait, *options.timeout);
+  const auto loaded = session.waitForBagDidLoad(wait);
+  if (options.json) {
+    json out{{"endpoint", session.endpoint()}, {"bagDidLoad", nullptr}};
+    if (loaded) {
+      out["bagDidLoad"] = {{"bag", loaded->bag ? bagSummary(*loaded->bag) : json(nullptr)},
+                           {"error", errorJson(loaded->error)}};
+    }
+    printJson(out);
+    return kExitOk;
+  }
+  std::cout << "configured " << options.identifier << " (" << options.agent << "), endpoint "
+            << session.endpoint() << "\n";
+  if (!loaded) {
+    std::cout << "no BagDidLoad within " << wait.count() << " ms\n";
+    return kExitOk;
+  }
+  if (loaded->bag) printBagSummary(*loaded->bag);
+  if (!loaded->bag) std::cout << "BagDidLoad without a bag\n";
+  if (loaded->error) std::cout << "bag error: " << describeError(*loaded->error) << "\n";
+  return kExitOk;
+}
+
+int runBag(Session& session, const Options& options) {
+  auto answer = session.client().bag();
+  if (!answer) return busFailure("Bag", answer.error());
+  const auto& [bag, error] = answer.value();
+  if (options.json) {
+    // The bag exactly as the daemon sent it; an error without a bag goes to standard error.
+    if (bag) printJson(bag->rawBag());
+    if (error) std::cerr << "orvexctl: bag error: " << describeError(*error) << "\n";
+    return bag ? kExitOk : kExitFailure;
+  }
+  if (bag) printBagSummary(*bag);
+  if (error) {
+    std::cerr << "orvexctl: bag error: " << describeError(*error) << "\n";
+    return kExitFailure;
+  }
+  if (!bag) std::cout << "the daemon has no bag\n";
+  return kExitOk;
+}
+
+// A result's title or description: a string, or an object carrying its text.
+std::optional<std::string> textOf(const json& value) {
+  if (value.is_string()) return value.get<std::string>();
+  if (value.is_object()) {
+    for (const char* key : {"text", "formatted_text", "title"}) {
+      if (auto it = value.find(key); it != value.end() && it->is_string())
+        return it->get<std::string>();
+    }
+  }
+  return std::nullopt;
+}
+
+void printHeaders(const ORVHeaderList& headers) {
+  for (const auto& [name, value] : headers) std::cout << "    " << name << ": " << value << "\n";
+}
+
+// Prints what a search answer holds: the completed query, the first results, the cache origin.
+void printSearchResponse(const std::string& rawResponse) {
+  auto response = json::parse(rawResponse, nullptr, false);
+  if (response.is_discarded()) {
+    std::cout << "answer (not JSON): " << rawResponse.substr(0, 200) << "\n";
+    return;
+  }
+  // A cached answer comes back as an array holding the cached result set.
+  if (response.is_array()) {
+    std::cout << "from the query cache\n";
+    response = response.empty() ? json::object() : response.front();
+  }
+  if (!response.is_object()) {
+    std::cout << "answer: " << response.dump() << "\n";
+    return;
+  }
+  if (auto query = response.find("query"); query != response.end()) {
+    if (auto text = textOf(*query)) std::cout << "query: " << *text << "\n";
+  }
+  const auto results = response.find("results");
+  if (results == response.end() || !results->is_array() || results->empty()) {
+    std::cout << "no results\n";
+    return;
+  }
+  constexpr size_t kShown = 10;
+  std::cout << results->size() << " result" << (results->size() == 1 ? "" : "s") << "\n";
+  size_t shown = 0;
+  for (const auto& result : *results) {
+    if (shown++ == kShown) {
+      std::cout << "  ... " << results->size() - kShown << " more (--json shows all)\n";
+      break;
+    }
+    if (!result.is_object()) continue;
+    const auto title = result.contains("title") ? textOf(result["title"]) : std::nullopt;
+    const auto description =
+        result.contains("description") ? textOf(result["description"]) : std::nullopt;
+    std::cout << "  " << shown << ". " << title.value_or("(untitled)") << "\n";
+    if (description) std::cout << "     " << *description << "\n";
+  }
+}
+
+json replyJson(const ORVReply& reply) {
+  auto raw = json::parse(reply.rawResponse, nullptr, false);
+  json out{{"scale", reply.scale},
+           {"rawResponse", raw.is_discarded() ? json(reply.rawResponse) : raw},
+           {"geoSessionEntityString", reply.geoSessionEntityString}};
+  auto headers = [](const ORVHeaderList& list) {
+    json object = json::object();
+    for (const auto& [name, value] : list) object[name] = value;
+    return object;
+  };
+  if (reply.httpRequest) {
+    out["httpRequest"] = {{"url", reply.httpRequest->url},
+                          {"method", reply.httpRequest->method},
+                          {"headers", headers(reply.httpRequest->headers)}};
+  }
+  if (reply.httpResponse) {
+    out["httpResponse"] = {{"url", reply.httpResponse->url},
+                           {"statusCode", reply.httpResponse->statusCode},
+                           {"headers", headers(reply.httpResponse->headers)}};
+  }
+  return out;
+}
+
+int runSearch(Session& session, const Options& options) {
+  ORVRequest request;
+  request.kind = ORVRequestKind::kSearch;
+  request.queryString = options.arguments[0];
+  request.queryId = options.queryId.value_or(1);
+  request.verboseReply = options.verbose;
+  auto answer = session.client().request(request);
+  if (!answer) return busFailure("Request", answer.error());
+  const QueryAnswer& result = answer.value();
+  if (options.json) {
+    printJson({{"queryId", result.queryId},
+               {"reply", result.reply ? replyJson(*result.reply) : json(nullptr)},
+               {"error", errorJson(result.error)}});
+    return result.error ? kExitFailure : kExitOk;
+  }
+  std::cout << "query id " << result.queryId << "\n";
+  if (result.reply) {
+    printSearchResponse(result.reply->rawResponse);
+    if (options.verbose && result.reply->httpRequest) {
+      std::cout << "request: " << result.reply->httpRequest->method << " "
+                << result.reply->httpRequest->url << "\n";
+      printHeaders(result.reply->httpRequest->headers);
+    }
+    if (options.verbose && result.reply->httpResponse) {
+      std::cout << "response: " << result.reply->httpResponse->statusCode << " from "
+                << result.reply->httpResponse->url << "\n";
+      printHeaders(result.reply->httpResponse->headers);
+    }
+  } else if (!result.error) {
+    std::cout << "no reply (nothing to show, or a newer query superseded this one)\n";
+  }
+  if (result.error) {
+    std::cerr << "orvexctl: search failed: " << describeError(*result.error) << "\n";
+    return kExitFailure;
+  }
+  return kExitOk;
+}
+
+int runSessions(Session& session, const Options& options) {
+  auto sessions = session.client().listSessions();
+  if (!sessions) return busFailure("ListSessions", sessions.error());
+  auto field = [](const std::map<std::string, std::string>& entry, const std::string& key) {
+    auto it = entry.find(key);
+    return it == entry.end() ? std::string() : it->second;
+  };
+  if (options.json) {
+    json out = json::array();
+    for (const auto& entry : sessions.value()) out.push_back(entry);
+    printJson(out);
+    return kExitOk;
+  }
+  size_t width = std::string_view("IDENTIFIER").size();
+  for (const auto& entry : sessions.value())
+    width = std::max(width, field(entry, "identifier").size());
+  auto row = [&](const std::string& identifier, const std::string& agent) {
+    std::cout << identifier << std::string(width - identifier.size() + 2, ' ') << agent << "\n";
+  };
+  row("IDENTIFIER", "AGENT");
+  for (const auto& entry : sessions.value()) row(field(entry, "identifier"), field(entry, "agent"));
+  return kExitOk;
+}
+
+int runCounters(Session& session, const Options& options) {
+  const std::string prefix = options.arguments.empty() ? "" : options.arguments[0];
+  auto counters = session.client().counters();
+  if (!counters) return busFailure("GetCounters", counters.error());
+  std::map<std::string, int64_t> shown;  // std::map: sorted by name
+  for (const auto& [name, value] : counters.value()) {
+    if (name.starts_with(prefix)) shown.emplace(name, value);
+  }
+  if (options.json) {
+    printJson(shown);
+    return kExitOk;
+  }
+  size_t width = 0;
+  for (const auto& entry : shown) width = std::max(width, entry.first.size());
+  for (const auto& [name, value] : shown) {
+    std::cout << name << std::string(width - name.size() + 2, ' ') << value << "\n";
+  }
+  return kExitOk;
+}
+
+int runFeedback(Session& session, const Options&) {
+  auto records = session.client().feedback();
+  if (!records) return busFailure("Feedback", records.error());
+  auto parsed = json::parse(records.value(), nullptr, false);
+  if (parsed.is_discarded()) {
+    std::cerr << "orvexctl: the daemon's feedback is not JSON\n";
+    std::cout << records.value() << "\n";
+    return kExitFailure;
+  }
+  printJson(parsed);  // JSON either way
+  return kExitOk;
+}
+
+std::string readInput(const std::string& path) {
+  std::ostringstream text;
+  if (path == "-") {
+    text << std::cin.rdbuf();
+    return text.str();
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw UsageError{"cannot read " + path};
+  text << file.rdbuf();
+  return text.str();
+}
+
+// Reads and checks the record `report` sends, so that a bad one never reaches the bus.
+FeedbackRecordPtr loadRecord(const std::string& path) {
+  const auto record = NBFeedback::fromDBusText(readInput(path));
+  if (!record) {
+    throw UsageError{(path == "-" ? std::string("standard input") : path) +
+                     " is not a feedback record: " + record.error().reason};
+  }
+  return record.value();
+}
+
+int runReport(Session& session, const Options& options) {
+  const auto& feedback = *options.record;
+  const std::string event = options.event.value_or(std::string(feedback.className()));
+  const int64_t queryId = options.queryId.value_or(0);
+  auto sent = session.client().reportEvent(event, queryId, feedback);
+  if (!sent) return busFailure("ReportEvent", sent.error());
+  // ReportEvent has no reply; a round trip after it makes sure it reached the daemon before the
+  // connection (and with it the client) goes away.
+  auto ping = session.client().ping();
+  if (!ping) return busFailure("Ping", ping.error());
+  if (options.json) {
+    printJson({{"reported", feedback.className()}, {"event", event}, {"queryId", queryId}});
+  } else {
+    std::cout << "reported " << feedback.className() << " (event \"" << event << "\", query id "
+              << queryId << ")\n";
+  }
+  return kExitOk;
+}
+
+struct Command {
+  std::string_view name;
+  int (*run)(Session&, const Options&);
+  size_t minArguments;
+  size_t maxArguments;
+  std::string_view usage;
+};
+
+constexpr Command kCommands[] = {
+    {"configure", runConfigure, 0, 0, "configure"},
+    {"bag", runBag, 0, 0, "bag"},
+    {"search", runSearch, 1, 1, "search QUERY [--query-id N] [--verbose]"},
+    {"sessions", runSessions, 0, 0, "sessions"},
+    {"counters", runCounters, 0, 1, "counters [PREFIX]"},
+    {"feedback", runFeedback, 0, 0, "feedback"},
+    {"report", runReport, 1, 1, "report FILE|- [--event NAME] [--query-id N]"},
+};
+
+int run(int argc, char** argv) {
+  Options options;
+  const Command* command = nullptr;
+  try {
+    options = parseCommandLine(argc, argv);
+    if (options.help) {
+      std::cout << kHelp;
+      return kExitOk;
+    }
+    if (options.command.empty()) throw UsageError{"no command given"};
+    for (const auto& candidate : kCommands) {
+      if (candidate.name == options.command) command = &candidate;
+    }
+    if (command == nullptr) throw UsageError{"unknown command \"" + options.command + "\""};
+    const auto count = options.arguments.size();
+    if (count < command->minArguments || count > command->maxArguments) {
+      throw UsageError{"usage: orvexctl [OPTIONS] " + std::string(command->usage)};
+    }
+    const bool searchOrReport = command->name == "search" || command->name == "report";
+    if (options.queryId && !searchOrReport) throw UsageError{"--query-id is for search and report"};
+    if (options.verbose && command->name != "search") throw UsageError{"--verbose is for search"};
+    if (options.event && command->name != "report") throw UsageError{"--event is for report"};
+
+    if (command->name == "report") options.record = loadRecord(options.arguments[0]);
+
+    Session session(options);
+    if (auto failure = session.open()) return *failure;
+    return command->run(session, options);
+  } catch (const UsageError& error) {
+    std::cerr << "orvexctl: " << error.message << "\n"
+              << "Try 'orvexctl --help' for the commands and options.\n";
+    return kExitUsage;
+  }
+}
+
+}  // namespace
+}  // namespace orvex::ctl
+
+int main(int argc, char** argv) {
+  // The client library logs what it refuses; orvexctl says it itself, once, so the library's
+  // lines stay out of the way unless asked for.
+  if (std::getenv("ORVEXD_LOG_LEVEL") == nullptr) orvex::setLogThreshold(orvex::LogLevel::kFault);
+  return orvex::ctl::run(argc, argv);
+}
