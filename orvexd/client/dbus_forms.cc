@@ -136,6 +136,10 @@ RequestForm requestFromDBus(const Dict& form) {
   std::string kind;
   reader.read("kind", kind);
   const auto parsedKind = kindFromName(kind);
+  if (!reader.problem().empty()) {
+    result.problem = reader.problem();
+    return result;
+  }
   if (!parsedKind) {
     result.unknownKind = true;
     return result;

@@ -17,6 +17,7 @@
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/text_util.h"
 #include "orvexd/platform/uuid.h"
+#include "orvexd/query/query_cache.h"
 
 namespace orvex {
 
@@ -63,6 +64,7 @@ ClientState::ClientState(std::string identifier, Assembly& assembly)
     cachingLog().info("query cache OFF for %@", identifier_);
   } else {
     cachingLog().debug("query cache ON for %@", identifier_);
+    queryCache_ = std::make_unique<QueryCache>(assembly_);
   }
   if (assembly_.sharedSession) {
     sessionLog().info("Orvex is using shared instance of guid controller");
@@ -115,6 +117,8 @@ void ClientState::bag(const std::string& userAgent, const BagReply& reply) {
     if (!userAgent.empty() && userAgent != userAgent_) {
       userAgent_ = userAgent;
       if (bag_) bag_ = ORVBag::initWithDictionary(bag_->rawBag(), userAgent_);
+      // Answers cached for the old user agent are not answers for the new one.
+      if (queryCache_) queryCache_->removeAllObjects();
     }
     hasUserAgent = !userAgent_.empty();
   }
@@ -416,10 +420,36 @@ void ClientState::failSearchFeedback(
   endNetworkFeedback(start, nullptr, responseSize, statusCode, timing, request);
 }
 
-bool ClientState::serveFromCache(const ORVRequest&, const QueryReply&) { return false; }
+bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& reply) {
+  if (!queryCache_ || !request.queryItems.empty()) return false;
+  auto cached = queryCache_->getRequest(request);
+  if (!cached) return false;
+  ORVReply answer = makeReply(request, &cached->request(), nullptr);
+  answer.rawResponse = nlohmann::json::array({cached->resultSet()}).dump();
+  reply(request.queryId, std::move(answer), std::nullopt);
+  if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixOnDeviceCacheHits)) {
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
+  }
+  auto hit = std::make_shared<ORVCacheHitFeedback>();
+  hit->timestamp = monotonicNanoseconds(*assembly_.clock);
+  hit->triggerEvent = ORVSkipSearchFeedback::kCacheHit;
+  hit->input = request.queryString;
+  hit->uuid = cached->uuid().upperString();
+  addFeedback(std::move(hit), request);
+  return true;
+}
 
-void ClientState::cacheResponse(const nlohmann::json&, const HttpRequest&, const std::string&,
-                                const std::string&) {}
+void ClientState::cacheResponse(const nlohmann::json& response, const HttpRequest& request,
+                                const std::string& input, const std::string& uuid) {
+  if (!queryCache_ || !response.is_object()) return;
+  if (auto status = response.find("status");
+      status != response.end() && status->is_string() && *status == "ERROR") {
+    return;
+  }
+  queryCache_->set(CachedResultSet(input, request, response,
+                                   Uuid::fromString(uuid).value_or(Uuid::random()),
+                                   assembly_.clock->wallNow()));
+}
 
 void ClientState::zeroKeyword(const ORVRequest& request, QueryReply reply) {
   unsupported(request, reply);

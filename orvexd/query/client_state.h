@@ -36,6 +36,7 @@ namespace orvex {
 
 class Assembly;
 class GUIDController;
+class QueryCache;
 class SessionManager;
 
 // Answers a query: the request's query id, the answer (none when there is nothing to show) and
@@ -60,6 +61,7 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   const std::optional<std::string>& clientShortName() const { return clientShortName_; }
   const std::shared_ptr<GUIDController>& guidController() const { return guidController_; }
   const std::shared_ptr<SessionManager>& sessionManager() const { return sessionManager_; }
+  QueryCache* queryCache() const { return queryCache_.get(); }
 
   std::optional<ORVSessionConfiguration> configuration() const;
   void setConfiguration(ORVSessionConfiguration configuration);
@@ -121,6 +123,7 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   const std::optional<std::string> clientShortName_;
   std::shared_ptr<GUIDController> guidController_;
   std::shared_ptr<SessionManager> sessionManager_;
+  std::unique_ptr<QueryCache> queryCache_;  // none with "ORVNoQueryCache"
   CountingSemaphore bagFetchSemaphore_;
 
   mutable std::mutex mutex_;

@@ -1,0 +1,185 @@
+// Searches through the real daemon against the reference back-end's WordNet answers: network,
+// then the query cache; query items; the bag checks and their records; supersession; and the
+// back-end asking for a newer bag.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/daemon_harness.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+
+constexpr const char* kBag = R"({"version": "7", "enabled": true, "min_query_length": 2,
+  "feedback_enabled": true, "search_url": "${BASE_URL}/search"})";
+
+const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
+
+ORVRequest search(int64_t queryId, std::string query) {
+  ORVRequest request;
+  request.queryId = queryId;
+  request.clientQueryId = static_cast<uint64_t>(queryId);
+  request.queryString = std::move(query);
+  request.keyboardInputMode = "en_US";
+  request.scale = 2;
+  return request;
+}
+
+// The answer's JSON; a cache hit holds the cached answer in an array of one.
+Json raw(const QueryAnswer& answer) {
+  return answer.reply ? Json::parse(answer.reply->rawResponse) : Json();
+}
+
+TEST(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenComeFromTheCache) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+
+  auto first = client->request(search(1, "weath"));
+  ASSERT_TRUE(first);
+  ASSERT_FALSE(first.value().error) << first.value().error->describe();
+  const Json answer = raw(first.value());
+  ASSERT_TRUE(answer.is_object()) << answer;
+  const std::string completed = answer["query"];
+  EXPECT_TRUE(completed.starts_with("weath")) << completed;
+  EXPECT_FALSE(answer["results"].empty());
+  EXPECT_EQ(harness.backend().requestCount("search"), 1u);
+
+  // Typing on within the completed query: answered from the cache, no request goes out.
+  auto second = client->request(search(2, completed.substr(0, 6)));
+  ASSERT_TRUE(second);
+  const Json cached = raw(second.value());
+  ASSERT_TRUE(cached.is_array()) << cached;
+  EXPECT_EQ(cached[0]["query"], completed);
+  EXPECT_EQ(harness.backend().requestCount("search"), 1u);
+  EXPECT_EQ(harness.counter("com.zelmor.orvexd.glance.ondevicecachehits"), 1);
+
+  // Query items always go to the network, and so does a prefix nothing covers yet.
+  auto withItems = search(3, completed.substr(0, 6));
+  withItems.queryItems = {{"src", "test"}};
+  ASSERT_TRUE(client->request(withItems));
+  EXPECT_EQ(harness.backend().requestCount("search"), 2u);
+  ASSERT_TRUE(client->request(search(4, "zebr")));
+  EXPECT_EQ(harness.backend().requestCount("search"), 3u);
+
+  // The records of it all: a network start and end per request, and the cache hit.
+  auto feedback = client->feedback();
+  ASSERT_TRUE(feedback);
+  const Json records = Json::parse(feedback.value());
+  size_t starts = 0, hits = 0;
+  for (const auto& record : records) {
+    if (record.value("endpoint_type", "") == "orvex_search") ++starts;
+    if (record.dump().find("cache_hit") != std::string::npos) ++hits;
+  }
+  EXPECT_EQ(starts, 3u) << records.dump(1);
+  EXPECT_EQ(hits, 1u) << records.dump(1);
+}
+
+TEST(SearchTest, SkippedSearchesAnswerNothingAndSayWhy) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+
+  auto tooShort = client->request(search(1, "w"));
+  ASSERT_TRUE(tooShort);
+  EXPECT_EQ(tooShort.value().queryId, 1);
+  EXPECT_FALSE(tooShort.value().reply);
+  EXPECT_FALSE(tooShort.value().error);
+  EXPECT_EQ(harness.backend().requestCount("search"), 0u);
+  auto feedback = client->feedback();
+  ASSERT_TRUE(feedback);
+  EXPECT_NE(feedback.value().find("less_than_minimum_query_length"), std::string::npos)
+      << feedback.value();
+
+  // The back-end switches search off; the next bag the daemon fetches says so.
+  testing::DaemonHarness disabled(
+      R"({"version": "1", "enabled": false, "feedback_enabled": true})");
+  disabled.start();
+  auto other = disabled.client();
+  ASSERT_TRUE(other->configure(kGlance));
+  auto skipped = other->request(search(1, "weather"));
+  ASSERT_TRUE(skipped);
+  EXPECT_FALSE(skipped.value().reply);
+  EXPECT_FALSE(skipped.value().error);
+  EXPECT_NE(other->feedback().value().find("bag_disabled"), std::string::npos);
+}
+
+TEST(SearchTest, WithoutABagWithinASecondTheSearchTimesOut) {
+  testing::DaemonHarness harness(kBag);
+  harness.backend().setFault("bag", {{"delay_ms", 5000}});
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+  auto answer = client->request(search(1, "weather"));
+  ASSERT_TRUE(answer);
+  EXPECT_FALSE(answer.value().reply);
+  ASSERT_TRUE(answer.value().error);
+  EXPECT_EQ(answer.value().error->code, 1);
+  EXPECT_EQ(answer.value().error->reason, "timeout");
+  EXPECT_NE(harness.daemonLog().find("Bag fetch failed, can't complete non-cached query weather."),
+            std::string::npos);
+}
+
+TEST(SearchTest, AnOlderSearchStillInFlightIsAnsweredEmptyOnceANewerOneWasAccepted) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+  ASSERT_TRUE(client->bag());  // the bag is in before the race starts
+
+  harness.backend().setFault("search", {{"delay_ms", 600}, {"count", 1}});
+  std::promise<ClientResult<QueryAnswer>> slow;
+  client->requestAsync(search(5, "weath"), [&](ClientResult<QueryAnswer> answer) {
+    slow.set_value(std::move(answer));
+  });
+  ASSERT_TRUE(harness.backend().waitForRequests("search", 1, 5s));
+  auto newer = client->request(search(6, "zebr"));
+  ASSERT_TRUE(newer);
+  EXPECT_TRUE(newer.value().reply);
+
+  auto older = slow.get_future().get();
+  ASSERT_TRUE(older);
+  EXPECT_EQ(older.value().queryId, 5);
+  EXPECT_FALSE(older.value().reply);
+  EXPECT_FALSE(older.value().error);
+}
+
+TEST(SearchTest, ABackEndAnnouncingANewerBagMakesTheDaemonFetchIt) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+  ASSERT_TRUE(harness.backend().waitForRequests("bag", 1, 5s));
+
+  // Not JSON: logged, nothing else happens.
+  harness.backend().setFault("search",
+                             {{"headers", {{"X-Zelmor-ForceFetch", "not json"}}}, {"count", 1}});
+  ASSERT_TRUE(client->request(search(1, "weath")));
+  EXPECT_NE(
+      harness.daemonLog().find(
+          "Failed to deserialize X-Zelmor-ForceFetch header data into a dictionary: not json"),
+      std::string::npos);
+
+  harness.backend().setFault(
+      "search", {{"headers", {{"X-Zelmor-ForceFetch", R"({"bag": 8})"}}}, {"count", 1}});
+  ASSERT_TRUE(client->request(search(2, "zebr")));
+  ASSERT_TRUE(harness.backend().waitForRequests("bag", 2, 5s));
+  const auto requests = harness.backend().requests();
+  bool askedForEight = false;
+  for (const auto& request : requests) {
+    if (request.endpoint != "bag") continue;
+    for (const auto& [name, value] : request.queryItems) {
+      askedForEight |= name == "version" && value == "8";
+    }
+  }
+  EXPECT_TRUE(askedForEight);
+}
+
+}  // namespace
+}  // namespace orvex
