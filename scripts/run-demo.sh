@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh build
 cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc)" --target orvexd orvex-backend
+cmake --build --preset default -j "$(nproc)" --target orvexd orvex-backend orvexctl
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/orvexd-demo-XXXXXX")
 bus_pid=""
@@ -82,6 +82,14 @@ echo
 echo "\$ busctl --address=\$DBUS_SESSION_BUS_ADDRESS call com.zelmor.orvexd /com/zelmor/orvexd com.zelmor.orvexd.Diagnostics GetCounters"
 busctl --address="$DBUS_SESSION_BUS_ADDRESS" --json=pretty call com.zelmor.orvexd \
   /com/zelmor/orvexd com.zelmor.orvexd.Diagnostics GetCounters
+
+# A front-end typing "weath", then "weathe": the first goes to the back-end, the second is
+# answered from the daemon's query cache (the back-end's log above shows one search request).
+for query in weath weathe; do
+  echo
+  echo "\$ orvexctl search $query"
+  build/bin/orvexctl --address "$DBUS_SESSION_BUS_ADDRESS" search "$query"
+done
 
 if [[ -t 0 ]]; then
   echo
