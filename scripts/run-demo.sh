@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds orvexd and the reference back-end, runs the back-end on loopback and the daemon on a
 # private session bus pointed at it: shows that the daemon owns com.zelmor.orvexd, the bag it
-# fetched from the back-end and its counters, then leaves both running until you press Enter
-# (or Ctrl-C).
+# fetched from the back-end, its counters and two searches through orvexctl, then leaves both
+# running until you press Enter (or Ctrl-C).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
