@@ -54,19 +54,22 @@ QueryReply traced(TraceCode end, QueryReply reply) {
 std::shared_ptr<ClientConnection> ClientConnection::create(Assembly& assembly,
                                                            std::shared_ptr<ClientIpc> remoteObject,
                                                            ClientPeer peer,
-                                                           std::function<void()> invalidate) {
+                                                           std::function<void()> invalidate,
+                                                           WorkerPool& callPool) {
   return std::shared_ptr<ClientConnection>(new ClientConnection(
-      assembly, std::move(remoteObject), std::move(peer), std::move(invalidate)));
+      assembly, std::move(remoteObject), std::move(peer), std::move(invalidate), callPool));
 }
 
 ClientConnection::ClientConnection(Assembly& assembly, std::shared_ptr<ClientIpc> remoteObject,
-                                   ClientPeer peer, std::function<void()> invalidate)
+                                   ClientPeer peer, std::function<void()> invalidate,
+                                   WorkerPool& callPool)
     : assembly_(assembly),
       clientStateManager_(assembly.clientStateManager),
       remoteObject_(std::move(remoteObject)),
       peer_(std::move(peer)),
       invalidate_(std::move(invalidate)),
-      callQueue_("com.zelmor.orvexd.clientconnection", *assembly.workerPool, *assembly.clock) {}
+      callPool_(callPool),
+      callQueue_("com.zelmor.orvexd.clientconnection", callPool, *assembly.clock) {}
 
 ClientConnection::~ClientConnection() = default;
 
@@ -79,6 +82,13 @@ std::shared_ptr<ClientState> ClientConnection::state() const {
   std::lock_guard lock(mutex_);
   return state_;
 }
+
+bool ClientConnection::answersWithoutWaiting() const {
+  auto state = this->state();
+  return state && state->bag() != nullptr;
+}
+
+void ClientConnection::dropRequest() { ensureState(); }
 
 void ClientConnection::ensureState() {
   const auto configuration = this->configuration();
@@ -105,9 +115,8 @@ void ClientConnection::ensureState() {
 }
 
 void ClientConnection::configure(ORVSessionConfiguration configuration, ConfigureReply reply) {
-  sessionLog().info("client configuration %@", "{identifier = " + configuration.identifier +
-                                                   ", userAgent = " + configuration.userAgent +
-                                                   "}");
+  sessionLog().log("client configuration %@", "{identifier = " + configuration.identifier +
+                                                  ", userAgent = " + configuration.userAgent + "}");
   {
     std::lock_guard lock(mutex_);
     configuration_ = configuration;
@@ -122,13 +131,15 @@ void ClientConnection::configure(ORVSessionConfiguration configuration, Configur
     reply(std::nullopt);
     return;
   }
+  // The endpoint does not wait for the bag, which may take a second to arrive.
+  reply(clientStateManager_->endpoint());
   std::weak_ptr<ClientConnection> weakSelf = weak_from_this();
   state->bag(configuration.userAgent, [weakSelf, userAgent = configuration.userAgent](
                                           std::shared_ptr<const ORVBag> bag,
                                           std::optional<OrvexError> error) {
     auto self = weakSelf.lock();
     if (!self) return;
-    if (bag && !bag->feedbackEnabled()) {
+    if (!bag || !bag->feedbackEnabled()) {
       OrvexLogForCategory(kOrvexLogFeedback)
           .info("feedback collection disabled in bag for user agent %@", userAgent);
     }
@@ -148,7 +159,6 @@ void ClientConnection::configure(ORVSessionConfiguration configuration, Configur
     }
     if (self->clientStateManager_) self->clientStateManager_->saveState();
   });
-  reply(clientStateManager_->endpoint());
 }
 
 void ClientConnection::bagChangeNotification(const Notification& notification) {

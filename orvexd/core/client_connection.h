@@ -8,7 +8,9 @@
 // feedback into its session.
 //
 // Threading: the service runs every call of one client on that client's queue (callQueue(), so
-// its feedback keeps its order); replies are callbacks, which may run on any thread.
+// its feedback keeps its order), except queries: they run side by side on the call pool (a
+// search waiting for the first bag must not hold up a newer one), or at once on the bus thread
+// when nothing can make them wait. Replies are callbacks, which may run on any thread.
 // currentQueryId_ is atomic and only grows; configuration_ and state_ are atomic properties
 // guarded by mutex_.
 #pragma once
@@ -64,25 +66,34 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
                                              std::optional<OrvexError>)>;
 
   // `invalidate` ends the connection from the daemon's side (an invalid configuration).
+  // The connection's calls run on `callPool`, apart from the components' pool, so that clients
+  // waiting for a bag never hold up the components that deliver it.
   static std::shared_ptr<ClientConnection> create(Assembly& assembly,
                                                   std::shared_ptr<ClientIpc> remoteObject,
-                                                  ClientPeer peer,
-                                                  std::function<void()> invalidate);
+                                                  ClientPeer peer, std::function<void()> invalidate,
+                                                  WorkerPool& callPool);
   ~ClientConnection();
   ClientConnection(const ClientConnection&) = delete;
   ClientConnection& operator=(const ClientConnection&) = delete;
 
   const ClientPeer& peer() const { return peer_; }
   const SerialQueue& callQueue() const { return callQueue_; }
+  WorkerPool& callPool() const { return callPool_; }
   int64_t currentQueryId() const { return currentQueryId_.load(); }
   std::optional<ORVSessionConfiguration> configuration() const;
   std::shared_ptr<ClientState> state() const;
+  // Whether a query can be handled without waiting for anything: the connection is bound and
+  // its state holds a bag (so no bag fetch can block it).
+  bool answersWithoutWaiting() const;
 
   // The client's calls.
   void configure(ORVSessionConfiguration configuration, ConfigureReply reply);
   void bag(BagReply reply);
   // A request whose reply is dropped gets none; `reply` may be empty (the client wants none).
   void request(ORVRequest request, QueryReply reply);
+  // A request of a kind the daemon does not know: it binds the connection like any call, and
+  // gets no reply.
+  void dropRequest();
   void reportEvent(const std::string& event, int64_t queryId, FeedbackRecordPtr feedback);
   void feedback(const std::string& ignored, FeedbackReply reply);
   void listenToFlusher(std::function<void(std::string endpoint)> reply);
@@ -98,7 +109,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
 
  private:
   ClientConnection(Assembly& assembly, std::shared_ptr<ClientIpc> remoteObject, ClientPeer peer,
-                   std::function<void()> invalidate);
+                   std::function<void()> invalidate, WorkerPool& callPool);
 
   void ensureState();
   void fillRequestDefaults(ORVRequest& request) const;
@@ -115,6 +126,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   const std::shared_ptr<ClientIpc> remoteObject_;
   const ClientPeer peer_;
   const std::function<void()> invalidate_;
+  WorkerPool& callPool_;
   SerialQueue callQueue_;  // "com.zelmor.orvexd.clientconnection"
   std::atomic<int64_t> currentQueryId_{0};
 

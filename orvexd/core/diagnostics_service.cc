@@ -33,8 +33,7 @@ DiagnosticsService::DiagnosticsService(sdbus::IConnection& connection, Assembly&
       .withOutputParamNames("bag")
       .implementedAs([&assembly]() -> std::string {
         return runBusHandler("GetBag", [&assembly] {
-          const auto bag =
-              assembly.bagController ? assembly.bagController->currentBag() : nullptr;
+          const auto bag = assembly.bagController ? assembly.bagController->currentBag() : nullptr;
           return bag ? bag->rawBag().dump() : std::string();
         });
       });

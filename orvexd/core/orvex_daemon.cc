@@ -168,7 +168,6 @@ int OrvexDaemon::run() {
 
   auto bagController = std::make_shared<OrvexBagController>(*assembly_);
   assembly_->bagController = bagController;
-  bagController->start();
 
   // Session files first: the sessions open theirs from the first record on.
   assembly_->persistentStorage =
@@ -181,6 +180,8 @@ int OrvexDaemon::run() {
   // manager); the persisted client states are made once it has, so they bind to those.
   service_ = std::make_shared<OrvexService>(*assembly_, *bus_);
   clientStateManager->start();
+  // Started once the session manager exists, so that a fetch at start is recorded too.
+  bagController->start();
 
   // Exported before the name is owned, so that a call that activated the daemon finds it.
   service_->start();

@@ -18,6 +18,7 @@
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
 #include "orvexd/platform/text_util.h"
+#include "orvexd/platform/unique_fd.h"
 
 namespace orvex {
 
@@ -36,11 +37,10 @@ class BusClientIpc final : public ClientIpc {
 
   void bagDidLoad(std::shared_ptr<const ORVBag> bag, std::optional<OrvexError> error) override {
     std::string text = bag ? bag->rawBag().dump() : std::string();
-    bus_.post([object = object_, client = client_, pid = pid_, text = std::move(text),
-               error = dbus::toDBus(error)] {
+    bus_.post([object = object_, client = client_, pid = pid_, text = std::move(text), error] {
       try {
         auto signal = object->createSignal(kOrvexDaemonInterface, "BagDidLoad");
-        signal << text << error;
+        signal << text << dbus::toDBus(error);
         signal.setDestination(client);
         object->emitSignal(signal);
       } catch (const sdbus::Error& e) {
@@ -146,6 +146,7 @@ std::string feedbacksAsJson(const std::vector<OrvexFeedback>& feedbacks) {
 OrvexService::OrvexService(Assembly& assembly, BusConnection& bus)
     : assembly_(assembly),
       bus_(bus),
+      callPool_(kCallThreads),
       queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock) {
   assembly_.sharedSession = assembly_.userDefaults->boolForKey(kORVSharedSessionKey);
   assembly_.guidController = std::make_shared<OrvexUserGUIDController>(assembly_);
@@ -208,7 +209,7 @@ std::shared_ptr<ClientConnection> OrvexService::accept(const std::string& unique
   };
   auto connection =
       ClientConnection::create(assembly_, std::move(remote), ClientPeer{uniqueName, pid, clientId},
-                               std::move(invalidateFromDaemon));
+                               std::move(invalidateFromDaemon), callPool_);
   live_[uniqueName] = connection;
   queue_.async([weakSelf, connection, pid] {
     auto self = weakSelf.lock();
@@ -261,7 +262,12 @@ void OrvexService::watchNameOwners() {
       .onInterface("org.freedesktop.DBus")
       .call([weakSelf](const std::string& name, const std::string&, const std::string& newOwner) {
         if (!newOwner.empty() || !name.starts_with(':')) return;
-        if (auto self = weakSelf.lock()) self->invalidate(name);
+        auto self = weakSelf.lock();
+        if (!self) return;
+        self->invalidate(name);
+        if (self->assembly_.clientStateManager) {
+          self->assembly_.clientStateManager->endpointCallerGone(name);
+        }
       });
   busDriver_->finishRegistration();
 }
@@ -280,6 +286,22 @@ void OrvexService::exportDaemonInterface() {
     auto connection = self->connectionForCall(static_cast<const sdbus::MethodCall&>(*message));
     connection->callQueue().async([connection, job = std::move(job)]() mutable {
       runBusHandler("client call", [&] { job(*connection); });
+    });
+  };
+  // Queries run side by side on the call pool, or here on the bus thread when nothing can make
+  // them wait (ClientConnection::answersWithoutWaiting): a search answered from the cache then
+  // costs no thread hop at all.
+  auto dispatchQuery = [weakSelf, object](auto job) {
+    auto self = weakSelf.lock();
+    if (!self) return;
+    const auto* message = object->getCurrentlyProcessedMessage();
+    auto connection = self->connectionForCall(static_cast<const sdbus::MethodCall&>(*message));
+    if (connection->answersWithoutWaiting()) {
+      runBusHandler("client query", [&] { job(*connection); });
+      return;
+    }
+    connection->callPool().post([connection, job = std::move(job)]() mutable {
+      runBusHandler("client query", [&] { job(*connection); });
     });
   };
 
@@ -316,7 +338,9 @@ void OrvexService::exportDaemonInterface() {
           BusReply<std::string, Dict> reply(bus, std::move(result));
           dispatch([reply](ClientConnection& c) {
             c.bag([reply](std::shared_ptr<const ORVBag> bag, std::optional<OrvexError> error) {
-              reply.send(bag ? bag->rawBag().dump() : std::string(), dbus::toDBus(error));
+              reply.sendFrom([text = bag ? bag->rawBag().dump() : std::string(), error] {
+                return std::make_tuple(text, dbus::toDBus(error));
+              });
             });
           });
         });
@@ -326,7 +350,8 @@ void OrvexService::exportDaemonInterface() {
       .onInterface(kOrvexDaemonInterface)
       .withInputParamNames("request")
       .withOutputParamNames("query_id", "reply", "error")
-      .implementedAs([dispatch, &bus](sdbus::Result<int64_t, Dict, Dict>&& result, Dict form) {
+      .implementedAs([dispatch, dispatchQuery, &bus](sdbus::Result<int64_t, Dict, Dict>&& result,
+                                                     const Dict& form) {
         runBusHandler("Request", [&] {
           BusReply<int64_t, Dict, Dict> reply(bus, std::move(result));
           auto parsed = dbus::requestFromDBus(form);
@@ -336,11 +361,16 @@ void OrvexService::exportDaemonInterface() {
           }
           // A request of a kind the daemon does not know is still the client's call (it binds
           // the connection) but gets no reply.
-          dispatch([reply, request = std::move(parsed.request)](ClientConnection& c) {
-            if (!request) return;
-            c.request(*request, [reply](int64_t queryId, std::optional<ORVReply> answer,
-                                        std::optional<OrvexError> error) {
-              reply.send(queryId, dbus::toDBus(answer), dbus::toDBus(error));
+          if (!parsed.request) {
+            dispatch([](ClientConnection& c) { c.dropRequest(); });
+            return;
+          }
+          dispatchQuery([reply, request = std::move(*parsed.request)](ClientConnection& c) {
+            c.request(request, [reply](int64_t queryId, std::optional<ORVReply> answer,
+                                       std::optional<OrvexError> error) {
+              reply.sendFrom([queryId, answer = std::move(answer), error] {
+                return std::make_tuple(queryId, dbus::toDBus(answer), dbus::toDBus(error));
+              });
             });
           });
         });
@@ -372,7 +402,9 @@ void OrvexService::exportDaemonInterface() {
               dispatch([reply, ignored](ClientConnection& c) {
                 c.feedback(ignored, [reply](std::vector<OrvexFeedback> feedbacks,
                                             std::optional<OrvexError> error) {
-                  reply.send(feedbacksAsJson(feedbacks), dbus::toDBus(error));
+                  reply.sendFrom([text = feedbacksAsJson(feedbacks), error] {
+                    return std::make_tuple(text, dbus::toDBus(error));
+                  });
                 });
               });
             });
@@ -418,16 +450,22 @@ void OrvexService::exportDaemonInterface() {
                 c.fileHandleAndAttributesForResource(
                     identifier, [reply](std::optional<int> fd, PlistDictionary attributes,
                                         std::optional<OrvexError> error) {
-                      std::vector<sdbus::UnixFd> handles;
-                      if (fd) handles.emplace_back(*fd, sdbus::adopt_fd);
-                      Dict attributeForm;
-                      for (const auto& [key, value] : attributes) {
-                        if (const auto* text = value.asString())
-                          attributeForm[key] = sdbus::Variant(*text);
-                        else if (auto number = value.asInteger())
-                          attributeForm[key] = sdbus::Variant(*number);
-                      }
-                      reply.send(std::move(handles), std::move(attributeForm), dbus::toDBus(error));
+                      // The descriptor is owned until the bus thread has sent it.
+                      auto owned = std::make_shared<UniqueFd>(fd.value_or(-1));
+                      reply.sendFrom([owned, attributes = std::move(attributes), error] {
+                        std::vector<sdbus::UnixFd> handles;
+                        if (*owned) handles.emplace_back(owned->release(), sdbus::adopt_fd);
+                        Dict attributeForm;
+                        for (const auto& [key, value] : attributes) {
+                          if (const auto* text = value.asString()) {
+                            attributeForm[key] = sdbus::Variant(*text);
+                          } else if (auto number = value.asInteger()) {
+                            attributeForm[key] = sdbus::Variant(*number);
+                          }
+                        }
+                        return std::make_tuple(std::move(handles), std::move(attributeForm),
+                                               dbus::toDBus(error));
+                      });
                     });
               });
             });

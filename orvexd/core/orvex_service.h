@@ -8,9 +8,11 @@
 // logged.
 //
 // Calls arrive on the bus thread. The service reads what it needs from the message there (the
-// sender, its process id), then runs the call on the client's own queue, so one client's calls
-// keep their order and a slow one never holds up the bus. Replies and signals are sent back on
-// the bus thread.
+// sender, its process id, the arguments as plain values), then runs the call on the client's own
+// queue, so one client's calls keep their order and a slow one never holds up the bus; queries
+// run side by side instead (see ClientConnection). Client calls run on the service's own call
+// pool, so that clients blocked waiting for a bag cannot starve the components that fetch it.
+// Replies and signals are sent back on the bus thread.
 //
 // Threading: live_ (the connections by unique name) belongs to the bus thread; connections_,
 // the list in acceptance order, to the service queue "com.zelmor.orvex.serviceQueue".
@@ -26,6 +28,7 @@
 #include <vector>
 
 #include "orvexd/platform/serial_queue.h"
+#include "orvexd/platform/worker_pool.h"
 
 namespace sdbus {
 class IObject;
@@ -69,8 +72,12 @@ class OrvexService : public std::enable_shared_from_this<OrvexService> {
   std::shared_ptr<ClientConnection> accept(const std::string& uniqueName, pid_t pid);
   void invalidate(const std::string& uniqueName);
 
+  // Threads that run the clients' calls, apart from the components' pool.
+  static constexpr size_t kCallThreads = 4;
+
   Assembly& assembly_;
   BusConnection& bus_;
+  WorkerPool callPool_;
   SerialQueue queue_;                                           // "com.zelmor.orvex.serviceQueue"
   std::vector<std::shared_ptr<ClientConnection>> connections_;  // owned by queue_
   std::map<std::string, std::shared_ptr<ClientConnection>> live_;  // bus thread

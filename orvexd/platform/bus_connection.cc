@@ -81,6 +81,14 @@ void BusConnection::post(std::function<void()> job) {
   (void)!::write(wakeup_.get(), &one, sizeof one);
 }
 
+void BusConnection::run(std::function<void()> job) {
+  if (isLoopThread()) {
+    job();
+  } else {
+    post(std::move(job));
+  }
+}
+
 void BusConnection::stop() {
   {
     std::lock_guard lock(mutex_);
@@ -105,10 +113,14 @@ bool BusConnection::runPostedJobs() {
 }
 
 void BusConnection::runEventLoop() {
+  loopThread_.store(std::this_thread::get_id());
   for (;;) {
     while (connection_->processPendingRequest()) {
     }
-    if (!runPostedJobs()) return;
+    if (!runPostedJobs()) {
+      loopThread_.store(std::thread::id());
+      return;
+    }
     // A posted job may have queued messages or left requests to process: look again before
     // sleeping, with the bus's current wishes.
     if (connection_->processPendingRequest()) continue;

@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <tuple>
 
 #include "orvexd/core/orvex_logging.h"
@@ -54,6 +55,9 @@ class BusConnection {
   // Runs `job` on the event-loop thread, after the jobs posted before it. Callable from any
   // thread; jobs posted while no loop runs wait for one.
   void post(std::function<void()> job);
+  // Runs `job` now when called on the event-loop thread, else as post() does.
+  void run(std::function<void()> job);
+  bool isLoopThread() const { return loopThread_.load() == std::this_thread::get_id(); }
 
  private:
   // Runs the jobs posted so far; false once stop() was called.
@@ -64,6 +68,7 @@ class BusConnection {
   std::mutex mutex_;  // guards jobs_ and stopping_
   std::deque<std::function<void()>> jobs_;
   bool stopping_ = false;
+  std::atomic<std::thread::id> loopThread_;  // set while runEventLoop() runs
 };
 
 // Runs a member handler. An sdbus::Error passes through as the reply's error; any other
@@ -83,26 +88,41 @@ auto runBusHandler(std::string_view member, F&& handler) -> decltype(handler()) 
   }
 }
 
-// The reply to one asynchronous method call, which any thread may send: the reply is handed to
-// the bus thread. Copies share the call; only the first reply of all copies is sent, and a call
-// whose replies are all dropped gets no reply at all (the daemon's way of ignoring a request).
+// The reply to one asynchronous method call, which any thread may send. sd-bus messages belong
+// to the bus thread (their reference counts are not atomic), so everything that touches the
+// call happens there: the reply is built and sent there, from plain values, and the call itself
+// is released there even when the last copy of the BusReply dies elsewhere. Copies share the
+// call; only the first reply of all copies is sent, and a call whose replies are all dropped gets
+// no reply at all (the daemon's way of ignoring a request).
 template <typename... Results>
 class BusReply {
  public:
   BusReply(BusConnection& bus, sdbus::Result<Results...>&& result)
-      : bus_(&bus), state_(std::make_shared<State>(std::move(result))) {}
+      : state_(std::make_shared<State>(bus, std::move(result))) {}
 
-  void send(Results... results) const {
+  // `make` runs on the bus thread and returns the results as a std::tuple; whatever holds
+  // sd-bus values (variants, file descriptors) must be made there.
+  template <typename F>
+  void sendFrom(F make) const {
     if (state_->replied.exchange(true)) return;
-    bus_->post([state = state_, values = std::make_tuple(std::move(results)...)] {
-      std::apply([&state](const Results&... args) { sendSafely(*state, args...); }, values);
+    state_->bus.run([state = state_, make = std::move(make)] {
+      try {
+        std::apply([&state](const auto&... args) { state->result.returnResults(args...); }, make());
+      } catch (const sdbus::Error& e) {
+        // The caller may have left the bus; that is logged, never thrown.
+        OrvexLogForCategory(kOrvexLogConnection).error("cannot send reply: %@", e.getMessage());
+      }
     });
+  }
+  // For results that hold no sd-bus values.
+  void send(Results... results) const {
+    sendFrom([values = std::make_tuple(std::move(results)...)] { return values; });
   }
   void fail(const std::string& name, const std::string& message) const {
     if (state_->replied.exchange(true)) return;
-    bus_->post([state = state_, error = sdbus::Error(name, message)] {
+    state_->bus.run([state = state_, name, message] {
       try {
-        state->result.returnError(error);
+        state->result.returnError(sdbus::Error(name, message));
       } catch (const sdbus::Error& e) {
         OrvexLogForCategory(kOrvexLogConnection)
             .error("cannot send error reply: %@", e.getMessage());
@@ -112,20 +132,16 @@ class BusReply {
 
  private:
   struct State {
-    explicit State(sdbus::Result<Results...>&& r) : result(std::move(r)) {}
+    State(BusConnection& b, sdbus::Result<Results...>&& r) : bus(b), result(std::move(r)) {}
+    ~State() {
+      if (bus.isLoopThread()) return;
+      bus.post([call = std::make_shared<sdbus::Result<Results...>>(std::move(result))] {});
+    }
+    BusConnection& bus;
     sdbus::Result<Results...> result;
     std::atomic<bool> replied{false};
   };
-  // The caller may have left the bus; that is logged, never thrown.
-  static void sendSafely(State& state, const Results&... args) {
-    try {
-      state.result.returnResults(args...);
-    } catch (const sdbus::Error& e) {
-      OrvexLogForCategory(kOrvexLogConnection).error("cannot send reply: %@", e.getMessage());
-    }
-  }
 
-  BusConnection* bus_;
   std::shared_ptr<State> state_;
 };
 

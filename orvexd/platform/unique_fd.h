@@ -27,6 +27,8 @@ class UniqueFd {
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
   explicit operator bool() const { return valid(); }
+  // Gives up ownership: the caller closes the descriptor.
+  int release() { return std::exchange(fd_, -1); }
 
   // Closes now and reports what close() said, which can be a delayed write error; closing an
   // empty one is no error.

@@ -49,9 +49,10 @@ std::optional<WallTime> expiryFrom(const nlohmann::json& resultSet, WallTime now
   const auto found = resultSet.find("max_age");
   if (found == resultSet.end() || !found->is_number()) return std::nullopt;
   const double seconds = found->get<double>();
-  if (!(seconds > 0)) return std::nullopt;
+  // 0 means "no lifetime"; a negative lifetime has already run out.
+  if (seconds == 0 || std::isnan(seconds)) return std::nullopt;
   // Centuries are as good as never; keep the sum inside the clock's range.
-  const double capped = std::min(seconds, 1e9);
+  const double capped = std::clamp(seconds, -1e9, 1e9);
   return now +
          std::chrono::duration_cast<WallTime::duration>(std::chrono::duration<double>(capped));
 }

@@ -27,9 +27,9 @@ std::size_t queryTextLength(std::string_view text);
 
 class CachedResultSet {
  public:
-  // `now` is the wall time on the cache's clock: the answer's "max_age" (seconds, a positive
-  // number) counts from it. No "max_age", 0, a negative value or one that is not a number: the
-  // entry never expires.
+  // `now` is the wall time on the cache's clock: the answer's "max_age" (seconds) counts from
+  // it, so a negative one has already run out. No "max_age", 0, or one that is not a number:
+  // the entry never expires.
   CachedResultSet(std::string_view input, HttpRequest request, nlohmann::json resultSet, Uuid uuid,
                   WallTime now);
 

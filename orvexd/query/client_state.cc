@@ -354,6 +354,14 @@ void ClientState::searchCompleted(const ORVRequest& request, const HttpRequest& 
                        statusCode, result.timing);
     return;
   }
+  if (!result.response) {
+    searchLog().error("not http response? %@", sent.url);
+    const OrvexError error(dbus::kORVErrorDomain, 500, "invalid response class");
+    reply(request.queryId, std::nullopt, error);
+    failSearchFeedback(error, request, start, static_cast<int64_t>(result.data.size()), statusCode,
+                       result.timing);
+    return;
+  }
   auto parsed = nlohmann::json::parse(result.data, nullptr, false);
   std::optional<OrvexError> parseError;
   ORVReply answer = makeReply(request, &sent, &*result.response);

@@ -111,42 +111,60 @@ std::vector<ClientSessionEntry> OrvexClientStateManager::sessions() {
       .value_or(std::vector<ClientSessionEntry>());
 }
 
+void OrvexClientStateManager::noteEndpointCaller(const sdbus::Message& message) {
+  if (endpointCallers_.insert(message.getSender()).second) {
+    connectionLog().debug("new endpoint connection");
+  }
+}
+
+void OrvexClientStateManager::endpointCallerGone(const std::string& uniqueName) {
+  if (endpointCallers_.erase(uniqueName) > 0)
+    connectionLog().debug("endpoint connection invalidated");
+}
+
 void OrvexClientStateManager::exportEndpoint() {
   endpointObject_ = sdbus::createObject(bus_->connection(), kOrvexEndpointPath);
   std::weak_ptr<OrvexClientStateManager> weakSelf = weak_from_this();
   BusConnection& bus = *bus_;
+  sdbus::IObject* endpointObject = endpointObject_.get();
   endpointObject_->registerMethod("Request")
       .onInterface(kOrvexEndpointInterface)
       .withInputParamNames("request", "configuration")
       .withOutputParamNames("query_id", "reply", "error")
-      .implementedAs([weakSelf, &bus](sdbus::Result<int64_t, dbus::Dict, dbus::Dict>&& result,
-                                      dbus::Dict requestForm, dbus::Dict configurationForm) {
+      .implementedAs([weakSelf, &bus, endpointObject](
+                         sdbus::Result<int64_t, dbus::Dict, dbus::Dict>&& result,
+                         const dbus::Dict& requestForm, const dbus::Dict& configurationForm) {
         runBusHandler("Endpoint.Request", [&] {
           EndpointReply reply(bus, std::move(result));
           auto self = weakSelf.lock();
           if (!self) return;
-          self->assembly_.workerPool->post([self, reply, requestForm = std::move(requestForm),
-                                            configurationForm = std::move(configurationForm)] {
-            auto form = dbus::requestFromDBus(requestForm);
-            if (!form.request) {
-              if (!form.problem.empty()) reply.fail(dbus::kErrorInvalidArgument, form.problem);
-              return;  // an unknown kind is dropped
-            }
-            const ORVRequest& request = *form.request;
-            std::string problem;
-            const auto configuration = dbus::configurationFromDBus(configurationForm, &problem);
+          self->noteEndpointCaller(*endpointObject->getCurrentlyProcessedMessage());
+          // Read on the bus thread: what crosses to the pool are plain values.
+          auto form = dbus::requestFromDBus(requestForm);
+          if (!form.request) {
+            if (!form.problem.empty()) reply.fail(dbus::kErrorInvalidArgument, form.problem);
+            return;  // an unknown kind is dropped
+          }
+          std::string problem;
+          auto configuration = dbus::configurationFromDBus(configurationForm, &problem);
+          self->assembly_.workerPool->post([self, reply, request = std::move(*form.request),
+                                            configuration = std::move(configuration),
+                                            described = describeConfiguration(configurationForm)] {
             auto state =
                 configuration ? self->stateForClientIdentifier(configuration->identifier) : nullptr;
             if (!state) {
-              reply.send(request.queryId, {},
-                         dbus::toDBus(OrvexError(
-                             dbus::kORVErrorDomain, 500,
-                             "invalid configuration " + describeConfiguration(configurationForm))));
+              const OrvexError error(dbus::kORVErrorDomain, 500,
+                                     "invalid configuration " + described);
+              reply.sendFrom([queryId = request.queryId, error] {
+                return std::make_tuple(queryId, dbus::Dict(), dbus::toDBus(error));
+              });
               return;
             }
             auto answer = [reply](int64_t queryId, std::optional<ORVReply> answer,
                                   std::optional<OrvexError> error) {
-              reply.send(queryId, dbus::toDBus(answer), dbus::toDBus(error));
+              reply.sendFrom([queryId, answer = std::move(answer), error] {
+                return std::make_tuple(queryId, dbus::toDBus(answer), dbus::toDBus(error));
+              });
             };
             if (request.kind == ORVRequestKind::kMoreResults) {
               state->moreResults(request, answer);

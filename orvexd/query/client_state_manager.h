@@ -12,11 +12,12 @@
 //
 // Threading: "com.zelmor.orvexd.stateCache" owns stateCache_; lookups and listing wait for it
 // (they must not be called from it), saving is posted to it. Endpoint calls arrive on the bus
-// thread and run on the worker pool.
+// thread, which owns endpointCallers_, and run on the worker pool.
 #pragma once
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,8 @@
 
 namespace sdbus {
 class IObject;
-}
+class Message;
+}  // namespace sdbus
 
 namespace orvex {
 
@@ -49,6 +51,8 @@ class ClientStateManager {
   virtual std::vector<ClientSessionEntry> sessions() = 0;
   // The object path of the endpoint.
   virtual std::string endpoint() const = 0;
+  // A bus client has gone; on the bus thread.
+  virtual void endpointCallerGone(const std::string& uniqueName) = 0;
 };
 
 class OrvexClientStateManager final : public ClientStateManager,
@@ -66,6 +70,7 @@ class OrvexClientStateManager final : public ClientStateManager,
   void saveState() override;
   std::vector<ClientSessionEntry> sessions() override;
   std::string endpoint() const override { return kOrvexEndpointPath; }
+  void endpointCallerGone(const std::string& uniqueName) override;
 
   bool persistSessions() const { return persistSessions_; }
 
@@ -73,6 +78,7 @@ class OrvexClientStateManager final : public ClientStateManager,
   void loadState();
   std::vector<ClientSessionEntry> sessionsOnQueue() const;
   void exportEndpoint();
+  void noteEndpointCaller(const sdbus::Message& message);
 
   Assembly& assembly_;
   BusConnection* const bus_;
@@ -80,6 +86,7 @@ class OrvexClientStateManager final : public ClientStateManager,
   SerialQueue stateCacheQueue_;  // "com.zelmor.orvexd.stateCache"
   std::map<std::string, std::shared_ptr<ClientState>> stateCache_;  // owned by stateCacheQueue_
   std::shared_ptr<sdbus::IObject> endpointObject_;  // registered by start(), on the main thread
+  std::set<std::string> endpointCallers_;  // bus thread: unique names that used the endpoint
 };
 
 }  // namespace orvex

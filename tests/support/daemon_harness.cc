@@ -34,7 +34,7 @@ void DaemonHarness::start() {
       std::map<std::string, std::string>{{"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
                                          {"XDG_CONFIG_HOME", (dir_.path() / "config").string()},
                                          {"XDG_CACHE_HOME", cacheDirectory().string()},
-                                         {"ORVEXD_LOG_LEVEL", "debug"},
+                                         {"ORVEXD_LOG_LEVEL", logLevel},
                                          {"JOURNAL_STREAM", ""},
                                          {"INVOCATION_ID", ""}},
       logFile_);

@@ -29,8 +29,10 @@ class DaemonHarness {
   DaemonHarness(const DaemonHarness&) = delete;
   DaemonHarness& operator=(const DaemonHarness&) = delete;
 
-  // Starts the daemon and waits until it owns its name; each launch logs to a file of its own.
+  // Starts the daemon and waits until it owns its name; each launch logs to a file of its own,
+  // at `logLevel` (tests read the debug lines; benchmarks want the daemon quiet).
   void start();
+  std::string logLevel = "debug";
   // SIGTERM, and the exit status.
   std::optional<int> stop();
   void kill();

@@ -247,7 +247,11 @@ TEST(CachedResultSet, ReadsItsFieldsFromTheAnswerAndRequest) {
   EXPECT_EQ(entry.userGuid(), guid);
   EXPECT_EQ(entry.completionScore(), 0.f);
   EXPECT_EQ(entry.expireTime(), now + std::chrono::milliseconds(1500));
+  // A negative lifetime has already run out; only 0 (or none) means "never expires".
   json["max_age"] = -5;
+  EXPECT_EQ(CachedResultSet("s", request, json, Uuid(), now).expireTime(),
+            now - std::chrono::seconds(5));
+  json["max_age"] = 0;
   EXPECT_FALSE(CachedResultSet("s", request, json, Uuid(), now).expireTime());
   json["max_age"] = "60";
   EXPECT_FALSE(CachedResultSet("s", request, json, Uuid(), now).expireTime());
