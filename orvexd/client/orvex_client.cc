@@ -129,35 +129,42 @@ ClientResult<BagAnswer> OrvexClient::bag() {
   });
 }
 
+// Requests are written and read without variants: they are made on every keystroke.
 ClientResult<QueryAnswer> OrvexClient::request(const ORVRequest& request) {
-  return guarded([&] {
-    int64_t queryId = 0;
-    Dict reply;
-    Dict error;
-    daemon_->callMethod("Request")
-        .onInterface(kDaemonInterface)
-        .withTimeout(timeout_)
-        .withArguments(dbus::toDBus(request))
-        .storeResultsTo(queryId, reply, error);
-    return queryAnswer(queryId, reply, error);
+  return guarded([&]() -> QueryAnswer {
+    auto call = daemon_->createMethodCall(kDaemonInterface, "Request");
+    dbus::writeRequest(call, request);
+    auto reply = daemon_->callMethod(call, timeout_);
+    QueryAnswer answer;
+    if (!dbus::readQueryAnswer(reply, answer.queryId, answer.reply, answer.error)) {
+      throw sdbus::Error(dbus::kErrorInvalidArgument,
+                         "the daemon's answer is not (x, a{sv}, a{sv})");
+    }
+    return answer;
   });
 }
 
 void OrvexClient::requestAsync(const ORVRequest& request,
                                std::function<void(ClientResult<QueryAnswer>)> completion) {
   try {
-    daemon_->callMethodAsync("Request")
-        .onInterface(kDaemonInterface)
-        .withTimeout(timeout_)
-        .withArguments(dbus::toDBus(request))
-        .uponReplyInvoke(
-            [completion](const sdbus::Error* error, int64_t queryId, Dict reply, Dict replyError) {
-              if (error != nullptr) {
-                completion(clientError(*error));
-              } else {
-                completion(queryAnswer(queryId, reply, replyError));
-              }
-            });
+    auto call = daemon_->createMethodCall(kDaemonInterface, "Request");
+    dbus::writeRequest(call, request);
+    daemon_->callMethod(
+        call,
+        [completion](sdbus::MethodReply& reply, const sdbus::Error* error) {
+          if (error != nullptr) {
+            completion(clientError(*error));
+            return;
+          }
+          QueryAnswer answer;
+          if (!dbus::readQueryAnswer(reply, answer.queryId, answer.reply, answer.error)) {
+            completion(ClientError{dbus::kErrorInvalidArgument,
+                                   "the daemon's answer is not (x, a{sv}, a{sv})"});
+            return;
+          }
+          completion(std::move(answer));
+        },
+        std::chrono::duration_cast<std::chrono::microseconds>(timeout_).count());
   } catch (const sdbus::Error& error) {
     completion(clientError(error));
   }

@@ -346,15 +346,14 @@ void OrvexService::exportDaemonInterface() {
         });
       });
 
-  object_->registerMethod("Request")
-      .onInterface(kOrvexDaemonInterface)
-      .withInputParamNames("request")
-      .withOutputParamNames("query_id", "reply", "error")
-      .implementedAs([dispatch, dispatchQuery, &bus](sdbus::Result<int64_t, Dict, Dict>&& result,
-                                                     const Dict& form) {
+  // Request is read and answered straight from and into the messages (no variants): it is the
+  // call a front-end makes on every keystroke.
+  object_->registerMethod(
+      kOrvexDaemonInterface, "Request", "a{sv}", {"request"}, "xa{sv}a{sv}",
+      {"query_id", "reply", "error"}, [dispatch, dispatchQuery, &bus](sdbus::MethodCall call) {
         runBusHandler("Request", [&] {
-          BusReply<int64_t, Dict, Dict> reply(bus, std::move(result));
-          auto parsed = dbus::requestFromDBus(form);
+          auto parsed = dbus::readRequest(call);
+          BusCall reply(bus, std::move(call));
           if (!parsed.problem.empty()) {
             reply.fail(dbus::kErrorInvalidArgument, parsed.problem);
             return;
@@ -368,9 +367,10 @@ void OrvexService::exportDaemonInterface() {
           dispatchQuery([reply, request = std::move(*parsed.request)](ClientConnection& c) {
             c.request(request, [reply](int64_t queryId, std::optional<ORVReply> answer,
                                        std::optional<OrvexError> error) {
-              reply.sendFrom([queryId, answer = std::move(answer), error] {
-                return std::make_tuple(queryId, dbus::toDBus(answer), dbus::toDBus(error));
-              });
+              reply.sendWith(
+                  [queryId, answer = std::move(answer), error](sdbus::MethodReply& message) {
+                    dbus::writeQueryAnswer(message, queryId, answer, error);
+                  });
             });
           });
         });

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <sdbus-c++/Error.h>
+#include <sdbus-c++/Message.h>
 #include <sdbus-c++/MethodResult.h>
 
 #include <atomic>
@@ -142,6 +143,52 @@ class BusReply {
     std::atomic<bool> replied{false};
   };
 
+  std::shared_ptr<State> state_;
+};
+
+// The same for a call whose reply is written by hand into the message (see BusReply): `write`
+// runs on the bus thread with the reply message to fill.
+class BusCall {
+ public:
+  BusCall(BusConnection& bus, sdbus::MethodCall call)
+      : state_(std::make_shared<State>(bus, std::move(call))) {}
+
+  template <typename F>
+  void sendWith(F write) const {
+    if (state_->replied.exchange(true)) return;
+    state_->bus.run([state = state_, write = std::move(write)] {
+      try {
+        auto reply = state->call.createReply();
+        write(reply);
+        reply.send();
+      } catch (const sdbus::Error& e) {
+        OrvexLogForCategory(kOrvexLogConnection).error("cannot send reply: %@", e.getMessage());
+      }
+    });
+  }
+  void fail(const std::string& name, const std::string& message) const {
+    if (state_->replied.exchange(true)) return;
+    state_->bus.run([state = state_, name, message] {
+      try {
+        state->call.createErrorReply(sdbus::Error(name, message)).send();
+      } catch (const sdbus::Error& e) {
+        OrvexLogForCategory(kOrvexLogConnection)
+            .error("cannot send error reply: %@", e.getMessage());
+      }
+    });
+  }
+
+ private:
+  struct State {
+    State(BusConnection& b, sdbus::MethodCall c) : bus(b), call(std::move(c)) {}
+    ~State() {
+      if (bus.isLoopThread()) return;
+      bus.post([call = std::make_shared<sdbus::MethodCall>(std::move(call))] {});
+    }
+    BusConnection& bus;
+    sdbus::MethodCall call;
+    std::atomic<bool> replied{false};
+  };
   std::shared_ptr<State> state_;
 };
 
