@@ -123,6 +123,10 @@ TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestI
   // A configured client asking for a kind the daemon does not know gets no reply at all; the
   // connection keeps working.
   ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+  // The refusal was recorded as the daemon's own error record, in the shared session.
+  auto records = client->feedback();
+  ASSERT_TRUE(records);
+  EXPECT_NE(records.value().find("invalid configuration"), std::string::npos) << records.value();
   try {
     int64_t queryId = 0;
     dbus::Dict reply, error;
