@@ -31,12 +31,6 @@ std::mutex& firstUseMutex() {
   return mutex;
 }
 
-uint64_t monotonicNanoseconds(MonotonicTime time) {
-  const auto count =
-      std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
-  return count < 0 ? 0 : static_cast<uint64_t>(count);
-}
-
 // The number of the local calendar day `time` falls on.
 int64_t localDayNumber(WallTime time) {
   const std::time_t seconds = std::chrono::system_clock::to_time_t(time);

@@ -14,6 +14,7 @@
 #include "orvexd/feedback/session_manager.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_constants.h"
+#include "orvexd/network/network_feedback.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/retryable_network_request.h"
 #include "orvexd/network/user_guid_controller.h"
@@ -39,13 +40,6 @@ OrvexError bagFetchError(std::string reason) {
 // record's fields).
 constexpr uint32_t kBagFetchTriggerEvent = 16;
 constexpr uint32_t kBagEndpoint = 10;
-
-uint64_t monotonicNanoseconds(const Clock& clock) {
-  const auto count =
-      std::chrono::duration_cast<std::chrono::nanoseconds>(clock.monotonicNow().time_since_epoch())
-          .count();
-  return count < 0 ? 0 : static_cast<uint64_t>(count);
-}
 
 double secondsSince1970(WallTime time) {
   return std::chrono::duration<double>(time.time_since_epoch()).count();
@@ -322,14 +316,8 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
   std::optional<std::string> userGuid;
   if (_assembly.guidController)
     userGuid = _assembly.guidController->currentUserGUID().upperString();
-  auto start = std::make_shared<NBStartNetworkSearchFeedback>();
-  start->timestamp = monotonicNanoseconds(*_assembly.clock);
-  start->input = "";
-  start->url = request->url;
-  start->headers = FeedbackStringMap(request->headers.begin(), request->headers.end());
-  start->triggerEvent = kBagFetchTriggerEvent;
-  start->endpoint = kBagEndpoint;
-  start->uuid = Uuid::random().upperString();
+  auto start = makeStartNetworkFeedback(*request, "", kBagFetchTriggerEvent, kBagEndpoint,
+                                        _assembly.clock->monotonicNow());
   auto record = [userGuid, userAgent = _userAgent](FeedbackRecordPtr feedback) {
     return OrvexFeedback::initWithFeedback(std::move(feedback), 0, userGuid, userAgent);
   };
@@ -347,7 +335,7 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
                            ? formatLog("%lld %@", result.response->statusCode, result.response->url)
                            : std::string("(null)"));
         auto end = std::make_shared<NBEndNetworkSearchFeedback>();
-        end->timestamp = monotonicNanoseconds(*clock);
+        end->timestamp = monotonicNanoseconds(clock->monotonicNow());
         end->uuid = uuid;
         end->responseSize = static_cast<int64_t>(result.data.size());
         end->statusCode = result.response ? result.response->statusCode : 0;
@@ -367,7 +355,7 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
         } else {
           if (sessionManager) {
             auto failure = std::make_shared<NBErrorFeedback>();
-            failure->timestamp = monotonicNanoseconds(*clock);
+            failure->timestamp = monotonicNanoseconds(clock->monotonicNow());
             failure->error = *error;
             sessionManager->addOrvexFeedback(record(failure));
           }

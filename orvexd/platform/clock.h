@@ -40,6 +40,13 @@ class TimerHandle {
   std::shared_ptr<State> state_;
 };
 
+// Nanoseconds on the monotonic clock, as feedback records carry their time (never negative).
+inline uint64_t monotonicNanoseconds(MonotonicTime time) {
+  const auto count =
+      std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
+  return count < 0 ? 0 : static_cast<uint64_t>(count);
+}
+
 class Clock {
  public:
   virtual ~Clock() = default;

@@ -12,6 +12,7 @@
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_feedback.h"
 #include "orvexd/network/bag_controller.h"
+#include "orvexd/network/network_feedback.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/http_session.h"
@@ -36,10 +37,6 @@ constexpr uint32_t kSearchEndpoint = 6;
 constexpr int64_t kJsonParseErrorCode = 3840;
 
 OrvexError bagError(const char* reason) { return OrvexError(dbus::kORVErrorDomain, 1, reason); }
-
-uint64_t monotonicNanoseconds(const Clock& clock) {
-  return static_cast<uint64_t>(clock.monotonicNow().time_since_epoch().count());
-}
 
 // Records one of the daemon's own records in the shared session manager.
 void addDaemonFeedback(Assembly& assembly, FeedbackRecordPtr record) {
@@ -192,13 +189,8 @@ void ClientState::warm() {
   auto request = assembly_.requestFactory->warmRequest(*url);
   if (!request) return;
 
-  auto start = std::make_shared<NBStartNetworkSearchFeedback>();
-  start->timestamp = monotonicNanoseconds(*assembly_.clock);
-  start->input = "";
-  start->url = request->url;
-  start->headers = FeedbackStringMap(request->headers.begin(), request->headers.end());
-  start->triggerEvent = kWarmTriggerEvent;
-  start->endpoint = kWarmEndpoint;
+  auto start = makeStartNetworkFeedback(*request, "", kWarmTriggerEvent, kWarmEndpoint,
+                                        assembly_.clock->monotonicNow());
   addDaemonFeedback(assembly_, start);
 
   Assembly& assembly = assembly_;
@@ -208,7 +200,7 @@ void ClientState::warm() {
         searchLog().info("Status for warm request: (%li) error: (%@)", status,
                          result.error ? result.error->describe() : std::string("(null)"));
         auto end = std::make_shared<NBEndNetworkSearchFeedback>();
-        end->timestamp = monotonicNanoseconds(*assembly.clock);
+        end->timestamp = monotonicNanoseconds(assembly.clock->monotonicNow());
         end->uuid = start->uuid;
         end->responseSize = static_cast<int64_t>(result.data.size());
         end->statusCode = status;
@@ -234,7 +226,7 @@ void ClientState::addFeedback(FeedbackRecordPtr record, const ORVRequest& reques
 
 void ClientState::recordSkip(uint32_t reason, const ORVRequest& request) const {
   auto skip = std::make_shared<ORVSkipSearchFeedback>();
-  skip->timestamp = monotonicNanoseconds(*assembly_.clock);
+  skip->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
   skip->triggerEvent = reason;
   skip->input = request.queryString;
   addFeedback(std::move(skip), request);
@@ -313,14 +305,8 @@ void ClientState::search(const ORVRequest& request, QueryReply reply) {
   }
   searchLog().debug("request: %@ header: %@", httpRequest->url,
                     describeHeaders(httpRequest->headers));
-  auto start = std::make_shared<NBStartNetworkSearchFeedback>();
-  start->timestamp = monotonicNanoseconds(*assembly_.clock);
-  start->input = request.queryString;
-  start->url = httpRequest->url;
-  start->headers = FeedbackStringMap(httpRequest->headers.begin(), httpRequest->headers.end());
-  start->triggerEvent = request.triggerEvent;
-  start->endpoint = kSearchEndpoint;
-  start->uuid = Uuid::random().upperString();
+  auto start = makeStartNetworkFeedback(*httpRequest, request.queryString, request.triggerEvent,
+                                        kSearchEndpoint, assembly_.clock->monotonicNow());
   start->queryId = request.clientQueryId;
   addFeedback(start, request);
 
@@ -394,7 +380,7 @@ void ClientState::endNetworkFeedback(
     const nlohmann::json* rawResponse, int64_t responseSize, int64_t statusCode,
     const TaskTimingData& timing, const ORVRequest& request) const {
   auto end = std::make_shared<ORVEndNetworkSearchFeedback>();
-  end->timestamp = monotonicNanoseconds(*assembly_.clock);
+  end->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
   end->uuid = start->uuid;
   end->responseSize = responseSize;
   end->statusCode = statusCode;
@@ -421,7 +407,7 @@ void ClientState::failSearchFeedback(
       OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
     }
     auto record = std::make_shared<NBErrorFeedback>();
-    record->timestamp = monotonicNanoseconds(*assembly_.clock);
+    record->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
     record->error = *error;
     addFeedback(std::move(record), request);
   }
@@ -439,7 +425,7 @@ bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& re
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
   }
   auto hit = std::make_shared<ORVCacheHitFeedback>();
-  hit->timestamp = monotonicNanoseconds(*assembly_.clock);
+  hit->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
   hit->triggerEvent = ORVSkipSearchFeedback::kCacheHit;
   hit->input = request.queryString;
   hit->uuid = cached->uuid().upperString();
