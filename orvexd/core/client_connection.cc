@@ -8,6 +8,7 @@
 #include "orvexd/core/tracing_setup.h"
 #include "orvexd/feedback/client_session.h"
 #include "orvexd/feedback/client_session_manager.h"
+#include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/input_defaults.h"
 
@@ -310,9 +311,19 @@ void ClientConnection::feedback(const std::string&, FeedbackReply reply) {
   auto state = this->state();
   auto sessionManager = state ? state->sessionManager() : nullptr;
   if (!reply) return;
-  reply(sessionManager ? sessionManager->currentFeedbacksWithRelativeTimestamp()
-                       : std::vector<OrvexFeedback>(),
-        std::nullopt);
+  auto feedbacks = sessionManager ? sessionManager->currentFeedbacksWithRelativeTimestamp()
+                                  : std::vector<OrvexFeedback>();
+  // The records are in the session once the manager's queue has taken them, but their writes
+  // to the session file only run later, on the storage's queue. The answer waits for those
+  // writes, so a client never sees a record that a kill of the daemon right after could lose.
+  if (assembly_.persistentStorage) {
+    assembly_.persistentStorage->afterPendingWrites(
+        [reply = std::move(reply), feedbacks = std::move(feedbacks)]() mutable {
+          reply(std::move(feedbacks), std::nullopt);
+        });
+    return;
+  }
+  reply(std::move(feedbacks), std::nullopt);
 }
 
 void ClientConnection::listenToFlusher(std::function<void(std::string)> reply) {

@@ -153,6 +153,12 @@ void OrvexPersistentStorage::deleteSessionWithFileContainer(
   });
 }
 
+void OrvexPersistentStorage::afterPendingWrites(std::function<void()> done) {
+  if (!done) return;
+  // Every container writes on this queue, in the order its writes were posted.
+  queue_->async(std::move(done));
+}
+
 void OrvexPersistentStorage::_deleteSessionFile(const std::filesystem::path& fileUrl) {
   queue_->assertCurrent("OrvexPersistentStorage::_deleteSessionFile");
   const OrvexLog& log = storageLog();

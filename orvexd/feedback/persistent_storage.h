@@ -19,6 +19,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,6 +42,9 @@ class PersistentStorage {
   virtual void closeSessionWithFileContainer(std::shared_ptr<FileContainer> container) = 0;
   // Takes the container off the list, closes it and deletes its file.
   virtual void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) = 0;
+  // Calls `done` once every write posted to the files before this call has been made, so that
+  // what those writes carried is in the files and survives the daemon being killed.
+  virtual void afterPendingWrites(std::function<void()> done) = 0;
 };
 
 class OrvexPersistentStorage final : public PersistentStorage,
@@ -58,6 +62,7 @@ class OrvexPersistentStorage final : public PersistentStorage,
   std::vector<std::shared_ptr<FileContainer>> getAvailableSessionHandles() override;
   void closeSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
   void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
+  void afterPendingWrites(std::function<void()> done) override;
 
   const std::filesystem::path& cachesUrl() const { return cachesUrl_; }
   const std::string& version() const { return version_; }

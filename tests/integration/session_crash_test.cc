@@ -1,0 +1,320 @@
+// Session files through the real daemon: records it has reported back survive a SIGKILL at any
+// moment, whatever reaches the disk reads back intact and in order, a file cut inside a record
+// reads back to its last whole record, and new files are numbered after the ones that survive.
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <set>
+
+#include "orvexd/feedback/archived_data_iterator.h"
+#include "orvexd/feedback/file_container.h"
+#include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/model/orv_constants.h"
+#include "tests/support/daemon_harness.h"
+
+namespace orvex {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr const char* kBag = R"({"version": "1", "enabled": true, "feedback_enabled": true})";
+const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
+constexpr std::string_view kInputPrefix = "crash-";
+
+fs::path sessionDirectory(const testing::DaemonHarness& harness) {
+  return harness.cacheDirectory() / "com.zelmor.orvexd";
+}
+
+// The number of a "session.<N>" file, or -1.
+int sessionNumber(const fs::path& file) {
+  const std::string name = file.filename().string();
+  if (!name.starts_with(OrvexPersistentStorage::kFileNamePrefix)) return -1;
+  const std::string_view digits =
+      std::string_view(name).substr(OrvexPersistentStorage::kFileNamePrefix.size());
+  int number = -1;
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  return error == std::errc() && end == digits.data() + digits.size() ? number : -1;
+}
+
+// The session files in the directory, by number.
+std::vector<fs::path> sessionFiles(const fs::path& directory) {
+  std::vector<fs::path> files;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(directory, error)) {
+    if (sessionNumber(entry.path()) >= 0) files.push_back(entry.path());
+  }
+  std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) {
+    return sessionNumber(a) < sessionNumber(b);
+  });
+  return files;
+}
+
+int greatestNumber(const fs::path& directory) {
+  const auto files = sessionFiles(directory);
+  return files.empty() ? 0 : sessionNumber(files.back());
+}
+
+std::vector<uint8_t> fileBytes(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeBytes(const fs::path& file, std::span<const uint8_t> bytes) {
+  std::ofstream(file, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+}
+
+// Reads session files the way the daemon does, on a queue of its own.
+class SessionReader {
+ public:
+  std::optional<StoredSession> read(const fs::path& file) {
+    return FileContainer::initWithUrl(file, kORVOrvexdNameVersion, queue_,
+                                      OrvexPersistentStorage::kDefaultMaxFileSize)
+        ->read();
+  }
+  // The inputs of the test's own search-start records in the file, in file order; nothing when
+  // the file does not read back.
+  std::optional<std::vector<std::string>> inputs(const fs::path& file) {
+    auto stored = read(file);
+    if (!stored) return std::nullopt;
+    std::vector<std::string> found;
+    for (const auto& feedback : stored->feedbacks) {
+      const auto* start = dynamic_cast<const NBStartSearchFeedback*>(feedback.feedback().get());
+      if (start != nullptr && start->input && start->input->starts_with(kInputPrefix)) {
+        found.push_back(*start->input);
+      }
+    }
+    return found;
+  }
+
+ private:
+  testing::VirtualPlatform platform_{1};
+  std::shared_ptr<SerialQueue> queue_ =
+      std::make_shared<SerialQueue>("session reader", *platform_.pool, *platform_.clock);
+};
+
+uint64_t monotonicNowNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+NBStartSearchFeedback searchStart(const std::string& input) {
+  NBStartSearchFeedback record;
+  record.timestamp = monotonicNowNs();
+  record.input = input;
+  return record;
+}
+
+// The inputs of the test's records among what the daemon answers Feedback with, in its order.
+std::vector<std::string> reportedInputs(OrvexClient& client) {
+  auto answer = client.feedback();
+  if (!answer) return {};
+  std::vector<std::string> inputs;
+  for (const auto& record : nlohmann::json::parse(answer.value())) {
+    const auto input = record.find("input");
+    if (input != record.end() && input->is_string() &&
+        input->get<std::string>().starts_with(kInputPrefix)) {
+      inputs.push_back(input->get<std::string>());
+    }
+  }
+  return inputs;
+}
+
+// Streams records in batches, each batch followed by a Feedback round trip, and kills the
+// daemon with SIGKILL once `killAfter` records are out: either at once, which may be in the
+// middle of a batch with records still on their way, or right after the next answer. After each
+// kill the files are read with the daemon stopped: every record read is one that was sent, none
+// twice, in sending order within its file, and every record the daemon had reported back before the
+// kill is there. Each restart opens its file after the greatest number that survived.
+TEST(SessionCrashTest, RecordsReportedBackSurviveSigkillAtAnyMoment) {
+  uint32_t seed = std::random_device{}();
+  if (const char* fixed = std::getenv("ORVEX_CRASH_SEED")) {
+    seed = static_cast<uint32_t>(std::strtoul(fixed, nullptr, 10));
+  }
+  SCOPED_TRACE("seed " + std::to_string(seed) +
+               " (rerun with ORVEX_CRASH_SEED=" + std::to_string(seed) + ")");
+  RecordProperty("seed", std::to_string(seed));
+  std::mt19937 random(seed);
+
+  testing::DaemonHarness harness(kBag);
+  const fs::path directory = sessionDirectory(harness);
+  SessionReader reader;
+  // Every input sent, with its round and its place in the round's stream.
+  std::map<std::string, std::pair<int, int>> sent;
+  std::set<std::string> confirmed;  // reported back by the daemon before a kill
+  size_t totalConfirmed = 0;
+
+  constexpr int kRounds = 4;
+  for (int round = 0; round < kRounds; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    const int survivingGreatest = greatestNumber(directory);
+    harness.start();
+    auto client = harness.client();
+    ASSERT_TRUE(client->configure(kGlance));
+
+    const int killAfter = std::uniform_int_distribution<int>(1, 240)(random);
+    // Either with records on their way, or the moment the answer to the round trip is in.
+    const bool killRightAfterAnswer = std::bernoulli_distribution(0.5)(random);
+    std::vector<std::string> roundInputs;
+    std::vector<std::string> roundConfirmed;
+    while (static_cast<int>(roundInputs.size()) < killAfter) {
+      const int batch = std::uniform_int_distribution<int>(1, 30)(random);
+      for (int i = 0; i < batch && static_cast<int>(roundInputs.size()) < killAfter; ++i) {
+        const std::string input = std::string(kInputPrefix) + std::to_string(round) + "-" +
+                                  std::to_string(roundInputs.size());
+        sent.emplace(input, std::make_pair(round, static_cast<int>(roundInputs.size())));
+        roundInputs.push_back(input);
+        ASSERT_TRUE(client->reportEvent("searchStarted", 0, searchStart(input)));
+      }
+      if (static_cast<int>(roundInputs.size()) == killAfter && !killRightAfterAnswer) break;
+      roundConfirmed = reportedInputs(*client);
+      // Calls of one client run in order: the answer holds exactly what was sent so far.
+      ASSERT_EQ(roundConfirmed,
+                std::vector<std::string>(roundInputs.begin(),
+                                         roundInputs.begin() + roundConfirmed.size()));
+      ASSERT_EQ(roundConfirmed.size(), roundInputs.size());
+    }
+    harness.kill();
+    confirmed.insert(roundConfirmed.begin(), roundConfirmed.end());
+    totalConfirmed += roundConfirmed.size();
+
+    // The daemon is gone: read what it left.
+    std::set<std::string> seen;
+    bool roundFileChecked = false;
+    for (const fs::path& file : sessionFiles(directory)) {
+      SCOPED_TRACE(file.filename().string());
+      const auto inputs = reader.inputs(file);
+      // A file without its two leading records was cut off before its session's first record
+      // was out; that nothing confirmed is lost with it is checked below.
+      if (!inputs) continue;
+      int lastIndex = -1, fileRound = -1;
+      for (const std::string& input : *inputs) {
+        const auto found = sent.find(input);
+        ASSERT_NE(found, sent.end()) << "a record nobody sent: " << input;
+        EXPECT_TRUE(seen.insert(input).second) << "read twice: " << input;
+        if (fileRound == -1) fileRound = found->second.first;
+        EXPECT_EQ(found->second.first, fileRound) << "records of two runs in one file";
+        EXPECT_GT(found->second.second, lastIndex) << "out of order: " << input;
+        lastIndex = found->second.second;
+      }
+      if (fileRound == round) {
+        EXPECT_GT(sessionNumber(file), survivingGreatest)
+            << "a new session file must be numbered after the surviving ones";
+        roundFileChecked = true;
+      }
+    }
+    for (const std::string& input : confirmed) {
+      EXPECT_TRUE(seen.contains(input))
+          << "reported back before the kill but not on disk: " << input;
+    }
+    if (!roundConfirmed.empty()) {
+      EXPECT_TRUE(roundFileChecked);
+    }
+  }
+  // The random kill points must have left something to check.
+  RecordProperty("confirmed", std::to_string(totalConfirmed));
+  EXPECT_GT(totalConfirmed, 0u);
+}
+
+// A file cut inside its last record reads back to the record before the cut, at every cut; the
+// daemon started over such files keeps them byte for byte and numbers its next file after them.
+TEST(SessionCrashTest, FileCutInsideARecordReadsBackItsWholeRecords) {
+  testing::DaemonHarness harness(kBag);
+  const fs::path directory = sessionDirectory(harness);
+  SessionReader reader;
+
+  // A real session file of a few records, finished by a clean stop.
+  harness.start();
+  {
+    auto client = harness.client();
+    ASSERT_TRUE(client->configure(kGlance));
+    for (int i = 0; i < 5; ++i) {
+      ASSERT_TRUE(client->reportEvent("searchStarted", 0,
+                                      searchStart(std::string(kInputPrefix) + std::to_string(i))));
+    }
+    ASSERT_EQ(reportedInputs(*client).size(), 5u);
+  }
+  ASSERT_EQ(harness.stop(), 0);
+  const auto files = sessionFiles(directory);
+  ASSERT_FALSE(files.empty());
+  fs::path original;
+  for (const auto& file : files) {
+    if (auto inputs = reader.inputs(file); inputs && inputs->size() == 5) original = file;
+  }
+  ASSERT_FALSE(original.empty()) << "no file holds the five records";
+  const std::vector<uint8_t> bytes = fileBytes(original);
+  const auto whole = reader.read(original);
+  ASSERT_TRUE(whole);
+
+  // Where the last record starts.
+  ArchivedDataIterator iterator(bytes);
+  uint64_t lastStart = 0;
+  while (iterator.hasMore()) {
+    lastStart = iterator.position();
+    ASSERT_TRUE(iterator.readNextObject());
+  }
+  ASSERT_EQ(iterator.position(), bytes.size());
+  const uint64_t lastEnd = bytes.size();
+  ASSERT_GT(lastEnd - lastStart, ArchivedDataIterator::kLengthSize + 2);
+
+  // Cuts: at the record's start, inside its length, right after the length, inside the archive
+  // and one byte short of the end.
+  const std::vector<uint64_t> cuts = {lastStart,
+                                      lastStart + 1,
+                                      lastStart + ArchivedDataIterator::kLengthSize - 1,
+                                      lastStart + ArchivedDataIterator::kLengthSize,
+                                      lastStart + ArchivedDataIterator::kLengthSize + 1,
+                                      (lastStart + lastEnd) / 2,
+                                      lastEnd - 1};
+  // Whole records before the last: what every cut must give back exactly.
+  const std::vector<OrvexFeedback> expected(whole->feedbacks.begin(), whole->feedbacks.end() - 1);
+  int number = greatestNumber(directory) + 10;  // leaves a gap in the numbering
+  std::map<fs::path, std::vector<uint8_t>> planted;
+  for (const uint64_t cut : cuts) {
+    SCOPED_TRACE("cut at " + std::to_string(cut) + " of " + std::to_string(lastEnd));
+    const fs::path copy = directory / ("session." + std::to_string(number++));
+    const std::span<const uint8_t> kept(bytes.data(), cut);
+    writeBytes(copy, kept);
+    planted.emplace(copy, std::vector<uint8_t>(kept.begin(), kept.end()));
+    const auto stored = reader.read(copy);
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->session, whole->session);
+    ASSERT_EQ(stored->feedbacks.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+      EXPECT_EQ(stored->feedbacks[i].archiveData(), expected[i].archiveData()) << "record " << i;
+    }
+  }
+
+  // The daemon over the cut files: it runs, serves, keeps them and writes after them.
+  const int greatest = number - 1;
+  harness.start();
+  {
+    auto client = harness.client();
+    ASSERT_TRUE(client->configure(kGlance));
+    ASSERT_TRUE(client->reportEvent("searchStarted", 0, searchStart("crash-after")));
+    ASSERT_EQ(reportedInputs(*client), std::vector<std::string>{"crash-after"});
+    const fs::path next = directory / ("session." + std::to_string(greatest + 1));
+    EXPECT_TRUE(testing::eventually([&] { return fs::exists(next); }))
+        << "expected " << next.filename() << " after session." << greatest;
+  }
+  ASSERT_EQ(harness.stop(), 0);
+  for (const auto& [file, content] : planted) {
+    EXPECT_EQ(fileBytes(file), content) << file.filename() << " was changed";
+  }
+  const auto after = reader.inputs(directory / ("session." + std::to_string(greatest + 1)));
+  ASSERT_TRUE(after);
+  EXPECT_EQ(*after, std::vector<std::string>{"crash-after"});
+}
+
+}  // namespace
+}  // namespace orvex
