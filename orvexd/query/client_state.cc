@@ -419,7 +419,8 @@ bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& re
   auto cached = queryCache_->getRequest(request);
   if (!cached) return false;
   ORVReply answer = makeReply(request, &cached->request(), nullptr);
-  answer.rawResponse = nlohmann::json::array({cached->resultSet()}).dump();
+  // An array holding the cached answer; written out without copying the answer first.
+  answer.rawResponse = "[" + cached->resultSet().dump() + "]";
   reply(request.queryId, std::move(answer), std::nullopt);
   if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixOnDeviceCacheHits)) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
