@@ -11,6 +11,7 @@
 
 #include "orvexd/platform/json_property_list.h"
 #include "orvexd/platform/property_list.h"
+#include "tests/support/daemon_harness.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/reference_backend.h"
 #include "tests/support/test_environment.h"
@@ -33,44 +34,20 @@ double nowSeconds() {
 
 class BagIntegrationTest : public ::testing::Test {
  protected:
-  BagIntegrationTest() {
-    writeBag(R"({"version": "3", "enabled": true, "search_url": "${BASE_URL}/search"})");
-    backend = std::make_unique<testing::ReferenceBackend>(dir / "bag.json");
-    // The daemon asks the back-end for its bag through the defaults store.
-    const auto config = dir / "config" / "com.zelmor.orvexd";
-    std::filesystem::create_directories(config);
-    const auto defaults = serializePropertyList(
-        PlistValue(PlistDictionary{{"ORVBagURL", PlistValue(backend->baseUrl() + "/bag")}}),
-        PlistFormat::kXml);
-    std::ofstream(config / "defaults.plist", std::ios::binary)
-        .write(reinterpret_cast<const char*>(defaults.data()),
-               static_cast<std::streamsize>(defaults.size()));
+  BagIntegrationTest()
+      : harness(R"({"version": "3", "enabled": true, "search_url": "${BASE_URL}/search"})") {
     connection = bus.connect();
   }
   ~BagIntegrationTest() override { stopDaemon(); }
 
+  // The back-end reads its bag file at every request.
   void writeBag(const std::string& json) { std::ofstream(dir / "bag.json") << json; }
 
   // Each launch logs to a file of its own, which daemonLog() reads.
-  void startDaemon() {
-    logFile = dir / ("orvexd-" + std::to_string(++launches) + ".log");
-    daemon = std::make_unique<testing::ChildProcess>(
-        std::vector<std::string>{ORVEXD_BINARY},
-        std::map<std::string, std::string>{{"DBUS_SESSION_BUS_ADDRESS", bus.address()},
-                                           {"XDG_CONFIG_HOME", (dir / "config").string()},
-                                           {"XDG_CACHE_HOME", (dir / "cache").string()},
-                                           {"ORVEXD_LOG_LEVEL", "debug"},
-                                           {"JOURNAL_STREAM", ""},
-                                           {"INVOCATION_ID", ""}},
-        logFile);
-    ASSERT_TRUE(eventually(
-        [&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
-  }
+  void startDaemon() { harness.start(); }
   void stopDaemon() {
-    if (!daemon) return;
-    daemon->signal(SIGTERM);
-    EXPECT_EQ(daemon->waitForExit(5s), 0);
-    daemon.reset();
+    if (harness.daemon() == nullptr) return;
+    EXPECT_EQ(harness.stop(), 0);
   }
 
   sdbus::IProxy& diagnostics() {
@@ -94,7 +71,7 @@ class BagIntegrationTest : public ::testing::Test {
         .storeResultsTo(counters);
     return counters.count(key) ? counters.at(key) : 0;
   }
-  std::string daemonLog() const { return testing::readTextFile(logFile); }
+  std::string daemonLog() const { return harness.daemonLog(); }
 
   std::filesystem::path bagFile() const {
     return dir / "cache" / "com.zelmor.orvexd" / "bag.plist";
@@ -114,15 +91,12 @@ class BagIntegrationTest : public ::testing::Test {
                static_cast<std::streamsize>(bytes.size()));
   }
 
-  testing::TempDir dir;
-  testing::TempDir busDir;
-  testing::PrivateBus bus{busDir.path()};
-  std::unique_ptr<testing::ReferenceBackend> backend;
+  testing::DaemonHarness harness;
+  const std::filesystem::path& dir = harness.directory();
+  const testing::PrivateBus& bus = harness.bus();
+  testing::ReferenceBackend* backend = &harness.backend();
   std::unique_ptr<sdbus::IConnection> connection;
   std::unique_ptr<sdbus::IProxy> proxy;
-  std::unique_ptr<testing::ChildProcess> daemon;
-  int launches = 0;
-  std::filesystem::path logFile;
 };
 
 TEST_F(BagIntegrationTest, FetchedOnceThenTheDiskCopyServesRestartsUntilNearItsExpiry) {

@@ -13,6 +13,7 @@
 
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/platform/property_list.h"
+#include "tests/support/daemon_harness.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/reference_backend.h"
 #include "tests/support/test_environment.h"
@@ -209,35 +210,13 @@ const XmlElement& childNode(const XmlElement& node, const std::string& name) {
 
 class RunningDaemonTest : public ::testing::Test {
  protected:
-  RunningDaemonTest() {
-    std::ofstream(dir / "bag.json")
-        << R"({"version": "7", "enabled": true, "search_url": "${BASE_URL}/search",
-               "feedback_url": "${BASE_URL}/feedback"})";
-    backend = std::make_unique<testing::ReferenceBackend>(dir / "bag.json");
-    const auto config = dir / "config" / "com.zelmor.orvexd";
-    std::filesystem::create_directories(config);
-    const auto defaults = serializePropertyList(
-        PlistValue(PlistDictionary{{"ORVBagURL", PlistValue(backend->baseUrl() + "/bag")}}),
-        PlistFormat::kXml);
-    std::ofstream(config / "defaults.plist", std::ios::binary)
-        .write(reinterpret_cast<const char*>(defaults.data()),
-               static_cast<std::streamsize>(defaults.size()));
-    connection = bus.connect();
-    daemon = std::make_unique<testing::ChildProcess>(
-        std::vector<std::string>{ORVEXD_BINARY},
-        std::map<std::string, std::string>{{"DBUS_SESSION_BUS_ADDRESS", bus.address()},
-                                           {"XDG_CONFIG_HOME", (dir / "config").string()},
-                                           {"XDG_CACHE_HOME", (dir / "cache").string()},
-                                           {"JOURNAL_STREAM", ""},
-                                           {"INVOCATION_ID", ""}},
-        dir / "orvexd.log");
-    EXPECT_TRUE(testing::eventually(
-        [&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }, 10s));
+  RunningDaemonTest()
+      : harness(R"({"version": "7", "enabled": true, "search_url": "${BASE_URL}/search",
+                   "feedback_url": "${BASE_URL}/feedback"})") {
+    harness.start();
+    connection = harness.bus().connect();
   }
-  ~RunningDaemonTest() override {
-    daemon->signal(SIGTERM);
-    EXPECT_EQ(daemon->waitForExit(5s), 0);
-  }
+  ~RunningDaemonTest() override { EXPECT_EQ(harness.stop(), 0); }
 
   std::string introspect(const std::string& path) {
     auto proxy = sdbus::createProxy(*connection, "com.zelmor.orvexd", path);
@@ -248,12 +227,11 @@ class RunningDaemonTest : public ::testing::Test {
     return xml;
   }
 
-  testing::TempDir dir;
-  testing::TempDir busDir;
-  testing::PrivateBus bus{busDir.path()};
-  std::unique_ptr<testing::ReferenceBackend> backend;
+  testing::DaemonHarness harness;
+  const std::filesystem::path& dir = harness.directory();
+  const testing::PrivateBus& bus = harness.bus();
+  testing::ReferenceBackend* backend = &harness.backend();
   std::unique_ptr<sdbus::IConnection> connection;
-  std::unique_ptr<testing::ChildProcess> daemon;
 };
 
 TEST_F(RunningDaemonTest, ShippedInterfaceXmlMatchesWhatTheDaemonServes) {
