@@ -144,6 +144,35 @@ TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestI
   EXPECT_TRUE(client->listSessions());
 }
 
+TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClients) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+  const ORVSessionConfiguration glance{"com.zelmor.glance", "Glance/1"};
+
+  ORVRequest card = searchRequest(3);
+  card.kind = ORVRequestKind::kCard;
+  auto answered = client->endpointRequest(card, glance);
+  ASSERT_TRUE(answered);
+  EXPECT_EQ(answered.value().queryId, 3);
+  EXPECT_TRUE(answered.value().error);  // answered by the client's state
+
+  auto unknown = client->endpointRequest(card, {"", "Glance/1"});
+  ASSERT_TRUE(unknown);
+  ASSERT_TRUE(unknown.value().error);
+  EXPECT_EQ(unknown.value().error->code, 500);
+  EXPECT_TRUE(unknown.value().error->reason.starts_with("invalid configuration "));
+
+  // A search sent to the endpoint is dropped without a reply.
+  client->setTimeout(700ms);
+  auto dropped = client->endpointRequest(searchRequest(4), glance);
+  ASSERT_FALSE(dropped);
+  // sd-bus names a call that timed out NoReply when it waited on an event loop.
+  EXPECT_EQ(dropped.error().name, "org.freedesktop.DBus.Error.NoReply");
+  EXPECT_TRUE(testing::eventually(
+      [&] { return harness.daemonLog().find("new endpoint connection") != std::string::npos; }));
+}
+
 TEST(ClientConnectionTest, ASearchThatIsNotNewerIsAnsweredEmptyWithoutReachingTheState) {
   testing::DaemonHarness harness(kBag);
   harness.start();
