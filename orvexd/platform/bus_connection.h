@@ -89,30 +89,55 @@ auto runBusHandler(std::string_view member, F&& handler) -> decltype(handler()) 
   }
 }
 
-// The reply to one asynchronous method call, which any thread may send. sd-bus messages belong
-// to the bus thread (their reference counts are not atomic), so everything that touches the
-// call happens there: the reply is built and sent there, from plain values, and the call itself
-// is released there even when the last copy of the BusReply dies elsewhere. Copies share the
-// call; only the first reply of all copies is sent, and a call whose replies are all dropped gets
-// no reply at all (the daemon's way of ignoring a request).
+namespace detail {
+
+// A call waiting for its reply, shared by the copies of its BusReply or BusCall. sd-bus messages
+// belong to the bus thread (their reference counts are not atomic): the reply is made there, and
+// the call is released there even when the last copy dies elsewhere.
+template <typename Held>
+struct PendingCall {
+  PendingCall(BusConnection& b, Held h) : bus(b), held(std::move(h)) {}
+  ~PendingCall() {
+    if (bus.isLoopThread()) return;
+    bus.post([h = std::make_shared<Held>(std::move(held))] {});
+  }
+  // Runs `reply(held)` on the bus thread for the first caller of all; later calls do nothing.
+  // The caller may have left the bus meanwhile: that is logged, never thrown.
+  template <typename F>
+  static void replyOnce(const std::shared_ptr<PendingCall>& call, F reply) {
+    if (call->replied.exchange(true)) return;
+    call->bus.run([call, reply = std::move(reply)] {
+      try {
+        reply(call->held);
+      } catch (const sdbus::Error& e) {
+        OrvexLogForCategory(kOrvexLogConnection).error("cannot send reply: %@", e.getMessage());
+      }
+    });
+  }
+
+  BusConnection& bus;
+  Held held;
+  std::atomic<bool> replied{false};
+};
+
+}  // namespace detail
+
+// The reply to one asynchronous method call, which any thread may send: it is built and sent on
+// the bus thread, from plain values. Copies share the call; only the first reply of all copies
+// is sent, and a call whose replies are all dropped gets no reply at all (the daemon's way of
+// ignoring a request).
 template <typename... Results>
 class BusReply {
  public:
   BusReply(BusConnection& bus, sdbus::Result<Results...>&& result)
-      : state_(std::make_shared<State>(bus, std::move(result))) {}
+      : call_(std::make_shared<Call>(bus, std::move(result))) {}
 
   // `make` runs on the bus thread and returns the results as a std::tuple; whatever holds
   // sd-bus values (variants, file descriptors) must be made there.
   template <typename F>
   void sendFrom(F make) const {
-    if (state_->replied.exchange(true)) return;
-    state_->bus.run([state = state_, make = std::move(make)] {
-      try {
-        std::apply([&state](const auto&... args) { state->result.returnResults(args...); }, make());
-      } catch (const sdbus::Error& e) {
-        // The caller may have left the bus; that is logged, never thrown.
-        OrvexLogForCategory(kOrvexLogConnection).error("cannot send reply: %@", e.getMessage());
-      }
+    Call::replyOnce(call_, [make = std::move(make)](sdbus::Result<Results...>& result) {
+      std::apply([&result](const auto&... args) { result.returnResults(args...); }, make());
     });
   }
   // For results that hold no sd-bus values.
@@ -120,76 +145,40 @@ class BusReply {
     sendFrom([values = std::make_tuple(std::move(results)...)] { return values; });
   }
   void fail(const std::string& name, const std::string& message) const {
-    if (state_->replied.exchange(true)) return;
-    state_->bus.run([state = state_, name, message] {
-      try {
-        state->result.returnError(sdbus::Error(name, message));
-      } catch (const sdbus::Error& e) {
-        OrvexLogForCategory(kOrvexLogConnection)
-            .error("cannot send error reply: %@", e.getMessage());
-      }
+    Call::replyOnce(call_, [name, message](sdbus::Result<Results...>& result) {
+      result.returnError(sdbus::Error(name, message));
     });
   }
 
  private:
-  struct State {
-    State(BusConnection& b, sdbus::Result<Results...>&& r) : bus(b), result(std::move(r)) {}
-    ~State() {
-      if (bus.isLoopThread()) return;
-      bus.post([call = std::make_shared<sdbus::Result<Results...>>(std::move(result))] {});
-    }
-    BusConnection& bus;
-    sdbus::Result<Results...> result;
-    std::atomic<bool> replied{false};
-  };
-
-  std::shared_ptr<State> state_;
+  using Call = detail::PendingCall<sdbus::Result<Results...>>;
+  std::shared_ptr<Call> call_;
 };
 
-// The same for a call whose reply is written by hand into the message (see BusReply): `write`
-// runs on the bus thread with the reply message to fill.
+// The same for a call whose reply is written by hand into the message: `write` runs on the bus
+// thread with the reply message to fill.
 class BusCall {
  public:
   BusCall(BusConnection& bus, sdbus::MethodCall call)
-      : state_(std::make_shared<State>(bus, std::move(call))) {}
+      : call_(std::make_shared<Call>(bus, std::move(call))) {}
 
   template <typename F>
   void sendWith(F write) const {
-    if (state_->replied.exchange(true)) return;
-    state_->bus.run([state = state_, write = std::move(write)] {
-      try {
-        auto reply = state->call.createReply();
-        write(reply);
-        reply.send();
-      } catch (const sdbus::Error& e) {
-        OrvexLogForCategory(kOrvexLogConnection).error("cannot send reply: %@", e.getMessage());
-      }
+    Call::replyOnce(call_, [write = std::move(write)](sdbus::MethodCall& call) {
+      auto reply = call.createReply();
+      write(reply);
+      reply.send();
     });
   }
   void fail(const std::string& name, const std::string& message) const {
-    if (state_->replied.exchange(true)) return;
-    state_->bus.run([state = state_, name, message] {
-      try {
-        state->call.createErrorReply(sdbus::Error(name, message)).send();
-      } catch (const sdbus::Error& e) {
-        OrvexLogForCategory(kOrvexLogConnection)
-            .error("cannot send error reply: %@", e.getMessage());
-      }
+    Call::replyOnce(call_, [name, message](sdbus::MethodCall& call) {
+      call.createErrorReply(sdbus::Error(name, message)).send();
     });
   }
 
  private:
-  struct State {
-    State(BusConnection& b, sdbus::MethodCall c) : bus(b), call(std::move(c)) {}
-    ~State() {
-      if (bus.isLoopThread()) return;
-      bus.post([call = std::make_shared<sdbus::MethodCall>(std::move(call))] {});
-    }
-    BusConnection& bus;
-    sdbus::MethodCall call;
-    std::atomic<bool> replied{false};
-  };
-  std::shared_ptr<State> state_;
+  using Call = detail::PendingCall<sdbus::MethodCall>;
+  std::shared_ptr<Call> call_;
 };
 
 }  // namespace orvex
