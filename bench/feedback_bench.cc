@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/model/orvex_feedback.h"
 #include "orvexd/model/orvex_session_feedback.h"
 

@@ -3,16 +3,20 @@
 //
 // Usage: orvex_bench_request_factory [Google Benchmark flags]
 #include <benchmark/benchmark.h>
-
-#include <filesystem>
 #include <unistd.h>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
-#include "orvexd/network/app_whitelist_controller.h"
+#include <filesystem>
+
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/assembly.h"
+#include "orvexd/model/interfaces/app_whitelist_controller.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/file_manager.h"
+#include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 namespace {
@@ -37,8 +41,8 @@ class FactoryFixture {
  public:
   FactoryFixture() {
     setLogThreshold(LogLevel::kError);
-    directory_ = std::filesystem::temp_directory_path() /
-                 ("orvex-bench-" + std::to_string(::getpid()));
+    directory_ =
+        std::filesystem::temp_directory_path() / ("orvex-bench-" + std::to_string(::getpid()));
     DirectoryEnvironment directories;
     directories.home = directory_.string();
     directories.xdgCacheHome = (directory_ / "cache").string();

@@ -12,12 +12,15 @@
 
 #include <filesystem>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/model/assembly.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_feedback.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/file_manager.h"
+#include "orvexd/platform/worker_pool.h"
 #include "tests/support/test_environment.h"
 
 namespace orvex {

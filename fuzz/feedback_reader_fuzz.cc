@@ -10,7 +10,7 @@
 #include <span>
 #include <string_view>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/model/orvex_feedback.h"
 
 namespace {

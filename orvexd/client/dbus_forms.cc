@@ -13,16 +13,6 @@ namespace {
 using StringPairs = std::vector<sdbus::Struct<std::string, std::string>>;
 using StringMap = std::map<std::string, std::string>;
 
-constexpr std::array<std::pair<ORVRequestKind, std::string_view>, 7> kKindNames = {{
-    {ORVRequestKind::kSearch, "search"},
-    {ORVRequestKind::kZeroKeyword, "zeroKeyword"},
-    {ORVRequestKind::kMoreResults, "moreResults"},
-    {ORVRequestKind::kCard, "card"},
-    {ORVRequestKind::kLookup, "lookup"},
-    {ORVRequestKind::kFlightSearch, "flightSearch"},
-    {ORVRequestKind::kFlightLookup, "flightLookup"},
-}};
-
 // ---- The fields of each record, listed once ---------------------------------------------------
 //
 // A visitor is called as v(key, field) for every field; the writers below skip fields that hold
@@ -318,20 +308,6 @@ bool readDict(sdbus::Message& message, std::string& problem, Visit visit) {
 }
 
 }  // namespace
-
-std::string_view kindName(ORVRequestKind kind) {
-  for (const auto& [k, name] : kKindNames) {
-    if (k == kind) return name;
-  }
-  return {};
-}
-
-std::optional<ORVRequestKind> kindFromName(std::string_view name) {
-  for (const auto& [kind, n] : kKindNames) {
-    if (n == name) return kind;
-  }
-  return std::nullopt;
-}
 
 Dict toDBus(const ORVSessionConfiguration& configuration) {
   DictWriter writer;

@@ -14,10 +14,10 @@
 #include <string>
 #include <string_view>
 
+#include "orvexd/base/orvex_error.h"
 #include "orvexd/model/orv_reply.h"
 #include "orvexd/model/orv_request.h"
 #include "orvexd/model/orv_session_configuration.h"
-#include "orvexd/platform/orvex_error.h"
 
 namespace sdbus {
 class Message;
@@ -28,15 +28,6 @@ namespace orvex::dbus {
 using Dict = std::map<std::string, sdbus::Variant>;
 
 // The error domain of the daemon's errors, and the names of the D-Bus errors that end a call.
-inline constexpr const char* kORVErrorDomain = "ORVErrorDomain";
-inline constexpr const char* kErrorConnectionInvalidated =
-    "com.zelmor.orvexd.Error.ConnectionInvalidated";
-inline constexpr const char* kErrorInvalidArgument = "com.zelmor.orvexd.Error.InvalidArgument";
-inline constexpr const char* kErrorNotSupported = "com.zelmor.orvexd.Error.NotSupported";
-
-// The request kinds by their D-Bus names ("search", "zeroKeyword", ...).
-std::string_view kindName(ORVRequestKind kind);
-std::optional<ORVRequestKind> kindFromName(std::string_view name);
 
 Dict toDBus(const ORVSessionConfiguration& configuration);
 // Missing keys read as empty; `problem` names a key of the wrong type.

@@ -4,18 +4,12 @@
 
 #include <mutex>
 
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/client/dbus_forms.h"
 
 namespace orvex {
 
 namespace {
-
-constexpr const char* kBusName = "com.zelmor.orvexd";
-constexpr const char* kDaemonPath = "/com/zelmor/orvexd";
-constexpr const char* kEndpointPath = "/com/zelmor/orvexd/Endpoint";
-constexpr const char* kDaemonInterface = "com.zelmor.orvexd.Daemon";
-constexpr const char* kEndpointInterface = "com.zelmor.orvexd.Endpoint";
-constexpr const char* kDiagnosticsInterface = "com.zelmor.orvexd.Diagnostics";
 
 using Dict = dbus::Dict;
 
@@ -70,11 +64,11 @@ std::unique_ptr<OrvexClient> OrvexClient::connect(std::string* error, const std:
 
 OrvexClient::OrvexClient(std::unique_ptr<sdbus::IConnection> connection)
     : connection_(std::move(connection)),
-      daemon_(sdbus::createProxy(*connection_, kBusName, kDaemonPath)),
-      endpoint_(sdbus::createProxy(*connection_, kBusName, kEndpointPath)),
+      daemon_(sdbus::createProxy(*connection_, kOrvexBusName, kOrvexObjectPath)),
+      endpoint_(sdbus::createProxy(*connection_, kOrvexBusName, kOrvexEndpointPath)),
       signals_(std::make_shared<OrvexClientSignals>()) {
   daemon_->uponSignal("BagDidLoad")
-      .onInterface(kDaemonInterface)
+      .onInterface(kOrvexDaemonInterface)
       .call([signals = signals_](const std::string& bag, const Dict& error) {
         BagHandler handler;
         {
@@ -109,7 +103,7 @@ ClientResult<std::string> OrvexClient::configure(const ORVSessionConfiguration& 
   return guarded([&] {
     sdbus::ObjectPath endpoint;
     daemon_->callMethod("Configure")
-        .onInterface(kDaemonInterface)
+        .onInterface(kOrvexDaemonInterface)
         .withTimeout(timeout_)
         .withArguments(dbus::toDBus(configuration))
         .storeResultsTo(endpoint);
@@ -122,7 +116,7 @@ ClientResult<BagAnswer> OrvexClient::bag() {
     std::string bag;
     Dict error;
     daemon_->callMethod("Bag")
-        .onInterface(kDaemonInterface)
+        .onInterface(kOrvexDaemonInterface)
         .withTimeout(timeout_)
         .storeResultsTo(bag, error);
     return BagAnswer{bagFromText(bag, signals_->agent()), dbus::errorFromDBus(error)};
@@ -132,12 +126,12 @@ ClientResult<BagAnswer> OrvexClient::bag() {
 // Requests are written and read without variants: they are made on every keystroke.
 ClientResult<QueryAnswer> OrvexClient::request(const ORVRequest& request) {
   return guarded([&]() -> QueryAnswer {
-    auto call = daemon_->createMethodCall(kDaemonInterface, "Request");
+    auto call = daemon_->createMethodCall(kOrvexDaemonInterface, "Request");
     dbus::writeRequest(call, request);
     auto reply = daemon_->callMethod(call, timeout_);
     QueryAnswer answer;
     if (!dbus::readQueryAnswer(reply, answer.queryId, answer.reply, answer.error)) {
-      throw sdbus::Error(dbus::kErrorInvalidArgument,
+      throw sdbus::Error(kOrvexErrorInvalidArgument,
                          "the daemon's answer is not (x, a{sv}, a{sv})");
     }
     return answer;
@@ -147,7 +141,7 @@ ClientResult<QueryAnswer> OrvexClient::request(const ORVRequest& request) {
 void OrvexClient::requestAsync(const ORVRequest& request,
                                std::function<void(ClientResult<QueryAnswer>)> completion) {
   try {
-    auto call = daemon_->createMethodCall(kDaemonInterface, "Request");
+    auto call = daemon_->createMethodCall(kOrvexDaemonInterface, "Request");
     dbus::writeRequest(call, request);
     daemon_->callMethod(
         call,
@@ -158,7 +152,7 @@ void OrvexClient::requestAsync(const ORVRequest& request,
           }
           QueryAnswer answer;
           if (!dbus::readQueryAnswer(reply, answer.queryId, answer.reply, answer.error)) {
-            completion(ClientError{dbus::kErrorInvalidArgument,
+            completion(ClientError{kOrvexErrorInvalidArgument,
                                    "the daemon's answer is not (x, a{sv}, a{sv})"});
             return;
           }
@@ -177,7 +171,7 @@ ClientResult<QueryAnswer> OrvexClient::endpointRequest(
     Dict reply;
     Dict error;
     endpoint_->callMethod("Request")
-        .onInterface(kEndpointInterface)
+        .onInterface(kOrvexEndpointInterface)
         .withTimeout(timeout_)
         .withArguments(dbus::toDBus(request), dbus::toDBus(configuration))
         .storeResultsTo(queryId, reply, error);
@@ -189,7 +183,7 @@ ClientResult<Empty> OrvexClient::reportEvent(const std::string& event, int64_t q
                                              const NBFeedback& feedback) {
   return guarded([&] {
     daemon_->callMethod("ReportEvent")
-        .onInterface(kDaemonInterface)
+        .onInterface(kOrvexDaemonInterface)
         .withArguments(event, queryId, feedback.dbusText())
         .dontExpectReply();
     return Empty{};
@@ -201,7 +195,7 @@ ClientResult<std::string> OrvexClient::feedback() {
     std::string feedbacks;
     Dict error;
     daemon_->callMethod("Feedback")
-        .onInterface(kDaemonInterface)
+        .onInterface(kOrvexDaemonInterface)
         .withTimeout(timeout_)
         .withArguments(std::string())
         .storeResultsTo(feedbacks, error);
@@ -213,7 +207,7 @@ ClientResult<std::vector<std::map<std::string, std::string>>> OrvexClient::listS
   return guarded([&] {
     std::vector<std::map<std::string, std::string>> sessions;
     daemon_->callMethod("ListSessions")
-        .onInterface(kDaemonInterface)
+        .onInterface(kOrvexDaemonInterface)
         .withTimeout(timeout_)
         .storeResultsTo(sessions);
     return sessions;
@@ -224,7 +218,7 @@ ClientResult<std::string> OrvexClient::listenToFlusher() {
   return guarded([&] {
     sdbus::ObjectPath endpoint;
     daemon_->callMethod("ListenToFlusher")
-        .onInterface(kDaemonInterface)
+        .onInterface(kOrvexDaemonInterface)
         .withTimeout(timeout_)
         .storeResultsTo(endpoint);
     return std::string(endpoint);
@@ -235,7 +229,7 @@ ClientResult<std::map<std::string, int64_t>> OrvexClient::counters() {
   return guarded([&] {
     std::map<std::string, int64_t> counters;
     daemon_->callMethod("GetCounters")
-        .onInterface(kDiagnosticsInterface)
+        .onInterface(kOrvexDiagnosticsInterface)
         .withTimeout(timeout_)
         .storeResultsTo(counters);
     return counters;
@@ -246,7 +240,7 @@ ClientResult<std::string> OrvexClient::daemonBag() {
   return guarded([&] {
     std::string bag;
     daemon_->callMethod("GetBag")
-        .onInterface(kDiagnosticsInterface)
+        .onInterface(kOrvexDiagnosticsInterface)
         .withTimeout(timeout_)
         .storeResultsTo(bag);
     return bag;

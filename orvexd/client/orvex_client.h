@@ -31,12 +31,12 @@
 #include <variant>
 #include <vector>
 
+#include "orvexd/base/orvex_error.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orv_reply.h"
 #include "orvexd/model/orv_request.h"
 #include "orvexd/model/orv_session_configuration.h"
-#include "orvexd/platform/orvex_error.h"
 
 namespace sdbus {
 class IConnection;

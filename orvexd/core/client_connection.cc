@@ -1,16 +1,20 @@
 #include "orvexd/core/client_connection.h"
 
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/client/dbus_forms.h"
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
-#include "orvexd/core/tracing_setup.h"
 #include "orvexd/feedback/client_session.h"
 #include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/model/assembly.h"
 #include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/input_defaults.h"
+#include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/tracing_setup.h"
+#include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 
@@ -126,7 +130,7 @@ void ClientConnection::configure(ORVSessionConfiguration configuration, Configur
   auto state = this->state();
   if (!state) {
     ClientSessionManager::reportErrorAsOrvexdFeedback(
-        OrvexError(dbus::kORVErrorDomain, 500, "invalid configuration"), assembly_);
+        OrvexError(kORVErrorDomain, 500, "invalid configuration"), assembly_);
     sessionLog().fault("invalid configuration, closing connection");
     if (invalidate_) invalidate_();
     reply(std::nullopt);
@@ -179,7 +183,7 @@ void ClientConnection::bag(BagReply reply) {
   ensureState();
   auto state = this->state();
   if (!state) {
-    reply(nullptr, OrvexError(dbus::kORVErrorDomain, 500, "client state nil"));
+    reply(nullptr, OrvexError(kORVErrorDomain, 500, "client state nil"));
     return;
   }
   const auto configuration = this->configuration();
@@ -203,8 +207,7 @@ void ClientConnection::request(ORVRequest request, QueryReply reply) {
   auto state = this->state();
   if (!state) {
     if (reply) {
-      reply(request.queryId, std::nullopt,
-            OrvexError(dbus::kORVErrorDomain, 500, "client state nil"));
+      reply(request.queryId, std::nullopt, OrvexError(kORVErrorDomain, 500, "client state nil"));
     }
     return;
   }
@@ -341,8 +344,7 @@ void ClientConnection::fileHandleAndAttributesForResource(const std::string& ide
   ensureState();
   OrvexLogForCategory(kOrvexLogImages)
       .error("no downloaded resource for identifier: %@", identifier);
-  reply(std::nullopt, {},
-        OrvexError(dbus::kORVErrorDomain, 500, "no downloaded resource " + identifier));
+  reply(std::nullopt, {}, OrvexError(kORVErrorDomain, 500, "no downloaded resource " + identifier));
 }
 
 void ClientConnection::flushSessionInvalidation(std::function<void(bool)> callback) {
@@ -366,8 +368,7 @@ void ClientConnection::flushSession(std::function<void()> completion) {
 }
 
 void ClientConnection::reportErrorSession(const std::string& reason) {
-  ClientSession::createFeedbackSessionFromError(OrvexError(dbus::kORVErrorDomain, 500, reason),
-                                                assembly_)
+  ClientSession::createFeedbackSessionFromError(OrvexError(kORVErrorDomain, 500, reason), assembly_)
       ->sessionComplete();
 }
 

@@ -26,13 +26,13 @@
 #include <string>
 #include <vector>
 
+#include "orvexd/base/orvex_error.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orv_request.h"
 #include "orvexd/model/orv_session_configuration.h"
 #include "orvexd/model/orvex_feedback.h"
 #include "orvexd/platform/notification_center.h"
-#include "orvexd/platform/orvex_error.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/query/client_state.h"
 #include "orvexd/query/client_state_manager.h"

@@ -5,10 +5,11 @@
 #include <map>
 #include <string>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/assembly.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/process_transaction.h"
 
 namespace orvex {

@@ -21,8 +21,6 @@ namespace orvex {
 
 class Assembly;
 
-inline constexpr const char* kOrvexDiagnosticsInterface = "com.zelmor.orvexd.Diagnostics";
-
 class DiagnosticsService {
  public:
   DiagnosticsService(sdbus::IConnection& connection, Assembly& assembly);

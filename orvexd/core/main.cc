@@ -1,7 +1,7 @@
 // orvexd: the on-device search daemon. It takes no arguments; the session bus launches it on
 // demand (D-Bus activation or its systemd user unit) and it runs until SIGINT or SIGTERM.
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/core/orvex_daemon.h"
-#include "orvexd/core/orvex_logging.h"
 
 int main() {
   // Before any thread exists, so that every thread inherits the mask.

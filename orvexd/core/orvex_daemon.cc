@@ -6,23 +6,31 @@
 #include <cstdlib>
 #include <string>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/core/diagnostics_service.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/core/endpoint_service.h"
 #include "orvexd/core/orvex_service.h"
-#include "orvexd/core/tracing_setup.h"
+#include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/model/assembly.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
+#include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
+#include "orvexd/platform/file_manager.h"
 #include "orvexd/platform/http_session.h"
+#include "orvexd/platform/notification_center.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/signal_source.h"
+#include "orvexd/platform/tracing_setup.h"
 #include "orvexd/platform/url_cache.h"
+#include "orvexd/platform/worker_pool.h"
 #include "orvexd/query/client_state_manager.h"
 
 namespace orvex {
@@ -92,28 +100,44 @@ std::shared_ptr<HttpSession> makeBagSession(Assembly& assembly) {
                                        assembly.fileManager->temporaryDirectory().string());
 }
 
-// Resource downloads. The daemon stays resident instead of being relaunched for background
-// transfer events, and libcurl has neither discretionary scheduling, a background service
-// type nor a way to keep off metered networks; downloads run as ordinary transfers.
-std::shared_ptr<HttpSession> makeDownloadSession(Assembly& assembly) {
-  HttpSessionConfiguration configuration;
-  configuration.identifier = "com.zelmor.orvexd";
-  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
-                                       *assembly.clock,
-                                       assembly.fileManager->temporaryDirectory().string());
-}
+// Builds every component in start-up order, each receiving the Assembly, and fills every field
+// of the Assembly. Nothing else writes into it: once this returns it is only read.
+std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
+                                             std::shared_ptr<FileManager> fileManager,
+                                             std::shared_ptr<DefaultsStore> userDefaults,
+                                             BusConnection& bus) {
+  auto assembly = std::make_shared<Assembly>(std::move(pool), std::make_shared<SystemClock>());
+  assembly->userDefaults = std::move(userDefaults);
+  assembly->fileManager = std::move(fileManager);
+  assembly->notificationCenter = std::make_shared<NotificationCenter>();
+  assembly->systemNotifier = std::make_shared<BusSystemNotifier>(bus);
+  assembly->sharedSession = assembly->userDefaults->boolForKey(kORVSharedSessionKey);
 
-// Feedback uploads: 300 s without progress or 7 days in all end a transfer. As for downloads,
-// there is no background scheduling, and a failed upload is retried by the flusher itself
-// rather than by the HTTP layer.
-std::shared_ptr<HttpSession> makeUploadSession(Assembly& assembly) {
-  HttpSessionConfiguration configuration;
-  configuration.identifier = "com.zelmor.orvexd.flusher.nsurlsession";
-  configuration.requestTimeout = std::chrono::seconds(300);
-  configuration.resourceTimeout = std::chrono::seconds(604800);
-  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
-                                       *assembly.clock,
-                                       assembly.fileManager->temporaryDirectory().string());
+  assembly->urlSession = makeMainSession(*assembly);
+  auto requestFactory = std::make_shared<ORVNetworkRequestFactory>(
+      *assembly,
+      DeviceContextServices::system(assembly->fileManager->configDirectory().parent_path()));
+  requestFactory->start();
+  assembly->requestFactory = requestFactory;
+  // Session files before anything records: the sessions open theirs from the first record on.
+  assembly->persistentStorage =
+      std::make_shared<OrvexPersistentStorage>(*assembly, kORVOrvexdNameVersion);
+  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
+  assembly->bagSession = makeBagSession(*assembly);
+
+  auto bagController = std::make_shared<OrvexBagController>(*assembly);
+  assembly->bagController = bagController;
+  auto clientStateManager = std::make_shared<OrvexClientStateManager>(*assembly);
+  assembly->clientStateManager = clientStateManager;
+  assembly->guidController = std::make_shared<OrvexUserGUIDController>(*assembly);
+  assembly->clientSessionManager =
+      std::make_shared<ClientSessionManager>(*assembly, assembly->guidController, "orvex");
+
+  // The persisted client states bind to the GUID controller and session manager, and the bag
+  // fetch at start is recorded in that session manager: both start once those exist.
+  clientStateManager->start();
+  bagController->start();
+  return assembly;
 }
 
 [[noreturn]] void exitOnSignal(const char* name) {
@@ -150,41 +174,13 @@ int OrvexDaemon::run() {
     return EXIT_FAILURE;
   }
 
-  assembly_ = std::make_shared<Assembly>(pool, std::make_shared<SystemClock>());
-  assembly_->userDefaults = userDefaults;
-  assembly_->fileManager = fileManager;
-  assembly_->notificationCenter = std::make_shared<NotificationCenter>();
-  assembly_->systemNotifier = std::make_shared<BusSystemNotifier>(*bus_);
-
-  assembly_->urlSession = makeMainSession(*assembly_);
-  auto requestFactory = std::make_shared<ORVNetworkRequestFactory>(
-      *assembly_, DeviceContextServices::system(fileManager->configDirectory().parent_path()));
-  requestFactory->start();
-  assembly_->requestFactory = requestFactory;
-  assembly_->downloadURLSession = makeDownloadSession(*assembly_);
-  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
-  assembly_->bagSession = makeBagSession(*assembly_);
-  assembly_->uploadURLSession = makeUploadSession(*assembly_);
-
-  auto bagController = std::make_shared<OrvexBagController>(*assembly_);
-  assembly_->bagController = bagController;
-
-  // Session files first: the sessions open theirs from the first record on.
-  assembly_->persistentStorage =
-      std::make_shared<OrvexPersistentStorage>(*assembly_, kORVOrvexdNameVersion);
-
-  auto clientStateManager = std::make_shared<OrvexClientStateManager>(*assembly_, bus_.get());
-  assembly_->clientStateManager = clientStateManager;
-
-  // The service completes the Assembly (shared-session setting, GUID controller, session
-  // manager); the persisted client states are made once it has, so they bind to those.
-  service_ = std::make_shared<OrvexService>(*assembly_, *bus_);
-  clientStateManager->start();
-  // Started once the session manager exists, so that a fetch at start is recorded too.
-  bagController->start();
+  assembly_ = assembleComponents(pool, fileManager, userDefaults, *bus_);
 
   // Exported before the name is owned, so that a call that activated the daemon finds it.
+  service_ = std::make_shared<OrvexService>(*assembly_, *bus_);
   service_->start();
+  endpoint_ = std::make_shared<EndpointService>(*assembly_, *bus_);
+  endpoint_->start();
   diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection(), *assembly_);
   if (!bus_->requestName(kOrvexBusName, &error)) {
     defaultLog().fault("cannot own the bus name %s: %@", kOrvexBusName, error);

@@ -16,6 +16,7 @@ namespace orvex {
 class Assembly;
 class BusConnection;
 class DiagnosticsService;
+class EndpointService;
 class OrvexService;
 class SerialQueue;
 class SignalSource;
@@ -42,6 +43,7 @@ class OrvexDaemon {
   std::unique_ptr<BusConnection> bus_;
   std::shared_ptr<Assembly> assembly_;
   std::shared_ptr<OrvexService> service_;
+  std::shared_ptr<EndpointService> endpoint_;
   std::unique_ptr<DiagnosticsService> diagnostics_;
   std::unique_ptr<SerialQueue> ipcEventQueue_;
   std::unique_ptr<SignalSource> sigintSource_;

@@ -7,18 +7,19 @@
 #include <cstring>
 #include <fstream>
 
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/base/text_util.h"
+#include "orvexd/base/unique_fd.h"
 #include "orvexd/client/dbus_forms.h"
-#include "orvexd/core/assembly.h"
 #include "orvexd/core/client_connection.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
-#include "orvexd/feedback/client_session_manager.h"
-#include "orvexd/network/user_guid_controller.h"
+#include "orvexd/model/assembly.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
-#include "orvexd/platform/text_util.h"
-#include "orvexd/platform/unique_fd.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
+#include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 
@@ -147,12 +148,7 @@ OrvexService::OrvexService(Assembly& assembly, BusConnection& bus)
     : assembly_(assembly),
       bus_(bus),
       callPool_(kCallThreads),
-      queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock) {
-  assembly_.sharedSession = assembly_.userDefaults->boolForKey(kORVSharedSessionKey);
-  assembly_.guidController = std::make_shared<OrvexUserGUIDController>(assembly_);
-  assembly_.clientSessionManager =
-      std::make_shared<ClientSessionManager>(assembly_, assembly_.guidController, "orvex");
-}
+      queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock) {}
 
 OrvexService::~OrvexService() = default;
 
@@ -262,12 +258,7 @@ void OrvexService::watchNameOwners() {
       .onInterface("org.freedesktop.DBus")
       .call([weakSelf](const std::string& name, const std::string&, const std::string& newOwner) {
         if (!newOwner.empty() || !name.starts_with(':')) return;
-        auto self = weakSelf.lock();
-        if (!self) return;
-        self->invalidate(name);
-        if (self->assembly_.clientStateManager) {
-          self->assembly_.clientStateManager->endpointCallerGone(name);
-        }
+        if (auto self = weakSelf.lock()) self->invalidate(name);
       });
   busDriver_->finishRegistration();
 }
@@ -315,7 +306,7 @@ void OrvexService::exportDaemonInterface() {
           std::string problem;
           auto configuration = dbus::configurationFromDBus(form, &problem);
           if (!configuration) {
-            reply.fail(dbus::kErrorInvalidArgument, problem);
+            reply.fail(kOrvexErrorInvalidArgument, problem);
             return;
           }
           dispatch([reply, configuration = std::move(*configuration)](ClientConnection& c) {
@@ -323,7 +314,7 @@ void OrvexService::exportDaemonInterface() {
               if (endpoint) {
                 reply.send(sdbus::ObjectPath(*endpoint));
               } else {
-                reply.fail(dbus::kErrorConnectionInvalidated, "invalid configuration");
+                reply.fail(kOrvexErrorConnectionInvalidated, "invalid configuration");
               }
             });
           });
@@ -355,7 +346,7 @@ void OrvexService::exportDaemonInterface() {
           auto parsed = dbus::readRequest(call);
           BusCall reply(bus, std::move(call));
           if (!parsed.problem.empty()) {
-            reply.fail(dbus::kErrorInvalidArgument, parsed.problem);
+            reply.fail(kOrvexErrorInvalidArgument, parsed.problem);
             return;
           }
           // A request of a kind the daemon does not know is still the client's call (it binds

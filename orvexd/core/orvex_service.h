@@ -44,8 +44,6 @@ class ClientConnection;
 
 class OrvexService : public std::enable_shared_from_this<OrvexService> {
  public:
-  // Completes the Assembly: "ORVSharedSession", the GUID controller and the shared session
-  // manager.
   OrvexService(Assembly& assembly, BusConnection& bus);
   ~OrvexService();
   OrvexService(const OrvexService&) = delete;

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 
 namespace orvex {
 

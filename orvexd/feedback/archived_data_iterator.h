@@ -11,7 +11,7 @@
 #include <optional>
 #include <span>
 
-#include "orvexd/platform/property_list.h"
+#include "orvexd/base/property_list.h"
 
 namespace orvex {
 

@@ -6,14 +6,17 @@
 #include <ctime>
 #include <utility>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/base/text_util.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/session_privacy_filter.h"
+#include "orvexd/model/assembly.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/network/user_guid_controller.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 
 namespace orvex {
 

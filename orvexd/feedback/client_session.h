@@ -30,12 +30,12 @@
 #include <string_view>
 #include <vector>
 
+#include "orvexd/base/orvex_error.h"
+#include "orvexd/base/property_list.h"
 #include "orvexd/feedback/feedback_session.h"
 #include "orvexd/feedback/file_container.h"
 #include "orvexd/model/orvex_session_feedback.h"
 #include "orvexd/platform/clock.h"
-#include "orvexd/platform/orvex_error.h"
-#include "orvexd/platform/property_list.h"
 
 namespace orvex {
 

@@ -29,10 +29,10 @@
 #include <memory>
 #include <string>
 
+#include "orvexd/base/orvex_error.h"
 #include "orvexd/feedback/feedback_session.h"
-#include "orvexd/feedback/session_manager.h"
+#include "orvexd/model/interfaces/session_manager.h"
 #include "orvexd/platform/clock.h"
-#include "orvexd/platform/orvex_error.h"
 #include "orvexd/platform/serial_queue.h"
 
 namespace orvex {

@@ -10,9 +10,9 @@
 #include <system_error>
 #include <utility>
 
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/feedback/archived_data_iterator.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/process_transaction.h"
 
 namespace orvex {

@@ -28,10 +28,10 @@
 #include <string>
 #include <vector>
 
+#include "orvexd/base/property_list.h"
+#include "orvexd/base/unique_fd.h"
 #include "orvexd/model/orvex_feedback.h"
-#include "orvexd/platform/property_list.h"
 #include "orvexd/platform/serial_queue.h"
-#include "orvexd/platform/unique_fd.h"
 
 namespace orvex {
 

@@ -11,10 +11,14 @@
 #include <system_error>
 #include <utility>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/assembly.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
+#include "orvexd/platform/file_manager.h"
+#include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 namespace {

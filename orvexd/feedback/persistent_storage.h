@@ -25,27 +25,12 @@
 #include <vector>
 
 #include "orvexd/feedback/file_container.h"
+#include "orvexd/model/interfaces/persistent_storage.h"
 #include "orvexd/platform/serial_queue.h"
 
 namespace orvex {
 
 class Assembly;
-
-class PersistentStorage {
- public:
-  virtual ~PersistentStorage() = default;
-  // A new, empty session file and a container open for writing it; null on failure.
-  virtual std::shared_ptr<FileContainer> createFileContainerForWriting() = 0;
-  // The finished sessions waiting for upload, oldest first (a snapshot).
-  virtual std::vector<std::shared_ptr<FileContainer>> getAvailableSessionHandles() = 0;
-  // Closes the container's file and lists it for upload.
-  virtual void closeSessionWithFileContainer(std::shared_ptr<FileContainer> container) = 0;
-  // Takes the container off the list, closes it and deletes its file.
-  virtual void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) = 0;
-  // Calls `done` once every write posted to the files before this call has been made, so that
-  // what those writes carried is in the files and survives the daemon being killed.
-  virtual void afterPendingWrites(std::function<void()> done) = 0;
-};
 
 class OrvexPersistentStorage final : public PersistentStorage,
                                      public std::enable_shared_from_this<OrvexPersistentStorage> {

@@ -1,6 +1,6 @@
 #include "orvexd/model/feedback_codec.h"
 
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex::feedback_codec {
 namespace {

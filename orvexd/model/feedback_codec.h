@@ -39,9 +39,9 @@
 #include <variant>
 #include <vector>
 
+#include "orvexd/base/orvex_error.h"
+#include "orvexd/base/property_list.h"
 #include "orvexd/model/feedback_tables.h"
-#include "orvexd/platform/orvex_error.h"
-#include "orvexd/platform/property_list.h"
 
 namespace orvex {
 

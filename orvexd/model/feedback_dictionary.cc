@@ -3,7 +3,7 @@
 #include <charconv>
 #include <cmath>
 
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 namespace {

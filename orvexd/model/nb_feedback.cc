@@ -2,11 +2,12 @@
 
 #include <array>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/http_types.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/model/network_timing_formatter.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_session_feedback.h"
-#include "orvexd/platform/http_types.h"
 
 namespace orvex {
 namespace {

@@ -26,13 +26,13 @@
 #include <string_view>
 #include <vector>
 
+#include "orvexd/base/orvex_error.h"
+#include "orvexd/base/property_list.h"
 #include "orvexd/model/feedback_codec.h"
 #include "orvexd/model/feedback_dictionary.h"
 #include "orvexd/model/feedback_tables.h"
 #include "orvexd/model/nb_search_records.h"
 #include "orvexd/model/session_processing_helper.h"
-#include "orvexd/platform/orvex_error.h"
-#include "orvexd/platform/property_list.h"
 
 namespace orvex {
 

@@ -6,8 +6,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "orvexd/platform/http_types.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/http_types.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 namespace {

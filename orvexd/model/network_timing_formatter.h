@@ -28,8 +28,8 @@
 #include <string_view>
 #include <vector>
 
+#include "orvexd/base/property_list.h"
 #include "orvexd/model/feedback_dictionary.h"
-#include "orvexd/platform/property_list.h"
 
 namespace orvex {
 

@@ -4,7 +4,7 @@
 #include <cctype>
 #include <cmath>
 
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 

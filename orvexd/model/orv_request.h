@@ -22,6 +22,37 @@ enum class ORVRequestKind {
   kFlightLookup,  // ORVFlightLookupRequest
 };
 
+// The request kinds by the names clients use for them ("search", "zeroKeyword", ...).
+constexpr std::string_view kindName(ORVRequestKind kind) {
+  switch (kind) {
+    case ORVRequestKind::kSearch:
+      return "search";
+    case ORVRequestKind::kZeroKeyword:
+      return "zeroKeyword";
+    case ORVRequestKind::kMoreResults:
+      return "moreResults";
+    case ORVRequestKind::kCard:
+      return "card";
+    case ORVRequestKind::kLookup:
+      return "lookup";
+    case ORVRequestKind::kFlightSearch:
+      return "flightSearch";
+    case ORVRequestKind::kFlightLookup:
+      return "flightLookup";
+  }
+  return {};
+}
+inline constexpr ORVRequestKind kAllRequestKinds[] = {
+    ORVRequestKind::kSearch,      ORVRequestKind::kZeroKeyword, ORVRequestKind::kMoreResults,
+    ORVRequestKind::kCard,        ORVRequestKind::kLookup,      ORVRequestKind::kFlightSearch,
+    ORVRequestKind::kFlightLookup};
+constexpr std::optional<ORVRequestKind> kindFromName(std::string_view name) {
+  for (const ORVRequestKind kind : kAllRequestKinds) {
+    if (kindName(kind) == name) return kind;
+  }
+  return std::nullopt;
+}
+
 // The lookup selection types.
 inline constexpr uint32_t kORVLookupSelectionExplicit = 1;
 inline constexpr uint32_t kORVLookupSelectionHint = 2;

@@ -1,6 +1,7 @@
 #include "orvexd/model/orvex_feedback.h"
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/model/orv_constants.h"
 
 namespace orvex {

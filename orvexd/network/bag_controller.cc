@@ -6,22 +6,28 @@
 #include <utility>
 #include <vector>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/flags.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
-#include "orvexd/feedback/session_manager.h"
+#include "orvexd/base/json_property_list.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/base/text_util.h"
+#include "orvexd/model/assembly.h"
+#include "orvexd/model/interfaces/feedback_sink.h"
+#include "orvexd/model/interfaces/session_manager.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_constants.h"
+#include "orvexd/network/flags.h"
 #include "orvexd/network/network_feedback.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/retryable_network_request.h"
 #include "orvexd/network/user_guid_controller.h"
-#include "orvexd/platform/json_property_list.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
+#include "orvexd/platform/file_manager.h"
+#include "orvexd/platform/notification_center.h"
 #include "orvexd/platform/process_transaction.h"
 #include "orvexd/platform/system_notifier.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 
@@ -312,7 +318,7 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
 
   // The fetch is recorded as the daemon's own feedback: its start now, its end (and error) when
   // it completes, in the session manager that exists now.
-  auto sessionManager = _assembly.clientSessionManager;
+  std::shared_ptr<FeedbackSink> sessionManager = _assembly.clientSessionManager;
   std::optional<std::string> userGuid;
   if (_assembly.guidController)
     userGuid = _assembly.guidController->currentUserGUID().upperString();

@@ -24,32 +24,17 @@
 #include <optional>
 #include <string>
 
+#include "orvexd/base/orvex_error.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/interfaces/bag_controller.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/notification_center.h"
-#include "orvexd/platform/orvex_error.h"
 #include "orvexd/platform/reader_writer_queue.h"
 
 namespace orvex {
 
 class Assembly;
-
-class BagController {
- public:
-  virtual ~BagController() = default;
-
-  // The current bag, starting a fetch when there is none or it is stale; none until the first
-  // bag is in. Callable from any thread.
-  virtual std::shared_ptr<const ORVBag> currentBag() = 0;
-  // The bag in memory, possibly stale; a stale one starts a background fetch.
-  virtual std::shared_ptr<const ORVBag> cachedBagState() = 0;
-  virtual std::optional<std::string> warmURL() = 0;
-  // The bag endpoint for a device country. Called by the request factory from its own queue:
-  // must not call back into the factory synchronously.
-  virtual std::string bagFetchURLWithCountry(const std::string& countryCode) = 0;
-  // A search answer may announce a newer bag version under "bag"; fetches it when newer.
-  virtual void forceFetchBag(const BagDictionary& response) = 0;
-};
 
 // The endpoints used when the defaults key "ORVBagURL" names none.
 inline constexpr const char* kORVDefaultBagURL = "https://bag.search.zelmor.com/bag";

@@ -5,9 +5,9 @@
 #include <memory>
 #include <string>
 
+#include "orvexd/base/http_types.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/platform/clock.h"
-#include "orvexd/platform/http_types.h"
 #include "orvexd/platform/uuid.h"
 
 namespace orvex {

@@ -5,14 +5,18 @@
 #include <cstdlib>
 #include <utility>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/log_format.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/log_format.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/assembly.h"
+#include "orvexd/model/interfaces/app_whitelist_controller.h"
 #include "orvexd/model/orv_constants.h"
-#include "orvexd/network/app_whitelist_controller.h"
 #include "orvexd/network/bag_controller.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/input_defaults.h"
+#include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 

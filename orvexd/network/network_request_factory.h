@@ -21,11 +21,12 @@
 #include <string>
 #include <vector>
 
+#include "orvexd/base/http_types.h"
+#include "orvexd/model/interfaces/network_request_factory.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orv_request.h"
 #include "orvexd/network/subscription_manager.h"
 #include "orvexd/network/url_request_builder.h"
-#include "orvexd/platform/http_types.h"
 #include "orvexd/platform/language_detector.h"
 #include "orvexd/platform/locale_provider.h"
 #include "orvexd/platform/location_provider.h"
@@ -43,43 +44,6 @@ class BagController;
 inline constexpr unsigned kORVFieldMaskNoLocation = 1;
 // The API key every query carries.
 inline constexpr const char* kORVApiKey = "osprey4471";
-
-class NetworkRequestFactory {
- public:
-  virtual ~NetworkRequestFactory() = default;
-
-  virtual std::optional<HttpRequest> bagFetchRequest(BagController& bagController,
-                                                     const std::string& userAgent,
-                                                     const std::optional<std::string>& version) = 0;
-  // The bag's staleness key: its URL changes whenever something the bag depends on changes.
-  virtual std::optional<HttpRequest> bagCacheRequest(BagController& bagController,
-                                                     const std::string& userAgent,
-                                                     const std::optional<std::string>& version) = 0;
-  virtual std::optional<HttpRequest> warmRequest(const std::string& url) = 0;
-  virtual std::optional<HttpRequest> searchRequest(const ORVRequest& query, const ORVBag& bag,
-                                                   const Uuid& userGuid,
-                                                   unsigned fieldMask = 0) = 0;
-  virtual std::optional<HttpRequest> zeroKeywordRequest(const ORVRequest& query, const ORVBag& bag,
-                                                        const Uuid& userGuid,
-                                                        unsigned fieldMask = 0) = 0;
-  virtual std::optional<HttpRequest> moreResultsRequest(const ORVRequest& query, const ORVBag& bag,
-                                                        const Uuid& userGuid,
-                                                        unsigned fieldMask = 0) = 0;
-  virtual std::optional<HttpRequest> lookupRequest(const ORVRequest& query, const ORVBag& bag,
-                                                   const Uuid& userGuid) = 0;
-  virtual std::optional<HttpRequest> cardRequest(const ORVRequest& query, const ORVBag& bag,
-                                                 const Uuid& userGuid) = 0;
-  virtual std::optional<HttpRequest> fileDownloadRequest(const std::string& url,
-                                                         const std::string& version,
-                                                         bool includeLatLong) = 0;
-  virtual std::optional<HttpRequest> flusherUploadRequest(const std::string& url, Duration timeout,
-                                                          const std::string& digest) = 0;
-
-  // The user has searched: downloads may carry the precise position from now on.
-  virtual void setPerformedSearch() = 0;
-  // The maps user-session identifier sent as "X-Zelmor-GeoSession".
-  virtual std::string geoSessionEntityString() = 0;
-};
 
 // Where the factory's device context comes from.
 struct DeviceContextServices {

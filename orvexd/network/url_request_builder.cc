@@ -5,7 +5,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "orvexd/platform/property_list.h"
+#include "orvexd/base/c_handle.h"
+#include "orvexd/base/property_list.h"
 
 namespace orvex {
 

@@ -16,8 +16,8 @@
 #include <string_view>
 #include <vector>
 
+#include "orvexd/base/http_types.h"
 #include "orvexd/model/url_query_item.h"
-#include "orvexd/platform/http_types.h"
 
 namespace orvex {
 

@@ -1,8 +1,11 @@
 #include "orvexd/network/user_guid_controller.h"
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/assembly.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
+#include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
 

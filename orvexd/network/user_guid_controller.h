@@ -10,6 +10,7 @@
 
 #include <memory>
 
+#include "orvexd/model/interfaces/guid_controller.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/uuid.h"
@@ -17,16 +18,6 @@
 namespace orvex {
 
 class Assembly;
-
-class GUIDController {
- public:
-  virtual ~GUIDController() = default;
-  // The current GUID, rotated first if it has expired. Synchronous; callable from any thread,
-  // the controller's own queue included.
-  virtual Uuid currentUserGUID() = 0;
-  // Rotates the GUID, asynchronously but before any later currentUserGUID() answers.
-  virtual void reset() = 0;
-};
 
 class OrvexUserGUIDController final : public GUIDController,
                                       public std::enable_shared_from_this<OrvexUserGUIDController> {

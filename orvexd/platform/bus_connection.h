@@ -24,19 +24,15 @@
 #include <thread>
 #include <tuple>
 
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/platform/unique_fd.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/base/unique_fd.h"
 
 namespace sdbus {
 class IConnection;
 }
 
 namespace orvex {
-
-inline constexpr const char* kOrvexBusName = "com.zelmor.orvexd";
-inline constexpr const char* kOrvexObjectPath = "/com/zelmor/orvexd";
-inline constexpr const char* kOrvexFlusherPath = "/com/zelmor/orvexd/Flusher";
-inline constexpr const char* kOrvexInternalError = "com.zelmor.orvexd.Error.Internal";
 
 class BusConnection {
  public:
@@ -82,10 +78,10 @@ auto runBusHandler(std::string_view member, F&& handler) -> decltype(handler()) 
     throw;
   } catch (const std::exception& e) {
     OrvexLogForCategory(kOrvexLogConnection).fault("%@ failed: %s", member, e.what());
-    throw sdbus::Error(kOrvexInternalError, e.what());
+    throw sdbus::Error(kOrvexErrorInternal, e.what());
   } catch (...) {
     OrvexLogForCategory(kOrvexLogConnection).fault("%@ failed", member);
-    throw sdbus::Error(kOrvexInternalError, "internal error");
+    throw sdbus::Error(kOrvexErrorInternal, "internal error");
   }
 }
 

@@ -2,7 +2,8 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 
 namespace orvex {
 

@@ -14,9 +14,6 @@ class IObject;
 
 namespace orvex {
 
-inline constexpr const char* kOrvexDaemonInterface = "com.zelmor.orvexd.Daemon";
-inline constexpr const char* kOrvexSystemNotifySignal = "SystemNotify";
-
 class BusSystemNotifier final : public SystemNotifier {
  public:
   // `bus` must outlive the notifier.

@@ -11,11 +11,9 @@
 #include <functional>
 #include <memory>
 
-namespace orvex {
+#include "orvexd/base/time_types.h"
 
-using WallTime = std::chrono::system_clock::time_point;
-using MonotonicTime = std::chrono::steady_clock::time_point;
-using Duration = std::chrono::nanoseconds;
+namespace orvex {
 
 // Cancels a scheduled firing. Cancelling is best effort: a firing that has already begun runs to
 // its end. Copies refer to the same firing; dropping the handle does not cancel.

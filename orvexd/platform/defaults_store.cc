@@ -8,8 +8,8 @@
 #include <mutex>
 #include <utility>
 
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 namespace {

@@ -25,8 +25,8 @@
 #include <string_view>
 #include <vector>
 
+#include "orvexd/base/property_list.h"
 #include "orvexd/platform/file_manager.h"
-#include "orvexd/platform/property_list.h"
 
 namespace orvex {
 

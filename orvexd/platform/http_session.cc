@@ -36,12 +36,13 @@
 #include <utility>
 #include <vector>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/c_handle.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/property_list.h"
+#include "orvexd/base/text_util.h"
+#include "orvexd/base/unique_fd.h"
 #include "orvexd/platform/http_timing.h"
-#include "orvexd/platform/property_list.h"
 #include "orvexd/platform/serial_queue.h"
-#include "orvexd/platform/text_util.h"
-#include "orvexd/platform/unique_fd.h"
 #include "orvexd/platform/url_cache.h"
 #include "orvexd/platform/worker_pool.h"
 
@@ -62,7 +63,6 @@ const OrvexLog& httpLog() { return OrvexLogForCategory(kOrvexLogConnection); }
 
 std::once_flag gCurlGlobalInit;
 std::atomic<uint64_t> gNextTaskIdentifier{1};
-
 
 long clampToLong(int64_t value, int64_t minimum) {
   return static_cast<long>(std::clamp<int64_t>(value, minimum, LONG_MAX));

@@ -22,9 +22,9 @@
 #include <optional>
 #include <string>
 
+#include "orvexd/base/http_types.h"
+#include "orvexd/base/orvex_error.h"
 #include "orvexd/platform/clock.h"
-#include "orvexd/platform/http_types.h"
-#include "orvexd/platform/orvex_error.h"
 
 namespace orvex {
 

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <memory>
 
+#include "orvexd/base/c_handle.h"
+
 namespace orvex {
 
 namespace {

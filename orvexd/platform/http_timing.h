@@ -10,9 +10,9 @@
 #include <string>
 #include <string_view>
 
+#include "orvexd/base/http_types.h"
+#include "orvexd/base/property_list.h"
 #include "orvexd/platform/clock.h"
-#include "orvexd/platform/http_types.h"
-#include "orvexd/platform/property_list.h"
 
 namespace orvex {
 

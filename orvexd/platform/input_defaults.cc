@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/platform/defaults_store.h"
 
 namespace orvex {

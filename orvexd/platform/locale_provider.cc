@@ -28,8 +28,8 @@
 #include <set>
 #include <string_view>
 
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 

@@ -30,8 +30,8 @@
 #include <thread>
 #include <utility>
 
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/platform/unique_fd.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/unique_fd.h"
 
 namespace orvex {
 
@@ -54,7 +54,6 @@ constexpr auto kGetClientTimeout = 10s;
 constexpr auto kStopTimeout = 2s;
 
 const OrvexLog& locationLog() { return OrvexLogForCategory(kOrvexLogGeneral); }
-
 
 // The handler, shared by the provider and its sessions; guarded by its mutex.
 struct HandlerSlot {

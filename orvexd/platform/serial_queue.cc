@@ -9,7 +9,7 @@
 #include <optional>
 #include <vector>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex {

@@ -11,7 +11,7 @@
 #include <csignal>
 #include <system_error>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex {

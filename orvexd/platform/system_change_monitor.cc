@@ -33,7 +33,7 @@
 #include <set>
 #include <system_error>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex {

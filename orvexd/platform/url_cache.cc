@@ -17,10 +17,11 @@
 #include <unordered_map>
 #include <vector>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/c_handle.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/property_list.h"
+#include "orvexd/base/text_util.h"
 #include "orvexd/platform/file_manager.h"
-#include "orvexd/platform/property_list.h"
-#include "orvexd/platform/text_util.h"
 
 namespace orvex {
 

@@ -12,8 +12,8 @@
 #include <optional>
 #include <string>
 
+#include "orvexd/base/http_types.h"
 #include "orvexd/platform/clock.h"
-#include "orvexd/platform/http_types.h"
 
 namespace orvex {
 

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <cmath>
 
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 

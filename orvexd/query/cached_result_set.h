@@ -12,8 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "orvexd/base/http_types.h"
 #include "orvexd/platform/clock.h"
-#include "orvexd/platform/http_types.h"
 #include "orvexd/platform/uuid.h"
 
 namespace orvex {

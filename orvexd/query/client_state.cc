@@ -2,12 +2,11 @@
 
 #include <array>
 
-#include "orvexd/client/dbus_forms.h"
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/base/text_util.h"
 #include "orvexd/feedback/client_session_manager.h"
+#include "orvexd/model/assembly.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_feedback.h"
@@ -15,8 +14,11 @@
 #include "orvexd/network/network_feedback.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/user_guid_controller.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/http_session.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/platform/notification_center.h"
 #include "orvexd/platform/uuid.h"
 #include "orvexd/query/query_cache.h"
 
@@ -36,7 +38,7 @@ constexpr uint32_t kSearchEndpoint = 6;
 // An answer that is not JSON.
 constexpr int64_t kJsonParseErrorCode = 3840;
 
-OrvexError bagError(const char* reason) { return OrvexError(dbus::kORVErrorDomain, 1, reason); }
+OrvexError bagError(const char* reason) { return OrvexError(kORVErrorDomain, 1, reason); }
 
 // Records one of the daemon's own records in the shared session manager.
 void addDaemonFeedback(Assembly& assembly, FeedbackRecordPtr record) {
@@ -213,9 +215,8 @@ void ClientState::warm() {
 
 void ClientState::unsupported(const ORVRequest& request, const QueryReply& reply) {
   reply(request.queryId, std::nullopt,
-        OrvexError(
-            dbus::kORVErrorDomain, 500,
-            "request kind " + std::string(dbus::kindName(request.kind)) + " is not supported"));
+        OrvexError(kORVErrorDomain, 500,
+                   "request kind " + std::string(kindName(request.kind)) + " is not supported"));
 }
 
 void ClientState::addFeedback(FeedbackRecordPtr record, const ORVRequest& request) const {
@@ -300,7 +301,7 @@ void ClientState::search(const ORVRequest& request, QueryReply reply) {
       request, *bag, guidController_->currentUserGUID(), fieldMask);
   if (!httpRequest) {
     reply(request.queryId, std::nullopt,
-          OrvexError(dbus::kORVErrorDomain, 500, "no search request could be made"));
+          OrvexError(kORVErrorDomain, 500, "no search request could be made"));
     return;
   }
   searchLog().debug("request: %@ header: %@", httpRequest->url,
@@ -342,7 +343,7 @@ void ClientState::searchCompleted(const ORVRequest& request, const HttpRequest& 
   }
   if (!result.response) {
     searchLog().error("not http response? %@", sent.url);
-    const OrvexError error(dbus::kORVErrorDomain, 500, "invalid response class");
+    const OrvexError error(kORVErrorDomain, 500, "invalid response class");
     reply(request.queryId, std::nullopt, error);
     failSearchFeedback(error, request, start, static_cast<int64_t>(result.data.size()), statusCode,
                        result.timing);
@@ -352,8 +353,7 @@ void ClientState::searchCompleted(const ORVRequest& request, const HttpRequest& 
   std::optional<OrvexError> parseError;
   ORVReply answer = makeReply(request, &sent, &*result.response);
   if (parsed.is_discarded()) {
-    parseError =
-        OrvexError(dbus::kORVErrorDomain, kJsonParseErrorCode, "the answer is not valid JSON");
+    parseError = OrvexError(kORVErrorDomain, kJsonParseErrorCode, "the answer is not valid JSON");
   } else {
     cacheResponse(parsed, sent, request.queryString, start->uuid.value_or(""));
     answer.rawResponse = parsed.dump();

@@ -21,6 +21,8 @@
 #include <optional>
 #include <string>
 
+#include "orvexd/base/orvex_error.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orv_reply.h"
@@ -30,7 +32,6 @@
 #include "orvexd/platform/counting_semaphore.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/notification_center.h"
-#include "orvexd/platform/orvex_error.h"
 
 namespace orvex {
 

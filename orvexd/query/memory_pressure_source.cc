@@ -13,9 +13,9 @@
 #include <mutex>
 #include <system_error>
 
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/platform/text_util.h"
-#include "orvexd/platform/unique_fd.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/text_util.h"
+#include "orvexd/base/unique_fd.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex {

@@ -7,10 +7,13 @@
 #include <utility>
 #include <vector>
 
-#include "orvexd/core/assembly.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/assembly.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/notification_center.h"
 #include "orvexd/platform/serial_queue.h"
+#include "orvexd/platform/worker_pool.h"
 #include "orvexd/query/critbit_tree.h"
 
 namespace orvex {

@@ -9,8 +9,8 @@
 #include <sstream>
 #include <thread>
 
-#include "orvexd/platform/json_property_list.h"
-#include "orvexd/platform/property_list.h"
+#include "orvexd/base/json_property_list.h"
+#include "orvexd/base/property_list.h"
 #include "tests/support/daemon_harness.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/reference_backend.h"

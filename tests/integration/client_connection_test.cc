@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/client/dbus_forms.h"
 #include "tests/support/daemon_harness.h"
 
@@ -100,7 +101,7 @@ TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestI
 
   auto refused = client->configure({"com.zelmor.glance", ""});
   ASSERT_FALSE(refused);
-  EXPECT_EQ(refused.error().name, dbus::kErrorConnectionInvalidated);
+  EXPECT_EQ(refused.error().name, kOrvexErrorConnectionInvalidated);
   const std::string log = harness.daemonLog();
   EXPECT_NE(log.find("configuration requires identifier and agent"), std::string::npos);
   EXPECT_NE(log.find("invalid configuration, closing connection"), std::string::npos);
@@ -117,7 +118,7 @@ TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestI
         .storeResultsTo(endpoint);
     ADD_FAILURE() << "a number for the identifier was accepted";
   } catch (const sdbus::Error& e) {
-    EXPECT_EQ(e.getName(), dbus::kErrorInvalidArgument);
+    EXPECT_EQ(e.getName(), kOrvexErrorInvalidArgument);
     EXPECT_NE(e.getMessage().find("identifier"), std::string::npos);
   }
 

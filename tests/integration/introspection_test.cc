@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "orvexd/base/property_list.h"
 #include "orvexd/model/nb_feedback.h"
-#include "orvexd/platform/property_list.h"
 #include "tests/support/daemon_harness.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/reference_backend.h"

@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
+#include "orvexd/base/property_list.h"
 #include "orvexd/client/orvex_client.h"
-#include "orvexd/platform/property_list.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/reference_backend.h"
 #include "tests/support/test_environment.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 
 namespace orvex::testing {
 

@@ -23,7 +23,7 @@
 #include <utility>
 #include <vector>
 
-#include "orvexd/platform/http_types.h"
+#include "orvexd/base/http_types.h"
 
 namespace orvex::testing {
 

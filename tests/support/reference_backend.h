@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-#include "orvexd/platform/http_types.h"
+#include "orvexd/base/http_types.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/test_environment.h"
 

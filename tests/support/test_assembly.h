@@ -5,7 +5,13 @@
 
 #include <memory>
 
-#include "orvexd/core/assembly.h"
+#include "orvexd/model/assembly.h"
+#include "orvexd/platform/clock.h"
+#include "orvexd/platform/defaults_store.h"
+#include "orvexd/platform/file_manager.h"
+#include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/system_notifier.h"
+#include "orvexd/platform/worker_pool.h"
 #include "tests/support/test_environment.h"
 
 namespace orvex::testing {

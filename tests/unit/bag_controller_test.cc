@@ -7,13 +7,13 @@
 #include <fstream>
 #include <thread>
 
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/json_property_list.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/base/text_util.h"
 #include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/network/network_request_factory.h"
-#include "orvexd/platform/json_property_list.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "tests/support/fixed_locale.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/loopback_http_server.h"

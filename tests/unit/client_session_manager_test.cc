@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/client_session.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/model/orv_constants.h"

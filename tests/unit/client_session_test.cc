@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/session_privacy_filter.h"
 #include "orvexd/model/orv_constants.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_assembly.h"
 

@@ -1,4 +1,4 @@
-#include "orvexd/core/conversion_tables.h"
+#include "orvexd/model/conversion_tables.h"
 
 #include <gtest/gtest.h>
 

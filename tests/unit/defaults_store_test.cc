@@ -8,7 +8,7 @@
 #include <sstream>
 #include <thread>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "tests/support/test_environment.h"
 
 namespace orvex {

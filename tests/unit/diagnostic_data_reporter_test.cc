@@ -1,4 +1,4 @@
-#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 
 namespace orvex {
 namespace {

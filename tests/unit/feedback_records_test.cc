@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <set>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/model/network_timing_formatter.h"
 #include "orvexd/model/orvex_feedback.h"
 #include "orvexd/model/orvex_session_feedback.h"

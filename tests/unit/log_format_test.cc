@@ -1,4 +1,4 @@
-#include "orvexd/core/log_format.h"
+#include "orvexd/base/log_format.h"
 
 #include <gtest/gtest.h>
 

@@ -7,9 +7,9 @@
 #include <mutex>
 #include <set>
 
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
-#include "orvexd/network/app_whitelist_controller.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/interfaces/app_whitelist_controller.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/platform/http_session.h"
 #include "tests/support/fixed_locale.h"

@@ -51,7 +51,7 @@ TEST(ORVBag, WrongTypesReadAsAbsentAndOnlyObjectsMakeBags) {
     "resources": {"logo": "https://img.example/logo.png", "bad": 1},
     "feedback_types": ["a", null, "b"], "lookup_enabled": 1, "agents": []
   })"),
-                                         "Glance/1");
+                                        "Glance/1");
   ASSERT_TRUE(bag);
   EXPECT_EQ(bag->version(), "9.1");
   EXPECT_FALSE(bag->isEnabled());

@@ -1,4 +1,4 @@
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

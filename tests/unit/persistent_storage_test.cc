@@ -5,10 +5,10 @@
 
 #include <fstream>
 
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/archived_data_iterator.h"
 #include "orvexd/model/orv_constants.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_assembly.h"
 

@@ -1,4 +1,4 @@
-#include "orvexd/platform/property_list.h"
+#include "orvexd/base/property_list.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_names.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_assembly.h"
 

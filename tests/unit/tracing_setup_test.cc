@@ -1,10 +1,10 @@
-#include "orvexd/core/tracing_setup.h"
+#include "orvexd/platform/tracing_setup.h"
 
 #include <gtest/gtest.h>
 
 #include <vector>
 
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/file_manager.h"
 #include "tests/support/test_environment.h"

@@ -4,8 +4,8 @@
 
 #include <atomic>
 
-#include "orvexd/core/diagnostic_data_reporter.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "tests/support/test_assembly.h"
 
 namespace orvex {

@@ -22,8 +22,8 @@
 #include <string_view>
 #include <vector>
 
+#include "orvexd/base/orvex_logging.h"
 #include "orvexd/client/orvex_client.h"
-#include "orvexd/core/orvex_logging.h"
 
 namespace orvex::ctl {
 namespace {

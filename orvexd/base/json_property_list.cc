@@ -1,10 +1,10 @@
-#include "orvexd/platform/json_property_list.h"
+#include "orvexd/base/json_property_list.h"
 
 #include <cstdlib>
 #include <memory>
 #include <type_traits>
 
-#include "orvexd/platform/property_list.h"
+#include "orvexd/base/property_list.h"
 
 namespace orvex {
 

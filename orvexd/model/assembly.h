@@ -1,6 +1,7 @@
-// The Assembly holds every long-lived component of the daemon. Start-up creates the components
-// in a fixed order, each receiving the Assembly, and stores them here; components reach their
-// peers only through it, by their abstract interfaces.
+// The Assembly holds every long-lived component of the daemon. One start-up function
+// (assembleComponents, in core/orvex_daemon.cc) creates the components in a fixed order, each
+// receiving the Assembly, and stores them here; components reach their peers only through it, by
+// the abstract interfaces in model/interfaces/, and never write into it.
 //
 // Besides the components, the Assembly carries the platform facilities they share: the worker
 // pool their queues run on, the clock, the defaults store, the file manager and the in-process
@@ -13,15 +14,14 @@
 
 #include <memory>
 
-#include "orvexd/platform/clock.h"
-#include "orvexd/platform/defaults_store.h"
-#include "orvexd/platform/file_manager.h"
-#include "orvexd/platform/notification_center.h"
-#include "orvexd/platform/system_notifier.h"
-#include "orvexd/platform/worker_pool.h"
-
 namespace orvex {
 
+class Clock;
+class DefaultsStore;
+class FileManager;
+class NotificationCenter;
+class SystemNotifier;
+class WorkerPool;
 class AppWhitelistController;
 class BagController;
 class ClientStateManager;
@@ -53,12 +53,10 @@ class Assembly {
   // System-wide notify names; none when the daemon has no bus (tests of single components).
   std::shared_ptr<SystemNotifier> systemNotifier;
 
-  // HTTP sessions, set by start-up: the main session for queries (with the URL cache), the bag
-  // session, and the sessions for resource downloads and feedback uploads.
+  // HTTP sessions, set by start-up: the main session for queries (with the URL cache) and the
+  // bag session.
   std::shared_ptr<HttpSession> urlSession;
   std::shared_ptr<HttpSession> bagSession;
-  std::shared_ptr<HttpSession> downloadURLSession;
-  std::shared_ptr<HttpSession> uploadURLSession;
 
   // Components, in the order start-up creates them.
   std::shared_ptr<NetworkRequestFactory> requestFactory;
@@ -74,8 +72,6 @@ class Assembly {
 
   // Value of the defaults key "ORVSharedSession".
   bool sharedSession = false;
-  // A test switch read by the feedback pipeline; start-up never sets it.
-  bool testFeedbacks = false;
 };
 
 }  // namespace orvex

@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "orvexd/platform/clock.h"
-#include "orvexd/platform/property_list.h"
+#include "orvexd/base/property_list.h"
+#include "orvexd/base/time_types.h"
 
 namespace orvex {
 

@@ -1,4 +1,4 @@
-#include "orvexd/core/assembly.h"
+#include "orvexd/model/assembly.h"
 
 namespace orvex {
 

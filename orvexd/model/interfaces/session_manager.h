@@ -11,17 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "orvexd/model/interfaces/feedback_sink.h"
 #include "orvexd/model/orvex_feedback.h"
 
 namespace orvex {
 
-class SessionManager {
+class SessionManager : public FeedbackSink {
  public:
-  virtual ~SessionManager() = default;
-
   // Stamps the record with the current user GUID and adds it to the open session, opening or
   // ending sessions as the record requires.
-  virtual void addOrvexFeedback(OrvexFeedback feedback) = 0;
+  void addOrvexFeedback(OrvexFeedback feedback) override = 0;
   // Ends the open session now, if there is one; `callback` runs once that is done (at once
   // without a session), on the manager's queue.
   virtual void flushSession(std::function<void()> callback) = 0;

@@ -1,4 +1,4 @@
-#include "orvexd/core/orvex_logging.h"
+#include "orvexd/base/orvex_logging.h"
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/logger.h>
@@ -19,7 +19,8 @@
 #include <mutex>
 #include <vector>
 
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/base/text_util.h"
 
 // The sink's own source position says nothing about the record, so none is attached.
 #define SD_JOURNAL_SUPPRESS_LOCATION

@@ -16,11 +16,10 @@
 #include <string_view>
 #include <utility>
 
-#include "orvexd/core/log_format.h"
+#include "orvexd/base/log_format.h"
+#include "orvexd/base/orvex_names.h"
 
 namespace orvex {
-
-inline constexpr const char* kOrvexLogSubsystem = "com.zelmor.orvexd";
 
 enum class LogLevel { kDebug, kInfo, kDefault, kError, kFault };
 

@@ -1,4 +1,4 @@
-#include "orvexd/core/log_format.h"
+#include "orvexd/base/log_format.h"
 
 #include <sys/types.h>
 
@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <limits>
 
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 namespace {

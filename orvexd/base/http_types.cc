@@ -1,4 +1,4 @@
-#include "orvexd/platform/http_types.h"
+#include "orvexd/base/http_types.h"
 
 #include <algorithm>
 

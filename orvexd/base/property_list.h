@@ -48,17 +48,10 @@
 #include <variant>
 #include <vector>
 
+#include "orvexd/base/c_handle.h"
+
 namespace orvex {
 
-// Frees a C handle with the function of the library that allocated it, e.g.
-// std::unique_ptr<void, CFree<&plist_free>>.
-template <auto FreeFunction>
-struct CFree {
-  template <typename T>
-  void operator()(T* pointer) const {
-    if (pointer != nullptr) FreeFunction(pointer);
-  }
-};
 using PlistFree = CFree<&plist_free>;
 using PlistHandle = std::unique_ptr<void, PlistFree>;
 

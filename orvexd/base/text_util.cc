@@ -1,4 +1,4 @@
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/text_util.h"
 
 #include <unistd.h>
 

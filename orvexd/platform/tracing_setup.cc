@@ -1,12 +1,12 @@
-#include "orvexd/core/tracing_setup.h"
+#include "orvexd/platform/tracing_setup.h"
 
 #include <sys/sdt.h>
 
 #include <atomic>
 #include <mutex>
 
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/core/orvex_names.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/platform/defaults_store.h"
 
 namespace orvex {

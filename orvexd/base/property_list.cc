@@ -1,4 +1,4 @@
-#include "orvexd/platform/property_list.h"
+#include "orvexd/base/property_list.h"
 
 #include <algorithm>
 #include <bit>
@@ -11,8 +11,8 @@
 #include <limits>
 #include <type_traits>
 
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 namespace {

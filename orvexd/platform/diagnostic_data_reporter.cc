@@ -1,12 +1,12 @@
-#include "orvexd/core/diagnostic_data_reporter.h"
+#include "orvexd/platform/diagnostic_data_reporter.h"
 
 #include <array>
 #include <limits>
 #include <mutex>
 
-#include "orvexd/core/log_format.h"
-#include "orvexd/core/orvex_logging.h"
-#include "orvexd/platform/text_util.h"
+#include "orvexd/base/log_format.h"
+#include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/text_util.h"
 
 namespace orvex {
 namespace {

@@ -1,0 +1,48 @@
+// The endpoint whose path Configure hands out: the object /com/zelmor/orvexd/Endpoint, interface
+// com.zelmor.orvexd.Endpoint. Clients send follow-up requests there with their configuration;
+// it serves only more-results and card requests, and drops anything else without a reply.
+//
+// Threading: calls arrive on the bus thread, which owns callers_; the requests run on the
+// components' worker pool and are answered back on the bus thread.
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+
+namespace sdbus {
+class IObject;
+class IProxy;
+class Message;
+}  // namespace sdbus
+
+namespace orvex {
+
+class Assembly;
+class BusConnection;
+
+class EndpointService : public std::enable_shared_from_this<EndpointService> {
+ public:
+  EndpointService(Assembly& assembly, BusConnection& bus);
+  ~EndpointService();
+  EndpointService(const EndpointService&) = delete;
+  EndpointService& operator=(const EndpointService&) = delete;
+
+  // Exports the object and starts watching for callers leaving the bus. Call on the main thread,
+  // before the bus name is owned, once the service is owned by a shared_ptr.
+  void start();
+
+ private:
+  void exportEndpoint();
+  void watchCallers();
+  // Bus thread only.
+  void noteCaller(const sdbus::Message& message);
+
+  Assembly& assembly_;
+  BusConnection& bus_;
+  std::shared_ptr<sdbus::IObject> object_;    // set by start()
+  std::unique_ptr<sdbus::IProxy> busDriver_;  // set by start()
+  std::set<std::string> callers_;             // bus thread: unique names that used the endpoint
+};
+
+}  // namespace orvex
