@@ -10,7 +10,7 @@ packages=(
   uuid-dev libssl-dev zlib1g-dev libcpp-httplib-dev jq wordnet-base
 )
 if [[ "${1:-build}" == test ]]; then
-  packages+=(libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils
+  packages+=(libgtest-dev libgmock-dev clang-14 clang-format-14 libclang-rt-14-dev binutils
                 libbenchmark-dev openssl)
 fi
 

@@ -3,21 +3,40 @@
 # private session bus pointed at it: shows that the daemon owns com.zelmor.orvexd, the bag it
 # fetched from the back-end, its counters and two searches through orvexctl, then leaves both
 # running until you press Enter (or Ctrl-C).
+#
+# The build's, the daemon's and the back-end's output go to log files whose paths are printed;
+# they are shown only when something fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+logs=$(mktemp -d "${TMPDIR:-/tmp}/orvexd-demo-logs-XXXXXX")
+echo "logs: $logs (build.log, orvexd.log, orvex-backend.log)"
+show_log() {
+  echo "--- $1" >&2
+  tail -n 60 "$logs/$1" >&2 || true
+}
+
 scripts/install-deps.sh build
-cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc)" --target orvexd orvex-backend orvexctl
+echo "building orvexd, orvex-backend and orvexctl ..."
+if ! { cmake --preset default && cmake --build --preset default -j "$(nproc)" \
+         --target orvexd orvex-backend orvexctl; } >"$logs/build.log" 2>&1; then
+  show_log build.log
+  exit 1
+fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/orvexd-demo-XXXXXX")
 bus_pid=""
 daemon_pid=""
 backend_pid=""
 cleanup() {
+  local status=$?
   [[ -n "$daemon_pid" ]] && kill "$daemon_pid" 2>/dev/null || true
   [[ -n "$backend_pid" ]] && kill "$backend_pid" 2>/dev/null || true
   [[ -n "$bus_pid" ]] && kill "$bus_pid" 2>/dev/null || true
+  if [[ $status -ne 0 ]]; then
+    show_log orvexd.log
+    show_log orvex-backend.log
+  fi
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -41,8 +60,7 @@ export DBUS_SESSION_BUS_ADDRESS=$(head -n1 "$work/address")
 echo "private session bus: $DBUS_SESSION_BUS_ADDRESS"
 
 # The reference back-end on a loopback port of the kernel's choosing, serving its default bag.
-build/bin/orvex-backend --port 0 --port-file "$work/backend.port" \
-  > >(sed 's/^/  orvex-backend: /') 2> >(sed 's/^/  orvex-backend: /' >&2) &
+build/bin/orvex-backend --port 0 --port-file "$work/backend.port" >"$logs/orvex-backend.log" 2>&1 &
 backend_pid=$!
 for _ in $(seq 100); do [[ -s "$work/backend.port" ]] && break; sleep 0.05; done
 [[ -s "$work/backend.port" ]] || { echo "orvex-backend did not start" >&2; exit 1; }
@@ -57,7 +75,7 @@ cat >"$work/config/com.zelmor.orvexd/defaults.plist" <<PLIST
 <plist version="1.0"><dict><key>ORVBagURL</key><string>$backend/bag</string></dict></plist>
 PLIST
 XDG_CONFIG_HOME="$work/config" XDG_CACHE_HOME="$work/cache" ORVEXD_LOG_LEVEL=info \
-  build/bin/orvexd 2> >(sed 's/^/  orvexd: /' >&2) &
+  build/bin/orvexd >"$logs/orvexd.log" 2>&1 &
 daemon_pid=$!
 for _ in $(seq 100); do
   busctl --address="$DBUS_SESSION_BUS_ADDRESS" status com.zelmor.orvexd >/dev/null 2>&1 && break
@@ -84,12 +102,14 @@ busctl --address="$DBUS_SESSION_BUS_ADDRESS" --json=pretty call com.zelmor.orvex
   /com/zelmor/orvexd com.zelmor.orvexd.Diagnostics GetCounters
 
 # A front-end typing "weath", then "weathe": the first goes to the back-end, the second is
-# answered from the daemon's query cache (the back-end's log above shows one search request).
+# answered from the daemon's query cache, so the back-end sees one search request.
 for query in weath weathe; do
   echo
   echo "\$ orvexctl search $query"
   build/bin/orvexctl --address "$DBUS_SESSION_BUS_ADDRESS" search "$query"
 done
+echo
+echo "orvex-backend received $(grep -c 'GET /search' "$logs/orvex-backend.log" || true) search request(s)"
 
 if [[ -t 0 ]]; then
   echo
