@@ -79,7 +79,6 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   const ClientPeer& peer() const { return peer_; }
   const SerialQueue& callQueue() const { return callQueue_; }
   WorkerPool& callPool() const { return callPool_; }
-  int64_t currentQueryId() const { return currentQueryId_.load(); }
   std::optional<ORVSessionConfiguration> configuration() const;
   std::shared_ptr<ClientState> state() const;
   // Whether a query can be handled without waiting for anything: the connection is bound and

@@ -49,18 +49,12 @@ void EndpointService::noteCaller(const sdbus::Message& message) {
 
 void EndpointService::watchCallers() {
   busDriver_ =
-      sdbus::createProxy(bus_.connection(), "org.freedesktop.DBus", "/org/freedesktop/DBus");
-  std::weak_ptr<EndpointService> weakSelf = weak_from_this();
-  busDriver_->uponSignal("NameOwnerChanged")
-      .onInterface("org.freedesktop.DBus")
-      .call([weakSelf](const std::string& name, const std::string&, const std::string& newOwner) {
-        if (!newOwner.empty() || !name.starts_with(':')) return;
+      watchConnectionsLeaving(bus_, [weakSelf = weak_from_this()](const std::string& name) {
         auto self = weakSelf.lock();
         if (self && self->callers_.erase(name) > 0) {
           connectionLog().debug("endpoint connection invalidated");
         }
       });
-  busDriver_->finishRegistration();
 }
 
 void EndpointService::exportEndpoint() {

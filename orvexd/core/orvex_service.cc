@@ -252,15 +252,9 @@ void OrvexService::invalidate(const std::string& uniqueName) {
 
 void OrvexService::watchNameOwners() {
   busDriver_ =
-      sdbus::createProxy(bus_.connection(), "org.freedesktop.DBus", "/org/freedesktop/DBus");
-  std::weak_ptr<OrvexService> weakSelf = weak_from_this();
-  busDriver_->uponSignal("NameOwnerChanged")
-      .onInterface("org.freedesktop.DBus")
-      .call([weakSelf](const std::string& name, const std::string&, const std::string& newOwner) {
-        if (!newOwner.empty() || !name.starts_with(':')) return;
+      watchConnectionsLeaving(bus_, [weakSelf = weak_from_this()](const std::string& name) {
         if (auto self = weakSelf.lock()) self->invalidate(name);
       });
-  busDriver_->finishRegistration();
 }
 
 void OrvexService::exportDaemonInterface() {

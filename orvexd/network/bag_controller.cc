@@ -76,9 +76,9 @@ unsigned long newsStatus(const std::shared_ptr<const ORVBag>& bag) {
 }  // namespace
 
 OrvexBagController::OrvexBagController(Assembly& assembly)
-    : _assembly(assembly),
-      _userAgent(kORVOrvexdNameVersion),
-      _inMemoryBagCacheAccessQueue("com.zelmor.orvexd.bagcontroller.cacheaccess",
+    : assembly_(assembly),
+      userAgent_(kORVOrvexdNameVersion),
+      inMemoryBagCacheAccessQueue_("com.zelmor.orvexd.bagcontroller.cacheaccess",
                                    *assembly.workerPool, *assembly.clock) {}
 
 OrvexBagController::~OrvexBagController() = default;
@@ -88,7 +88,7 @@ void OrvexBagController::start() {
   // never be overwritten by the older one.
   bool stale = false;
   if (auto dictionary = diskCachedBagDictionary(&stale)) {
-    if (auto bag = ORVBag::initWithDictionary(std::move(*dictionary), _userAgent)) {
+    if (auto bag = ORVBag::initWithDictionary(std::move(*dictionary), userAgent_)) {
       cacheBagState(std::move(bag), /*fromDisk=*/true);
     }
   }
@@ -96,10 +96,10 @@ void OrvexBagController::start() {
 
   // Only the request factory's posts count. They come from its context queue, which the
   // staleness check calls into, so the check runs on the worker pool instead.
-  const auto* factory = static_cast<const NetworkRequestFactory*>(_assembly.requestFactory.get());
-  _refreshObserver = _assembly.notificationCenter->addObserver(
+  const auto* factory = static_cast<const NetworkRequestFactory*>(assembly_.requestFactory.get());
+  refreshObserver_ = assembly_.notificationCenter->addObserver(
       kORVBagRefreshRequiredNotification, factory,
-      [weak = weak_from_this(), pool = _assembly.workerPool](const Notification&) {
+      [weak = weak_from_this(), pool = assembly_.workerPool](const Notification&) {
         pool->post([weak] {
           if (auto self = weak.lock()) self->_handleRefreshNotification();
         });
@@ -113,9 +113,9 @@ std::shared_ptr<const ORVBag> OrvexBagController::currentBag() {
 }
 
 std::shared_ptr<const ORVBag> OrvexBagController::cachedBagState() {
-  auto bag = _inMemoryBagCacheAccessQueue.read([](const auto& held) { return held; });
+  auto bag = inMemoryBagCacheAccessQueue_.read([](const auto& held) { return held; });
   if (bag && _isRefreshRequiredForCachedBag(bag->rawBag())) {
-    _assembly.workerPool->post([weak = weak_from_this()] {
+    assembly_.workerPool->post([weak = weak_from_this()] {
       if (auto self = weak.lock()) self->_fetchBagStateWithVersion(std::nullopt);
     });
   }
@@ -129,7 +129,7 @@ std::optional<std::string> OrvexBagController::warmURL() {
 
 std::string OrvexBagController::bagFetchURLWithCountry(const std::string& countryCode) {
   const std::string configured =
-      _assembly.userDefaults->stringForKey(kORVBagURLKey).value_or(std::string());
+      assembly_.userDefaults->stringForKey(kORVBagURLKey).value_or(std::string());
   if (!configured.empty()) {
     if (OrvexURLRequestBuilder::requestBuilderWithURL(configured)) return configured;
     bagLog().error("Malformed orvex bag URL in user defaults key %@", kORVBagURLKey);
@@ -140,7 +140,7 @@ std::string OrvexBagController::bagFetchURLWithCountry(const std::string& countr
 }
 
 void OrvexBagController::forceFetchBag(const BagDictionary& response) {
-  const std::string current = _inMemoryBagCacheAccessQueue.read(
+  const std::string current = inMemoryBagCacheAccessQueue_.read(
       [](const auto& held) { return held ? held->version() : std::string(); });
   const auto found = response.is_object() ? response.find("bag") : response.end();
   if (found == response.end() || !found->is_number()) return;
@@ -162,7 +162,7 @@ void OrvexBagController::_handleRefreshNotification() {
   bagLog().debug(
       "something significant changed (locale, geo). checking to see if bag needs update");
   // With no bag held the check sees no expiry, which reads as expired.
-  const auto held = _inMemoryBagCacheAccessQueue.read([](const auto& bag) { return bag; });
+  const auto held = inMemoryBagCacheAccessQueue_.read([](const auto& bag) { return bag; });
   if (_isRefreshRequiredForCachedBag(held ? held->rawBag() : BagDictionary::object())) {
     _fetchBagStateWithVersion(std::nullopt);
   }
@@ -173,7 +173,7 @@ bool OrvexBagController::_isRefreshRequiredForCachedBag(const BagDictionary& dic
   const double expiration = expirationEntry != dictionary.end() && expirationEntry->is_number()
                                 ? expirationEntry->get<double>()
                                 : 0;
-  const double remaining = expiration - secondsSince1970(_assembly.clock->wallNow());
+  const double remaining = expiration - secondsSince1970(assembly_.clock->wallNow());
   if (!(remaining >= std::chrono::duration<double>(kEarlyRefreshMargin).count())) {
     bagLog().info("bag expired: %f", remaining);
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagExpired);
@@ -194,7 +194,7 @@ bool OrvexBagController::_isRefreshRequiredForCachedBag(const BagDictionary& dic
 }
 
 std::string OrvexBagController::currentBagCacheURL() {
-  const auto request = _assembly.requestFactory->bagCacheRequest(*this, _userAgent, std::nullopt);
+  const auto request = assembly_.requestFactory->bagCacheRequest(*this, userAgent_, std::nullopt);
   return request ? request->url : std::string();
 }
 
@@ -208,7 +208,7 @@ std::optional<BagDictionary> OrvexBagController::diskCachedBagDictionary(bool* s
   const auto path = _pathToCachedBag(&pathError);
   if (!path) return std::nullopt;
   std::error_code readError;
-  const auto bytes = _assembly.fileManager->readFile(*path, readError);
+  const auto bytes = assembly_.fileManager->readFile(*path, readError);
   if (!bytes) {
     if (readError != std::errc::no_such_file_or_directory) {
       bagLog().fault("Error reading from bag cache: %@.", readError.message());
@@ -230,7 +230,7 @@ std::optional<BagDictionary> OrvexBagController::diskCachedBagDictionary(bool* s
 }
 
 std::optional<std::filesystem::path> OrvexBagController::_pathToCachedBag(std::error_code* error) {
-  const FileManager& files = *_assembly.fileManager;
+  const FileManager& files = *assembly_.fileManager;
   const std::filesystem::path directory = files.cacheDirectory();
   if ((*error = files.ensureDirectory(directory.parent_path()))) {
     bagLog().log("error getting cache directory %@", error->message());
@@ -245,7 +245,7 @@ std::optional<std::filesystem::path> OrvexBagController::_pathToCachedBag(std::e
 
 BagDictionary OrvexBagController::_dictionaryToCacheBag(const BagDictionary& dictionary) {
   BagDictionary augmented = dictionary;
-  augmented[kExpirationKey] = secondsSince1970(_assembly.clock->wallNow() + kBagLifetime);
+  augmented[kExpirationKey] = secondsSince1970(assembly_.clock->wallNow() + kBagLifetime);
   augmented[kBagURLKey] = currentBagCacheURL();
   return augmented;
 }
@@ -271,7 +271,7 @@ BagDictionary OrvexBagController::cacheBagDictionary(const BagDictionary& dictio
   }
   // The file is replaced whole and made private to the user in the same step.
   ProcessTransaction transaction("bagWrite");
-  if (const auto error = _assembly.fileManager->writeFileAtomically(*path, document, 0600)) {
+  if (const auto error = assembly_.fileManager->writeFileAtomically(*path, document, 0600)) {
     bagLog().log("Could not write to %@", path->string());
   }
   return augmented;
@@ -279,16 +279,16 @@ BagDictionary OrvexBagController::cacheBagDictionary(const BagDictionary& dictio
 
 void OrvexBagController::cacheBagState(std::shared_ptr<const ORVBag> bag, bool fromDisk) {
   if (!bag) return;
-  _inMemoryBagCacheAccessQueue.write([&](std::shared_ptr<const ORVBag>& held) {
+  inMemoryBagCacheAccessQueue_.write([&](std::shared_ptr<const ORVBag>& held) {
     const unsigned long previousStatus = newsStatus(held);
     const unsigned long newStatus = newsStatus(bag);
     held = bag;
-    _assembly.notificationCenter->post(kORVBagChangeNotification, nullptr,
+    assembly_.notificationCenter->post(kORVBagChangeNotification, nullptr,
                                        {{"bag", std::shared_ptr<const ORVBag>(bag)}});
     if (previousStatus != newStatus && !fromDisk) {
       bagLog().log("setting Orvex News Available status to %lu", newStatus);
-      if (_assembly.systemNotifier) {
-        _assembly.systemNotifier->postNotification(newStatus == 1 ? kORVNotifyEnabled
+      if (assembly_.systemNotifier) {
+        assembly_.systemNotifier->postNotification(newStatus == 1 ? kORVNotifyEnabled
                                                                   : kORVNotifyDisabled);
       }
     }
@@ -296,21 +296,21 @@ void OrvexBagController::cacheBagState(std::shared_ptr<const ORVBag> bag, bool f
 }
 
 void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> version) {
-  if (_fetchInProgress.exchange(true)) return;
+  if (fetchInProgress_.exchange(true)) return;
   _fetchBagStateWithVersion(std::move(version), nullptr);
 }
 
 void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> version,
                                                    FetchCompletion completion) {
-  const auto request = _assembly.requestFactory->bagFetchRequest(*this, _userAgent, version);
+  const auto request = assembly_.requestFactory->bagFetchRequest(*this, userAgent_, version);
   if (!request) {
     // Only an unusable endpoint gets here; it fails like an unanswered fetch.
     const OrvexError error = bagFetchError("no request");
     bagLog().log("Error fetching bag: %@", error);
-    _assembly.notificationCenter->post(kORVBagChangeNotification, nullptr, {{"bagError", error}});
+    assembly_.notificationCenter->post(kORVBagChangeNotification, nullptr, {{"bagError", error}});
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetchesFailed);
     if (completion) completion(nullptr, error);
-    _fetchInProgress.store(false);
+    fetchInProgress_.store(false);
     return;
   }
   bagLog().log("Initiating bag fetch attempt with request %@ header %@", request->url,
@@ -318,24 +318,24 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
 
   // The fetch is recorded as the daemon's own feedback: its start now, its end (and error) when
   // it completes, in the session manager that exists now.
-  std::shared_ptr<FeedbackSink> sessionManager = _assembly.clientSessionManager;
+  std::shared_ptr<FeedbackSink> sessionManager = assembly_.clientSessionManager;
   std::optional<std::string> userGuid;
-  if (_assembly.guidController)
-    userGuid = _assembly.guidController->currentUserGUID().upperString();
+  if (assembly_.guidController)
+    userGuid = assembly_.guidController->currentUserGUID().upperString();
   auto start = makeStartNetworkFeedback(*request, "", kBagFetchTriggerEvent, kBagEndpoint,
-                                        _assembly.clock->monotonicNow());
-  auto record = [userGuid, userAgent = _userAgent](FeedbackRecordPtr feedback) {
+                                        assembly_.clock->monotonicNow());
+  auto record = [userGuid, userAgent = userAgent_](FeedbackRecordPtr feedback) {
     return OrvexFeedback::initWithFeedback(std::move(feedback), 0, userGuid, userAgent);
   };
   if (sessionManager) sessionManager->addOrvexFeedback(record(start));
 
   auto transaction = std::make_shared<ProcessTransaction>("bagFetch");
   auto task = dataTaskWithRetryableRequest(
-      _assembly.bagSession,
+      assembly_.bagSession,
       ORVRetryableNetworkRequest(*request, /*expiry=*/std::nullopt, /*delay=*/true),
       /*attempt=*/1, /*retriesLeft=*/5,
       [weak = weak_from_this(), transaction, completion, sessionManager, record, uuid = start->uuid,
-       clock = _assembly.clock](HttpDataResult result) {
+       clock = assembly_.clock](HttpDataResult result) {
         bagLog().debug("resp: %@",
                        result.response
                            ? formatLog("%lld %@", result.response->statusCode, result.response->url)
@@ -365,12 +365,12 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
             failure->error = *error;
             sessionManager->addOrvexFeedback(record(failure));
           }
-          self->_assembly.notificationCenter->post(kORVBagChangeNotification, nullptr,
+          self->assembly_.notificationCenter->post(kORVBagChangeNotification, nullptr,
                                                    {{"bagError", *error}});
           OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetchesFailed);
         }
         if (completion) completion(stored, error);
-        self->_fetchInProgress.store(false);
+        self->fetchInProgress_.store(false);
       });
   task->resume();
 }
@@ -401,7 +401,7 @@ std::optional<OrvexError> OrvexBagController::_takeFetchedBag(
   }
   bagLog().info("Got bag: %@", json.dump());
   BagDictionary augmented = cacheBagDictionary(json);
-  if (auto bag = ORVBag::initWithDictionary(std::move(augmented), _userAgent)) {
+  if (auto bag = ORVBag::initWithDictionary(std::move(augmented), userAgent_)) {
     stored = bag;
     cacheBagState(std::move(bag), /*fromDisk=*/false);
   }

@@ -66,7 +66,7 @@ class OrvexBagController final : public BagController,
   std::string bagFetchURLWithCountry(const std::string& countryCode) override;
   void forceFetchBag(const BagDictionary& response) override;
 
-  const std::string& userAgent() const { return _userAgent; }
+  const std::string& userAgent() const { return userAgent_; }
 
  private:
   void _handleRefreshNotification();
@@ -88,16 +88,16 @@ class OrvexBagController final : public BagController,
   // The bag-cache URL as the request factory builds it now; empty when it cannot.
   std::string currentBagCacheURL();
 
-  Assembly& _assembly;
+  Assembly& assembly_;
   // The daemon's own user agent, which selects the bag's per-agent values for the daemon.
-  const std::string _userAgent;
+  const std::string userAgent_;
   // The current bag: read in shared sections, replaced in exclusive ones
   // ("com.zelmor.orvexd.bagcontroller.cacheaccess").
-  ReaderWriterQueue<std::shared_ptr<const ORVBag>> _inMemoryBagCacheAccessQueue;
+  ReaderWriterQueue<std::shared_ptr<const ORVBag>> inMemoryBagCacheAccessQueue_;
   // Set while a fetch is outstanding; any thread sets it by exchange and the fetch's completion
   // clears it.
-  std::atomic<bool> _fetchInProgress{false};
-  ObserverToken _refreshObserver;  // written once by start()
+  std::atomic<bool> fetchInProgress_{false};
+  ObserverToken refreshObserver_;  // written once by start()
 };
 
 }  // namespace orvex

@@ -10,39 +10,39 @@
 namespace orvex {
 
 OrvexUserGUIDController::OrvexUserGUIDController(Assembly& assembly)
-    : _assembly(assembly),
-      _queue("com.zelmor.orvex.guid", *assembly.workerPool, *assembly.clock),
-      _lastKnownUserGUID(Uuid::random()),
-      _lastKnownUserGUIDExpirationDate(assembly.clock->wallNow() + kLifetime) {}
+    : assembly_(assembly),
+      queue_("com.zelmor.orvex.guid", *assembly.workerPool, *assembly.clock),
+      lastKnownUserGUID_(Uuid::random()),
+      lastKnownUserGUIDExpirationDate_(assembly.clock->wallNow() + kLifetime) {}
 
 Uuid OrvexUserGUIDController::currentUserGUID() {
-  if (_queue.isCurrent()) return currentOnQueue();
-  return _queue.syncResult([this] { return currentOnQueue(); }).value_or(Uuid());
+  if (queue_.isCurrent()) return currentOnQueue();
+  return queue_.syncResult([this] { return currentOnQueue(); }).value_or(Uuid());
 }
 
 void OrvexUserGUIDController::reset() {
-  _queue.async([weak = weak_from_this()] {
+  queue_.async([weak = weak_from_this()] {
     if (auto self = weak.lock()) self->_rollGUID();
   });
 }
 
 Uuid OrvexUserGUIDController::currentOnQueue() {
-  _queue.assertCurrent("currentUserGUID");
-  if (_lastKnownUserGUIDExpirationDate - _assembly.clock->wallNow() <= Duration::zero()) {
+  queue_.assertCurrent("currentUserGUID");
+  if (lastKnownUserGUIDExpirationDate_ - assembly_.clock->wallNow() <= Duration::zero()) {
     _rollGUID();
   }
-  return _lastKnownUserGUID;
+  return lastKnownUserGUID_;
 }
 
 void OrvexUserGUIDController::_rollGUID() {
-  _queue.assertCurrent("_rollGUID");
-  _lastKnownUserGUID = Uuid::random();
-  _lastKnownUserGUIDExpirationDate = _assembly.clock->wallNow() + kLifetime;
-  _queue.async([weak = weak_from_this()] {
+  queue_.assertCurrent("_rollGUID");
+  lastKnownUserGUID_ = Uuid::random();
+  lastKnownUserGUIDExpirationDate_ = assembly_.clock->wallNow() + kLifetime;
+  queue_.async([weak = weak_from_this()] {
     auto self = weak.lock();
     if (!self) return;
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterUserGUID);
-    self->_assembly.notificationCenter->post(kORVUserGUIDChangeNotification);
+    self->assembly_.notificationCenter->post(kORVUserGUIDChangeNotification);
   });
 }
 

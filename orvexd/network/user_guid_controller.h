@@ -31,15 +31,15 @@ class OrvexUserGUIDController final : public GUIDController,
   void reset() override;
 
  private:
-  // Must run on _queue.
+  // Must run on queue_.
   Uuid currentOnQueue();
   void _rollGUID();
 
-  Assembly& _assembly;
-  SerialQueue _queue;  // "com.zelmor.orvex.guid"
-  // Both owned by _queue.
-  Uuid _lastKnownUserGUID;
-  WallTime _lastKnownUserGUIDExpirationDate;
+  Assembly& assembly_;
+  SerialQueue queue_;  // "com.zelmor.orvex.guid"
+  // Both owned by queue_.
+  Uuid lastKnownUserGUID_;
+  WallTime lastKnownUserGUIDExpirationDate_;
 };
 
 }  // namespace orvex

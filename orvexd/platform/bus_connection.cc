@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sdbus-c++/IConnection.h>
+#include <sdbus-c++/IProxy.h>
 #include <sys/eventfd.h>
 
 #include <cerrno>
@@ -131,6 +132,20 @@ void BusConnection::runEventLoop() {
       throw std::system_error(errno, std::generic_category(), "poll on the session bus");
     }
   }
+}
+
+std::unique_ptr<sdbus::IProxy> watchConnectionsLeaving(
+    BusConnection& bus, std::function<void(const std::string& uniqueName)> gone) {
+  auto driver =
+      sdbus::createProxy(bus.connection(), "org.freedesktop.DBus", "/org/freedesktop/DBus");
+  driver->uponSignal("NameOwnerChanged")
+      .onInterface("org.freedesktop.DBus")
+      .call([gone = std::move(gone)](const std::string& name, const std::string&,
+                                     const std::string& newOwner) {
+        if (newOwner.empty() && name.starts_with(':')) gone(name);
+      });
+  driver->finishRegistration();
+  return driver;
 }
 
 }  // namespace orvex

@@ -30,7 +30,8 @@
 
 namespace sdbus {
 class IConnection;
-}
+class IProxy;
+}  // namespace sdbus
 
 namespace orvex {
 
@@ -67,6 +68,11 @@ class BusConnection {
   bool stopping_ = false;
   std::atomic<std::thread::id> loopThread_;  // set while runEventLoop() runs
 };
+
+// Calls `gone` on the bus thread with the unique name (":1.42") of every connection that leaves
+// the bus, as NameOwnerChanged reports it. The watch lasts as long as the returned proxy.
+std::unique_ptr<sdbus::IProxy> watchConnectionsLeaving(
+    BusConnection& bus, std::function<void(const std::string& uniqueName)> gone);
 
 // Runs a member handler. An sdbus::Error passes through as the reply's error; any other
 // exception becomes com.zelmor.orvexd.Error.Internal and a fault in the log.

@@ -38,8 +38,6 @@ class OrvexClientStateManager final : public ClientStateManager,
   std::vector<ClientSessionEntry> sessions() override;
   std::string endpoint() const override { return kOrvexEndpointPath; }
 
-  bool persistSessions() const { return persistSessions_; }
-
  private:
   void loadState();
   std::vector<ClientSessionEntry> sessionsOnQueue() const;

@@ -46,21 +46,21 @@ class CKey {
 
 }  // namespace
 
-CritbitTree::CritbitTree(ReleaseFunction release) : _tree{} { _tree.value_release = release; }
+CritbitTree::CritbitTree(ReleaseFunction release) : tree_{} { tree_.value_release = release; }
 
-CritbitTree::~CritbitTree() { critbit_clear(&_tree); }
+CritbitTree::~CritbitTree() { critbit_clear(&tree_); }
 
-CritbitTree::CritbitTree(CritbitTree&& other) noexcept : _tree(other._tree) {
-  other._tree.root.flag = 0;
-  other._tree.size = 0;
+CritbitTree::CritbitTree(CritbitTree&& other) noexcept : tree_(other.tree_) {
+  other.tree_.root.flag = 0;
+  other.tree_.size = 0;
 }
 
 CritbitTree& CritbitTree::operator=(CritbitTree&& other) noexcept {
   if (this != &other) {
-    critbit_clear(&_tree);
-    _tree = other._tree;
-    other._tree.root.flag = 0;
-    other._tree.size = 0;
+    critbit_clear(&tree_);
+    tree_ = other.tree_;
+    other.tree_.root.flag = 0;
+    other.tree_.size = 0;
   }
   return *this;
 }
@@ -68,35 +68,35 @@ CritbitTree& CritbitTree::operator=(CritbitTree&& other) noexcept {
 bool CritbitTree::setObject(void* value, std::string_view key) {
   const CKey ckey(key);
   if (value == nullptr || !ckey.valid()) return false;
-  if (critbit_insert(&_tree, ckey.c_str(), value, 1) != 0) return true;
+  if (critbit_insert(&tree_, ckey.c_str(), value, 1) != 0) return true;
   // 0 is either this very value already stored under the key, or a failed allocation.
   void* stored = nullptr;
-  return critbit_contains(&_tree, ckey.c_str(), &stored) == 1 && stored == value;
+  return critbit_contains(&tree_, ckey.c_str(), &stored) == 1 && stored == value;
 }
 
 void* CritbitTree::objectForKey(std::string_view key) const {
   const CKey ckey(key);
   void* stored = nullptr;
-  if (!ckey.valid() || critbit_contains(&_tree, ckey.c_str(), &stored) == 0) return nullptr;
+  if (!ckey.valid() || critbit_contains(&tree_, ckey.c_str(), &stored) == 0) return nullptr;
   return stored;
 }
 
 bool CritbitTree::containsKey(std::string_view key) const {
   const CKey ckey(key);
-  return ckey.valid() && critbit_contains(&_tree, ckey.c_str(), nullptr) == 1;
+  return ckey.valid() && critbit_contains(&tree_, ckey.c_str(), nullptr) == 1;
 }
 
 bool CritbitTree::removeObjectForKey(std::string_view key) {
   const CKey ckey(key);
-  return ckey.valid() && critbit_delete(&_tree, ckey.c_str()) == 1;
+  return ckey.valid() && critbit_delete(&tree_, ckey.c_str()) == 1;
 }
 
-void CritbitTree::removeAllObjects() { critbit_clear(&_tree); }
+void CritbitTree::removeAllObjects() { critbit_clear(&tree_); }
 
 void CritbitTree::keysMatchingPrefix(std::string_view prefix, const KeyVisitor& visitor) const {
   const CKey cprefix(prefix);
   if (!cprefix.valid()) return;
-  critbit_allprefixed(&_tree, cprefix.c_str(), prefix_callback, const_cast<KeyVisitor*>(&visitor));
+  critbit_allprefixed(&tree_, cprefix.c_str(), prefix_callback, const_cast<KeyVisitor*>(&visitor));
 }
 
 }  // namespace orvex

@@ -53,10 +53,10 @@ class CritbitTree {
   // keys it is a prefix of). An empty prefix visits all keys.
   void keysMatchingPrefix(std::string_view prefix, const KeyVisitor& visitor) const;
 
-  uint64_t count() const { return _tree.size; }
+  uint64_t count() const { return tree_.size; }
 
  private:
-  critbit_tree _tree;
+  critbit_tree tree_;
 };
 
 // A crit-bit tree that owns heap objects of type T: each value is destroyed when its key is
@@ -67,28 +67,28 @@ class CritbitMap {
  public:
   using KeyVisitor = CritbitTree::KeyVisitor;
 
-  CritbitMap() : _tree(&destroy) {}
+  CritbitMap() : tree_(&destroy) {}
 
   // Takes `value` unless it is null, the key holds a NUL byte or memory ran out; then the value
   // is destroyed here and false returned.
   bool set(std::unique_ptr<T> value, std::string_view key) {
-    if (!_tree.setObject(value.get(), key)) return false;
+    if (!tree_.setObject(value.get(), key)) return false;
     (void)value.release();  // the tree owns it now
     return true;
   }
-  T* find(std::string_view key) const { return static_cast<T*>(_tree.objectForKey(key)); }
-  bool contains(std::string_view key) const { return _tree.containsKey(key); }
-  bool remove(std::string_view key) { return _tree.removeObjectForKey(key); }
-  void clear() { _tree.removeAllObjects(); }
+  T* find(std::string_view key) const { return static_cast<T*>(tree_.objectForKey(key)); }
+  bool contains(std::string_view key) const { return tree_.containsKey(key); }
+  bool remove(std::string_view key) { return tree_.removeObjectForKey(key); }
+  void clear() { tree_.removeAllObjects(); }
   void keysMatchingPrefix(std::string_view prefix, const KeyVisitor& visitor) const {
-    _tree.keysMatchingPrefix(prefix, visitor);
+    tree_.keysMatchingPrefix(prefix, visitor);
   }
-  uint64_t count() const { return _tree.count(); }
+  uint64_t count() const { return tree_.count(); }
 
  private:
   static void destroy(void* value) { std::unique_ptr<T> drop(static_cast<T*>(value)); }
 
-  CritbitTree _tree;
+  CritbitTree tree_;
 };
 
 }  // namespace orvex
