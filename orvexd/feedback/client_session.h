@@ -83,12 +83,8 @@ class ClientSession final : public FeedbackSession,
   PlistDictionary archiveForm() const;
 
   const std::string& agent() const { return agent_; }
-  const PlistDictionary& resourceVersions() const { return resourceVersions_; }
-  WallTime sessionStart() const { return sessionStart_; }
-  uint32_t previousSessionEndReason() const { return previousSessionEndReason_; }
   bool firstUseOfTheDay() const { return firstUseOfTheDay_; }
   bool removeTimestamps() const { return removeTimestamps_; }
-  const std::shared_ptr<FileContainer>& storageHandle() const { return storageHandle_; }
 
   // The defaults key of the client's first-use date, or nothing for a client that has none.
   static std::optional<std::string> firstUseKeyForAgent(std::string_view agent);

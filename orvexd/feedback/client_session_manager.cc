@@ -48,7 +48,6 @@ ClientSessionManager::ClientSessionManager(Assembly& assembly,
   } else {
     sessionLog().info("Orvex is using individual session for clients %@", identifier_);
   }
-  _listenForMemoryPressure();
 }
 
 std::string ClientSessionManager::orvexdUserAgent() {
@@ -90,16 +89,14 @@ void ClientSessionManager::_addOrvexFeedback(OrvexFeedback feedback) {
   if (guidController_) feedback.setUserGuid(currentGuidString());
 
   const MonotonicTime now = assembly_.clock->monotonicNow();
-  if (currentState_ != kStateNoSession && session_ && session_->userGuid() != feedback.userGuid()) {
-    _updateState(kEventGuidChanged, &feedback, nullptr);
-  } else if ((currentState_ == kStatePastSoftLimit || currentState_ == kStatePastSoftLimitAlt) &&
-             suggestsSessionEnd(feedback.type())) {
-    _updateState(kEventSentinelFeedback, &feedback, nullptr);
-  } else if ((currentState_ == kStatePastSoftLimit || currentState_ == kStatePastSoftLimitAlt) &&
-             expirationTime_ <= now) {
-    _updateState(kEventFeedbackAfterIdle, &feedback, nullptr);
+  if (hasOpenSession(currentState_) && session_->userGuid() != feedback.userGuid()) {
+    _updateState(Event::kGuidChanged, &feedback, nullptr);
+  } else if (isPastSoftLimit(currentState_) && suggestsSessionEnd(feedback.type())) {
+    _updateState(Event::kEngagementPastSoftLimit, &feedback, nullptr);
+  } else if (isPastSoftLimit(currentState_) && expirationTime_ <= now) {
+    _updateState(Event::kFeedbackAfterIdle, &feedback, nullptr);
   } else {
-    _updateState(kEventFeedback, &feedback, nullptr);
+    _updateState(Event::kFeedback, &feedback, nullptr);
   }
   expirationTime_ = deadlineAfter(now, kIdleTime);
 }
@@ -108,7 +105,7 @@ void ClientSessionManager::flushSession(std::function<void()> callback) {
   sessionQueue_.async([weak = weak_from_this(), callback = std::move(callback)]() mutable {
     auto self = weak.lock();
     if (!self) return;
-    self->_updateState(kEventExternalFlush, nullptr, std::move(callback));
+    self->_updateState(Event::kExternalFlush, nullptr, std::move(callback));
   });
 }
 
@@ -136,57 +133,40 @@ std::shared_ptr<FeedbackSession> ClientSessionManager::session() {
   return sessionQueue_.syncResult([this] { return session_; }).value_or(nullptr);
 }
 
-unsigned ClientSessionManager::currentState() {
+ClientSessionManager::State ClientSessionManager::currentState() {
   if (sessionQueue_.isCurrent()) return currentState_;
-  return sessionQueue_.syncResult([this] { return currentState_; }).value_or(kStateNoSession);
+  return sessionQueue_.syncResult([this] { return currentState_; }).value_or(State::kNoSession);
 }
 
-void ClientSessionManager::_updateState(unsigned event, const OrvexFeedback* feedback,
+void ClientSessionManager::_updateState(Event event, const OrvexFeedback* feedback,
                                         std::function<void()> callback) {
   sessionQueue_.assertCurrent("_updateState");
-  const bool open = currentState_ == kStateOpen || currentState_ == kStatePastSoftLimit;
-  const bool pastSoftLimit = currentState_ == kStatePastSoftLimit;
   switch (event) {
-    case kEventFeedback:
-      if (open && session_) {
+    case Event::kFeedback:
+      if (hasOpenSession(currentState_)) {
         session_->addFeedback(*feedback);
-      } else if (currentState_ == kStateNoSession) {
-        _setNewSession(*feedback);
-        currentState_ = kStateOpen;
       } else {
-        sessionLog().info("Avoided adding feedback in state %tu", size_t{currentState_});
+        _setNewSession(*feedback);
+        currentState_ = State::kOpen;
       }
       break;
-    case kEventSoftLimitReached:
-      if (currentState_ == kStateOpen) currentState_ = kStatePastSoftLimit;
+    case Event::kSoftLimitReached:
+      if (currentState_ == State::kOpen) currentState_ = State::kPastSoftLimit;
       break;
-    case kEventMaxTimerExpired:
-      if (pastSoftLimit) {
+    case Event::kMaxTimerExpired:
+      if (isPastSoftLimit(currentState_)) {
         _flushSessionWithReason(kOrvexSessionEndMaxSessionTime, nullptr);
         sessionLog().info("session flushed because max timer expired %@", identifier_);
-        currentState_ = kStateNoSession;
+        currentState_ = State::kNoSession;
       }
       break;
-    case kEventExternalFlush:
-      if (currentState_ < kStatePastSoftLimitAlt) {
-        _flushSessionWithReason(kOrvexSessionEndExternalRequest, std::move(callback));
-        currentState_ = kStateNoSession;
-      } else if (callback) {
-        callback();  // the caller still learns that nothing is left to flush
-      }
+    case Event::kExternalFlush:
+      // Without a session the callback still runs: the caller learns nothing is left to flush.
+      _flushSessionWithReason(kOrvexSessionEndExternalRequest, std::move(callback));
+      currentState_ = State::kNoSession;
       break;
-    case kEventFlushHint:
-    case kEventFlushHintAlt:
-      _scheduleFlushActivity();
-      break;
-    case kEventCriticalMemory:
-      _flushSessionWithReason(kOrvexSessionEndCriticalMemory, nullptr);
-      sessionLog().info("session flushed because of critical memory");
-      _scheduleFlushActivity();
-      currentState_ = kStateNoSession;
-      break;
-    case kEventFeedbackAfterIdle:
-      if (pastSoftLimit) {
+    case Event::kFeedbackAfterIdle:
+      if (isPastSoftLimit(currentState_)) {
         _flushSessionWithReason(kOrvexSessionEndSessionIdle, nullptr);
         sessionLog().info(
             "session flushed because soft limit reached and idle time was beyond %ld %@",
@@ -197,36 +177,28 @@ void ClientSessionManager::_updateState(unsigned event, const OrvexFeedback* fee
           restamped.setUserGuid(currentGuidString());
         }
         _setNewSession(restamped);
-        currentState_ = kStateOpen;
+        currentState_ = State::kOpen;
       }
       break;
-    case kEventGuidChanged:
-      if (currentState_ < kStateNoSession) {
+    case Event::kGuidChanged:
+      if (hasOpenSession(currentState_)) {
         _flushSessionWithReason(kOrvexSessionEndGuidChanged, nullptr);
         sessionLog().info("session flushed because guid changed %@", identifier_);
         _setNewSession(*feedback);
-        currentState_ = kStateOpen;
+        currentState_ = State::kOpen;
       }
       break;
-    case kEventSentinelFeedback:
-      if (pastSoftLimit && session_) {
+    case Event::kEngagementPastSoftLimit:
+      if (isPastSoftLimit(currentState_)) {
         session_->addFeedback(*feedback);
         _flushSessionWithReason(kOrvexSessionEndEngagementReceived, nullptr);
         sessionLog().info(
             "session flushed because soft limit reached and sentinel feedback received");
         if (guidController_) guidController_->reset();
-        currentState_ = kStateNoSession;
+        currentState_ = State::kNoSession;
       }
       break;
-    default:  // 4, and 11 and above: nothing sends them
-      sessionLog().info("External event received %tu", size_t{event});
-      break;
   }
-}
-
-void ClientSessionManager::_scheduleFlushActivity() {
-  // Uploads are driven by the background activities, which the Assembly does not hold yet; a
-  // flush hint therefore changes nothing until they do.
 }
 
 void ClientSessionManager::_setNewSession(const OrvexFeedback& feedback) {
@@ -238,31 +210,24 @@ void ClientSessionManager::_setNewSession(const OrvexFeedback& feedback) {
     session_ = ClientSession::initWithAssembly(assembly_, feedback, flushReason_);
   }
   sessionLog().info("new session id %ld %@", static_cast<long>(sessionCounter_), identifier_);
-  sessionQueue_.after(kSoftLimit, [weak = weak_from_this(), counter = sessionCounter_] {
-    auto self = weak.lock();
-    if (!self || counter != self->sessionCounter_) return;
+  softLimitTimer_.arm(kSoftLimit, weak_from_this(), [this, counter = sessionCounter_] {
     sessionLog().info("soft limit reached expected %llu current %llu %@",
                       static_cast<unsigned long long>(counter),
-                      static_cast<unsigned long long>(self->sessionCounter_), self->identifier_);
-    self->_onUserGuidSoftLimitReached();
+                      static_cast<unsigned long long>(sessionCounter_), identifier_);
+    _onUserGuidSoftLimitReached();
   });
 }
 
 void ClientSessionManager::_onUserGuidSoftLimitReached() {
   sessionQueue_.assertCurrent("_onUserGuidSoftLimitReached");
-  if (!session_) return;
-  _updateState(kEventSoftLimitReached, nullptr, nullptr);
+  _updateState(Event::kSoftLimitReached, nullptr, nullptr);
   sessionLog().info("soft limit reached, maxtimer session id %llu %@",
                     static_cast<unsigned long long>(sessionCounter_), identifier_);
-  sessionQueue_.after(kMaxTimeAfterSoftLimit, [weak = weak_from_this(), counter = sessionCounter_] {
-    auto self = weak.lock();
-    if (!self) return;
+  maxTimer_.arm(kMaxTimeAfterSoftLimit, weak_from_this(), [this, counter = sessionCounter_] {
     sessionLog().info("max timer expired expected %llu current %llu",
                       static_cast<unsigned long long>(counter),
-                      static_cast<unsigned long long>(self->sessionCounter_));
-    if (counter == self->sessionCounter_ && self->session_) {
-      self->_updateState(kEventMaxTimerExpired, nullptr, nullptr);
-    }
+                      static_cast<unsigned long long>(sessionCounter_));
+    _updateState(Event::kMaxTimerExpired, nullptr, nullptr);
   });
 }
 
@@ -273,16 +238,17 @@ void ClientSessionManager::_flushSessionWithReason(uint32_t reason,
     if (callback) callback();
     return;
   }
+  // The session's timers end with it.
+  softLimitTimer_.cancel();
+  maxTimer_.cancel();
   flushReason_ = reason;
   const uint64_t now = nowNanoseconds(*assembly_.clock);
   session_->enumerateSessions([&](ClientSession& session, bool last) {
-    if (reason != kOrvexSessionEndNoPreviousSession) {
-      auto end = std::make_shared<OrvexSessionEndFeedback>();
-      end->timestamp = now;
-      end->reason = reason;
-      session.addFeedback(
-          OrvexFeedback::initWithFeedback(end, 0, session.userGuid(), session.agent()));
-    }
+    auto end = std::make_shared<OrvexSessionEndFeedback>();
+    end->timestamp = now;
+    end->reason = reason;
+    session.addFeedback(
+        OrvexFeedback::initWithFeedback(end, 0, session.userGuid(), session.agent()));
     session.sessionComplete();
     if (last && callback) callback();
   });

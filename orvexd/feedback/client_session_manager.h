@@ -1,8 +1,8 @@
 // ClientSessionManager groups records into sessions and decides when a session ends.
 //
-// States: 0, a session is open and younger than the soft limit (600 s); 1, a session is open
-// past its soft limit; 2, no session is open (the start). 3 is accepted like 1 but never
-// entered. The first record opens a session. 600 s after a session opened it passes its soft
+// States (State): no session is open (the start); a session is open and younger than the soft
+// limit (600 s); a session is open past its soft limit. A session is open exactly when session_
+// is set. The first record opens a session. 600 s after a session opened it passes its soft
 // limit, and 300 s later it ends ("max session time passed") if nothing else ended it first.
 // Past the soft limit, a result or card engagement ends it right after being added
 // ("engagement received", and the user GUID is rotated), and a record that comes 180 s or more
@@ -20,8 +20,9 @@
 // clientSessionManagerQueue"). Records and flushes are posted to it; session() and
 // currentState() wait for it (or read directly when called on it, as from a flush callback),
 // currentFeedbacksWithRelativeTimestamp() waits for it and must not be called from it.
-// Timers run on the queue, hold the manager weakly and carry the session counter of the session
-// they were armed for, so a timer of an ended session does nothing.
+// The soft-limit and max-time timers are one-shot timers on the queue that hold the manager
+// weakly; a session's timers are cancelled when it ends, so they never act on the next one. The
+// idle limit needs no timer: it is a deadline that the next record is compared with.
 #pragma once
 
 #include <cstdint>
@@ -33,6 +34,7 @@
 #include "orvexd/feedback/feedback_session.h"
 #include "orvexd/model/interfaces/session_manager.h"
 #include "orvexd/platform/clock.h"
+#include "orvexd/platform/one_shot_timer.h"
 #include "orvexd/platform/serial_queue.h"
 
 namespace orvex {
@@ -43,25 +45,13 @@ class GUIDController;
 class ClientSessionManager final : public SessionManager,
                                    public std::enable_shared_from_this<ClientSessionManager> {
  public:
-  enum State : unsigned {
-    kStateOpen = 0,
-    kStatePastSoftLimit = 1,
-    kStateNoSession = 2,
-    kStatePastSoftLimitAlt = 3,  // treated as 1; nothing enters it
+  enum class State {
+    kNoSession,      // the start, and after a session ended
+    kOpen,           // a session is open, younger than the soft limit
+    kPastSoftLimit,  // a session is open past its soft limit
   };
-  enum Event : unsigned {
-    kEventFeedback = 0,
-    kEventSoftLimitReached = 1,
-    kEventMaxTimerExpired = 2,
-    kEventExternalFlush = 3,
-    kEventNone = 4,
-    kEventFlushHint = 5,
-    kEventCriticalMemory = 6,
-    kEventFlushHintAlt = 7,
-    kEventFeedbackAfterIdle = 8,
-    kEventGuidChanged = 9,
-    kEventSentinelFeedback = 10,
-  };
+  static constexpr bool hasOpenSession(State state) { return state != State::kNoSession; }
+  static constexpr bool isPastSoftLimit(State state) { return state == State::kPastSoftLimit; }
 
   static constexpr Duration kSoftLimit = std::chrono::seconds(600);
   static constexpr Duration kMaxTimeAfterSoftLimit = std::chrono::seconds(300);
@@ -79,10 +69,7 @@ class ClientSessionManager final : public SessionManager,
 
   // The open session, or null.
   std::shared_ptr<FeedbackSession> session();
-  unsigned currentState();
-  const std::string& identifier() const { return identifier_; }
-  const std::shared_ptr<GUIDController>& guidController() const { return guidController_; }
-  const SerialQueue& sessionQueue() const { return sessionQueue_; }
+  State currentState();
 
   // The daemon's own user agent, under which it records what it does itself.
   static std::string orvexdUserAgent();
@@ -90,13 +77,22 @@ class ClientSessionManager final : public SessionManager,
   static void reportErrorAsOrvexdFeedback(const OrvexError& error, Assembly& assembly);
 
  private:
+  // What moves the state machine.
+  enum class Event {
+    kFeedback,                 // a record to add
+    kSoftLimitReached,         // the soft-limit timer fired
+    kMaxTimerExpired,          // the max-time timer fired
+    kExternalFlush,            // flushSession()
+    kFeedbackAfterIdle,        // a record past the soft limit and the idle deadline
+    kGuidChanged,              // a record under another user GUID than the session's
+    kEngagementPastSoftLimit,  // a result or card engagement past the soft limit
+  };
+
   void _addOrvexFeedback(OrvexFeedback feedback);
-  void _updateState(unsigned event, const OrvexFeedback* feedback, std::function<void()> callback);
+  void _updateState(Event event, const OrvexFeedback* feedback, std::function<void()> callback);
   void _setNewSession(const OrvexFeedback& feedback);
   void _onUserGuidSoftLimitReached();
   void _flushSessionWithReason(uint32_t reason, std::function<void()> callback);
-  void _scheduleFlushActivity();
-  void _listenForMemoryPressure() {}
   std::string currentGuidString();
 
   Assembly& assembly_;
@@ -106,10 +102,12 @@ class ClientSessionManager final : public SessionManager,
   SerialQueue sessionQueue_;  // "com.zelmor.orvexd.clientSessionManagerQueue"
   // Owned by sessionQueue_.
   std::shared_ptr<FeedbackSession> session_;
-  unsigned currentState_ = kStateNoSession;
+  State currentState_ = State::kNoSession;
   uint32_t flushReason_ = 0;
-  uint64_t sessionCounter_ = 0;
-  MonotonicTime expirationTime_{};
+  uint64_t sessionCounter_ = 0;     // numbers the sessions in the log
+  MonotonicTime expirationTime_{};  // the idle deadline: the last record's time + kIdleTime
+  OneShotTimer softLimitTimer_{sessionQueue_};
+  OneShotTimer maxTimer_{sessionQueue_};
 };
 
 }  // namespace orvex

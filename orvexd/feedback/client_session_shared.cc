@@ -55,11 +55,4 @@ std::vector<OrvexFeedback> ClientSessionShared::feedbacksWithRelativeTimestamp()
   return all;
 }
 
-std::shared_ptr<ClientSession> ClientSessionShared::sessionForAgent(
-    const std::string& agent) const {
-  std::lock_guard lock(mutex_);
-  auto found = sessionMap_.find(agent);
-  return found == sessionMap_.end() ? nullptr : found->second;
-}
-
 }  // namespace orvex

@@ -35,9 +35,6 @@ class ClientSessionShared final : public FeedbackSession {
   // Every agent's records, ordered by their own timestamps.
   std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
 
-  // The session of `agent`, if it has one.
-  std::shared_ptr<ClientSession> sessionForAgent(const std::string& agent) const;
-
  private:
   Assembly& assembly_;
   const std::optional<std::string> userGuid_;

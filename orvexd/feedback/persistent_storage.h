@@ -49,10 +49,8 @@ class OrvexPersistentStorage final : public PersistentStorage,
   void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
   void afterPendingWrites(std::function<void()> done) override;
 
-  const std::filesystem::path& cachesUrl() const { return cachesUrl_; }
   const std::string& version() const { return version_; }
   uint64_t maxFileSize() const { return maxFileSize_; }
-  double maxFileAge() const { return maxFileAge_; }
   // The number the next new file will take.
   int32_t nextHandleId() const { return handleId_.load(); }
 

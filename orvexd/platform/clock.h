@@ -32,7 +32,6 @@ class TimerHandle {
   void cancel() const {
     if (state_ && !state_->cancelled.exchange(true)) state_->release();
   }
-  bool isCancelled() const { return state_ && state_->cancelled.load(); }
 
  private:
   std::shared_ptr<State> state_;

@@ -19,41 +19,18 @@ inline constexpr std::string_view kORVCounterSearch = "com.zelmor.orvexd.search"
 inline constexpr std::string_view kORVCounterClientConnection =
     "com.zelmor.orvexd.clientconnection";
 inline constexpr std::string_view kORVCounterUserGUID = "com.zelmor.orvexd.userguid";
-inline constexpr std::string_view kORVCounterFeedbackSent = "com.zelmor.orvexd.feedbacksent";
 inline constexpr std::string_view kORVCounterFeedbackNotSent = "com.zelmor.orvexd.feedbacknotsent";
 inline constexpr std::string_view kORVCounterBagFetches = "com.zelmor.orvexd.bag.fetches";
 inline constexpr std::string_view kORVCounterBagFetchesFailed =
     "com.zelmor.orvexd.bag.fetchesfailed";
 inline constexpr std::string_view kORVCounterBagExpired = "com.zelmor.orvexd.bag.expired";
-inline constexpr std::string_view kORVCounterResourceFilesFetched =
-    "com.zelmor.orvexd.resourcefilesfetched";
 inline constexpr std::string_view kORVCounterSessionsRoamer = "com.zelmor.orvexd.sessions.roamer";
-inline constexpr std::string_view kORVCounterSessionsGlance = "com.zelmor.orvexd.sessions.glance";
-inline constexpr std::string_view kORVCounterSessionsNews = "com.zelmor.orvexd.sessions.news";
-inline constexpr std::string_view kORVCounterSessionsLookup = "com.zelmor.orvexd.sessions.lookup";
-inline constexpr std::string_view kORVCounterSessionsMessages =
-    "com.zelmor.orvexd.sessions.messages";
 inline constexpr std::string_view kORVCounterFileSizeExceeded =
     "com.zelmor.orvexd.filesizeexceeded";
 inline constexpr std::string_view kORVCounterFileTooLarge = "com.zelmor.orvexd.filetoolarge";
 inline constexpr std::string_view kORVCounterFileTooOld = "com.zelmor.orvexd.filetooold";
-inline constexpr std::string_view kORVCounterFBRequestTimedOut =
-    "com.zelmor.orvexd.fbrequesttimedout";
 inline constexpr std::string_view kORVCounterDPSubmit = "com.zelmor.orvexd.dp.submit";
 inline constexpr std::string_view kORVCounterDPRecord = "com.zelmor.orvexd.dp.record";
-inline constexpr std::string_view kORVCounterDPRecordAppSuccess =
-    "com.zelmor.orvexd.dp.record.app.success";
-inline constexpr std::string_view kORVCounterDPRecordAppFailure =
-    "com.zelmor.orvexd.dp.record.app.failure";
-inline constexpr std::string_view kORVCounterDPSentLinks = "com.zelmor.orvexd.dp.sentlinks";
-inline constexpr std::string_view kORVCounterDPSentLinksApp = "com.zelmor.orvexd.dp.sentlinks.app";
-inline constexpr std::string_view kORVCounterDPEligibleLinks = "com.zelmor.orvexd.dp.eligiblelinks";
-inline constexpr std::string_view kORVCounterDPNormalizedLink =
-    "com.zelmor.orvexd.dp.normalizedlink";
-inline constexpr std::string_view kORVCounterDPNormalizedLinkBundleIDs =
-    "com.zelmor.orvexd.dp.normalizedlink.bundleids";
-inline constexpr std::string_view kORVCounterDPNormalizedLinkURLs =
-    "com.zelmor.orvexd.dp.normalizedlink.urls";
 inline constexpr std::string_view kORVCounterDPNormalizedLinkWhitelistedBlacklisted =
     "com.zelmor.orvexd.dp.normalizedlink.whitelisted.blacklisted";
 inline constexpr std::string_view kORVCounterDPNormalizedLinkNotWhitelistedBlacklisted =

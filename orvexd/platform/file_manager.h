@@ -54,8 +54,6 @@ class FileManager {
 
   explicit FileManager(DirectoryEnvironment environment);
 
-  const DirectoryEnvironment& environment() const { return environment_; }
-
   std::filesystem::path cacheDirectory() const;
   std::filesystem::path configDirectory() const;
   std::filesystem::path temporaryDirectory() const;

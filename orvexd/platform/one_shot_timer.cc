@@ -36,9 +36,4 @@ bool OneShotTimer::isArmed() const {
   return state_->armed;
 }
 
-uint64_t OneShotTimer::generation() const {
-  queue_.assertCurrent("OneShotTimer::generation");
-  return state_->generation;
-}
-
 }  // namespace orvex

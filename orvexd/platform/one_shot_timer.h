@@ -29,7 +29,6 @@ class OneShotTimer {
   void cancel();
 
   bool isArmed() const;
-  uint64_t generation() const;
 
  private:
   struct State {

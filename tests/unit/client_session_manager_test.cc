@@ -18,9 +18,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr unsigned kOpen = ClientSessionManager::kStateOpen;
-constexpr unsigned kPastSoftLimit = ClientSessionManager::kStatePastSoftLimit;
-constexpr unsigned kNoSession = ClientSessionManager::kStateNoSession;
+constexpr auto kOpen = ClientSessionManager::State::kOpen;
+constexpr auto kPastSoftLimit = ClientSessionManager::State::kPastSoftLimit;
+constexpr auto kNoSession = ClientSessionManager::State::kNoSession;
 
 // A session file read back: its previous end reason, its GUID and its records' kinds, with the
 // end reason of its closing record (or -1 when it has none).

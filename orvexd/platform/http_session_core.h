@@ -1,0 +1,88 @@
+// The shared part of an HttpSession, which its tasks hold weakly: the tasks made and not yet
+// completed, the hand-over of started and cancelled tasks to the network thread, and that
+// thread, which drives the session's libcurl multi handle and carries each transfer from its
+// start (or its answer from the cache) to its completion. No thread is made per request.
+//
+// Threads: the configuration, the pool, the clock and the callback queue are set at
+// construction. `mutex_` guards toStart_, toCancel_, stopping_ and registry_. The network thread
+// alone touches active_, the cache and the transfers of running tasks. Completions are posted
+// to callbackQueue_.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "orvexd/base/c_handle.h"
+#include "orvexd/platform/http_session.h"
+#include "orvexd/platform/http_session_cache.h"
+#include "orvexd/platform/serial_queue.h"
+
+namespace orvex {
+
+class HttpSessionTask;
+
+class HttpSessionCore {
+ public:
+  HttpSessionCore(HttpSessionConfiguration configuration, WorkerPool& pool, Clock& clock,
+                  std::string temporaryDirectory);
+  HttpSessionCore(const HttpSessionCore&) = delete;
+  HttpSessionCore& operator=(const HttpSessionCore&) = delete;
+
+  // Makes the multi handle and starts the network thread; without a multi handle every task
+  // fails. Called once, right after construction.
+  void startNetworkThread();
+  // Stops the network thread, cancelling every task still outstanding.
+  void shutdown();
+
+  const HttpSessionConfiguration& configuration() const { return config_; }
+  SerialQueue& callbackQueue() { return callbackQueue_; }
+  WorkerPool& workerPool() const { return pool_; }
+  Clock& clock() const { return clock_; }
+
+  // --- any thread ---
+  void registerTask(const std::shared_ptr<HttpSessionTask>& task);
+  // Hands a resumed task to the network thread.
+  void enqueue(const std::shared_ptr<HttpSessionTask>& task);
+  // Asks the network thread to cancel a running task.
+  void requestCancel(const std::shared_ptr<HttpSessionTask>& task);
+  // Records the end of a task and posts its completion. Called once per task.
+  void finish(const std::shared_ptr<HttpSessionTask>& task, HttpTaskOutcome outcome);
+  void finishWithError(const std::shared_ptr<HttpSessionTask>& task, OrvexError error);
+  // The tasks made and not yet completed.
+  std::vector<std::shared_ptr<HttpSessionTask>> liveTasks();
+
+ private:
+  // --- network thread ---
+  void run();
+  void start(const std::shared_ptr<HttpSessionTask>& task);
+  void completeTransfer(HttpSessionTask* raw, CURLcode code);
+  void cancelTransfer(const std::shared_ptr<HttpSessionTask>& task);
+  void finishFromCache(const std::shared_ptr<HttpSessionTask>& task, const CachedResponse& cached);
+
+  const HttpSessionConfiguration config_;
+  WorkerPool& pool_;
+  Clock& clock_;
+  const std::string tempDir_;
+  SerialQueue callbackQueue_;
+  HttpSessionCache cache_;
+  CHandle<CURLM, &curl_multi_cleanup> multi_;
+  std::thread thread_;
+
+  // Guarded by `mutex_`.
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<HttpSessionTask>> toStart_;
+  std::vector<std::shared_ptr<HttpSessionTask>> toCancel_;
+  bool stopping_ = false;
+  std::unordered_map<uint64_t, std::weak_ptr<HttpSessionTask>> registry_;  // made, not completed
+
+  // Network thread only: the running transfers, which the session keeps alive.
+  std::unordered_map<HttpSessionTask*, std::shared_ptr<HttpSessionTask>> active_;
+};
+
+}  // namespace orvex
