@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config
   libsdbus-c++-dev libasio-dev libspdlog-dev libfmt-dev libsystemd-dev systemtap-sdt-dev
-  libplist-dev dbus-daemon systemd libcurl4-openssl-dev nlohmann-json3-dev libicu-dev libcld2-dev
+  libplist-dev libexpat1-dev dbus-daemon systemd libcurl4-openssl-dev nlohmann-json3-dev libicu-dev libcld2-dev
   uuid-dev libssl-dev zlib1g-dev libcpp-httplib-dev jq wordnet-base
 )
 if [[ "${1:-build}" == test ]]; then

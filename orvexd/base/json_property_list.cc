@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <memory>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "orvexd/base/property_list.h"
 
@@ -13,97 +15,152 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // Leaves go through PlistValue, which checks strings the way every writer of ours does.
-PlistHandle leafNode(PlistValue value, std::string& why) { return value.toPlist(&why); }
-
-PlistHandle nodeFromJson(const Json& json, int depth, std::string& why) {
-  if (depth > kPlistMaxDepth) {
-    why = "the document is nested too deeply";
-    return nullptr;
-  }
+PlistHandle leafNode(const Json& json, std::string& why) {
   switch (json.type()) {
-    case Json::value_t::object: {
-      PlistHandle dictionary(plist_new_dict());
-      for (const auto& [key, member] : json.items()) {
-        if (member.is_null()) continue;
-        if (!PlistValue(key).isWritable(&why)) return nullptr;
-        PlistHandle child = nodeFromJson(member, depth + 1, why);
-        if (child == nullptr) return nullptr;
-        plist_dict_set_item(dictionary.get(), key.c_str(), child.release());
-      }
-      return dictionary;
-    }
-    case Json::value_t::array: {
-      PlistHandle array(plist_new_array());
-      for (const Json& element : json) {
-        if (element.is_null()) continue;
-        PlistHandle child = nodeFromJson(element, depth + 1, why);
-        if (child == nullptr) return nullptr;
-        plist_array_append_item(array.get(), child.release());
-      }
-      return array;
-    }
     case Json::value_t::string:
-      return leafNode(json.get_ref<const std::string&>(), why);
+      return PlistValue(json.get_ref<const std::string&>()).toPlist(&why);
     case Json::value_t::boolean:
-      return leafNode(json.get<bool>(), why);
+      return PlistValue(json.get<bool>()).toPlist(&why);
     case Json::value_t::number_integer:
-      return leafNode(json.get<std::int64_t>(), why);
+      return PlistValue(json.get<std::int64_t>()).toPlist(&why);
     case Json::value_t::number_unsigned:
-      return leafNode(json.get<std::uint64_t>(), why);
+      return PlistValue(json.get<std::uint64_t>()).toPlist(&why);
     case Json::value_t::number_float:
-      return leafNode(json.get<double>(), why);
+      return PlistValue(json.get<double>()).toPlist(&why);
     default:
       why = "the document holds a value without a property-list form";
       return nullptr;
   }
 }
 
-std::optional<Json> jsonFromNode(plist_t node, std::string& why) {
-  switch (plist_get_node_type(node)) {
-    case PLIST_DICT: {
-      Json object = Json::object();
-      plist_dict_iter iterator = nullptr;
-      plist_dict_new_iter(node, &iterator);
-      // libplist 2.2 allocates the iterator with malloc and has no function to free it.
-      const std::unique_ptr<void, CFree<&std::free>> iteratorOwner(iterator);
-      for (;;) {
-        char* rawKey = nullptr;
-        plist_t child = nullptr;
-        plist_dict_next_item(node, iterator, &rawKey, &child);
-        const std::unique_ptr<char, CFree<&std::free>> key(rawKey);
-        if (key == nullptr || child == nullptr) break;
-        auto member = jsonFromNode(child, why);
-        if (!member) return std::nullopt;
-        object[key.get()] = std::move(*member);
-      }
-      return object;
+// The tree of `root`, built from a stack of the containers being filled: each child is put in
+// its parent as soon as it is made, and the parent owns it from then on.
+PlistHandle treeFromJson(const Json& root, std::string& why) {
+  struct Frame {
+    const Json* json;
+    Json::const_iterator next;
+    plist_t node;  // owned by its parent, or by the handle of the root
+  };
+  std::vector<Frame> frames;
+  // A container or a leaf; containers go on the stack, to be filled.
+  const auto make = [&](const Json& json) -> PlistHandle {
+    if (!json.is_structured()) return leafNode(json, why);
+    if (frames.size() + 1 > static_cast<std::size_t>(kPlistMaxDepth)) {
+      why = "the document is nested too deeply";
+      return nullptr;
     }
-    case PLIST_ARRAY: {
-      Json array = Json::array();
-      const std::uint32_t count = plist_array_get_size(node);
-      for (std::uint32_t i = 0; i < count; ++i) {
-        auto element = jsonFromNode(plist_array_get_item(node, i), why);
-        if (!element) return std::nullopt;
-        array.push_back(std::move(*element));
-      }
-      return array;
+    PlistHandle node(json.is_object() ? plist_new_dict() : plist_new_array());
+    if (node != nullptr) frames.push_back({&json, json.begin(), node.get()});
+    return node;
+  };
+  PlistHandle tree = make(root);
+  while (tree != nullptr && !frames.empty()) {
+    Frame& top = frames.back();
+    if (top.next == top.json->end()) {
+      frames.pop_back();
+      continue;
     }
-    default:
-      break;
-  }
-  const auto value = PlistValue::fromPlist(node, &why);
-  if (!value) return std::nullopt;
-  return value->visit([&why](const auto& leaf) -> std::optional<Json> {
-    using T = std::decay_t<decltype(leaf)>;
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, std::int64_t> ||
-                  std::is_same_v<T, std::uint64_t> || std::is_same_v<T, double> ||
-                  std::is_same_v<T, std::string>) {
-      return Json(leaf);
+    const auto member = top.next++;
+    if (member->is_null()) continue;
+    const bool inObject = top.json->is_object();
+    const plist_t parent = top.node;
+    if (inObject && !PlistValue(member.key()).isWritable(&why)) return nullptr;
+    PlistHandle child = make(*member);  // may grow `frames`: `top` is not used after this
+    if (child == nullptr) return nullptr;
+    if (inObject) {
+      plist_dict_set_item(parent, member.key().c_str(), child.release());
     } else {
-      why = "the property list holds a date or data, which JSON cannot";
-      return std::nullopt;
+      plist_array_append_item(parent, child.release());
     }
-  });
+  }
+  return tree;
+}
+
+// The JSON of a tree that parsePropertyListTree() has checked, built from a stack of the
+// containers being read; a finished container is moved into its parent.
+std::optional<Json> jsonFromTree(plist_t root, std::string& why) {
+  struct Frame {
+    plist_t node;
+    Json json;
+    std::uint32_t next = 0;                             // arrays
+    std::unique_ptr<void, CFree<&std::free>> iterator;  // dictionaries
+    std::string keyInParent;
+  };
+  std::vector<Frame> frames;
+  std::optional<Json> result;
+  const auto place = [&](Json json, const std::string& key) {
+    if (frames.empty()) {
+      result = std::move(json);
+    } else if (frames.back().json.is_object()) {
+      frames.back().json[key] = std::move(json);
+    } else {
+      frames.back().json.push_back(std::move(json));
+    }
+  };
+  // Starts a container, or places a leaf.
+  const auto enter = [&](plist_t node, std::string key) {
+    const plist_type type = plist_get_node_type(node);
+    if (type == PLIST_DICT || type == PLIST_ARRAY) {
+      if (frames.size() + 1 > static_cast<std::size_t>(kPlistMaxDepth)) {
+        why = "the containers are nested too deeply";
+        return false;
+      }
+      Frame frame{node, type == PLIST_DICT ? Json::object() : Json::array(), 0, nullptr,
+                  std::move(key)};
+      if (type == PLIST_DICT) {
+        plist_dict_iter iterator = nullptr;
+        plist_dict_new_iter(node, &iterator);
+        // libplist 2.2 allocates the iterator with malloc and has no function to free it.
+        frame.iterator.reset(iterator);
+        if (frame.iterator == nullptr) {
+          why = "out of memory";
+          return false;
+        }
+      }
+      frames.push_back(std::move(frame));
+      return true;
+    }
+    const auto value = PlistValue::fromPlist(node, &why);
+    if (!value) return false;
+    auto json = value->visit([&why](const auto& leaf) -> std::optional<Json> {
+      using T = std::decay_t<decltype(leaf)>;
+      if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, std::int64_t> ||
+                    std::is_same_v<T, std::uint64_t> || std::is_same_v<T, double> ||
+                    std::is_same_v<T, std::string>) {
+        return Json(leaf);
+      } else {
+        why = "the property list holds a date or data, which JSON cannot";
+        return std::nullopt;
+      }
+    });
+    if (!json) return false;
+    place(std::move(*json), key);
+    return true;
+  };
+
+  if (!enter(root, {})) return std::nullopt;
+  while (!frames.empty()) {
+    Frame& top = frames.back();
+    plist_t child = nullptr;
+    std::string key;
+    if (top.iterator != nullptr) {
+      char* rawKey = nullptr;
+      plist_dict_next_item(top.node, top.iterator.get(), &rawKey, &child);
+      const std::unique_ptr<char, CFree<&std::free>> keyOwner(rawKey);
+      if (keyOwner == nullptr) child = nullptr;
+      if (child != nullptr) key = keyOwner.get();
+    } else if (top.json.is_array() && top.next < plist_array_get_size(top.node)) {
+      child = plist_array_get_item(top.node, top.next++);
+    }
+    if (child != nullptr) {
+      if (!enter(child, std::move(key))) return std::nullopt;
+      continue;
+    }
+    Frame finished = std::move(top);
+    frames.pop_back();
+    place(std::move(finished.json), finished.keyInParent);
+  }
+  return result;
 }
 
 }  // namespace
@@ -111,7 +168,7 @@ std::optional<Json> jsonFromNode(plist_t node, std::string& why) {
 std::vector<std::uint8_t> binaryPropertyListFromJson(const Json& json, std::string* error) {
   std::string why;
   std::vector<std::uint8_t> document;
-  if (const PlistHandle root = nodeFromJson(json, 0, why)) {
+  if (const PlistHandle root = treeFromJson(json, why)) {
     char* raw = nullptr;
     std::uint32_t length = 0;
     plist_to_bin(root.get(), &raw, &length);
@@ -131,7 +188,7 @@ std::optional<Json> jsonFromPropertyList(std::span<const std::uint8_t> bytes, st
   std::string why;
   std::optional<Json> json;
   if (const PlistHandle root = parsePropertyListTree(bytes, &why)) {
-    json = jsonFromNode(root.get(), why);
+    json = jsonFromTree(root.get(), why);
   }
   if (!json && error != nullptr) *error = why;
   return json;

@@ -1,34 +1,23 @@
-// Property lists: a value type, and reading and writing them as XML or binary documents.
+// Property lists: the value type, and reading and writing them as XML or binary documents.
+// The codecs live in plist_binary.h (libplist) and plist_xml.h (expat); the functions at the end
+// of this file tell the formats apart and pick one.
 //
-// Binary documents go through libplist 2.2; XML documents are read and written here. The XML
-// reader of libplist 2.2 turns malformed numbers into 0, empty data or the 1970 date without a
-// word, drops the fractional seconds of dates and misreads dates outside 1901-2038, which is
-// not acceptable for files an operator may edit by hand. The XML written here is the usual
-// property list dialect and libplist reads it.
-//
-// Integers. libplist 2.2 keeps every integer as a 64-bit pattern in a PLIST_UINT node and
-// writes it as a signed number (binary: 8 bytes, two's complement; XML: "-5"), except for
-// nodes it has read as numbers above INT64_MAX (binary: 16 bytes; XML: "18446744073709551615"),
-// which it writes unsigned again. So signed 64-bit values, negative ones included, are the
-// normal integers here, and an unsigned value above INT64_MAX is kept as the one "unsigned"
-// flavour of integer, written as such in both formats. PlistValue normalises: an unsigned
-// value that fits in int64_t is stored as a signed integer, so equal numbers compare equal.
+// Integers. libplist 2.2 keeps every integer as a 64-bit pattern and writes it as a signed
+// number, except for numbers it has read above INT64_MAX, which it writes unsigned again. So
+// signed 64-bit values, negative ones included, are the normal integers here, and an unsigned
+// value above INT64_MAX is kept as the one "unsigned" flavour of integer, written as such in
+// both formats. PlistValue normalises: an unsigned value that fits in int64_t is stored as a
+// signed integer, so equal numbers compare equal.
 //
 // Dates. A PlistDate is a system_clock time point at microsecond precision. Supported are
 // 0001-01-01T00:00:00Z to 9999-12-31T23:59:59.999999Z (what the XML date form can spell);
 // documents holding dates outside that range are rejected, and such values are not written.
-// XML dates are exact to the microsecond. Binary documents count seconds since
-// 2001-01-01T00:00:00Z in a double, which is exact to the microsecond for dates within about
-// 136 years of 2001 (1865-2137) and rounds to the double's resolution further out. Dates are
-// handed to libplist as that double directly, so its 32-bit seconds accessors (1932-2069) do
-// not limit the range.
+// XML dates are exact to the microsecond; binary ones as exact as a double of seconds since 2001
+// allows (see plist_binary.h).
 //
 // Strings are UTF-8 without NUL characters; others are rejected when written, because
 // neither format can hold them faithfully. Documents nested deeper than kPlistMaxDepth are
-// rejected (they would exhaust the stack of the readers), and so are binary documents that
-// share a container between two parents (their expansion could be exponential) or that name
-// long strings or data from so many places that expanding them would copy more than eight
-// times the size of the document (plus 1 MiB). Short shared keys and values are not limited.
+// rejected, and no value deeper than that is written.
 #pragma once
 
 #include <plist/plist.h>
@@ -65,6 +54,10 @@ using PlistDictionary = std::map<std::string, PlistValue, std::less<>>;
 
 struct PlistDate {
   using TimePoint = std::chrono::sys_time<std::chrono::microseconds>;
+  // The supported range (see above).
+  static constexpr TimePoint kFirst{std::chrono::sys_days{std::chrono::year{1} / 1 / 1}};
+  static constexpr TimePoint kLast{std::chrono::sys_days{std::chrono::year{10000} / 1 / 1} -
+                                   std::chrono::microseconds{1}};
 
   PlistDate() = default;
   // Keeps the microseconds; finer parts are dropped (rounded towards the past).
@@ -168,6 +161,10 @@ class PlistValue {
 
 // For "%@" in log texts.
 inline std::string describe(const PlistValue& value) { return value.describe(); }
+
+// The shortest text that reads back as the same double; "nan", "+infinity" and "-infinity" for
+// the others. describe() and the XML form write reals this way.
+std::string formatPlistReal(double value);
 
 // Reads an XML or binary property list (told apart by the "bplist" signature). Anything
 // malformed, truncated or unsupported gives nullopt and, when `error` is given, the reason.

@@ -1,5 +1,6 @@
 // The shipped interface description against the running daemon, member by member, and orvexctl
 // against the running daemon with the reference back-end behind it.
+#include <expat.h>
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -9,9 +10,11 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
-#include "orvexd/base/property_list.h"
+#include "orvexd/base/c_handle.h"
 #include "orvexd/model/nb_feedback.h"
 #include "tests/support/daemon_harness.h"
 #include "tests/support/private_bus.h"
@@ -23,7 +26,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// ---- a small reader for introspection XML ----
+// ---- introspection XML, read with expat ----
 
 struct XmlElement {
   std::string name;
@@ -31,116 +34,53 @@ struct XmlElement {
   std::vector<XmlElement> children;
 };
 
-// Reads the element tree of `text`, skipping the prologue, the doctype and comments. Throws on
-// text that is not well-formed as far as introspection data needs.
-class XmlReader {
- public:
-  explicit XmlReader(std::string text) : text_(std::move(text)) {}
-
-  XmlElement document() {
-    skipMisc();
-    XmlElement root = element();
-    skipMisc();
-    if (pos_ != text_.size()) fail("content after the root element");
-    return root;
-  }
-
- private:
-  [[noreturn]] void fail(const std::string& what) const {
-    throw std::runtime_error("introspection XML: " + what + " at offset " + std::to_string(pos_));
-  }
-  bool startsWith(std::string_view prefix) const {
-    return std::string_view(text_).substr(pos_).starts_with(prefix);
-  }
-  void skipSpace() {
-    while (pos_ < text_.size() && std::isspace(static_cast<unsigned char>(text_[pos_]))) ++pos_;
-  }
-  void skipPast(std::string_view end) {
-    const auto found = text_.find(end, pos_);
-    if (found == std::string::npos) fail("unterminated markup");
-    pos_ = found + end.size();
-  }
-  // Whitespace, comments, processing instructions and the doctype.
-  void skipMisc() {
-    for (;;) {
-      skipSpace();
-      if (startsWith("<!--")) {
-        skipPast("-->");
-      } else if (startsWith("<?")) {
-        skipPast("?>");
-      } else if (startsWith("<!DOCTYPE")) {
-        skipPast(">");
-      } else {
-        return;
-      }
+// The element tree of `text`, collected from expat's events on a stack of the open elements.
+// Throws on text that is not well-formed, and on text inside elements, which introspection data
+// never has.
+XmlElement parseXml(const std::string& text) {
+  struct Collector {
+    XmlElement root;
+    std::vector<XmlElement*> open;  // each lives in its parent, which stays open meanwhile
+    std::string error;
+  } collector;
+  const CHandle<std::remove_pointer_t<XML_Parser>, &XML_ParserFree> parser(
+      XML_ParserCreate("UTF-8"));
+  XML_SetUserData(parser.get(), &collector);
+  XML_SetElementHandler(
+      parser.get(),
+      [](void* data, const XML_Char* name, const XML_Char** attributes) {
+        auto& collector = *static_cast<Collector*>(data);
+        XmlElement element{name, {}, {}};
+        for (; *attributes != nullptr; attributes += 2) {
+          element.attributes[attributes[0]] = attributes[1];
+        }
+        if (collector.open.empty()) {
+          collector.root = std::move(element);
+          collector.open.push_back(&collector.root);
+        } else {
+          collector.open.back()->children.push_back(std::move(element));
+          collector.open.push_back(&collector.open.back()->children.back());
+        }
+      },
+      [](void* data, const XML_Char*) { static_cast<Collector*>(data)->open.pop_back(); });
+  XML_SetCharacterDataHandler(parser.get(), [](void* data, const XML_Char* chars, int length) {
+    auto& collector = *static_cast<Collector*>(data);
+    const std::string_view text(chars, static_cast<size_t>(length));
+    if (text.find_first_not_of(" \t\r\n") != std::string_view::npos && collector.error.empty()) {
+      collector.error = "text inside " + collector.open.back()->name;
     }
+  });
+  if (XML_Parse(parser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) !=
+      XML_STATUS_OK) {
+    collector.error = XML_ErrorString(XML_GetErrorCode(parser.get()));
   }
-  std::string name() {
-    const auto start = pos_;
-    while (pos_ < text_.size() &&
-           (std::isalnum(static_cast<unsigned char>(text_[pos_])) || text_[pos_] == '_' ||
-            text_[pos_] == '-' || text_[pos_] == ':' || text_[pos_] == '.')) {
-      ++pos_;
-    }
-    if (start == pos_) fail("a name expected");
-    return text_.substr(start, pos_ - start);
+  if (!collector.error.empty()) {
+    throw std::runtime_error("introspection XML, line " +
+                             std::to_string(XML_GetCurrentLineNumber(parser.get())) + ": " +
+                             collector.error);
   }
-  static std::string unescape(std::string value) {
-    const std::pair<std::string_view, std::string_view> entities[] = {
-        {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}, {"&amp;", "&"}};
-    for (const auto& [entity, character] : entities) {
-      for (auto at = value.find(entity); at != std::string::npos;
-           at = value.find(entity, at + character.size())) {
-        value.replace(at, entity.size(), character);
-      }
-    }
-    return value;
-  }
-  XmlElement element() {
-    if (!startsWith("<")) fail("an element expected");
-    ++pos_;
-    XmlElement element{name(), {}, {}};
-    for (;;) {
-      skipSpace();
-      if (startsWith("/>")) {
-        pos_ += 2;
-        return element;
-      }
-      if (startsWith(">")) {
-        ++pos_;
-        break;
-      }
-      const auto attribute = name();
-      skipSpace();
-      if (!startsWith("=")) fail("'=' expected");
-      ++pos_;
-      skipSpace();
-      const char quote = pos_ < text_.size() ? text_[pos_] : '\0';
-      if (quote != '"' && quote != '\'') fail("a quoted value expected");
-      const auto end = text_.find(quote, ++pos_);
-      if (end == std::string::npos) fail("unterminated value");
-      element.attributes[attribute] = unescape(text_.substr(pos_, end - pos_));
-      pos_ = end + 1;
-    }
-    for (;;) {
-      skipMisc();
-      if (startsWith("</")) {
-        pos_ += 2;
-        if (name() != element.name) fail("mismatched end tag of " + element.name);
-        skipSpace();
-        if (!startsWith(">")) fail("'>' expected");
-        ++pos_;
-        return element;
-      }
-      if (pos_ >= text_.size()) fail("unterminated element " + element.name);
-      if (!startsWith("<")) fail("text inside " + element.name);
-      element.children.push_back(this->element());
-    }
-  }
-
-  std::string text_;
-  size_t pos_ = 0;
-};
+  return std::move(collector.root);
+}
 
 // One interface as comparable lines, by member: "method Request" -> its arguments and
 // annotations in order ("arg in a{sv} request", "annotation org...NoReply=true").
@@ -193,9 +133,7 @@ std::string describe(const NodeShape& shape) {
   return out.str();
 }
 
-XmlElement shippedDocument() {
-  return XmlReader(testing::readTextFile(ORVEXD_INTERFACE_XML)).document();
-}
+XmlElement shippedDocument() { return parseXml(testing::readTextFile(ORVEXD_INTERFACE_XML)); }
 
 const XmlElement& childNode(const XmlElement& node, const std::string& name) {
   for (const auto& child : node.children) {
@@ -237,8 +175,8 @@ class RunningDaemonTest : public ::testing::Test {
 TEST_F(RunningDaemonTest, ShippedInterfaceXmlMatchesWhatTheDaemonServes) {
   const XmlElement shipped = shippedDocument();
   ASSERT_EQ(shipped.name, "node");
-  const auto served = XmlReader(introspect("/com/zelmor/orvexd")).document();
-  const auto servedEndpoint = XmlReader(introspect("/com/zelmor/orvexd/Endpoint")).document();
+  const auto served = parseXml(introspect("/com/zelmor/orvexd"));
+  const auto servedEndpoint = parseXml(introspect("/com/zelmor/orvexd/Endpoint"));
 
   const NodeShape shippedRoot = shapeOf(shipped);
   const NodeShape shippedEndpoint = shapeOf(childNode(shipped, "Endpoint"));
