@@ -13,19 +13,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-int64_t guidCounter() {
-  const auto counters = OrvexDiagnosticDataReporter::snapshot();
-  const auto found = counters.find(std::string(kORVCounterUserGUID));
-  return found == counters.end() ? 0 : found->second;
-}
-
 TEST(OrvexUserGUIDController, RotatesLazilyAfterFifteenMinutesAndOnReset) {
   testing::TestAssembly test;
   std::atomic<int> notifications{0};
   auto token = test.assembly->notificationCenter->addObserver(
       kORVUserGUIDChangeNotification, nullptr, [&](const Notification&) { ++notifications; });
   auto controller = std::make_shared<OrvexUserGUIDController>(*test.assembly);
-  const int64_t countersBefore = guidCounter();
+  const int64_t countersBefore = testing::counterValue(kORVCounterUserGUID);
 
   const Uuid first = controller->currentUserGUID();
   EXPECT_FALSE(first.isNil());
@@ -43,7 +37,7 @@ TEST(OrvexUserGUIDController, RotatesLazilyAfterFifteenMinutesAndOnReset) {
   EXPECT_EQ(controller->currentUserGUID(), second);
   test.settle();
   EXPECT_EQ(notifications, 1);
-  EXPECT_EQ(guidCounter(), countersBefore + 1);
+  EXPECT_EQ(testing::counterValue(kORVCounterUserGUID), countersBefore + 1);
 
   // reset() rotates even a brand-new GUID, before any later ask is answered.
   controller->reset();
