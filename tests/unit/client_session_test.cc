@@ -146,14 +146,13 @@ TEST_F(SessionTest, FilesHoldHeaderRecordsAndGuidErrors) {
   test.assembly->persistentStorage = nullptr;
   ClientSession::initWithAssembly(*test.assembly, start())->sessionComplete();
   EXPECT_TRUE(logs.contains("Storage Handle nil major error"));
-}
 
-TEST_F(SessionTest, GlanceResultFeaturesLeaveOutTheBaseTime) {
+  // Glance result features leave out the base time.
   auto custom = std::make_shared<NBCustomFeedback>();
   custom->customType = 3;
-  auto session = ClientSession::initWithAssembly(*test.assembly, wrap(custom));
-  EXPECT_TRUE(session->removeTimestamps());
-  EXPECT_EQ(session->getFeedbacksToSend()["base_time"], 0);
+  auto glance = ClientSession::initWithAssembly(*test.assembly, wrap(custom));
+  EXPECT_TRUE(glance->removeTimestamps());
+  EXPECT_EQ(glance->getFeedbacksToSend()["base_time"], 0);
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ TEST(OrvexLoggingDeathTest, CategoryOutsideTableStopsTheProcess) {
                "OrvexLogForCategory, file OrvexLogging, line 15\\.");
 }
 
-TEST_F(OrvexLoggingTest, ThresholdComesFromTheEnvironment) {
+TEST_F(OrvexLoggingTest, ThresholdAndDestinationComeFromTheEnvironment) {
   EXPECT_EQ(logThreshold(), LogLevel::kDefault);
   for (LogLevel level : {LogLevel::kDebug, LogLevel::kInfo, LogLevel::kDefault, LogLevel::kError,
                          LogLevel::kFault}) {
@@ -104,6 +104,25 @@ TEST_F(OrvexLoggingTest, ThresholdComesFromTheEnvironment) {
   const size_t first = output.find("ORVEXD_LOG_LEVEL \"" + unknown + "\"");
   ASSERT_NE(first, std::string::npos) << output;
   EXPECT_EQ(output.find("ORVEXD_LOG_LEVEL", first + 1), std::string::npos) << output;
+
+  // The journal is chosen when JOURNAL_STREAM names standard error, device and inode.
+  struct stat status {};
+  ASSERT_EQ(::fstat(STDERR_FILENO, &status), 0);
+  const std::string device = std::to_string(status.st_dev);
+  const std::string inode = std::to_string(status.st_ino);
+  const std::vector<std::pair<std::string, LogDestination>> cases = {
+      {device + ":" + inode, LogDestination::kJournal},
+      {device + ":" + std::to_string(status.st_ino + 1), LogDestination::kStandardError},
+      {device + ":" + inode + "x", LogDestination::kStandardError},
+      {":" + inode, LogDestination::kStandardError},
+      {"garbage", LogDestination::kStandardError},
+      {"", LogDestination::kStandardError},
+  };
+  for (const auto& [value, destination] : cases) {
+    ::setenv("JOURNAL_STREAM", value.c_str(), 1);
+    configureLoggingFromEnvironment();
+    EXPECT_EQ(currentLogDestination(), destination) << value;
+  }
 }
 
 TEST_F(OrvexLoggingTest, StandardErrorLinesCarryTimePidLevelAndCategory) {
@@ -124,26 +143,6 @@ TEST_F(OrvexLoggingTest, StandardErrorLinesCarryTimePidLevelAndCategory) {
       "https://example\\.invalid/bag \\(200\\)\n" +
       prefix + "error \\[com\\.zelmor\\.orvexd:Orvex_Bag\\] 100% \\{not a format\\}\n");
   EXPECT_TRUE(std::regex_match(output, expected)) << output;
-}
-
-TEST_F(OrvexLoggingTest, JournalIsChosenWhenJournalStreamNamesStandardError) {
-  struct stat status {};
-  ASSERT_EQ(::fstat(STDERR_FILENO, &status), 0);
-  const std::string device = std::to_string(status.st_dev);
-  const std::string inode = std::to_string(status.st_ino);
-  const std::vector<std::pair<std::string, LogDestination>> cases = {
-      {device + ":" + inode, LogDestination::kJournal},
-      {device + ":" + std::to_string(status.st_ino + 1), LogDestination::kStandardError},
-      {device + ":" + inode + "x", LogDestination::kStandardError},
-      {":" + inode, LogDestination::kStandardError},
-      {"garbage", LogDestination::kStandardError},
-      {"", LogDestination::kStandardError},
-  };
-  for (const auto& [value, destination] : cases) {
-    ::setenv("JOURNAL_STREAM", value.c_str(), 1);
-    configureLoggingFromEnvironment();
-    EXPECT_EQ(currentLogDestination(), destination) << value;
-  }
 }
 
 TEST_F(OrvexLoggingTest, ObserversSeeEveryWriteUntilTheirTokenGoes) {
