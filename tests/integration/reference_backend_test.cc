@@ -235,7 +235,7 @@ TEST_F(ReferenceBackendTest, LogsEachRequestAsSentWithTheStatusItGot) {
   EXPECT_EQ(backend.requestCount("bag"), 0u);
 }
 
-TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultAndRemovesCountedOnesWhenSpent) {
+TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultRemovesCountedOnesAndRefusesBadOnes) {
   testing::ReferenceBackend backend(bag);
   auto client = clientFor(backend);
 
@@ -298,11 +298,8 @@ TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultAndRemovesCountedOnesWhenSpen
   EXPECT_EQ(backend.faults(), nlohmann::json::parse(R"({"bag": {"status": 500}})"));
   backend.clearFaults();
   EXPECT_EQ(client.Get("/bag")->status, 200);
-}
 
-TEST_F(ReferenceBackendTest, RefusesBadControlInputWithTheReasonAndKeepsServing) {
-  testing::ReferenceBackend backend(bag);
-  auto client = clientFor(backend);
+  // Bad control input is refused with the reason, and the server keeps serving.
   const auto put = [&](const std::string& endpoint, const std::string& body) {
     auto answer = client.Put("/_orvex/faults/" + endpoint, body, "application/json");
     return answer ? std::make_pair(answer->status, answer->body) : std::make_pair(-1, "");
