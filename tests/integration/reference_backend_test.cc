@@ -7,13 +7,11 @@
 
 #include <fstream>
 #include <future>
-#include <sstream>
 
 namespace orvex {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::eventually;
 using testing::readTextFile;
 using Clock = std::chrono::steady_clock;
 
