@@ -5,12 +5,11 @@
 #include <sdbus-c++/sdbus-c++.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <mutex>
-#include <thread>
+#include <future>
 
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/client/dbus_forms.h"
+#include "tests/support/collector.h"
 #include "tests/support/daemon_harness.h"
 
 namespace orvex {
@@ -21,6 +20,8 @@ using namespace std::chrono_literals;
 constexpr const char* kBag =
     R"({"version": "7", "enabled": true, "warm_url": "${BASE_URL}/warm", "feedback_enabled": true})";
 
+const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
+
 size_t occurrences(const std::string& text, const std::string& needle) {
   size_t count = 0;
   for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
@@ -29,19 +30,12 @@ size_t occurrences(const std::string& text, const std::string& needle) {
   return count;
 }
 
-// Collects the BagDidLoad signals one client receives.
-struct BagSignals {
-  std::mutex mutex;
-  std::vector<std::string> versions;
+// Collects the versions of the BagDidLoad signals one client receives ("" for none).
+struct BagSignals : testing::Collector<std::string> {
   void attach(OrvexClient& client) {
     client.onBagDidLoad([this](std::shared_ptr<const ORVBag> bag, std::optional<OrvexError>) {
-      std::lock_guard lock(mutex);
-      versions.push_back(bag ? bag->version() : "");
+      add(bag ? bag->version() : "");
     });
-  }
-  size_t count() {
-    std::lock_guard lock(mutex);
-    return versions.size();
   }
 };
 
@@ -65,11 +59,11 @@ TEST(ClientConnectionTest, ConfigurationBindsTheClientAndBagDidLoadReachesOnlyIt
   configuredSignals.attach(*configured);
   bystanderSignals.attach(*bystander);
 
-  auto endpoint = configured->configure({"com.zelmor.glance", "Glance/1"});
+  auto endpoint = configured->configure(kGlance);
   ASSERT_TRUE(endpoint) << endpoint.error().message;
   EXPECT_EQ(endpoint.value(), "/com/zelmor/orvexd/Endpoint");
-  ASSERT_TRUE(testing::eventually([&] { return configuredSignals.count() == 1; }, 10s));
-  EXPECT_EQ(configuredSignals.versions.front(), "7");
+  ASSERT_TRUE(configuredSignals.waitForCount(1));
+  EXPECT_EQ(configuredSignals.values(), std::vector<std::string>{"7"});
 
   // The other connection has not configured: it is bound to nothing and hears nothing.
   auto sessions = bystander->listSessions();
@@ -77,8 +71,13 @@ TEST(ClientConnectionTest, ConfigurationBindsTheClientAndBagDidLoadReachesOnlyIt
   ASSERT_EQ(sessions.value().size(), 1u);
   EXPECT_EQ(sessions.value()[0].at("identifier"), "com.zelmor.glance");
   EXPECT_EQ(sessions.value()[0].at("agent"), "Glance/1");
-  std::this_thread::sleep_for(200ms);
-  EXPECT_EQ(bystanderSignals.count(), 0u);
+  // The bus delivers the daemon's messages to a connection in the order they were sent, and the
+  // client handles them in that order: once the answer to a call made after the configured
+  // client's signal is handled, a signal that had reached the bystander would have been too.
+  auto answered = std::make_shared<std::promise<void>>();
+  bystander->requestAsync(searchRequest(1), [answered](auto) { answered->set_value(); });
+  ASSERT_EQ(answered->get_future().wait_for(30s), std::future_status::ready);
+  EXPECT_EQ(bystanderSignals.size(), 0u);
   EXPECT_TRUE(harness.daemonLog().find("configuration must not be nil") != std::string::npos);
 
   // The bag as the configured client sees it, and one process with two connections, logged
@@ -124,7 +123,7 @@ TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestI
 
   // A configured client asking for a kind the daemon does not know gets no reply at all; the
   // connection keeps working.
-  ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+  ASSERT_TRUE(client->configure(kGlance));
   // The refusal was recorded as the daemon's own error record, in the shared session.
   auto records = client->feedback();
   ASSERT_TRUE(records);
@@ -149,11 +148,10 @@ TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClient
   testing::DaemonHarness harness(kBag);
   harness.start();
   auto client = harness.client();
-  const ORVSessionConfiguration glance{"com.zelmor.glance", "Glance/1"};
 
   ORVRequest card = searchRequest(3);
   card.kind = ORVRequestKind::kCard;
-  auto answered = client->endpointRequest(card, glance);
+  auto answered = client->endpointRequest(card, kGlance);
   ASSERT_TRUE(answered);
   EXPECT_EQ(answered.value().queryId, 3);
   EXPECT_TRUE(answered.value().error);  // answered by the client's state
@@ -166,7 +164,7 @@ TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClient
 
   // A search sent to the endpoint is dropped without a reply.
   client->setTimeout(700ms);
-  auto dropped = client->endpointRequest(searchRequest(4), glance);
+  auto dropped = client->endpointRequest(searchRequest(4), kGlance);
   ASSERT_FALSE(dropped);
   // sd-bus names a call that timed out Timeout or NoReply, depending on where it waited.
   EXPECT_TRUE(dropped.error().name == "org.freedesktop.DBus.Error.Timeout" ||
@@ -179,8 +177,7 @@ TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClient
 TEST(ClientConnectionTest, ASearchThatIsNotNewerIsAnsweredEmptyWithoutReachingTheState) {
   testing::DaemonHarness harness(kBag);
   harness.start();
-  auto client = harness.client();
-  ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+  auto client = harness.configuredClient(kGlance);
 
   auto first = client->request(searchRequest(5));
   ASSERT_TRUE(first);
@@ -201,8 +198,7 @@ TEST(ClientConnectionTest, ABagThatCannotBeFetchedAnswersWithTheTimeoutError) {
   testing::DaemonHarness harness(kBag);
   harness.backend().setFault("bag", {{"status", 503}});
   harness.start();
-  auto client = harness.client();
-  ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+  auto client = harness.configuredClient(kGlance);
   auto bag = client->bag();
   ASSERT_TRUE(bag);
   EXPECT_FALSE(bag.value().bag);
@@ -217,8 +213,7 @@ TEST(ClientConnectionTest, KnownClientsSurviveARestartWhenPersisted) {
   testing::DaemonHarness harness(kBag, {{"ORVPersistSessions", PlistValue(true)}});
   harness.start();
   {
-    auto client = harness.client();
-    ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
+    auto client = harness.configuredClient(kGlance);
     // saveState is asynchronous; the listing is made on the same queue after it.
     ASSERT_TRUE(client->listSessions());
   }
@@ -234,10 +229,7 @@ TEST(ClientConnectionTest, KnownClientsSurviveARestartWhenPersisted) {
 TEST(ClientConnectionTest, AClientThatLeavesIsDroppedOnceItsSessionWasDealtWith) {
   testing::DaemonHarness harness(kBag);
   harness.start();
-  {
-    auto client = harness.client();
-    ASSERT_TRUE(client->configure({"com.zelmor.glance", "Glance/1"}));
-  }
+  { auto client = harness.configuredClient(kGlance); }
   ASSERT_TRUE(testing::eventually(
       [&] { return harness.counter("com.zelmor.orvexd.glance.xcpinvalidation") == 1; }, 10s));
   ASSERT_TRUE(testing::eventually(

@@ -5,8 +5,7 @@
 
 #include <csignal>
 #include <fstream>
-#include <sstream>
-#include <thread>
+#include <tuple>
 
 #include "tests/support/private_bus.h"
 #include "tests/support/test_environment.h"
@@ -26,6 +25,12 @@ std::map<std::string, int64_t> getCounters(sdbus::IConnection& connection) {
       .onInterface("com.zelmor.orvexd.Diagnostics")
       .storeResultsTo(counters);
   return counters;
+}
+
+// Whether the daemon of process `pid` soon owns the daemon's name.
+bool ownedSoonBy(sdbus::IConnection& connection, pid_t pid) {
+  return eventually(
+      [&] { return testing::PrivateBus::ownerPid(connection, "com.zelmor.orvexd") == pid; });
 }
 
 class DaemonTest : public ::testing::Test {
@@ -94,10 +99,8 @@ TEST_F(DaemonTest, StartedByHandOwnsItsNameOnceAndLogsTheSignalItEndsOn) {
   const auto log = dir / "first.log";
   testing::ChildProcess first({ORVEXD_BINARY}, environment, log);
   auto connection = bus.connect();
-  ASSERT_TRUE(
-      eventually([&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
+  ASSERT_TRUE(ownedSoonBy(*connection, first.pid()));
   EXPECT_EQ(getCounters(*connection).at("com.zelmor.orvexd.launch"), 1);
-  EXPECT_EQ(testing::PrivateBus::ownerPid(*connection, "com.zelmor.orvexd"), first.pid());
 
   // A second daemon on the same bus cannot own the name and says so.
   const auto secondLog = dir / "second.log";
@@ -131,33 +134,26 @@ TEST_F(DaemonTest, ReadsTraceEnabledFromItsDefaultsFileAndSurvivesACorruptOne) {
   const auto defaults = dir / "config/com.zelmor.orvexd/defaults.plist";
   auto connection = bus.connect();
 
-  std::ofstream(defaults) << R"(<?xml version="1.0" encoding="UTF-8"?>
+  // A valid file is read; a corrupt one is read as empty and left for the operator to repair.
+  const std::string valid = R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0"><dict><key>TraceEnabled</key><true/></dict></plist>
 )";
-  {
-    const auto log = dir / "trace.log";
+  const std::string corrupt = "<plist><dict><key>Trace";
+  for (const auto& [content, flag, signal] :
+       {std::tuple{valid, "1", SIGINT}, std::tuple{corrupt, "0", SIGTERM}}) {
+    SCOPED_TRACE(flag);
+    testing::writeTextFile(defaults, content);
+    const auto log = dir / (std::string("trace-") + flag + ".log");
     testing::ChildProcess daemon({ORVEXD_BINARY}, environment, log);
-    ASSERT_TRUE(eventually(
-        [&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
-    daemon.signal(SIGINT);
-    EXPECT_EQ(daemon.waitForExit(2s), 0);
-    EXPECT_NE(readTextFile(log).find("ORVTraceEnabled flag set to 1"), std::string::npos);
-  }
-
-  std::ofstream(defaults, std::ios::trunc) << "<plist><dict><key>Trace";
-  {
-    const auto log = dir / "corrupt.log";
-    testing::ChildProcess daemon({ORVEXD_BINARY}, environment, log);
-    ASSERT_TRUE(eventually(
-        [&] { return testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); }));
+    ASSERT_TRUE(ownedSoonBy(*connection, daemon.pid()));
     EXPECT_EQ(getCounters(*connection).at("com.zelmor.orvexd.launch"), 1);
-    daemon.signal(SIGTERM);
+    daemon.signal(signal);
     EXPECT_EQ(daemon.waitForExit(2s), 0);
-    EXPECT_NE(readTextFile(log).find("ORVTraceEnabled flag set to 0"), std::string::npos);
-    // The operator's file is left for them to repair.
-    EXPECT_EQ(readTextFile(defaults), "<plist><dict><key>Trace");
+    EXPECT_NE(readTextFile(log).find(std::string("ORVTraceEnabled flag set to ") + flag),
+              std::string::npos);
   }
+  EXPECT_EQ(readTextFile(defaults), corrupt);
 }
 
 TEST(DaemonBinary, CarriesTheTraceProbe) {

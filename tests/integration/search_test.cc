@@ -31,10 +31,12 @@ ORVRequest search(int64_t queryId, std::string query) {
 
 // Whether the client's open session soon holds a record that mentions `text`.
 bool recorded(OrvexClient& client, const std::string& text) {
-  return testing::eventually([&] {
-    auto records = client.feedback();
-    return records && records.value().find(text) != std::string::npos;
-  });
+  return testing::eventually(
+      [&] {
+        auto records = client.feedback();
+        return records && records.value().find(text) != std::string::npos;
+      },
+      10s);
 }
 
 // The answer's JSON; a cache hit holds the cached answer in an array of one.
@@ -42,11 +44,21 @@ Json raw(const QueryAnswer& answer) {
   return answer.reply ? Json::parse(answer.reply->rawResponse) : Json();
 }
 
-TEST(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenComeFromTheCache) {
-  testing::DaemonHarness harness(kBag);
-  harness.start();
-  auto client = harness.client();
-  ASSERT_TRUE(client->configure(kGlance));
+class SearchTest : public ::testing::Test {
+ protected:
+  // Starts the daemon and makes a client that has its bag, so that searches neither wait for
+  // it nor find none.
+  void startWithBag() {
+    harness.start();
+    client = harness.clientWithBag(kGlance);
+  }
+
+  testing::DaemonHarness harness{kBag};
+  std::unique_ptr<OrvexClient> client;
+};
+
+TEST_F(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenComeFromTheCache) {
+  startWithBag();
 
   auto first = client->request(search(1, "weath"));
   ASSERT_TRUE(first);
@@ -92,11 +104,8 @@ TEST(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenCome
   })) << records.dump(1);
 }
 
-TEST(SearchTest, SkippedSearchesAnswerNothingAndSayWhy) {
-  testing::DaemonHarness harness(kBag);
-  harness.start();
-  auto client = harness.client();
-  ASSERT_TRUE(client->configure(kGlance));
+TEST_F(SearchTest, SkippedSearchesAnswerNothingAndSayWhy) {
+  startWithBag();
 
   auto tooShort = client->request(search(1, "w"));
   ASSERT_TRUE(tooShort);
@@ -111,8 +120,7 @@ TEST(SearchTest, SkippedSearchesAnswerNothingAndSayWhy) {
   testing::DaemonHarness disabled(
       R"({"version": "1", "enabled": false, "feedback_enabled": true})");
   disabled.start();
-  auto other = disabled.client();
-  ASSERT_TRUE(other->configure(kGlance));
+  auto other = disabled.clientWithBag(kGlance);
   auto skipped = other->request(search(1, "weather"));
   ASSERT_TRUE(skipped);
   EXPECT_FALSE(skipped.value().reply);
@@ -120,12 +128,10 @@ TEST(SearchTest, SkippedSearchesAnswerNothingAndSayWhy) {
   EXPECT_TRUE(recorded(*other, "bag_disabled"));
 }
 
-TEST(SearchTest, WithoutABagWithinASecondTheSearchTimesOut) {
-  testing::DaemonHarness harness(kBag);
+TEST_F(SearchTest, WithoutABagWithinASecondTheSearchTimesOut) {
   harness.backend().setFault("bag", {{"delay_ms", 5000}});
   harness.start();
-  auto client = harness.client();
-  ASSERT_TRUE(client->configure(kGlance));
+  client = harness.configuredClient(kGlance);
   auto answer = client->request(search(1, "weather"));
   ASSERT_TRUE(answer);
   EXPECT_FALSE(answer.value().reply);
@@ -139,12 +145,8 @@ TEST(SearchTest, WithoutABagWithinASecondTheSearchTimesOut) {
   }));
 }
 
-TEST(SearchTest, AnOlderSearchStillInFlightIsAnsweredEmptyOnceANewerOneWasAccepted) {
-  testing::DaemonHarness harness(kBag);
-  harness.start();
-  auto client = harness.client();
-  ASSERT_TRUE(client->configure(kGlance));
-  ASSERT_TRUE(client->bag());  // the bag is in before the race starts
+TEST_F(SearchTest, AnOlderSearchStillInFlightIsAnsweredEmptyOnceANewerOneWasAccepted) {
+  startWithBag();
 
   harness.backend().setFault("search", {{"delay_ms", 600}, {"count", 1}});
   std::promise<ClientResult<QueryAnswer>> slow;
@@ -163,12 +165,8 @@ TEST(SearchTest, AnOlderSearchStillInFlightIsAnsweredEmptyOnceANewerOneWasAccept
   EXPECT_FALSE(older.value().error);
 }
 
-TEST(SearchTest, ABackEndAnnouncingANewerBagMakesTheDaemonFetchIt) {
-  testing::DaemonHarness harness(kBag);
-  harness.start();
-  auto client = harness.client();
-  ASSERT_TRUE(client->configure(kGlance));
-  ASSERT_TRUE(harness.backend().waitForRequests("bag", 1, 5s));
+TEST_F(SearchTest, ABackEndAnnouncingANewerBagMakesTheDaemonFetchIt) {
+  startWithBag();
 
   // Not JSON: logged, nothing else happens.
   harness.backend().setFault("search",

@@ -2,12 +2,10 @@
 // moment, whatever reaches the disk reads back intact and in order, a file cut inside a record
 // reads back to its last whole record, and new files are numbered after the ones that survive.
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -62,17 +60,6 @@ int greatestNumber(const fs::path& directory) {
   return files.empty() ? 0 : sessionNumber(files.back());
 }
 
-std::vector<uint8_t> fileBytes(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeBytes(const fs::path& file, std::span<const uint8_t> bytes) {
-  std::ofstream(file, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
-}
-
 // Reads session files the way the daemon does, on a queue of its own.
 class SessionReader {
  public:
@@ -102,15 +89,11 @@ class SessionReader {
       std::make_shared<SerialQueue>("session reader", *platform_.pool, *platform_.clock);
 };
 
-uint64_t monotonicNowNs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
 NBStartSearchFeedback searchStart(const std::string& input) {
   NBStartSearchFeedback record;
-  record.timestamp = monotonicNowNs();
+  // Nanoseconds on the monotonic clock, as the daemon stamps its own records.
+  record.timestamp = static_cast<uint64_t>(
+      std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
   record.input = input;
   return record;
 }
@@ -252,7 +235,7 @@ TEST(SessionCrashTest, FileCutInsideARecordReadsBackItsWholeRecords) {
     if (auto inputs = reader.inputs(file); inputs && inputs->size() == 5) original = file;
   }
   ASSERT_FALSE(original.empty()) << "no file holds the five records";
-  const std::vector<uint8_t> bytes = fileBytes(original);
+  const std::vector<uint8_t> bytes = testing::readBytes(original);
   const auto whole = reader.read(original);
   ASSERT_TRUE(whole);
 
@@ -284,7 +267,7 @@ TEST(SessionCrashTest, FileCutInsideARecordReadsBackItsWholeRecords) {
     SCOPED_TRACE("cut at " + std::to_string(cut) + " of " + std::to_string(lastEnd));
     const fs::path copy = directory / ("session." + std::to_string(number++));
     const std::span<const uint8_t> kept(bytes.data(), cut);
-    writeBytes(copy, kept);
+    testing::writeBytes(copy, kept);
     planted.emplace(copy, std::vector<uint8_t>(kept.begin(), kept.end()));
     const auto stored = reader.read(copy);
     ASSERT_TRUE(stored);
@@ -309,7 +292,7 @@ TEST(SessionCrashTest, FileCutInsideARecordReadsBackItsWholeRecords) {
   }
   ASSERT_EQ(harness.stop(), 0);
   for (const auto& [file, content] : planted) {
-    EXPECT_EQ(fileBytes(file), content) << file.filename() << " was changed";
+    EXPECT_EQ(testing::readBytes(file), content) << file.filename() << " was changed";
   }
   const auto after = reader.inputs(directory / ("session." + std::to_string(greatest + 1)));
   ASSERT_TRUE(after);

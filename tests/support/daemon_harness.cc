@@ -6,6 +6,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "tests/support/collector.h"
+
 namespace orvex::testing {
 
 using namespace std::chrono_literals;
@@ -63,6 +65,37 @@ std::unique_ptr<OrvexClient> DaemonHarness::client() const {
   auto client = OrvexClient::connect(&error, bus_.address());
   if (!client) throw std::runtime_error("cannot connect to the private bus: " + error);
   return client;
+}
+
+std::unique_ptr<OrvexClient> DaemonHarness::configuredClient(
+    const ORVSessionConfiguration& configuration) const {
+  auto configured = client();
+  auto endpoint = configured->configure(configuration);
+  if (!endpoint) throw std::runtime_error("configure refused: " + endpoint.error().message);
+  return configured;
+}
+
+std::unique_ptr<OrvexClient> DaemonHarness::clientWithBag(
+    const ORVSessionConfiguration& configuration, std::chrono::milliseconds watchdog) const {
+  auto configured = client();
+  // Later signals may come at any time: the collector lives as long as the handler.
+  auto bags = std::make_shared<Collector<bool>>();
+  configured->onBagDidLoad([bags](std::shared_ptr<const ORVBag> bag, std::optional<OrvexError>) {
+    if (bag) bags->add(true);
+  });
+  auto endpoint = configured->configure(configuration);
+  if (!endpoint) throw std::runtime_error("configure refused: " + endpoint.error().message);
+  if (!bags->waitForCount(1, watchdog)) {
+    throw std::runtime_error("no BagDidLoad with a bag came:\n" + daemonLog());
+  }
+  return configured;
+}
+
+std::string DaemonHarness::heldBag() const {
+  auto proxy = sdbus::createProxy(*connection_, "com.zelmor.orvexd", "/com/zelmor/orvexd");
+  std::string bag;
+  proxy->callMethod("GetBag").onInterface("com.zelmor.orvexd.Diagnostics").storeResultsTo(bag);
+  return bag;
 }
 
 std::string DaemonHarness::daemonLog() const { return readTextFile(logFile_); }

@@ -38,8 +38,19 @@ class DaemonHarness {
   void kill();
 
   std::unique_ptr<OrvexClient> client() const;
+  // A client that has configured itself with `configuration`; throws when the daemon refuses.
+  std::unique_ptr<OrvexClient> configuredClient(const ORVSessionConfiguration& configuration) const;
+  // The same, once its first BagDidLoad with a bag has come: the daemon then knows the client's
+  // user agent and holds the bag for it, which searches need. A search made sooner may find
+  // neither (Configure answers before the client's bag is looked up, and the bag's fetch may
+  // outlast the second a search waits for it on a loaded machine). Throws after `watchdog`.
+  std::unique_ptr<OrvexClient> clientWithBag(
+      const ORVSessionConfiguration& configuration,
+      std::chrono::milliseconds watchdog = std::chrono::seconds(30)) const;
   std::string daemonLog() const;
   int64_t counter(const std::string& key) const;
+  // The bag the daemon holds, as Diagnostics.GetBag answers it ("" while it holds none).
+  std::string heldBag() const;
 
   const std::filesystem::path& directory() const { return dir_.path(); }
   std::filesystem::path cacheDirectory() const { return dir_.path() / "cache"; }

@@ -114,15 +114,14 @@ struct FakeGeoClue::Impl {
     const sdbus::ObjectPath path(std::string(kRoot) + "/Location/" +
                                  std::to_string(locations.size() + 1));
     auto object = sdbus::createObject(*connection, path);
-    object->registerProperty("Latitude").onInterface(kLocationInterface).withGetter([location] {
-      return location.latitude;
-    });
-    object->registerProperty("Longitude").onInterface(kLocationInterface).withGetter([location] {
-      return location.longitude;
-    });
-    object->registerProperty("Accuracy").onInterface(kLocationInterface).withGetter([location] {
-      return location.accuracy;
-    });
+    for (const auto& [name, value] :
+         {std::pair{"Latitude", location.latitude}, std::pair{"Longitude", location.longitude},
+          std::pair{"Accuracy", location.accuracy}}) {
+      object->registerProperty(name).onInterface(kLocationInterface).withGetter([value] {
+        return value;
+      });
+    }
+    // A property the provider has no use for, as the real service has more.
     object->registerProperty("Description").onInterface(kLocationInterface).withGetter([] {
       return std::string("fake");
     });

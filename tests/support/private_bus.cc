@@ -11,7 +11,8 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
+
+#include "tests/support/test_environment.h"
 
 extern char** environ;
 
@@ -78,19 +79,14 @@ void ChildProcess::signal(int signal) const {
 }
 
 std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    const pid_t done = waitpid(pid_, &status, WNOHANG);
-    if (done == pid_) {
-      reaped_ = true;
-      if (WIFEXITED(status)) return WEXITSTATUS(status);
-      if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-      return std::nullopt;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  int status = 0;
+  if (reaped_ || !eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
+    return std::nullopt;
   }
+  reaped_ = true;
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return std::nullopt;
 }
 
 PrivateBus::PrivateBus(const std::filesystem::path& directory,

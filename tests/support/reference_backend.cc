@@ -6,7 +6,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 namespace orvex::testing {
 
@@ -29,17 +28,19 @@ ReferenceBackend::ReferenceBackend(const std::filesystem::path& bag,
       std::make_unique<ChildProcess>(argv, std::map<std::string, std::string>{}, dir_ / "output");
 
   // The port file appears, renamed into place, after the listening line is flushed.
-  const auto deadline = std::chrono::steady_clock::now() + watchdog;
-  while (!std::filesystem::exists(portFile)) {
-    if (const auto status = process_->waitForExit(0ms)) {
-      throw std::runtime_error("orvex-backend exited with status " + std::to_string(*status) +
-                               ":\n" + output());
-    }
-    if (std::chrono::steady_clock::now() > deadline) {
-      throw std::runtime_error("orvex-backend did not listen in time:\n" + output());
-    }
-    std::this_thread::sleep_for(2ms);
+  std::optional<int> exited;
+  const bool listening = eventually(
+      [&] {
+        if (std::filesystem::exists(portFile)) return true;
+        exited = process_->waitForExit(0ms);
+        return exited.has_value();
+      },
+      watchdog);
+  if (exited) {
+    throw std::runtime_error("orvex-backend exited with status " + std::to_string(*exited) + ":\n" +
+                             output());
   }
+  if (!listening) throw std::runtime_error("orvex-backend did not listen in time:\n" + output());
   port_ = std::stoi(readTextFile(portFile));
   const std::string text = output();
   const size_t line = text.find(kListeningLine);
@@ -133,12 +134,7 @@ size_t ReferenceBackend::requestCount(const std::string& endpoint) const {
 
 bool ReferenceBackend::waitForRequests(const std::string& endpoint, size_t count,
                                        std::chrono::milliseconds watchdog) const {
-  const auto deadline = std::chrono::steady_clock::now() + watchdog;
-  while (requestCount(endpoint) < count) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
+  return eventually([&] { return requestCount(endpoint) >= count; }, watchdog);
 }
 
 void ReferenceBackend::clearRequests() { control("DELETE", "/_orvex/requests"); }

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "orvexd/platform/diagnostic_data_reporter.h"
+
 namespace orvex::testing {
 
 std::string readTextFile(const std::filesystem::path& path) {
@@ -13,6 +15,27 @@ std::string readTextFile(const std::filesystem::path& path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+std::vector<uint8_t> readBytes(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeBytes(const std::filesystem::path& path, std::span<const uint8_t> bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+}
+
+void writeTextFile(const std::filesystem::path& path, std::string_view text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+int64_t counterValue(std::string_view key) {
+  const auto counters = OrvexDiagnosticDataReporter::snapshot();
+  const auto found = counters.find(std::string(key));
+  return found == counters.end() ? 0 : found->second;
 }
 
 TempDir::TempDir() {

@@ -3,11 +3,17 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #include "orvexd/platform/virtual_clock.h"
 #include "orvexd/platform/worker_pool.h"
@@ -16,6 +22,14 @@ namespace orvex::testing {
 
 // The whole content of a text file; "" when it cannot be read.
 std::string readTextFile(const std::filesystem::path& path);
+// The bytes of a file; none when it cannot be read.
+std::vector<uint8_t> readBytes(const std::filesystem::path& path);
+// Replaces the content of a file (creating it).
+void writeBytes(const std::filesystem::path& path, std::span<const uint8_t> bytes);
+void writeTextFile(const std::filesystem::path& path, std::string_view text);
+
+// A daemon counter of this process (OrvexDiagnosticDataReporter), 0 when unset.
+int64_t counterValue(std::string_view key);
 
 // Polls `condition` every 2 ms until it holds or `timeout` passes (real time: for waits on
 // other processes, never for the daemon's own timers).
@@ -28,6 +42,25 @@ bool eventually(F condition, std::chrono::milliseconds timeout = std::chrono::se
   }
   return true;
 }
+
+// A one-way gate between threads: wait() blocks until open() (false after `watchdog`).
+class Gate {
+ public:
+  void open() {
+    std::lock_guard lock(mutex_);
+    open_ = true;
+    opened_.notify_all();
+  }
+  bool wait(std::chrono::milliseconds watchdog = std::chrono::seconds(30)) {
+    std::unique_lock lock(mutex_);
+    return opened_.wait_for(lock, watchdog, [&] { return open_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable opened_;
+  bool open_ = false;
+};
 
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
 class TempDir {

@@ -1,11 +1,6 @@
 #include "orvexd/network/bag_controller.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <condition_variable>
-#include <fstream>
-#include <thread>
 
 #include "orvexd/base/json_property_list.h"
 #include "orvexd/base/orvex_names.h"
@@ -14,6 +9,7 @@
 #include "orvexd/model/orv_constants.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
+#include "tests/support/collector.h"
 #include "tests/support/fixed_locale.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/loopback_http_server.h"
@@ -29,53 +25,25 @@ using testing::LoopbackHttpServer;
 constexpr auto kWatchdog = 10s;
 
 struct RecordingNotifier final : SystemNotifier {
-  void postNotification(const std::string& name) override {
-    std::lock_guard lock(mutex);
-    names.push_back(name);
-  }
-  std::vector<std::string> posted() {
-    std::lock_guard lock(mutex);
-    return names;
-  }
-  std::mutex mutex;
-  std::vector<std::string> names;
+  void postNotification(const std::string& name) override { posted.add(name); }
+  testing::Collector<std::string> posted;
 };
 
 // What "ORVBagChangeNotification" announced, in order.
-class BagEvents {
- public:
+struct BagEvents {
   explicit BagEvents(NotificationCenter& center)
-      : token_(
-            center.addObserver(kORVBagChangeNotification, nullptr, [this](const Notification& n) {
-              std::lock_guard lock(mutex_);
-              if (const auto* bag = n.userInfoValue<std::shared_ptr<const ORVBag>>("bag")) {
-                bags_.push_back(*bag);
-              }
-              if (const auto* error = n.userInfoValue<OrvexError>("bagError"))
-                errors_.push_back(*error);
-              changed_.notify_all();
-            })) {}
-
-  bool waitFor(size_t bags, size_t errors = 0) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kWatchdog,
-                             [&] { return bags_.size() >= bags && errors_.size() >= errors; });
-  }
-  std::vector<std::shared_ptr<const ORVBag>> bags() {
-    std::lock_guard lock(mutex_);
-    return bags_;
-  }
-  std::vector<OrvexError> errors() {
-    std::lock_guard lock(mutex_);
-    return errors_;
+      : token(center.addObserver(kORVBagChangeNotification, nullptr, [this](const Notification& n) {
+          if (const auto* bag = n.userInfoValue<std::shared_ptr<const ORVBag>>("bag"))
+            bags.add(*bag);
+          if (const auto* error = n.userInfoValue<OrvexError>("bagError")) errors.add(*error);
+        })) {}
+  bool waitFor(size_t bagCount, size_t errorCount = 0) {
+    return bags.waitForCount(bagCount, kWatchdog) && errors.waitForCount(errorCount, kWatchdog);
   }
 
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::shared_ptr<const ORVBag>> bags_;
-  std::vector<OrvexError> errors_;
-  ObserverToken token_;
+  testing::Collector<std::shared_ptr<const ORVBag>> bags;
+  testing::Collector<OrvexError> errors;
+  ObserverToken token;  // last: removed before the collectors go
 };
 
 class BagControllerTest : public ::testing::Test {
@@ -83,8 +51,7 @@ class BagControllerTest : public ::testing::Test {
   BagControllerTest() {
     OrvexDiagnosticDataReporter::resetAllForTesting();
     server.handle("GET", "/bag", [this](const testing::RecordedRequest&) {
-      std::unique_lock lock(mutex);
-      released.wait(lock, [&] { return !holdAnswers; });
+      std::lock_guard lock(mutex);
       return answer;
     });
     serve(R"({"version": "9", "enabled": true, "warm_url": "https://warm.example/w",
@@ -105,23 +72,11 @@ class BagControllerTest : public ::testing::Test {
     assembly.requestFactory = factory;
   }
 
-  ~BagControllerTest() override {
-    release();
-    test.settle();
-  }
+  ~BagControllerTest() override { test.settle(); }
 
   void serve(std::string body, int status = 200) {
     std::lock_guard lock(mutex);
     answer = {status, std::move(body), {{"Content-Type", "application/json"}}};
-  }
-  void hold() {
-    std::lock_guard lock(mutex);
-    holdAnswers = true;
-  }
-  void release() {
-    std::lock_guard lock(mutex);
-    holdAnswers = false;
-    released.notify_all();
   }
 
   std::shared_ptr<OrvexBagController> makeController() {
@@ -131,18 +86,19 @@ class BagControllerTest : public ::testing::Test {
     return controller;
   }
 
+  // A controller holding the first fetched bag.
+  std::shared_ptr<OrvexBagController> startWithBag(BagEvents& events) {
+    auto controller = makeController();
+    (void)controller->currentBag();
+    drain(events, 1);
+    return controller;
+  }
+
   std::filesystem::path bagFile() const {
     return test.assembly->fileManager->cacheDirectory() / "bag.plist";
   }
   BagDictionary diskCopy() const {
-    std::ifstream in(bagFile(), std::ios::binary);
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), {});
-    return jsonFromPropertyList(bytes).value_or(BagDictionary());
-  }
-  int64_t counter(std::string_view key) const {
-    const auto counters = OrvexDiagnosticDataReporter::snapshot();
-    const auto found = counters.find(std::string(key));
-    return found == counters.end() ? 0 : found->second;
+    return jsonFromPropertyList(testing::readBytes(bagFile())).value_or(BagDictionary());
   }
   std::vector<testing::RecordedRequest> bagRequests() const { return server.requests(); }
 
@@ -160,41 +116,28 @@ class BagControllerTest : public ::testing::Test {
   std::shared_ptr<ORVNetworkRequestFactory> factory;
 
   std::mutex mutex;
-  std::condition_variable released;
-  bool holdAnswers = false;
   LoopbackHttpServer::Response answer;
 };
 
-TEST_F(BagControllerTest, FirstBagIsFetchedOnceStoredAndWrittenPrivately) {
+TEST_F(BagControllerTest, FirstBagIsFetchedOnceAndStoredAsABinaryPropertyList) {
   BagEvents events(*test.assembly->notificationCenter);
   auto controller = makeController();
   EXPECT_FALSE(std::filesystem::exists(bagFile()));
-
-  // With nothing held, reads answer none and start one fetch between them, wherever they
-  // come from.
-  hold();
-  std::vector<std::thread> readers;
-  for (int i = 0; i < 5; ++i) {
-    readers.emplace_back([&] { EXPECT_EQ(controller->currentBag(), nullptr); });
-  }
-  for (auto& reader : readers) reader.join();
-  ASSERT_TRUE(server.waitForRequests(1, kWatchdog));
+  // With nothing held, a read answers none and starts the fetch.
   EXPECT_EQ(controller->currentBag(), nullptr);
-  release();
   drain(events, 1);
   EXPECT_EQ(bagRequests().size(), 1u);
 
   const auto bag = controller->currentBag();
   ASSERT_NE(bag, nullptr);
-  EXPECT_EQ(bag, events.bags().front());
+  EXPECT_EQ(bag, events.bags.values().front());
   EXPECT_EQ(bag->version(), "9");
   EXPECT_EQ(bag->userAgent(), kORVOrvexdNameVersion);
   EXPECT_EQ(controller->warmURL(), "https://warm.example/w");
-  EXPECT_EQ(counter(kORVCounterBagFetches), 1);
+  EXPECT_EQ(testing::counterValue(kORVCounterBagFetches), 1);
 
-  // The request carries the daemon's context and agent; the bag-cache URL is what the
-  // factory builds now, and the expiry is four hours ahead of the fetch.
-  const auto request = bagRequests().front();
+  // The bag-cache URL is what the factory builds now, and the expiry is four hours ahead of
+  // the fetch, in memory and on disk.
   const auto cacheRequest = factory->bagCacheRequest(*controller, "orvexd/1.0", std::nullopt);
   const double now =
       std::chrono::duration<double>(test.platform.clock->wallNow().time_since_epoch()).count();
@@ -203,24 +146,16 @@ TEST_F(BagControllerTest, FirstBagIsFetchedOnceStoredAndWrittenPrivately) {
     EXPECT_EQ(held["__bagurl"], cacheRequest->url);
     EXPECT_NEAR(held["__expiration"].get<double>(), now + 14400, 1);
   }
-  struct stat info {};
-  ASSERT_EQ(stat(bagFile().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
-  std::ifstream in(bagFile(), std::ios::binary);
-  std::string signature(6, '\0');
-  in.read(signature.data(), 6);
-  EXPECT_EQ(signature, "bplist");
+  EXPECT_EQ(testing::readTextFile(bagFile()).substr(0, 6), "bplist");
 
   // The first network bag sets the news status from unknown: "news" sees it disabled.
-  EXPECT_EQ(notifier->posted(), std::vector<std::string>{kORVNotifyDisabled});
+  EXPECT_EQ(notifier->posted.values(), std::vector<std::string>{kORVNotifyDisabled});
 }
 
 TEST_F(BagControllerTest, DiskCopyIsUsedAtStartAndRefreshedOnlyNearItsExpiry) {
   {
     BagEvents events(*test.assembly->notificationCenter);
-    auto first = makeController();
-    (void)first->currentBag();
-    drain(events, 1);
+    startWithBag(events);
   }
   const WallTime fetchedAt = test.platform.clock->wallNow();
   const auto startAt = [&](Duration beforeExpiry) {
@@ -233,7 +168,7 @@ TEST_F(BagControllerTest, DiskCopyIsUsedAtStartAndRefreshedOnlyNearItsExpiry) {
   {
     BagEvents events(*test.assembly->notificationCenter);
     auto restarted = startAt(11min);
-    ASSERT_EQ(events.bags().size(), 1u);
+    ASSERT_EQ(events.bags.values().size(), 1u);
     EXPECT_EQ(restarted->currentBag()->version(), "9");
     test.settle();
     EXPECT_EQ(bagRequests().size(), 1u);
@@ -243,20 +178,18 @@ TEST_F(BagControllerTest, DiskCopyIsUsedAtStartAndRefreshedOnlyNearItsExpiry) {
   LogCapture logs;
   BagEvents events(*test.assembly->notificationCenter);
   auto restarted = startAt(9min);
-  EXPECT_EQ(events.bags().front()->version(), "9");
+  EXPECT_EQ(events.bags.values().front()->version(), "9");
   drain(events, 2);
   EXPECT_EQ(bagRequests().size(), 2u);
   EXPECT_EQ(restarted->cachedBagState()->version(), "10");
   EXPECT_TRUE(logs.contains("bag expired: 540.000000"));
   // A disk bag never posts the news status; the network bag that follows keeps it unchanged.
-  EXPECT_EQ(notifier->posted(), std::vector<std::string>{kORVNotifyDisabled});
+  EXPECT_EQ(notifier->posted.values(), std::vector<std::string>{kORVNotifyDisabled});
 }
 
 TEST_F(BagControllerTest, ALocaleChangeMakesTheBagStale) {
   BagEvents events(*test.assembly->notificationCenter);
-  auto controller = makeController();
-  (void)controller->currentBag();
-  drain(events, 1);
+  auto controller = startWithBag(events);
 
   LogCapture logs;
   const std::string before = controller->currentBag()->rawBag()["__bagurl"];
@@ -277,40 +210,26 @@ TEST_F(BagControllerTest, ALocaleChangeMakesTheBagStale) {
 
 TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
   BagEvents events(*test.assembly->notificationCenter);
-  auto controller = makeController();
-  (void)controller->currentBag();
-  drain(events, 1);
+  auto controller = startWithBag(events);
   const auto held = controller->currentBag();
 
-  struct Case {
-    int status;
-    std::string body;
-    int64_t code;
-    std::string reason;
-    std::string log;
-  };
-  const std::vector<Case> cases = {
-      {304, "", 2, "statusCode 304", "Error fetching bag status code: 304"},
-      {500, "oops", 2, "statusCode 500", "Error fetching bag status code: 500"},
-      {200, "[1, 2]", 2, "not JSON object",
-       "Error fetching bag: returned data was not of the expected type."},
-      {200, "{\"version\": ", 2, "not JSON object",
-       "Error fetching bag: returned data was not of the expected type."},
-  };
-  // A server-announced newer version is how a fetch is made on demand here.
+  // A server-announced newer version is how a fetch is made on demand here. (What each failure
+  // logs is checked through the daemon, in BagIntegrationTest.)
   int version = 10;
   size_t errors = 0;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.reason);
-    LogCapture logs;
-    serve(c.body, c.status);
+  for (const auto& [status, body, reason] : std::vector<std::tuple<int, std::string, std::string>>{
+           {304, "", "statusCode 304"},
+           {500, "oops", "statusCode 500"},
+           {200, "[1, 2]", "not JSON object"},
+           {200, "{\"version\": ", "not JSON object"}}) {
+    SCOPED_TRACE(reason);
+    serve(body, status);
     controller->forceFetchBag(BagDictionary{{"bag", version++}});
     drain(events, 1, ++errors);
-    const OrvexError error = events.errors().back();
+    const OrvexError error = events.errors.values().back();
     EXPECT_EQ(error.domain, kORVErrorDomain);
-    EXPECT_EQ(error.code, c.code);
-    EXPECT_EQ(error.reason, c.reason);
-    EXPECT_TRUE(logs.contains(c.log));
+    EXPECT_EQ(error.code, 2);
+    EXPECT_EQ(error.reason, reason);
     EXPECT_EQ(controller->cachedBagState(), held);
   }
 
@@ -319,7 +238,7 @@ TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
   const size_t before = bagRequests().size();
   controller->forceFetchBag(BagDictionary{{"bag", version++}});
   drain(events, 1, ++errors);
-  EXPECT_NE(events.errors().back().domain, kORVErrorDomain);
+  EXPECT_NE(events.errors.values().back().domain, kORVErrorDomain);
   EXPECT_EQ(bagRequests().size(), before + 1);
 
   // An object nested beyond what the disk copy can hold is refused without an error.
@@ -331,9 +250,9 @@ TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
   EXPECT_TRUE(logs.waitForPrefix("error parsing bag json ", kWatchdog));
   test.settle();
   EXPECT_EQ(controller->cachedBagState(), held);
-  EXPECT_EQ(events.errors().size(), errors);
-  EXPECT_EQ(counter(kORVCounterBagFetchesFailed), static_cast<int64_t>(errors));
-  EXPECT_EQ(counter(kORVCounterBagFetches), 2);
+  EXPECT_EQ(events.errors.values().size(), errors);
+  EXPECT_EQ(testing::counterValue(kORVCounterBagFetchesFailed), static_cast<int64_t>(errors));
+  EXPECT_EQ(testing::counterValue(kORVCounterBagFetches), 2);
 }
 
 TEST_F(BagControllerTest, EachFetchIsRecordedInTheDaemonsSession) {
@@ -341,9 +260,7 @@ TEST_F(BagControllerTest, EachFetchIsRecordedInTheDaemonsSession) {
   test.assembly->clientSessionManager = manager;
   serve(R"({"version": "9", "feedback_enabled": true})");
   BagEvents events(*test.assembly->notificationCenter);
-  auto controller = makeController();
-  (void)controller->currentBag();
-  drain(events, 1);
+  auto controller = startWithBag(events);
   serve("oops", 500);
   controller->forceFetchBag(BagDictionary{{"bag", 10}});
   drain(events, 1, 1);
@@ -373,7 +290,9 @@ TEST_F(BagControllerTest, EachFetchIsRecordedInTheDaemonsSession) {
   EXPECT_EQ(error.error->reason, "statusCode 500");
 }
 
-TEST_F(BagControllerTest, ServerAnnouncedVersionsCompareNumerically) {
+// A server-announced version is fetched only when it is newer, numerically, than the bag held;
+// a fetched bag that flips the news client's status broadcasts it.
+TEST_F(BagControllerTest, ServerAnnouncedNewerVersionsAreFetchedAndNewsStatusFlipsBroadcast) {
   BagEvents events(*test.assembly->notificationCenter);
   auto controller = makeController();
   // With no bag held, nothing is announced as newer.
@@ -382,7 +301,7 @@ TEST_F(BagControllerTest, ServerAnnouncedVersionsCompareNumerically) {
   EXPECT_EQ(bagRequests().size(), 0u);
 
   (void)controller->currentBag();
-  drain(events, 1);  // holds "9"
+  drain(events, 1);  // holds "9", news disabled
   for (const auto& ignored : {BagDictionary{{"bag", 9}}, BagDictionary{{"bag", "10"}},
                               BagDictionary{{"other", 12}}, BagDictionary::array()}) {
     controller->forceFetchBag(ignored);
@@ -390,37 +309,28 @@ TEST_F(BagControllerTest, ServerAnnouncedVersionsCompareNumerically) {
   test.settle();
   EXPECT_EQ(bagRequests().size(), 1u);
 
-  serve(R"({"version": "10", "enabled": false})");
-  controller->forceFetchBag(BagDictionary{{"bag", 10}});
-  drain(events, 2);
-  EXPECT_EQ(bagRequests().back().rawQuery.find("version=10") != std::string::npos, true);
-  EXPECT_EQ(controller->currentBag()->version(), "10");
-  controller->forceFetchBag(BagDictionary{{"bag", 9}});
-  test.settle();
-  EXPECT_EQ(bagRequests().size(), 2u);
-
-  EXPECT_EQ(compareNumeric("v2.10", "v2.9"), std::strong_ordering::greater);
-  EXPECT_EQ(compareNumeric("007", "7"), std::strong_ordering::equal);
-  EXPECT_EQ(compareNumeric("9", "10a"), std::strong_ordering::less);
-}
-
-TEST_F(BagControllerTest, NewsStatusIsBroadcastWhenAFetchedBagFlipsIt) {
-  BagEvents events(*test.assembly->notificationCenter);
-  serve(R"({"version": "1", "enabled": true})");
-  auto controller = makeController();
-  (void)controller->currentBag();
-  drain(events, 1);
   size_t bags = 1;
   const auto fetch = [&](const std::string& body, int version) {
     serve(body);
     controller->forceFetchBag(BagDictionary{{"bag", version}});
     drain(events, ++bags);
   };
-  fetch(R"({"version": "2", "enabled": true})", 2);
-  fetch(R"({"version": "3", "enabled": true, "agents": {"news/": {"enabled": false}}})", 3);
-  fetch(R"({"version": "4", "enabled": false, "agents": {"news": {"enabled": true}}})", 4);
-  EXPECT_EQ(notifier->posted(),
-            (std::vector<std::string>{kORVNotifyEnabled, kORVNotifyDisabled, kORVNotifyEnabled}));
+  fetch(R"({"version": "10", "enabled": false})", 10);
+  EXPECT_NE(bagRequests().back().rawQuery.find("version=10"), std::string::npos);
+  EXPECT_EQ(controller->currentBag()->version(), "10");
+  controller->forceFetchBag(BagDictionary{{"bag", 9}});
+  test.settle();
+  EXPECT_EQ(bagRequests().size(), 2u);
+  EXPECT_EQ(compareNumeric("v2.10", "v2.9"), std::strong_ordering::greater);
+  EXPECT_EQ(compareNumeric("007", "7"), std::strong_ordering::equal);
+  EXPECT_EQ(compareNumeric("9", "10a"), std::strong_ordering::less);
+
+  fetch(R"({"version": "11", "enabled": true})", 11);
+  fetch(R"({"version": "12", "enabled": true, "agents": {"news/": {"enabled": false}}})", 12);
+  fetch(R"({"version": "13", "enabled": false, "agents": {"news": {"enabled": true}}})", 13);
+  EXPECT_EQ(notifier->posted.values(),
+            (std::vector<std::string>{kORVNotifyDisabled, kORVNotifyEnabled, kORVNotifyDisabled,
+                                      kORVNotifyEnabled}));
 }
 
 TEST_F(BagControllerTest, EndpointComesFromTheDefaultsOrTheCountry) {
@@ -441,20 +351,17 @@ TEST_F(BagControllerTest, EndpointComesFromTheDefaultsOrTheCountry) {
 TEST_F(BagControllerTest, UnreadableDiskCopiesAreIgnoredAndReplaced) {
   test.assembly->fileManager->ensureDirectory(bagFile().parent_path());
   for (const std::string& content : {std::string("bplist00 broken"), std::string("\x01\x02")}) {
-    std::ofstream(bagFile(), std::ios::binary) << content;
+    testing::writeTextFile(bagFile(), content);
     LogCapture logs;
     BagEvents events(*test.assembly->notificationCenter);
     auto controller = makeController();
     EXPECT_TRUE(logs.containsPrefix("Error reading from bag cache: "));
-    EXPECT_TRUE(events.bags().empty());
+    EXPECT_EQ(events.bags.size(), 0u);
     (void)controller->currentBag();
     drain(events, 1);
   }
   // A property list that is no dictionary is named by its kind.
-  const auto array = binaryPropertyListFromJson(BagDictionary::array({"a"}));
-  std::ofstream(bagFile(), std::ios::binary)
-      .write(reinterpret_cast<const char*>(array.data()),
-             static_cast<std::streamsize>(array.size()));
+  testing::writeBytes(bagFile(), binaryPropertyListFromJson(BagDictionary::array({"a"})));
   LogCapture logs;
   auto controller = makeController();
   EXPECT_TRUE(logs.contains("Unexpected class deserialized from bag cache: array."));

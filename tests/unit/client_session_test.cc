@@ -6,7 +6,6 @@
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/session_privacy_filter.h"
 #include "orvexd/model/orv_constants.h"
-#include "orvexd/platform/diagnostic_data_reporter.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_assembly.h"
 
@@ -16,12 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr const char* kGuid = "6F1A3C2E-0000-4000-8000-000000000001";
-
-int64_t counter(const std::string& key) {
-  const auto counters = OrvexDiagnosticDataReporter::snapshot();
-  const auto found = counters.find(key);
-  return found == counters.end() ? 0 : found->second;
-}
 
 NBSearchResult result(std::string id, uint32_t type, bool localApplication = false) {
   NBSearchResult r;
@@ -107,16 +100,16 @@ TEST_F(SessionTest, PrivacyFilteringHidesLocalIdentifiersAndReportsWhatWasNeverE
 }
 
 TEST_F(SessionTest, FirstUseOfTheDayIsCountedOncePerClientAndDay) {
-  const int64_t daily = counter("com.zelmor.orvexd.news.dailyactiveusers");
-  const int64_t sessions = counter("com.zelmor.orvexd.news.sessions");
+  const int64_t daily = testing::counterValue("com.zelmor.orvexd.news.dailyactiveusers");
+  const int64_t sessions = testing::counterValue("com.zelmor.orvexd.news.sessions");
   EXPECT_TRUE(ClientSession::initWithAssembly(*test.assembly, start())->firstUseOfTheDay());
   EXPECT_FALSE(ClientSession::initWithAssembly(*test.assembly, start())->firstUseOfTheDay());
   EXPECT_TRUE(test.assembly->userDefaults->dateForKey("OrvexFirstUseOfTheDay_news"));
 
   test.platform.clock->setWallTime(test.platform.clock->wallNow() + 24h);
   EXPECT_TRUE(ClientSession::initWithAssembly(*test.assembly, start())->firstUseOfTheDay());
-  EXPECT_EQ(counter("com.zelmor.orvexd.news.dailyactiveusers"), daily + 2);
-  EXPECT_EQ(counter("com.zelmor.orvexd.news.sessions"), sessions + 3);
+  EXPECT_EQ(testing::counterValue("com.zelmor.orvexd.news.dailyactiveusers"), daily + 2);
+  EXPECT_EQ(testing::counterValue("com.zelmor.orvexd.news.sessions"), sessions + 3);
 
   // Clients without a first-use key never have one.
   EXPECT_FALSE(
@@ -153,14 +146,13 @@ TEST_F(SessionTest, FilesHoldHeaderRecordsAndGuidErrors) {
   test.assembly->persistentStorage = nullptr;
   ClientSession::initWithAssembly(*test.assembly, start())->sessionComplete();
   EXPECT_TRUE(logs.contains("Storage Handle nil major error"));
-}
 
-TEST_F(SessionTest, GlanceResultFeaturesLeaveOutTheBaseTime) {
+  // Glance result features leave out the base time.
   auto custom = std::make_shared<NBCustomFeedback>();
   custom->customType = 3;
-  auto session = ClientSession::initWithAssembly(*test.assembly, wrap(custom));
-  EXPECT_TRUE(session->removeTimestamps());
-  EXPECT_EQ(session->getFeedbacksToSend()["base_time"], 0);
+  auto glance = ClientSession::initWithAssembly(*test.assembly, wrap(custom));
+  EXPECT_TRUE(glance->removeTimestamps());
+  EXPECT_EQ(glance->getFeedbacksToSend()["base_time"], 0);
 }
 
 }  // namespace

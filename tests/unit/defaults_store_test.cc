@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <limits>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "orvexd/base/orvex_logging.h"
@@ -16,16 +14,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string contentOf(const fs::path& file) {
-  std::ifstream stream(file, std::ios::binary);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return text.str();
-}
-
-void writeText(const fs::path& file, std::string_view text) {
-  std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
-}
+using testing::readTextFile;
+using testing::writeTextFile;
 
 class DefaultsStoreTest : public ::testing::Test {
  protected:
@@ -113,7 +103,7 @@ TEST_F(DefaultsStoreTest, WritesXmlWithMode0600ThatAFreshStoreReadsBack) {
   ASSERT_TRUE(store.synchronize());
   EXPECT_EQ(files->attributesOfItem(file)->mode & 07777, 0600u);
   EXPECT_EQ(files->attributesOfItem(file.parent_path())->mode & 07777, 0700u);
-  const auto text = contentOf(file);
+  const auto text = readTextFile(file);
   EXPECT_TRUE(text.starts_with("<?xml")) << text;
   EXPECT_EQ(text.find("registered"), std::string::npos) << text;
 
@@ -125,14 +115,11 @@ TEST_F(DefaultsStoreTest, WritesXmlWithMode0600ThatAFreshStoreReadsBack) {
   fresh.removeObjectForKey("stored");
   EXPECT_EQ(fresh.objectForKey("registered"), PlistValue(1));
   ASSERT_TRUE(fresh.synchronize());
-  EXPECT_EQ(contentOf(file).find("registered"), std::string::npos);
+  EXPECT_EQ(readTextFile(file).find("registered"), std::string::npos);
 
   // A binary file is read as well.
-  std::ofstream(file, std::ios::binary | std::ios::trunc) << [] {
-    const auto bytes =
-        serializePropertyList(PlistDictionary{{"binary", -12}}, PlistFormat::kBinary);
-    return std::string(bytes.begin(), bytes.end());
-  }();
+  testing::writeBytes(
+      file, serializePropertyList(PlistDictionary{{"binary", -12}}, PlistFormat::kBinary));
   EXPECT_EQ(DefaultsStore(files, file).integerForKey("binary"), -12);
 }
 
@@ -142,7 +129,7 @@ TEST_F(DefaultsStoreTest, PicksUpEditsMadeOnDiskWhenThereIsNothingToWrite) {
   ASSERT_TRUE(store.setObject("value", 1));
   ASSERT_TRUE(store.synchronize());
 
-  writeText(file, "<plist><dict><key>value</key><integer>2</integer></dict></plist>");
+  writeTextFile(file, "<plist><dict><key>value</key><integer>2</integer></dict></plist>");
   EXPECT_EQ(store.integerForKey("value"), 1);
   EXPECT_TRUE(store.synchronize());
   EXPECT_EQ(store.integerForKey("value"), 2);
@@ -161,7 +148,7 @@ TEST_F(DefaultsStoreTest, KeepsAnUnreadableFileAsideInsteadOfDestroyingIt) {
   for (const auto& [content, reason] : cases) {
     SCOPED_TRACE(reason);
     ASSERT_FALSE(files->ensureDirectory(file.parent_path()));
-    writeText(file, content);
+    writeTextFile(file, content);
     std::mutex mutex;
     std::vector<std::string> errors;
     const auto observer = addLogObserver([&](const LogRecord& record) {
@@ -176,14 +163,14 @@ TEST_F(DefaultsStoreTest, KeepsAnUnreadableFileAsideInsteadOfDestroyingIt) {
     EXPECT_NE(errors[0].find(reason), std::string::npos) << errors[0];
 
     EXPECT_FALSE(store.synchronize());  // nothing to write: the file stays as it is
-    EXPECT_EQ(contentOf(file), content);
+    EXPECT_EQ(readTextFile(file), content);
     EXPECT_EQ(errors.size(), 1u);  // and is not reported again while unchanged
 
     ASSERT_TRUE(store.setObject("fresh", true));
     ASSERT_TRUE(store.synchronize());
     auto keptAs = file;
     keptAs += ".corrupt";
-    EXPECT_EQ(contentOf(keptAs), content);
+    EXPECT_EQ(readTextFile(keptAs), content);
     EXPECT_TRUE(DefaultsStore(files, file).boolForKey("fresh"));
     ASSERT_EQ(errors.size(), 2u);
     EXPECT_NE(errors[1].find("kept unreadable defaults file"), std::string::npos) << errors[1];

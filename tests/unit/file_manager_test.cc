@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
-#include <sstream>
 
 #include "tests/support/test_environment.h"
 
@@ -20,12 +18,7 @@ std::vector<std::uint8_t> bytesOf(std::string_view text) {
   return std::vector<std::uint8_t>(text.begin(), text.end());
 }
 
-std::string contentOf(const fs::path& file) {
-  std::ifstream stream(file, std::ios::binary);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return text.str();
-}
+using testing::readTextFile;
 
 TEST(FileManager, ResolvesDirectoriesByTheXdgRules) {
   const FileManager xdg({"/home/u", "/xdg/cache", "/xdg/config", "/var/tmp/u"});
@@ -90,10 +83,10 @@ TEST(FileManager, WritesAtomicallyWithTheModeAndKeepsOldContentOnFailure) {
   const FileManager files({dir.path().string(), "", "", ""});
   const auto file = dir / "state.plist";
   ASSERT_FALSE(files.writeFileAtomically(file, bytesOf("first"), 0640));
-  EXPECT_EQ(contentOf(file), "first");
+  EXPECT_EQ(readTextFile(file), "first");
   EXPECT_EQ(files.attributesOfItem(file)->mode & 07777, 0640u);
   ASSERT_FALSE(files.writeFileAtomically(file, bytesOf("second, longer")));
-  EXPECT_EQ(contentOf(file), "second, longer");
+  EXPECT_EQ(readTextFile(file), "second, longer");
   EXPECT_EQ(files.attributesOfItem(file)->mode & 07777, 0600u);
 
   // A write that fails half-way (the file size limit stops it) leaves the old file and no
@@ -111,7 +104,7 @@ TEST(FileManager, WritesAtomicallyWithTheModeAndKeepsOldContentOnFailure) {
     std::signal(SIGXFSZ, previous);
     EXPECT_EQ(error, std::errc::file_too_large);
   }
-  EXPECT_EQ(contentOf(file), "second, longer");
+  EXPECT_EQ(readTextFile(file), "second, longer");
   std::error_code error;
   EXPECT_EQ(files.contentsOfDirectory(dir.path(), error), std::vector<fs::path>{file});
 
@@ -129,7 +122,7 @@ TEST(FileManager, WritesAtomicallyWithTheModeAndKeepsOldContentOnFailure) {
     fs::permissions(dir.path(), fs::perms::owner_read | fs::perms::owner_exec);
     EXPECT_EQ(files.writeFileAtomically(file, bytesOf("third")), std::errc::permission_denied);
     fs::permissions(dir.path(), fs::perms::owner_all);
-    EXPECT_EQ(contentOf(file), "second, longer");
+    EXPECT_EQ(readTextFile(file), "second, longer");
   }
 }
 

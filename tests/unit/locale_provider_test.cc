@@ -25,8 +25,14 @@ class LocaleEnvironment {
   void set(const char* name, std::optional<std::string> value) {
     cleared_.push_back(std::make_unique<ScopedEnv>(name, std::move(value)));
   }
+  // Sets `name` and answers the locale the provider reads then.
+  LocaleSnapshot with(const char* name, std::optional<std::string> value) {
+    set(name, std::move(value));
+    return provider_->currentLocale();
+  }
 
  private:
+  std::unique_ptr<LocaleProvider> provider_ = makeSystemLocaleProvider();
   std::vector<std::unique_ptr<ScopedEnv>> cleared_;
 };
 
@@ -45,11 +51,9 @@ std::string hourSymbols(const std::string& pattern) {
 }
 
 TEST(LocaleProviderTest, ReadsTheLocaleFromThePosixVariablesInTheirOrder) {
-  const auto provider = makeSystemLocaleProvider();
   LocaleEnvironment env;
   env.set("LANG", "de_DE.UTF-8@euro");
-  env.set("TZ", "Europe/Berlin");
-  LocaleSnapshot snapshot = provider->currentLocale();
+  LocaleSnapshot snapshot = env.with("TZ", "Europe/Berlin");
   EXPECT_EQ(snapshot.localeIdentifier, "de_DE");
   EXPECT_EQ(snapshot.regionCode, "DE");
   EXPECT_EQ(snapshot.effectiveSystemLanguage, "de");
@@ -59,41 +63,31 @@ TEST(LocaleProviderTest, ReadsTheLocaleFromThePosixVariablesInTheirOrder) {
   EXPECT_EQ(snapshot.preferredLanguages, std::vector<std::string>{"de-DE"});
 
   // LC_MESSAGES overrides LANG; LC_ALL overrides both. The environment is read on each call.
-  env.set("LC_MESSAGES", "en_US.UTF-8");
-  snapshot = provider->currentLocale();
+  snapshot = env.with("LC_MESSAGES", "en_US.UTF-8");
   EXPECT_EQ(snapshot.localeIdentifier, "en_US");
   EXPECT_EQ(snapshot.regionCode, "US");
-  env.set("LC_ALL", "fr_CA.UTF-8");
-  snapshot = provider->currentLocale();
+  snapshot = env.with("LC_ALL", "fr_CA.UTF-8");
   EXPECT_EQ(snapshot.localeIdentifier, "fr_CA");
   EXPECT_EQ(snapshot.effectiveSystemLanguage, "fr");
   // An empty variable counts as unset.
-  env.set("LC_ALL", "");
-  EXPECT_EQ(provider->currentLocale().localeIdentifier, "en_US");
+  EXPECT_EQ(env.with("LC_ALL", "").localeIdentifier, "en_US");
 
   // Scripts from the name or from a modifier; keywords from a modifier.
-  env.set("LC_MESSAGES", "zh_Hans_CN.UTF-8");
-  snapshot = provider->currentLocale();
+  snapshot = env.with("LC_MESSAGES", "zh_Hans_CN.UTF-8");
   EXPECT_EQ(snapshot.localeIdentifier, "zh_Hans_CN");
   EXPECT_EQ(snapshot.preferredLanguages, std::vector<std::string>{"zh-Hans-CN"});
-  env.set("LC_MESSAGES", "sr_RS.UTF-8@latin");
-  EXPECT_EQ(provider->currentLocale().localeIdentifier, "sr_Latn_RS");
-  env.set("LC_MESSAGES", "ja_JP.UTF-8@calendar=japanese");
-  snapshot = provider->currentLocale();
+  EXPECT_EQ(env.with("LC_MESSAGES", "sr_RS.UTF-8@latin").localeIdentifier, "sr_Latn_RS");
+  snapshot = env.with("LC_MESSAGES", "ja_JP.UTF-8@calendar=japanese");
   EXPECT_EQ(snapshot.calendarIdentifier, "japanese");
   EXPECT_EQ(snapshot.regionCode, "JP");
-  env.set("LC_MESSAGES", "th_TH.UTF-8");
-  EXPECT_EQ(provider->currentLocale().calendarIdentifier, "buddhist");
+  EXPECT_EQ(env.with("LC_MESSAGES", "th_TH.UTF-8").calendarIdentifier, "buddhist");
 }
 
 TEST(LocaleProviderTest, TheCLocaleAndGarbageReadAsEnglishWithoutRegion) {
-  const auto provider = makeSystemLocaleProvider();
   for (const std::optional<std::string>& value : std::vector<std::optional<std::string>>{
            std::nullopt, "C", "POSIX", "C.UTF-8", "", "garbage!!", "d", "de_", "de__DE", "_DE",
            "de_DE_EXTRA_X", "\xff\xfe", "de_DE.UTF-8@=x", "12_34"}) {
-    LocaleEnvironment env;
-    env.set("LANG", value);
-    const LocaleSnapshot snapshot = provider->currentLocale();
+    const LocaleSnapshot snapshot = LocaleEnvironment().with("LANG", value);
     SCOPED_TRACE(value.value_or("(unset)"));
     EXPECT_EQ(snapshot.localeIdentifier, "en");
     EXPECT_EQ(snapshot.regionCode, "");
@@ -107,61 +101,44 @@ TEST(LocaleProviderTest, TheCLocaleAndGarbageReadAsEnglishWithoutRegion) {
 }
 
 TEST(LocaleProviderTest, MeasurementAndTimeFollowTheirOwnCategories) {
-  const auto provider = makeSystemLocaleProvider();
   LocaleEnvironment env;
-  env.set("LANG", "en_US.UTF-8");
-  LocaleSnapshot snapshot = provider->currentLocale();
+  LocaleSnapshot snapshot = env.with("LANG", "en_US.UTF-8");
   EXPECT_EQ(snapshot.measurementSystem, MeasurementSystem::kUS);
   EXPECT_EQ(hourSymbols(snapshot.hourCyclePattern), "h");
 
   env.set("LC_MEASUREMENT", "en_GB.UTF-8");
-  env.set("LC_TIME", "de_DE.UTF-8");
-  snapshot = provider->currentLocale();
+  snapshot = env.with("LC_TIME", "de_DE.UTF-8");
   EXPECT_EQ(snapshot.measurementSystem, MeasurementSystem::kUK);
   EXPECT_EQ(hourSymbols(snapshot.hourCyclePattern), "HH");
   EXPECT_EQ(snapshot.localeIdentifier, "en_US");
 
   // A region-less locale finds its likely region: French → France → metric.
-  env.set("LC_MEASUREMENT", "fr");
-  EXPECT_EQ(provider->currentLocale().measurementSystem, MeasurementSystem::kMetric);
+  EXPECT_EQ(env.with("LC_MEASUREMENT", "fr").measurementSystem, MeasurementSystem::kMetric);
 
   // LC_ALL decides every category.
-  env.set("LC_ALL", "en_US.UTF-8");
-  snapshot = provider->currentLocale();
+  snapshot = env.with("LC_ALL", "en_US.UTF-8");
   EXPECT_EQ(snapshot.measurementSystem, MeasurementSystem::kUS);
   EXPECT_EQ(hourSymbols(snapshot.hourCyclePattern), "h");
 }
 
-TEST(LocaleProviderTest, PreferredLanguagesComeFromLanguageWithoutDuplicatesOrJunk) {
-  const auto provider = makeSystemLocaleProvider();
+TEST(LocaleProviderTest, LanguagesComeFromLanguageWithoutJunkAndTheZoneFromTzOrTheHost) {
   LocaleEnvironment env;
   env.set("LANG", "de_DE.UTF-8");
-  env.set("LANGUAGE", "pt_BR:::fr:C:pt_BR.UTF-8:!!:en_GB:fr");
-  LocaleSnapshot snapshot = provider->currentLocale();
+  LocaleSnapshot snapshot = env.with("LANGUAGE", "pt_BR:::fr:C:pt_BR.UTF-8:!!:en_GB:fr");
   EXPECT_EQ(snapshot.preferredLanguages, (std::vector<std::string>{"pt-BR", "fr", "en-GB"}));
   // The interface language stays that of the locale.
   EXPECT_EQ(snapshot.effectiveSystemLanguage, "de");
 
-  env.set("LANGUAGE", ":!!:");
-  EXPECT_EQ(provider->currentLocale().preferredLanguages, std::vector<std::string>{"de-DE"});
-}
+  EXPECT_EQ(env.with("LANGUAGE", ":!!:").preferredLanguages, std::vector<std::string>{"de-DE"});
 
-TEST(LocaleProviderTest, TimeZoneComesFromTzOrTheHost) {
-  const auto provider = makeSystemLocaleProvider();
-  LocaleEnvironment env;
-  env.set("TZ", ":Asia/Tokyo");
-  EXPECT_EQ(provider->currentLocale().timeZoneName, "Asia/Tokyo");
-  env.set("TZ", "America/New_York");
-  EXPECT_EQ(provider->currentLocale().timeZoneName, "America/New_York");
-  env.set("TZ", ":/usr/share/zoneinfo/Europe/Paris");
-  EXPECT_EQ(provider->currentLocale().timeZoneName, "Europe/Paris");
-  env.set("TZ", "");
-  EXPECT_EQ(provider->currentLocale().timeZoneName, "UTC");
+  EXPECT_EQ(env.with("TZ", ":Asia/Tokyo").timeZoneName, "Asia/Tokyo");
+  EXPECT_EQ(env.with("TZ", "America/New_York").timeZoneName, "America/New_York");
+  EXPECT_EQ(env.with("TZ", ":/usr/share/zoneinfo/Europe/Paris").timeZoneName, "Europe/Paris");
+  EXPECT_EQ(env.with("TZ", "").timeZoneName, "UTC");
 
   // Names ICU does not know fall back to the host zone, which is always some known zone.
   for (const char* bad : {"Mars/Olympus_Mons", "CET-1CEST,M3.5.0,M10.5.0/3", "\xff", ":"}) {
-    env.set("TZ", bad);
-    const std::string name = provider->currentLocale().timeZoneName;
+    const std::string name = env.with("TZ", bad).timeZoneName;
     EXPECT_FALSE(name.empty()) << bad;
     EXPECT_NE(name, "Etc/Unknown") << bad;
     EXPECT_NE(name, "Mars/Olympus_Mons");

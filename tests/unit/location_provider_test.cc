@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <vector>
 
+#include "tests/support/collector.h"
 #include "tests/support/fake_geoclue.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/test_environment.h"
@@ -20,37 +18,16 @@ using testing::PrivateBus;
 using testing::ScopedEnv;
 using testing::TempDir;
 
+using Updates = testing::Collector<LocationUpdate>;
+
 constexpr const char* kDesktopId = "com.zelmor.orvexd";
-// Only a watchdog against an update that never comes.
-constexpr auto kWatchdog = 30s;
+constexpr auto kWatchdog = Updates::kWatchdog;
 
-class UpdateRecorder {
- public:
-  LocationProvider::UpdateHandler handler() {
-    return [this](const LocationUpdate& update) {
-      std::lock_guard lock(mutex_);
-      updates_.push_back(update);
-      changed_.notify_all();
-    };
-  }
-  // Waits for the update number `index` (from 0); nullopt on the watchdog.
-  std::optional<LocationUpdate> waitFor(std::size_t index) {
-    std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, kWatchdog, [&] { return updates_.size() > index; })) {
-      return std::nullopt;
-    }
-    return updates_[index];
-  }
-  std::size_t count() {
-    std::lock_guard lock(mutex_);
-    return updates_.size();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<LocationUpdate> updates_;
-};
+// The update number `index` (from 0) a collector received; none on the watchdog.
+std::optional<LocationUpdate> nth(Updates& updates, std::size_t index) {
+  if (!updates.waitForCount(index + 1)) return std::nullopt;
+  return updates.values()[index];
+}
 
 struct SystemBus {
   TempDir dir;
@@ -61,12 +38,12 @@ struct SystemBus {
 TEST(LocationProviderTest, DeliversGeoClueFixesUntilStopped) {
   SystemBus system;
   FakeGeoClue geoclue(system.bus);
-  UpdateRecorder recorder;
+  Updates recorder;
   auto provider = makeGeoClueLocationProvider(kDesktopId);
-  provider->startUpdates(recorder.handler());
+  provider->startUpdates(recorder.adder());
 
   // Started, nothing known yet.
-  auto first = recorder.waitFor(0);
+  auto first = nth(recorder, 0);
   ASSERT_TRUE(first);
   EXPECT_TRUE(first->authorized);
   EXPECT_FALSE(first->fix);
@@ -76,7 +53,7 @@ TEST(LocationProviderTest, DeliversGeoClueFixesUntilStopped) {
   EXPECT_EQ(state.starts, 1);
 
   geoclue.publishLocation({48.8566, 2.3522, 35.0, 1700000000, 250000});
-  auto update = recorder.waitFor(1);
+  auto update = nth(recorder, 1);
   ASSERT_TRUE(update && update->fix);
   EXPECT_TRUE(update->authorized);
   EXPECT_DOUBLE_EQ(update->fix->latitude, 48.8566);
@@ -92,33 +69,33 @@ TEST(LocationProviderTest, DeliversGeoClueFixesUntilStopped) {
   geoclue.publishLocation({10.0, 10.0, -1.0, 1700000200, 0});
   geoclue.publishLocation({10.0, 10.0, 10.0, 1700000200, 0, /*hasTimestamp=*/false});
   geoclue.publishLocation({35.68, 139.69, 25000.0, 1700000300, 0});
-  update = recorder.waitFor(2);
+  update = nth(recorder, 2);
   ASSERT_TRUE(update && update->fix);
   EXPECT_DOUBLE_EQ(update->fix->latitude, -33.86);
   EXPECT_EQ(update->fix->type, 4);
-  update = recorder.waitFor(3);
+  update = nth(recorder, 3);
   ASSERT_TRUE(update && update->fix);
   EXPECT_DOUBLE_EQ(update->fix->latitude, 35.68);
   EXPECT_EQ(update->fix->type, 6);
 
   // A second start only replaces the handler.
-  UpdateRecorder replacement;
-  provider->startUpdates(replacement.handler());
+  Updates replacement;
+  provider->startUpdates(replacement.adder());
   geoclue.publishLocation({51.5, -0.12, 80.0, 1700000400, 0});
-  update = replacement.waitFor(0);
+  update = nth(replacement, 0);
   ASSERT_TRUE(update && update->fix);
   EXPECT_DOUBLE_EQ(update->fix->latitude, 51.5);
   EXPECT_EQ(geoclue.state().clientsCreated, 1);
-  EXPECT_EQ(recorder.count(), 4u);
+  EXPECT_EQ(recorder.size(), 4u);
 
   // Stopping stops the GeoClue client; starting again gets a new one, which already knows
   // the last location.
   provider->stopUpdates();
   EXPECT_TRUE(geoclue.waitFor([](const auto& s) { return s.stops == 1 && s.activeClients == 0; },
                               kWatchdog));
-  UpdateRecorder again;
-  provider->startUpdates(again.handler());
-  update = again.waitFor(0);
+  Updates again;
+  provider->startUpdates(again.adder());
+  update = nth(again, 0);
   ASSERT_TRUE(update && update->fix);
   EXPECT_DOUBLE_EQ(update->fix->latitude, 51.5);
   EXPECT_EQ(geoclue.state().clientsCreated, 2);
@@ -127,21 +104,21 @@ TEST(LocationProviderTest, DeliversGeoClueFixesUntilStopped) {
   provider.reset();
   EXPECT_TRUE(geoclue.waitFor([](const auto& s) { return s.stops == 2 && s.activeClients == 0; },
                               kWatchdog));
-  EXPECT_EQ(again.count(), 1u);
+  EXPECT_EQ(again.size(), 1u);
 }
 
 TEST(LocationProviderTest, MissingOrRefusingServiceGivesOneUnauthorizedUpdate) {
   auto expectOneUnauthorized = [](const char* what) {
     SCOPED_TRACE(what);
-    UpdateRecorder recorder;
+    Updates recorder;
     auto provider = makeGeoClueLocationProvider(kDesktopId);
-    provider->startUpdates(recorder.handler());
-    const auto update = recorder.waitFor(0);
+    provider->startUpdates(recorder.adder());
+    const auto update = nth(recorder, 0);
     ASSERT_TRUE(update);
     EXPECT_FALSE(update->authorized);
     EXPECT_FALSE(update->fix);
     provider->stopUpdates();  // joins the provider's thread: every update has been delivered
-    EXPECT_EQ(recorder.count(), 1u);
+    EXPECT_EQ(recorder.size(), 1u);
   };
 
   {
@@ -167,30 +144,20 @@ TEST(LocationProviderTest, HandlerMayStopOrRestartUpdatesFromItsOwnThread) {
   SystemBus system;
   FakeGeoClue geoclue(system.bus);
   auto provider = makeGeoClueLocationProvider(kDesktopId);
-  std::mutex mutex;
-  std::condition_variable changed;
-  int calls = 0;
-  provider->startUpdates([&](const LocationUpdate&) {
+  Updates first;
+  Updates replaced;  // never called: updates stop below
+  provider->startUpdates([&](const LocationUpdate& update) {
     // Replacing the handler and stopping, both from the provider's thread.
-    provider->startUpdates([&](const LocationUpdate&) {
-      std::lock_guard lock(mutex);
-      calls += 100;  // never called: updates stop below
-      changed.notify_all();
-    });
+    provider->startUpdates(replaced.adder());
     provider->stopUpdates();
-    std::lock_guard lock(mutex);
-    ++calls;
-    changed.notify_all();
+    first.add(update);
   });
-  {
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, kWatchdog, [&] { return calls > 0; }));
-  }
+  ASSERT_TRUE(first.waitForCount(1));
   EXPECT_TRUE(geoclue.waitFor([](const auto& s) { return s.stops == 1; }, kWatchdog));
   geoclue.publishLocation({1.0, 2.0, 3.0, 4, 5});
   provider.reset();
-  std::lock_guard lock(mutex);
-  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(first.size(), 1u);
+  EXPECT_EQ(replaced.size(), 0u);
 }
 
 }  // namespace

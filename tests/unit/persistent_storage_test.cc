@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/archived_data_iterator.h"
 #include "orvexd/model/orv_constants.h"
@@ -18,22 +16,9 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-int64_t counter(std::string_view key) {
-  const auto counters = OrvexDiagnosticDataReporter::snapshot();
-  const auto found = counters.find(std::string(key));
-  return found == counters.end() ? 0 : found->second;
-}
-
-std::vector<uint8_t> fileBytes(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeBytes(const fs::path& file, std::span<const uint8_t> bytes) {
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-}
+using testing::counterValue;
+using testing::readBytes;
+using testing::writeBytes;
 
 void appendRecord(std::vector<uint8_t>& file, std::span<const uint8_t> archive) {
   const uint64_t length = archive.size();
@@ -100,7 +85,7 @@ TEST_F(StorageTest, WritesLengthPrefixedRecordsAndReadsThemBack) {
   EXPECT_EQ(info.st_mode & 07777, 0600u);
 
   // Byte layout: an 8-byte little-endian length, then that many bytes of archive.
-  const auto bytes = fileBytes(container->fileUrl());
+  const auto bytes = readBytes(container->fileUrl());
   ASSERT_GT(bytes.size(), 8u);
   uint64_t length = 0;
   for (int i = 7; i >= 0; --i) length = (length << 8) | bytes[static_cast<size_t>(i)];
@@ -126,7 +111,7 @@ TEST_F(StorageTest, WritesLengthPrefixedRecordsAndReadsThemBack) {
   container->writeFeedback(envelope(14), [&] { called = true; });
   (void)storage->getAvailableSessionHandles();
   EXPECT_FALSE(called);
-  EXPECT_EQ(fileBytes(container->fileUrl()), bytes);
+  EXPECT_EQ(readBytes(container->fileUrl()), bytes);
 
   storage->deleteSessionWithFileContainer(container);
   EXPECT_TRUE(storage->getAvailableSessionHandles().empty());
@@ -147,7 +132,7 @@ TEST_F(StorageTest, SizeLimitIsStrictOnWriteAndInclusiveOnRead) {
       kORVSessionSizeLimitKey, static_cast<int64_t>(headerSize + 2 * recordSize)));
   auto limited = makeStorage();
   EXPECT_EQ(limited->maxFileSize(), headerSize + 2 * recordSize);
-  const int64_t exceededBefore = counter(kORVCounterFileSizeExceeded);
+  const int64_t exceededBefore = counterValue(kORVCounterFileSizeExceeded);
   auto container = limited->createFileContainerForWriting();
   ASSERT_TRUE(container);
   int done = 0;
@@ -156,7 +141,7 @@ TEST_F(StorageTest, SizeLimitIsStrictOnWriteAndInclusiveOnRead) {
   limited->closeSessionWithFileContainer(container);
   (void)limited->getAvailableSessionHandles();
   EXPECT_EQ(done, 2);
-  EXPECT_EQ(counter(kORVCounterFileSizeExceeded), exceededBefore + 1);
+  EXPECT_EQ(counterValue(kORVCounterFileSizeExceeded), exceededBefore + 1);
   const uint64_t written = headerSize + recordSize;
   EXPECT_EQ(fs::file_size(container->fileUrl()), written);
   EXPECT_TRUE(logs.contains("bytes written (" + std::to_string(written) + ") + feedback (" +
@@ -179,16 +164,16 @@ TEST_F(StorageTest, SizeLimitIsStrictOnWriteAndInclusiveOnRead) {
 
   // Reading accepts a file of exactly the limit and refuses one byte more.
   EXPECT_TRUE(reader(container->fileUrl(), written)->read());
-  const int64_t tooLargeBefore = counter(kORVCounterFileTooLarge);
+  const int64_t tooLargeBefore = counterValue(kORVCounterFileTooLarge);
   EXPECT_FALSE(reader(container->fileUrl(), written - 1)->read());
-  EXPECT_EQ(counter(kORVCounterFileTooLarge), tooLargeBefore + 1);
+  EXPECT_EQ(counterValue(kORVCounterFileTooLarge), tooLargeBefore + 1);
   EXPECT_TRUE(logs.contains("Session too big to process"));
 }
 
 TEST_F(StorageTest, DamagedFilesYieldTheWholeRecordsBeforeTheDamage) {
   auto storage = makeStorage();
   auto container = writeSession(*storage, {1, 2, 3});
-  const auto whole = fileBytes(container->fileUrl());
+  const auto whole = readBytes(container->fileUrl());
   const fs::path file = test.directory.path() / "damaged";
   const auto readIds = [&](std::span<const uint8_t> bytes) -> std::optional<std::vector<int64_t>> {
     writeBytes(file, bytes);
@@ -261,9 +246,9 @@ TEST_F(StorageTest, StartUpScanExpiresOldFilesAndNumbersAfterTheSurvivors) {
 
   // session.3 is exactly the maximum age old and stays; session.9 is older and goes.
   test.platform.clock->setWallTime(created("session.3") + 172800s);
-  const int64_t tooOldBefore = counter(kORVCounterFileTooOld);
+  const int64_t tooOldBefore = counterValue(kORVCounterFileTooOld);
   auto storage = makeStorage();
-  EXPECT_EQ(counter(kORVCounterFileTooOld), tooOldBefore + 1);
+  EXPECT_EQ(counterValue(kORVCounterFileTooOld), tooOldBefore + 1);
   EXPECT_FALSE(fs::exists(directory / "session.9"));
   const auto listed = storage->getAvailableSessionHandles();
   ASSERT_EQ(listed.size(), 1u);

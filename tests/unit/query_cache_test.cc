@@ -80,7 +80,7 @@ class QueryCacheTest : public ::testing::Test {
   QueryCache cache{*env.assembly, pressure.factory()};
 };
 
-TEST_F(QueryCacheTest, ChoosesTheShortestCompletionThenTheBestScore) {
+TEST_F(QueryCacheTest, ChoosesTheShortestCompletionThenTheBestScoreForTheScale) {
   EXPECT_EQ(chosen(""), "none");
   cache.set(entry("we", answer("weaver", 0.9)));
   cache.set(entry("we", answer("weasel", 0.2)));
@@ -118,9 +118,20 @@ TEST_F(QueryCacheTest, ChoosesTheShortestCompletionThenTheBestScore) {
   // Non-ASCII input is counted in characters, not bytes.
   cache.set(entry("ÉT", answer("Été")));
   EXPECT_EQ(chosen("ét"), "été");
+
+  // Only answers made for the request's display scale, or for none, are chosen.
+  cache.removeAllObjects();
+  cache.set(entry("m", answer("moon"), "3"));
+  cache.set(entry("m", answer("mars"), ""));
+  EXPECT_EQ(chosen("moo", 2.0), "none");
+  EXPECT_EQ(chosen("moo", 3.0), "moon");
+  EXPECT_EQ(chosen("moo", 0), "moon");
+  EXPECT_EQ(chosen("mar", 2.0), "none");  // stored without a scale: scale 0
+  EXPECT_EQ(entry("m", answer("m"), "2.5").uiScale(), 2.5f);
+  EXPECT_EQ(entry("m", answer("m"), "big").uiScale(), 0.f);
 }
 
-TEST_F(QueryCacheTest, RefusesAnswersThatCannotBeKeyed) {
+TEST_F(QueryCacheTest, RefusesWhatCannotBeKeyedAndBoundsTheCostWithoutEverSubtracting) {
   LogCapture log;
   cache.set(entry("ab", answer("a")));
   EXPECT_TRUE(
@@ -132,10 +143,7 @@ TEST_F(QueryCacheTest, RefusesAnswersThatCannotBeKeyed) {
   EXPECT_EQ(cache.count(), 0u);
   EXPECT_EQ(cache.currentCost(), 0u);
   EXPECT_FALSE(cache.isListeningForMemoryPressure());
-}
 
-TEST_F(QueryCacheTest, BoundsTheCostWithoutEverSubtracting) {
-  LogCapture log;
   // One answer alone at the limit or above is never stored.
   cache.set(entry("big", answerOfCost("big", QueryCache::kMaxCost + 1)));
   EXPECT_EQ(cache.count(), 0u);
@@ -191,17 +199,6 @@ TEST_F(QueryCacheTest, ExpiresAtMaxAgeOnTheCachesClock) {
   EXPECT_EQ(cache.count(), 3u);
   EXPECT_EQ(chosen("sn"), "none");
   EXPECT_EQ(cache.count(), 2u);
-}
-
-TEST_F(QueryCacheTest, FiltersOnTheRequestsDisplayScale) {
-  cache.set(entry("m", answer("moon"), "3"));
-  cache.set(entry("m", answer("mars"), ""));
-  EXPECT_EQ(chosen("moo", 2.0), "none");
-  EXPECT_EQ(chosen("moo", 3.0), "moon");
-  EXPECT_EQ(chosen("moo", 0), "moon");
-  EXPECT_EQ(chosen("mar", 2.0), "none");  // stored without a scale: scale 0
-  EXPECT_EQ(entry("m", answer("m"), "2.5").uiScale(), 2.5f);
-  EXPECT_EQ(entry("m", answer("m"), "big").uiScale(), 0.f);
 }
 
 TEST_F(QueryCacheTest, EmptiesOnPressureAndOnContextChanges) {

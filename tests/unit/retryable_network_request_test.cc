@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <thread>
 
 #include "orvexd/platform/serial_queue.h"
 #include "tests/support/loopback_http_server.h"
@@ -55,12 +54,7 @@ class RetryableRequestTest : public ::testing::Test {
 
   // Waits, in real time, until a failed attempt has scheduled its delayed retry.
   bool waitForPendingRetry() {
-    const auto giveUp = std::chrono::steady_clock::now() + kWatchdog;
-    while (platform.clock->pendingTimers() == 0) {
-      if (std::chrono::steady_clock::now() > giveUp) return false;
-      std::this_thread::sleep_for(1ms);
-    }
-    return true;
+    return testing::eventually([&] { return platform.clock->pendingTimers() > 0; }, kWatchdog);
   }
 
   testing::TempDir directory;

@@ -45,22 +45,22 @@ TEST(SerialQueue, RunsJobsOneAtATimeInSubmissionOrderPerProducer) {
 }
 
 TEST(SerialQueue, SyncWaitsForTheJobAndRefusesWhereItCouldDeadlock) {
-  testing::VirtualPlatform platform;
+  testing::VirtualPlatform platform(1);
   SerialQueue queue("com.zelmor.orvexd.test", *platform.pool, *platform.clock);
   SerialQueue other("com.zelmor.orvexd.other", *platform.pool, *platform.clock);
 
-  // From a thread outside the pool, sync runs the job on the queue and waits for it, also
-  // behind earlier asynchronous jobs.
+  // From a thread outside the pool, sync runs the job on the queue, behind earlier asynchronous
+  // jobs; with the only worker held, they can only run inside sync().
+  testing::Gate workerHeld;
+  platform.pool->post([&] { workerHeld.wait(); });
   std::vector<int> order;
-  queue.async([&] {
-    std::this_thread::sleep_for(5ms);
-    order.push_back(1);
-  });
+  queue.async([&] { order.push_back(1); });
   bool onQueue = false;
   EXPECT_TRUE(queue.sync([&] {
     onQueue = queue.isCurrent();
     order.push_back(2);
   }));
+  workerHeld.open();
   EXPECT_TRUE(onQueue);
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
   EXPECT_FALSE(queue.isCurrent());

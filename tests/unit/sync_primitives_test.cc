@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <asio/io_context.hpp>
 #include <atomic>
 #include <future>
 #include <latch>
@@ -36,7 +37,7 @@ TEST(CountingSemaphore, TimesOutOnlyWhenVirtualTimePassesAndWakesOnSignal) {
   // cancelled, then fires nothing when the clock passes it.
   outcome = -1;
   platform.pool->post([&] { outcome = semaphore.wait(1s) ? 1 : 0; });
-  while (platform.clock->pendingTimers() == 0) std::this_thread::yield();
+  platform.settle();  // the waiter is parked
   std::thread([&] { semaphore.signal(); }).join();
   platform.settle();
   EXPECT_EQ(outcome, 1);
@@ -139,14 +140,6 @@ TEST(ProcessTransaction, CountsOpenTransactionsByNameAcrossMoves) {
   EXPECT_EQ(ProcessTransaction::openTransactions().count("imageFetch"), 0u);
 }
 
-}  // namespace
-}  // namespace orvex
-
-namespace orvex {
-namespace {
-
-using namespace std::chrono_literals;
-
 // With the real clock, a time-out must fire even when every worker is blocked waiting for one.
 TEST(CountingSemaphore, TimesOutOnTheSystemClockWhenEveryWorkerWaits) {
   WorkerPool pool(1);
@@ -158,9 +151,10 @@ TEST(CountingSemaphore, TimesOutOnTheSystemClockWhenEveryWorkerWaits) {
   ASSERT_EQ(result.wait_for(10s), std::future_status::ready);
   EXPECT_FALSE(result.get());
 
+  // A worker blocked in wait() is not busy: once the pool is idle, the waiter is parked.
   std::promise<bool> woken;
   pool.post([&] { woken.set_value(semaphore.wait(10s)); });
-  std::this_thread::sleep_for(5ms);
+  pool.waitUntilIdle();
   semaphore.signal();
   auto wokenResult = woken.get_future();
   ASSERT_EQ(wokenResult.wait_for(10s), std::future_status::ready);
@@ -175,7 +169,7 @@ TEST(SyncPrimitives, TeardownBeforeLateFiringsIsHarmless) {
     auto semaphore = std::make_unique<CountingSemaphore>(*platform.clock);
     std::atomic<int> outcome{-1};
     platform.pool->post([&] { outcome = semaphore->wait(1min) ? 1 : 0; });
-    while (platform.clock->pendingTimers() == 0) std::this_thread::yield();
+    platform.settle();  // the waiter is parked
     semaphore->signal();
     platform.settle();
     EXPECT_EQ(outcome, 1);
@@ -198,11 +192,13 @@ TEST(SyncPrimitives, TeardownBeforeLateFiringsIsHarmless) {
     std::atomic<int> ran{0};  // outlives the pool, whose running job may still touch it
     WorkerPool pool(1);
     SerialQueue queue("com.zelmor.orvexd.abandoned", pool, *platform.clock);
+    // The only worker is held until the pool's destructor has stopped it, so everything after
+    // is still queued then.
+    pool.post([&pool] {
+      while (!pool.ioContext().stopped()) std::this_thread::yield();
+    });
     for (int i = 0; i < 100; ++i) {
-      queue.async([&] {
-        std::this_thread::sleep_for(1ms);
-        ++ran;
-      });
+      queue.async([&] { ++ran; });
       pool.post([&] { ++ran; });
     }
     queue.after(1h, [&] { ++ran; });

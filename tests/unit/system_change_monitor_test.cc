@@ -4,15 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <filesystem>
-#include <fstream>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include "orvexd/platform/worker_pool.h"
+#include "tests/support/collector.h"
 #include "tests/support/test_environment.h"
 
 namespace orvex {
@@ -21,62 +17,14 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-// Generous: only a watchdog against a monitor that never reports.
-constexpr auto kWatchdog = 30s;
+using Changes = testing::Collector<SystemChange>;
+using testing::writeTextFile;
 
-// Records handler calls and lets a test wait for them.
-class Recorder {
- public:
-  SystemChangeMonitor::Handler handler() {
-    return [this](SystemChange change) {
-      std::lock_guard lock(mutex_);
-      changes_.push_back(change);
-      changed_.notify_all();
-    };
-  }
-  // Waits until `change` has been seen at least `count` times; false on the watchdog.
-  bool waitFor(SystemChange change, int count = 1) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kWatchdog, [&] {
-      return std::count(changes_.begin(), changes_.end(), change) >= count;
-    });
-  }
-  std::vector<SystemChange> changes() {
-    std::lock_guard lock(mutex_);
-    return changes_;
-  }
-  void clear() {
-    std::lock_guard lock(mutex_);
-    changes_.clear();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<SystemChange> changes_;
-};
-
-// A one-way gate between threads.
-class Gate {
- public:
-  void open() {
-    std::lock_guard lock(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  bool wait() {
-    std::unique_lock lock(mutex_);
-    return cv_.wait_for(lock, kWatchdog, [&] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
-
-void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::trunc) << text;
+// Waits until `kind` was reported at least `count` times.
+bool waitFor(Changes& changes, SystemChange kind, long count = 1) {
+  return changes.waitUntil([&](const std::vector<SystemChange>& all) {
+    return std::count(all.begin(), all.end(), kind) >= count;
+  });
 }
 
 struct Files {
@@ -103,33 +51,33 @@ struct Files {
 TEST(SystemChangeMonitorTest, ReportsWritesRenamesAndDeletionsByKind) {
   testing::TempDir dir;
   Files files(dir);
-  writeFile(files.timezone, "Europe/Paris\n");
+  writeTextFile(files.timezone, "Europe/Paris\n");
   WorkerPool pool(2);
-  Recorder recorder;
-  auto monitor = makeSystemChangeMonitor(pool, files.paths(dir), recorder.handler());
+  Changes changes;
+  auto monitor = makeSystemChangeMonitor(pool, files.paths(dir), changes.adder());
 
   // A file that is not watched, then a locale file: events arrive in order, so once the locale
   // change is seen the other event has been read too.
-  writeFile(files.etc / "hostname", "device\n");
-  writeFile(files.locale, "LANG=de_DE.UTF-8\n");
-  ASSERT_TRUE(recorder.waitFor(SystemChange::kLocale));
+  writeTextFile(files.etc / "hostname", "device\n");
+  writeTextFile(files.locale, "LANG=de_DE.UTF-8\n");
+  ASSERT_TRUE(waitFor(changes, SystemChange::kLocale));
   pool.waitUntilIdle();
   // Creating and then closing the file may be read as two batches, hence two calls.
-  for (SystemChange change : recorder.changes()) EXPECT_EQ(change, SystemChange::kLocale);
-  recorder.clear();
+  for (SystemChange change : changes.values()) EXPECT_EQ(change, SystemChange::kLocale);
+  changes.clear();
 
   // /etc/localtime replaced the way tools do it: a new link renamed over the old one.
   fs::create_symlink("/usr/share/zoneinfo/Europe/Paris", files.etc / ".localtime.new");
   fs::rename(files.etc / ".localtime.new", files.localtime);
-  ASSERT_TRUE(recorder.waitFor(SystemChange::kTimeZone));
+  ASSERT_TRUE(waitFor(changes, SystemChange::kTimeZone));
   fs::remove(files.timezone);
-  ASSERT_TRUE(recorder.waitFor(SystemChange::kTimeZone, 2));
+  ASSERT_TRUE(waitFor(changes, SystemChange::kTimeZone, 2));
   // The user's file, in a directory of its own.
-  writeFile(dir / "locale.tmp", "LANG=fr_FR.UTF-8\n");
+  writeTextFile(dir / "locale.tmp", "LANG=fr_FR.UTF-8\n");
   fs::rename(dir / "locale.tmp", files.userLocale);
-  ASSERT_TRUE(recorder.waitFor(SystemChange::kLocale));
+  ASSERT_TRUE(waitFor(changes, SystemChange::kLocale));
   pool.waitUntilIdle();
-  for (SystemChange change : recorder.changes()) {
+  for (SystemChange change : changes.values()) {
     EXPECT_TRUE(change == SystemChange::kLocale || change == SystemChange::kTimeZone);
   }
 }
@@ -140,20 +88,12 @@ TEST(SystemChangeMonitorTest, CoalescesABurstIntoOneCallPerKind) {
   // One worker: while the handler holds it, nothing is read, so everything written meanwhile
   // is read in one batch.
   WorkerPool pool(1);
-  Gate entered;
-  Gate release;
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<SystemChange> changes;
+  testing::Gate entered;
+  testing::Gate release;
+  Changes changes;
   auto monitor = makeSystemChangeMonitor(pool, files.paths(dir), [&](SystemChange change) {
-    bool first = false;
-    {
-      std::lock_guard lock(mutex);
-      first = changes.empty();
-      changes.push_back(change);
-      changed.notify_all();
-    }
-    if (first) {
+    changes.add(change);
+    if (changes.size() == 1) {
       entered.open();
       release.wait();
     }
@@ -162,26 +102,23 @@ TEST(SystemChangeMonitorTest, CoalescesABurstIntoOneCallPerKind) {
   // A rename from a directory that is not watched is a single event, so the first call is the
   // only one before the burst.
   fs::create_directories(dir / "staging");
-  writeFile(dir / "staging" / "locale.conf", "LANG=C\n");
+  writeTextFile(dir / "staging" / "locale.conf", "LANG=C\n");
   fs::rename(dir / "staging" / "locale.conf", files.locale);
   ASSERT_TRUE(entered.wait());
   for (int i = 0; i < 20; ++i) {
-    writeFile(files.locale, "LANG=de_DE.UTF-8 # " + std::to_string(i) + "\n");
-    writeFile(files.timezone, "Europe/Berlin " + std::to_string(i) + "\n");
+    writeTextFile(files.locale, "LANG=de_DE.UTF-8 # " + std::to_string(i) + "\n");
+    writeTextFile(files.timezone, "Europe/Berlin " + std::to_string(i) + "\n");
     fs::remove(files.timezone);
   }
   release.open();
-  {
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, kWatchdog, [&] { return changes.size() >= 3; }));
-  }
+  ASSERT_TRUE(changes.waitForCount(3));
   pool.waitUntilIdle();
-  std::lock_guard lock(mutex);
   // The first write, then the whole burst as one batch: one call per kind.
-  ASSERT_EQ(changes.size(), 3u);
-  EXPECT_EQ(changes[0], SystemChange::kLocale);
-  EXPECT_EQ(std::count(changes.begin(), changes.end(), SystemChange::kLocale), 2);
-  EXPECT_EQ(std::count(changes.begin(), changes.end(), SystemChange::kTimeZone), 1);
+  const auto seen = changes.values();
+  ASSERT_EQ(seen.size(), 3u);
+  EXPECT_EQ(seen[0], SystemChange::kLocale);
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), SystemChange::kLocale), 2);
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), SystemChange::kTimeZone), 1);
 }
 
 TEST(SystemChangeMonitorTest, NoCallAfterDestructionWhichWaitsForARunningCall) {
@@ -191,43 +128,47 @@ TEST(SystemChangeMonitorTest, NoCallAfterDestructionWhichWaitsForARunningCall) {
 
   // Destroyed while idle: later changes reach nobody.
   {
-    Recorder recorder;
-    makeSystemChangeMonitor(pool, files.paths(dir), recorder.handler()).reset();
-    writeFile(files.locale, "LANG=C\n");
+    Changes changes;
+    makeSystemChangeMonitor(pool, files.paths(dir), changes.adder()).reset();
+    writeTextFile(files.locale, "LANG=C\n");
     pool.waitUntilIdle();
-    EXPECT_TRUE(recorder.changes().empty());
+    EXPECT_EQ(changes.size(), 0u);
   }
 
-  // Destroyed while a call runs on another thread: the destructor returns after the call.
-  Gate entered;
-  Gate release;
+  // Destroyed while a call runs on another thread: the destructor returns after the call, and
+  // not while it is held.
+  testing::Gate entered;
+  testing::Gate release;
   std::atomic<bool> callFinished{false};
   auto monitor = makeSystemChangeMonitor(pool, files.paths(dir), [&](SystemChange) {
     entered.open();
     release.wait();
     callFinished = true;
   });
-  writeFile(files.localtime, "zone");
+  writeTextFile(files.localtime, "zone");
   ASSERT_TRUE(entered.wait());
+  std::atomic<bool> destroyed{false};
   std::atomic<bool> finishedWhenDestroyed{false};
   std::thread destroyer([&] {
     monitor.reset();
     finishedWhenDestroyed = callFinished.load();
+    destroyed = true;
   });
-  std::this_thread::sleep_for(50ms);  // lets the destroyer reach the wait; not an assertion
+  EXPECT_FALSE(testing::eventually([&] { return destroyed.load(); }, 100ms))
+      << "the destructor returned while a call was running";
   release.open();
   destroyer.join();
   EXPECT_TRUE(finishedWhenDestroyed);
 
   // A handler that destroys its own monitor does not deadlock.
   std::unique_ptr<SystemChangeMonitor> selfDestroying;
-  Gate destroyed;
+  testing::Gate destroyedItself;
   selfDestroying = makeSystemChangeMonitor(pool, files.paths(dir), [&](SystemChange) {
     selfDestroying.reset();
-    destroyed.open();
+    destroyedItself.open();
   });
-  writeFile(files.locale, "LANG=en_US.UTF-8\n");
-  ASSERT_TRUE(destroyed.wait());
+  writeTextFile(files.locale, "LANG=en_US.UTF-8\n");
+  ASSERT_TRUE(destroyedItself.wait());
   pool.waitUntilIdle();
 }
 
