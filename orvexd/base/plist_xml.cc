@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "orvexd/base/c_handle.h"
+#include "orvexd/base/log_format.h"
 #include "orvexd/base/text_util.h"
 
 namespace orvex {
@@ -325,8 +326,8 @@ class XmlPlistReader {
                                           const XML_Char*, int, const XML_Char*, const XML_Char*,
                                           const XML_Char*, const XML_Char*) {
     guarded(data, [&](XmlPlistReader& reader) {
-      reader.fail(std::string("the document declares the entity ") + (parameter ? "%" : "&") +
-                  name + "; and entities are refused");
+      reader.fail(formatLog("the document declares the entity %s%s; and entities are refused",
+                            parameter ? "%" : "&", name));
     });
   }
   // A reference to an entity nobody declared, in a document with an external DTD (not read).

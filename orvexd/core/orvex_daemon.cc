@@ -43,7 +43,7 @@ const OrvexLog& defaultLog() { return OrvexLogForCategory(kOrvexLogGeneral); }
 // unit. An empty string when the daemon was started by hand.
 std::string launchEventName() {
   if (const char* type = std::getenv("DBUS_STARTER_BUS_TYPE"); type != nullptr && *type != '\0') {
-    return std::string(kOrvexBusName) + " (" + type + " bus activation)";
+    return formatLog("%s (%s bus activation)", kOrvexBusName, type);
   }
   if (std::getenv("INVOCATION_ID") != nullptr) {
     char* unit = nullptr;

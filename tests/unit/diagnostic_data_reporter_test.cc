@@ -82,9 +82,9 @@ TEST_F(DiagnosticDataReporterTest, ConcurrentAddsFromSeveralThreadsAreAllCounted
 TEST(DiagnosticCounterKeyTest, KeysAndIdentifiers) {
   EXPECT_EQ(createCounterKey("glance", kORVCounterSuffixXCPInvalidation),
             "com.zelmor.orvexd.glance.xcpinvalidation");
-  EXPECT_EQ(
-      createCounterKey("roamer", std::string(kORVCounterSuffixFedAPICallServerStatus) + "503"),
-      "com.zelmor.orvexd.roamer.fedapicall.serverstatus.503");
+  EXPECT_EQ(createCounterKey("roamer",
+                             std::string(kORVCounterSuffixFedAPICallServerStatus).append("503")),
+            "com.zelmor.orvexd.roamer.fedapicall.serverstatus.503");
   EXPECT_EQ(createCounterKey(std::nullopt, kORVCounterSuffixSessions), std::nullopt);
   // The client name is an argument, never part of the format.
   EXPECT_EQ(createCounterKey("odd%d%@", "sessions"), "com.zelmor.orvexd.odd%d%@.sessions");
