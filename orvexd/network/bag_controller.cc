@@ -194,7 +194,9 @@ bool OrvexBagController::_isRefreshRequiredForCachedBag(const BagDictionary& dic
 }
 
 std::string OrvexBagController::currentBagCacheURL() {
-  const auto request = _assembly.requestFactory->bagCacheRequest(*this, _userAgent, std::nullopt);
+  NetworkRequestFactory& factory = *_assembly.requestFactory;
+  const auto request = factory.bagCacheRequest(bagFetchURLWithCountry(factory.deviceCountryCode()),
+                                               _userAgent, std::nullopt);
   return request ? request->url : std::string();
 }
 
@@ -302,7 +304,9 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
 
 void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> version,
                                                    FetchCompletion completion) {
-  const auto request = _assembly.requestFactory->bagFetchRequest(*this, _userAgent, version);
+  NetworkRequestFactory& factory = *_assembly.requestFactory;
+  const auto request = factory.bagFetchRequest(bagFetchURLWithCountry(factory.deviceCountryCode()),
+                                               _userAgent, version);
   if (!request) {
     // Only an unusable endpoint gets here; it fails like an unanswered fetch.
     const OrvexError error = bagFetchError("no request");

@@ -10,7 +10,6 @@
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/interfaces/app_whitelist_controller.h"
-#include "orvexd/network/bag_controller.h"
 #include "orvexd/platform/http_session.h"
 #include "tests/support/fixed_locale.h"
 #include "tests/support/loopback_http_server.h"
@@ -51,20 +50,6 @@ LocationUpdate wifiFix() {
 
 struct FixedSignature final : AppWhitelistController {
   std::optional<std::string> whitelistSignature() const override { return "AAECAwQ="; }
-};
-
-struct BagEndpoint final : BagController {
-  explicit BagEndpoint(std::string url) : bagURL(std::move(url)) {}
-  std::shared_ptr<const ORVBag> currentBag() override { return nullptr; }
-  std::shared_ptr<const ORVBag> cachedBagState() override { return nullptr; }
-  std::optional<std::string> warmURL() override { return std::nullopt; }
-  std::string bagFetchURLWithCountry(const std::string& country) override {
-    countries.push_back(country);
-    return bagURL;
-  }
-  void forceFetchBag(const BagDictionary&) override {}
-  std::string bagURL;
-  std::vector<std::string> countries;
 };
 
 Names itemNames(const testing::RecordedRequest& request) {
@@ -141,7 +126,7 @@ class RequestFactoryTest : public ::testing::Test {
   // Announces a bag, as the bag controller would, and lets the factory take it in.
   void announce(const std::shared_ptr<const ORVBag>& bag) {
     test.assembly->notificationCenter->post(kORVBagChangeNotification, nullptr, {{"bag", bag}});
-    factory->waitForContextUpdates();
+    factory->deviceContext().waitForUpdates();
   }
 
   // Everything set up for a full context: a bag, a location, subscriptions.
@@ -152,9 +137,9 @@ class RequestFactoryTest : public ::testing::Test {
     location->deliver(wifiFix());
     // The first query starts location updates; the fix then arrives on the context queue.
     ASSERT_TRUE(factory->searchRequest(searchQuery(), *bag, guid, 0));
-    factory->subscriptionManagerDidUpdateSubscriptionDictionaries(
+    factory->deviceContext().subscriptionManagerDidUpdateSubscriptionDictionaries(
         {nlohmann::json{{"type", "premium"}}});
-    factory->waitForContextUpdates();
+    factory->deviceContext().waitForUpdates();
   }
 
   ORVRequest searchQuery() {
@@ -338,7 +323,7 @@ TEST_F(RequestFactoryTest, QueryRecipesOtherThanSearch) {
 
 TEST_F(RequestFactoryTest, BagWarmDownloadAndUploadRecipes) {
   fullContext();
-  BagEndpoint endpoint(server.baseUrl() + "/bag");
+  const std::string endpoint = server.baseUrl() + "/bag";
 
   const testing::RecordedRequest fetch =
       send(factory->bagFetchRequest(endpoint, "orvexd/1.0", std::string("42")));
@@ -346,7 +331,7 @@ TEST_F(RequestFactoryTest, BagWarmDownloadAndUploadRecipes) {
   EXPECT_EQ(recipeHeaders(fetch), (Names{"X-Zelmor-Languages", "User-Agent"}));
   EXPECT_EQ(item(fetch, "locale"), "en_US");
   EXPECT_EQ(item(fetch, "version"), "42");
-  EXPECT_EQ(endpoint.countries.back(), "US");
+  EXPECT_EQ(factory->deviceCountryCode(), "US");
   EXPECT_EQ(factory->bagFetchRequest(endpoint, "orvexd/1.0", std::nullopt)->cachePolicy,
             HttpCachePolicy::kReloadIgnoringLocalCacheData);
 
@@ -399,7 +384,7 @@ TEST_F(RequestFactoryTest, LocationFollowsTheBagSourcesPermissionAndSearches) {
   // A bag that does not accept Wi-Fi positions: none is sent, and why is.
   announce(gpsOnly);
   ASSERT_TRUE(factory->searchRequest(query, *gpsOnly, guid, 0));
-  factory->waitForContextUpdates();
+  factory->deviceContext().waitForUpdates();
   EXPECT_EQ(location->starts, 1);
   auto request = factory->searchRequest(query, *gpsOnly, guid, 0);
   EXPECT_EQ(request->url.find("latlng"), std::string::npos);
@@ -415,14 +400,14 @@ TEST_F(RequestFactoryTest, LocationFollowsTheBagSourcesPermissionAndSearches) {
             "37.000000,-122.000000");
   // Once the user has searched, downloads may carry the precise position.
   factory->setPerformedSearch();
-  factory->waitForContextUpdates();
+  factory->deviceContext().waitForUpdates();
   EXPECT_EQ(factory->fileDownloadRequest(url, "", true)->headers.at("X-Zelmor-FuzzedLatLong"),
             "37.774900,-122.419400");
 
   // The user withdraws permission.
   LocationUpdate refused;
   location->deliver(refused);
-  factory->waitForContextUpdates();
+  factory->deviceContext().waitForUpdates();
   request = factory->searchRequest(query, *gpsOnly, guid, 0);
   EXPECT_EQ(request->url.find("latlng"), std::string::npos);
   EXPECT_EQ(request->url.find("geosrc"), std::string::npos);
@@ -452,7 +437,7 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
         name, sender, [&changes, name](const Notification&) { ++changes[name]; }));
     changes[name] = 0;
   }
-  factory->waitForContextUpdates();  // the first reading of the context is no change
+  factory->deviceContext().waitForUpdates();  // the first reading of the context is no change
 
   LocaleSnapshot german = testing::FixedLocale::americanEnglish();
   german.localeIdentifier = "de_DE";
@@ -462,8 +447,8 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   german.preferredLanguages = {"de-DE"};
   german.effectiveSystemLanguage = "de";
   locale->set(german);
-  factory->systemLocaleDidChange();
-  factory->waitForContextUpdates();
+  factory->deviceContext().systemLocaleDidChange();
+  factory->deviceContext().waitForUpdates();
   test.settle();
   EXPECT_EQ(refreshes, 1);
   EXPECT_EQ(foreignRefreshes, 0);
@@ -471,7 +456,7 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   EXPECT_EQ(changes[kORVCountryCodeChangeNotification], 1);  // the region went from US to DE
   EXPECT_EQ(changes[kORVTimeZoneChangeNotification], 0);
 
-  BagEndpoint endpoint(server.baseUrl() + "/bag");
+  const std::string endpoint = server.baseUrl() + "/bag";
   auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(
       factory->bagCacheRequest(endpoint, "orvexd/1.0", std::nullopt)->url);
   EXPECT_EQ(builder->queryItemValue("locale"), "de_DE");
@@ -486,8 +471,8 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   // the locale's region and is read afresh by every recipe.
   german.timeZoneName = "Europe/Berlin";
   locale->set(german);
-  factory->systemTimeZoneDidChange();
-  factory->waitForContextUpdates();
+  factory->deviceContext().systemTimeZoneDidChange();
+  factory->deviceContext().waitForUpdates();
   test.settle();
   EXPECT_EQ(refreshes, 1);
   EXPECT_EQ(OrvexURLRequestBuilder::requestBuilderWithURL(
@@ -498,7 +483,7 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   builder = OrvexURLRequestBuilder::requestBuilderWithURL(
       factory->bagCacheRequest(endpoint, "orvexd/1.0", std::nullopt)->url);
   EXPECT_EQ(builder->queryItemValue("cc"), "CH");
-  factory->waitForContextUpdates();
+  factory->deviceContext().waitForUpdates();
   test.settle();
   EXPECT_EQ(refreshes, 2);
   EXPECT_EQ(changes[kORVTimeZoneChangeNotification], 1);
@@ -510,7 +495,7 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   test.assembly->userDefaults->setObject(kORVManagedAccountKey, PlistValue(!managed));
   (void)factory->searchRequest(searchQuery(), *bag, guid, 0);
   (void)factory->searchRequest(searchQuery(), *bag, guid, 0);
-  factory->waitForContextUpdates();
+  factory->deviceContext().waitForUpdates();
   test.settle();
   EXPECT_EQ(changes[kORVDeviceManagementChangeNotification], 1);
   EXPECT_EQ(changes[kORVCountryCodeChangeNotification], 2);
@@ -519,7 +504,7 @@ TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   const std::string geoSession = factory->geoSessionEntityString();
   EXPECT_EQ(factory->geoSessionEntityString(), geoSession);
   test.assembly->notificationCenter->post(kORVUserGUIDChangeNotification);
-  factory->waitForContextUpdates();
+  factory->deviceContext().waitForUpdates();
   EXPECT_NE(factory->geoSessionEntityString(), geoSession);
 }
 
