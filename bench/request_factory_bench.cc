@@ -74,7 +74,7 @@ class FactoryFixture {
       "send_geo_environment_header": true})"),
                                      "Glance/1");
     assembly->notificationCenter->post(kORVBagChangeNotification, nullptr, {{"bag", bag}});
-    factory->subscriptionManagerDidUpdateSubscriptionDictionaries(
+    factory->deviceContext().subscriptionManagerDidUpdateSubscriptionDictionaries(
         {nlohmann::json{{"type", "premium"}, {"expires", 86400}}});
     query.queryString = "weather in paris";
     query.triggerEvent = 8;
@@ -84,7 +84,7 @@ class FactoryFixture {
     query.topics = {"travel", "weather"};
     // The first search starts location updates; the position is in from the next one on.
     factory->searchRequest(query, *bag, guid, 0);
-    factory->waitForContextUpdates();
+    factory->deviceContext().waitForUpdates();
   }
 
   ~FactoryFixture() {

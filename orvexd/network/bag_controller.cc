@@ -194,7 +194,9 @@ bool OrvexBagController::_isRefreshRequiredForCachedBag(const BagDictionary& dic
 }
 
 std::string OrvexBagController::currentBagCacheURL() {
-  const auto request = assembly_.requestFactory->bagCacheRequest(*this, userAgent_, std::nullopt);
+  NetworkRequestFactory& factory = *assembly_.requestFactory;
+  const auto request = factory.bagCacheRequest(bagFetchURLWithCountry(factory.deviceCountryCode()),
+                                               userAgent_, std::nullopt);
   return request ? request->url : std::string();
 }
 
@@ -302,7 +304,9 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
 
 void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> version,
                                                    FetchCompletion completion) {
-  const auto request = assembly_.requestFactory->bagFetchRequest(*this, userAgent_, version);
+  NetworkRequestFactory& factory = *assembly_.requestFactory;
+  const auto request = factory.bagFetchRequest(bagFetchURLWithCountry(factory.deviceCountryCode()),
+                                               userAgent_, version);
   if (!request) {
     // Only an unusable endpoint gets here; it fails like an unanswered fetch.
     const OrvexError error = bagFetchError("no request");

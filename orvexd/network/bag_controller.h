@@ -63,8 +63,9 @@ class OrvexBagController final : public BagController,
   std::shared_ptr<const ORVBag> currentBag() override;
   std::shared_ptr<const ORVBag> cachedBagState() override;
   std::optional<std::string> warmURL() override;
-  std::string bagFetchURLWithCountry(const std::string& countryCode) override;
   void forceFetchBag(const BagDictionary& response) override;
+  // The bag endpoint for a device country: the defaults' "ORVBagURL", else the country's.
+  std::string bagFetchURLWithCountry(const std::string& countryCode);
 
   const std::string& userAgent() const { return userAgent_; }
 

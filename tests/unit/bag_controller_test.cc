@@ -138,7 +138,8 @@ TEST_F(BagControllerTest, FirstBagIsFetchedOnceAndStoredAsABinaryPropertyList) {
 
   // The bag-cache URL is what the factory builds now, and the expiry is four hours ahead of
   // the fetch, in memory and on disk.
-  const auto cacheRequest = factory->bagCacheRequest(*controller, "orvexd/1.0", std::nullopt);
+  const auto cacheRequest = factory->bagCacheRequest(controller->bagFetchURLWithCountry("US"),
+                                                     "orvexd/1.0", std::nullopt);
   const double now =
       std::chrono::duration<double>(test.platform.clock->wallNow().time_since_epoch()).count();
   for (const BagDictionary& held : {bag->rawBag(), diskCopy()}) {
@@ -197,8 +198,8 @@ TEST_F(BagControllerTest, ALocaleChangeMakesTheBagStale) {
   french.localeIdentifier = "fr_FR";
   french.regionCode = "FR";
   locale->set(french);
-  factory->systemLocaleDidChange();
-  factory->waitForContextUpdates();
+  factory->deviceContext().systemLocaleDidChange();
+  factory->deviceContext().waitForUpdates();
   drain(events, 2);
   EXPECT_EQ(bagRequests().size(), 2u);
   const std::string after = controller->currentBag()->rawBag()["__bagurl"];

@@ -2,17 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <future>
 #include <map>
 #include <mutex>
-#include <set>
 
-#include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/interfaces/app_whitelist_controller.h"
-#include "orvexd/network/bag_controller.h"
 #include "orvexd/platform/http_session.h"
 #include "tests/support/fixed_locale.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/loopback_http_server.h"
 #include "tests/support/test_assembly.h"
 
@@ -20,7 +19,7 @@ namespace orvex {
 namespace {
 
 using namespace std::chrono_literals;
-using Names = std::set<std::string>;
+using Strings = std::vector<std::string>;
 
 // Positions pushed by the test, as the location service would deliver them.
 struct ScriptedLocation final : LocationProvider {
@@ -43,82 +42,41 @@ struct ScriptedLocation final : LocationProvider {
 };
 
 LocationUpdate wifiFix() {
-  LocationUpdate update;
-  update.authorized = true;
-  update.fix = LocationFix{37.7749, -122.4194, 65, 4, {}};
-  return update;
+  return LocationUpdate{.authorized = true, .fix = LocationFix{37.7749, -122.4194, 65, 4, {}}};
 }
 
 struct FixedSignature final : AppWhitelistController {
   std::optional<std::string> whitelistSignature() const override { return "AAECAwQ="; }
 };
 
-struct BagEndpoint final : BagController {
-  explicit BagEndpoint(std::string url) : bagURL(std::move(url)) {}
-  std::shared_ptr<const ORVBag> currentBag() override { return nullptr; }
-  std::shared_ptr<const ORVBag> cachedBagState() override { return nullptr; }
-  std::optional<std::string> warmURL() override { return std::nullopt; }
-  std::string bagFetchURLWithCountry(const std::string& country) override {
-    countries.push_back(country);
-    return bagURL;
-  }
-  void forceFetchBag(const BagDictionary&) override {}
-  std::string bagURL;
-  std::vector<std::string> countries;
-};
-
-Names itemNames(const testing::RecordedRequest& request) {
-  Names names;
-  for (const auto& [name, value] : request.queryItems) names.insert(name);
-  return names;
-}
-
-std::string item(const testing::RecordedRequest& request, const std::string& name) {
-  for (const auto& [itemName, value] : request.queryItems) {
-    if (itemName == name) return value;
-  }
-  return "<absent>";
-}
-
-// The headers a recipe sets; the HTTP layer's own (Host, Accept, ...) are left out.
-Names recipeHeaders(const testing::RecordedRequest& request) {
-  static const Names kHttpLayer = {"Host",           "Accept",       "Accept-Encoding",
-                                   "Content-Length", "Content-Type", "Connection",
-                                   "Expect"};
-  Names names;
-  for (const auto& [name, value] : request.headers) {
-    if (kHttpLayer.count(name) == 0 && name.rfind("REMOTE_", 0) != 0 &&
-        name.rfind("LOCAL_", 0) != 0) {
-      names.insert(name);
+// A built request read back; "-" stands for an item or header it does not carry.
+struct Built {
+  explicit Built(const std::optional<HttpRequest>& built)
+      : request(built.value_or(HttpRequest{})),
+        parsed(OrvexURLRequestBuilder::requestBuilderWithURL(request.url)) {}
+  Strings items(std::initializer_list<const char*> names) const {
+    Strings values;
+    for (const char* name : names) {
+      values.push_back(parsed ? parsed->queryItemValue(name).value_or("-") : "<no request>");
     }
+    return values;
   }
-  return names;
-}
+  std::string item(const char* name) const { return items({name}).front(); }
+  std::string header(const std::string& name) const {
+    return request.headers.count(name) ? request.headers.at(name) : "-";
+  }
+  HttpRequest request;
+  std::optional<OrvexURLRequestBuilder> parsed;
+};
 
 class RequestFactoryTest : public ::testing::Test {
  protected:
-  RequestFactoryTest() {
-    for (const char* path : {"/search", "/more", "/card", "/bag", "/warm", "/file", "/upload"}) {
-      for (const char* method : {"GET", "POST"}) {
-        server.handle(method, path, [](const testing::RecordedRequest&) {
-          return testing::LoopbackHttpServer::Response{200, "{}", {}};
-        });
-      }
-    }
-    locale->set(testing::FixedLocale::americanEnglish());
+  void makeFactory(const char* debugParameters = "dbg=1&trace=on") {
     Assembly& assembly = *test.assembly;
-    assembly.userDefaults->setObject(kORVDebugParametersKey, PlistValue("dbg=1&trace=on"));
+    assembly.userDefaults->setObject(kORVDebugParametersKey, PlistValue(debugParameters));
     assembly.userDefaults->setObject(kORVStorefrontKey, PlistValue("143441-1,29"));
     assembly.userDefaults->setObject(kORVManagedAccountKey, PlistValue(true));
     assembly.appWhitelistController = std::make_shared<FixedSignature>();
-    HttpSessionConfiguration configuration;
-    configuration.identifier = "factory-test";
-    session =
-        std::make_shared<HttpSession>(configuration, *test.platform.pool, *test.platform.clock,
-                                      (test.directory / "tmp").string());
-  }
-
-  void makeFactory() {
     DeviceContextServices services;
     services.locale = std::move(ownedLocale);
     services.language = makeLanguageDetector();
@@ -127,63 +85,44 @@ class RequestFactoryTest : public ::testing::Test {
     factory->start();
     test.assembly->requestFactory = factory;
   }
+  void settle() { factory->deviceContext().waitForUpdates(); }
 
-  std::shared_ptr<const ORVBag> makeBag(const std::string& extraJson = "") {
-    const std::string json = R"({"search_url": ")" + server.baseUrl() +
-                             R"(/search?locale=xx_YY", "more_results_url": ")" + server.baseUrl() +
-                             R"(/more", "card_url": ")" + server.baseUrl() +
-                             R"(/card", "geo_sources": ["wifi", "gps"], "request_timeout": 7,
-                             "send_geo_environment_header": true)" +
-                             extraJson + "}";
-    return ORVBag::initWithDictionary(BagDictionary::parse(json), "Glance/1");
+  static std::shared_ptr<const ORVBag> makeBag(const std::string& base = "https://s.example",
+                                               Strings sources = {"wifi", "gps"}) {
+    return ORVBag::initWithDictionary({{"search_url", base + "/search?locale=xx_YY"},
+                                       {"more_results_url", base + "/more"},
+                                       {"card_url", base + "/card"},
+                                       {"geo_sources", sources},
+                                       {"request_timeout", 7},
+                                       {"send_geo_environment_header", true}},
+                                      "Glance/1");
   }
-
-  // Announces a bag, as the bag controller would, and lets the factory take it in.
-  void announce(const std::shared_ptr<const ORVBag>& bag) {
-    test.assembly->notificationCenter->post(kORVBagChangeNotification, nullptr, {{"bag", bag}});
-    factory->waitForContextUpdates();
+  // Announces a bag, as the bag controller would, and lets the context take it in.
+  void announce(const std::shared_ptr<const ORVBag>& announced) {
+    test.assembly->notificationCenter->post(kORVBagChangeNotification, nullptr,
+                                            {{"bag", announced}});
+    settle();
   }
-
-  // Everything set up for a full context: a bag, a location, subscriptions.
-  void fullContext() {
+  // A bag, a position and subscriptions: every item and header has something to send.
+  void fullContext(const std::string& base = "https://s.example") {
     makeFactory();
-    bag = makeBag();
+    bag = makeBag(base);
     announce(bag);
     location->deliver(wifiFix());
     // The first query starts location updates; the fix then arrives on the context queue.
     ASSERT_TRUE(factory->searchRequest(searchQuery(), *bag, guid, 0));
-    factory->subscriptionManagerDidUpdateSubscriptionDictionaries(
+    factory->deviceContext().subscriptionManagerDidUpdateSubscriptionDictionaries(
         {nlohmann::json{{"type", "premium"}}});
-    factory->waitForContextUpdates();
+    settle();
   }
-
-  ORVRequest searchQuery() {
+  static ORVRequest searchQuery() {
     ORVRequest query;
-    query.kind = ORVRequestKind::kSearch;
     query.queryString = "weather";
     query.triggerEvent = 8;
-    query.scale = 2;
-    query.keyboardInputMode = "en_US";
-    query.queryItems = {{"client_item", "1"}};
-    query.topics = {"sports", "news"};
     return query;
   }
 
-  // Sends a request to the loopback server and returns what the server received.
-  testing::RecordedRequest send(const std::optional<HttpRequest>& request) {
-    EXPECT_TRUE(request);
-    if (!request) return {};
-    const size_t before = server.requestCount();
-    std::promise<void> done;
-    session->dataTask(*request, [&](const HttpDataResult&) { done.set_value(); })->resume();
-    EXPECT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
-    EXPECT_TRUE(server.waitForRequests(before + 1, 20s));
-    return server.requests().back();
-  }
-
   testing::TestAssembly test;
-  testing::LoopbackHttpServer server;
-  std::shared_ptr<HttpSession> session;
   // Handed to the factory when it is made; the test keeps talking to them.
   std::unique_ptr<testing::FixedLocale> ownedLocale = std::make_unique<testing::FixedLocale>();
   std::unique_ptr<ScriptedLocation> ownedLocation = std::make_unique<ScriptedLocation>();
@@ -194,355 +133,210 @@ class RequestFactoryTest : public ::testing::Test {
   Uuid guid = Uuid::random();
 };
 
-TEST_F(RequestFactoryTest, SearchCarriesEveryItemAndHeaderOfItsRecipe) {
-  fullContext();
-  const testing::RecordedRequest received =
-      send(factory->searchRequest(searchQuery(), *bag, guid, 0));
-
-  EXPECT_EQ(received.path, "/search");
-  EXPECT_EQ(itemNames(received), (Names{"q", "qtype", "client_item", "dbg", "trace", "key", "card",
-                                        "cc", "locale", "esl", "kb_ime", "calendar", "time_zone",
-                                        "units", "latlng", "geosrc", "mode", "storefront"}));
-  EXPECT_EQ(recipeHeaders(received),
-            (Names{"X-Zelmor-TopTopics", "X-Zelmor-Languages", "X-Zelmor-Whitelisted-App-Signature",
-                   "X-Zelmor-Subscriptions", "X-Zelmor-UserGuid", "User-Agent", "X-Zelmor-UI-Scale",
-                   "X-Zelmor-GeoEnvironment", "X-Zelmor-GeoSession"}));
-  // The bag's own "locale" wins over the default one.
-  EXPECT_EQ(item(received, "locale"), "xx_YY");
-  EXPECT_EQ(item(received, "q"), "weather");
-  EXPECT_EQ(item(received, "qtype"), "suggested");
-  EXPECT_EQ(item(received, "key"), "osprey4471");
-  EXPECT_EQ(item(received, "card"), "1");
-  EXPECT_EQ(item(received, "cc"), "US");
-  EXPECT_EQ(item(received, "esl"), "en");
-  EXPECT_EQ(item(received, "units"), "US");
-  EXPECT_EQ(item(received, "calendar"), "gregorian");
-  EXPECT_EQ(item(received, "time_zone"), "America/Los_Angeles");
-  EXPECT_EQ(item(received, "latlng"), "37.774900,-122.419400,65.000000");
-  EXPECT_EQ(item(received, "geosrc"), "wifi");
-  EXPECT_EQ(item(received, "mode"), "managed");
-  EXPECT_EQ(item(received, "storefront"), "143441-1,29");
-  EXPECT_EQ(received.headers.at("X-Zelmor-UserGuid"), guid.upperString());
-  EXPECT_EQ(received.headers.at("User-Agent"), "Glance/1");
-  EXPECT_EQ(received.headers.at("X-Zelmor-UI-Scale"), "2.0");
-  EXPECT_EQ(received.headers.at("X-Zelmor-Languages"), R"(["en-US","fr","de"])");
-  EXPECT_EQ(received.headers.at("X-Zelmor-TopTopics"), R"(["sports","news"])");
-  EXPECT_EQ(received.headers.at("X-Zelmor-Subscriptions"), R"([{"type":"premium"}])");
-  EXPECT_EQ(received.headers.at("X-Zelmor-GeoSession"), factory->geoSessionEntityString());
-  // On the wire, items are sorted by name.
-  std::vector<std::string> wireOrder;
-  for (const auto& [name, value] : received.queryItems) wireOrder.push_back(name);
-  EXPECT_TRUE(std::is_sorted(wireOrder.begin(), wireOrder.end()));
-
-  // The time-out comes from the bag.
-  EXPECT_EQ(factory->searchRequest(searchQuery(), *bag, guid, 0)->timeout, Duration(7s));
-}
-
-TEST_F(RequestFactoryTest, FieldMaskForcedItemsAndEscaping) {
-  fullContext();
+// The one request sent through a real session to a loopback server: what the back-end gets.
+TEST_F(RequestFactoryTest, SearchReachesTheServerWholeAndEscaped) {
+  testing::LoopbackHttpServer server;
+  server.handle("GET", "/search", [](const testing::RecordedRequest&) {
+    return testing::LoopbackHttpServer::Response{200, "{}", {}};
+  });
+  fullContext(server.baseUrl());
   ORVRequest query = searchQuery();
   query.queryString = "salt;pepper";
-  query.triggerEvent = 1;
-  const testing::RecordedRequest masked =
-      send(factory->searchRequest(query, *bag, guid, kORVFieldMaskNoLocation));
-  EXPECT_EQ(itemNames(masked).count("latlng"), 0u);
-  EXPECT_EQ(itemNames(masked).count("geosrc"), 0u);
-  EXPECT_EQ(itemNames(masked).count("qtype"), 0u);
-  EXPECT_EQ(masked.headers.count("X-Zelmor-Whitelisted-App-Signature"), 0u);
-  EXPECT_NE(masked.rawQuery.find("q=salt%3Bpepper"), std::string::npos) << masked.rawQuery;
-  EXPECT_EQ(masked.rawQuery.find(';'), std::string::npos);
+  HttpSessionConfiguration configuration;
+  configuration.identifier = "factory-test";
+  HttpSession session(configuration, *test.platform.pool, *test.platform.clock,
+                      (test.directory / "tmp").string());
+  std::promise<void> done;
+  auto task = session.dataTask(*factory->searchRequest(query, *bag, guid, 0),
+                               [&](const HttpDataResult&) { done.set_value(); });
+  task->resume();
+  ASSERT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
+  ASSERT_TRUE(server.waitForRequests(1, 20s));
+  const testing::RecordedRequest received = server.requests().back();
 
-  // A bag endpoint that carries "q" loses it to the query; its other items stay.
-  auto withQuery =
-      ORVBag::initWithDictionary(BagDictionary::parse(R"({"search_url": ")" + server.baseUrl() +
-                                                      R"(/search?q=from-bag&src=bag"})"),
-                                 "Glance/1");
-  const testing::RecordedRequest replaced =
-      send(factory->searchRequest(query, *withQuery, guid, 0));
-  EXPECT_EQ(item(replaced, "q"), "salt;pepper");
-  EXPECT_EQ(item(replaced, "src"), "bag");
-  // The client's own items are forced too, over the bag's.
-  query.queryItems = {{"src", "client"}};
-  EXPECT_EQ(item(send(factory->searchRequest(query, *withQuery, guid, 0)), "src"), "client");
-
-  // No endpoint, no request.
-  auto empty = ORVBag::initWithDictionary(BagDictionary::parse("{}"), "Glance/1");
-  EXPECT_FALSE(factory->searchRequest(query, *empty, guid, 0));
-  EXPECT_FALSE(factory->zeroKeywordRequest(query, *empty, guid, 0));
-  EXPECT_FALSE(factory->lookupRequest(query, *empty, guid));
-  EXPECT_FALSE(factory->cardRequest(query, *empty, guid));
-  EXPECT_FALSE(factory->moreResultsRequest(query, *empty, guid, 0));
+  EXPECT_EQ(received.path, "/search");
+  EXPECT_NE(received.rawQuery.find("q=salt%3Bpepper"), std::string::npos) << received.rawQuery;
+  Strings names;
+  std::map<std::string, std::string> items;
+  for (const auto& [name, value] : received.queryItems) {
+    names.push_back(name);
+    items[name] = value;
+  }
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+  EXPECT_EQ((Strings{items["q"], items["locale"], items["cc"], items["latlng"], items["mode"]}),
+            (Strings{"salt;pepper", "xx_YY", "US", "37.774900,-122.419400,65.000000", "managed"}));
+  EXPECT_EQ(received.headers.at("X-Zelmor-UserGuid"), guid.upperString());
+  EXPECT_EQ(received.headers.at("X-Zelmor-Languages"), R"(["en-US","fr","de"])");
+  EXPECT_EQ(received.headers.at("X-Zelmor-Subscriptions"), R"([{"type":"premium"}])");
+  EXPECT_EQ(received.headers.at("X-Zelmor-Whitelisted-App-Signature"), "AAECAwQ=");
 }
 
-TEST_F(RequestFactoryTest, QueryRecipesOtherThanSearch) {
+TEST_F(RequestFactoryTest, ForcedItemsWinDefaultItemsYieldAndMissingEndpointsGiveNothing) {
   fullContext();
+  auto carrying = ORVBag::initWithDictionary(
+      {{"search_url", "https://s.example/search?q=bag&src=bag&cc=XX&key=k"},
+       {"more_results_url", "https://s.example/more?latlng=1,2"}},
+      "Glance/2");
   ORVRequest query = searchQuery();
+  query.queryItems = {{"src", "client"}, {"dbg", "client"}};
+  // Forced, in order: the query over the endpoint's "q", the client's items over the endpoint's,
+  // the debug items over the client's. The endpoint's own items win over every default one.
+  const Built search(factory->searchRequest(query, *carrying, guid, 0));
+  EXPECT_EQ(search.items({"q", "src", "dbg", "cc", "key", "qtype"}),
+            (Strings{"weather", "client", "1", "XX", "k", "suggested"}));
+  EXPECT_EQ(search.header("User-Agent"), "Glance/2");
+  EXPECT_FALSE(search.request.timeout);  // this bag sets none; the full one does
+  EXPECT_EQ(factory->searchRequest(query, *bag, guid, 0)->timeout, Duration(7s));
+  query.queryItems = {{"q", "client"}};
+  EXPECT_EQ(Built(factory->searchRequest(query, *carrying, guid, 0)).item("q"), "client");
+  EXPECT_EQ(Built(factory->moreResultsRequest(query, *carrying, guid, 0)).item("latlng"), "1,2");
 
-  const testing::RecordedRequest zkw = send(factory->zeroKeywordRequest(query, *bag, guid, 0));
-  EXPECT_EQ(itemNames(zkw), (Names{"qtype", "client_item", "dbg", "trace", "key", "locale", "esl",
-                                   "kb_ime", "calendar", "time_zone", "units", "cc", "latlng",
-                                   "geosrc", "storefront", "mode"}));
-  EXPECT_EQ(item(zkw, "qtype"), "zkw");
-  EXPECT_EQ(recipeHeaders(zkw), (Names{"X-Zelmor-Languages", "X-Zelmor-Subscriptions",
-                                       "X-Zelmor-UserGuid", "User-Agent", "X-Zelmor-UI-Scale",
-                                       "X-Zelmor-GeoEnvironment", "X-Zelmor-GeoSession"}));
+  // Only a suggestion's trigger events make a "suggested" search; the field mask drops the
+  // position and the signature, and nothing else.
+  query.triggerEvent = 1;
+  const Built masked(factory->searchRequest(query, *bag, guid, kORVFieldMaskNoLocation));
+  EXPECT_EQ(masked.items({"qtype", "latlng", "geosrc", "mode"}),
+            (Strings{"-", "-", "-", "managed"}));
+  EXPECT_EQ(masked.header("X-Zelmor-Whitelisted-App-Signature"), "-");
+  EXPECT_EQ(Built(factory->zeroKeywordRequest(query, *bag, guid, 0)).item("qtype"), "zkw");
 
-  const testing::RecordedRequest more = send(factory->moreResultsRequest(query, *bag, guid, 0));
-  EXPECT_EQ(more.path, "/more");
-  EXPECT_EQ(itemNames(more), (Names{"client_item", "dbg", "trace", "key", "locale", "esl", "latlng",
-                                    "geosrc", "storefront", "mode"}));
-  EXPECT_EQ(recipeHeaders(more), (Names{"X-Zelmor-Languages", "X-Zelmor-Whitelisted-App-Signature",
-                                        "X-Zelmor-Subscriptions", "X-Zelmor-UserGuid", "User-Agent",
-                                        "X-Zelmor-UI-Scale"}));
-
-  const testing::RecordedRequest card = send(factory->cardRequest(query, *bag, guid));
-  EXPECT_EQ(card.path, "/card");
-  EXPECT_EQ(itemNames(card), (Names{"client_item", "dbg", "trace", "key", "locale", "esl", "cc",
-                                    "latlng", "geosrc", "storefront"}));
-  EXPECT_EQ(recipeHeaders(card),
-            (Names{"X-Zelmor-Languages", "X-Zelmor-UserGuid", "User-Agent", "X-Zelmor-UI-Scale",
-                   "X-Zelmor-Whitelisted-App-Signature", "X-Zelmor-GeoSession",
-                   "X-Zelmor-GeoEnvironment", "X-Zelmor-Subscriptions"}));
-
+  // A lookup names the languages of its text and context, when they have one.
   ORVRequest lookup;
-  lookup.kind = ORVRequestKind::kLookup;
   lookup.queryString = "La tour Eiffel est le monument le plus visité de Paris";
-  lookup.contextText =
-      "Der Eiffelturm ist ein Turm aus Stahl in Paris und das Wahrzeichen der Stadt";
-  lookup.applicationBundleIdentifier = "org.example.Reader";
-  lookup.hintDomain = "wikipedia.org";
+  lookup.contextText = "Der Eiffelturm ist ein Turm aus Stahl in Paris, das Wahrzeichen der Stadt";
   lookup.selectionType = kORVLookupSelectionHint;
-  const testing::RecordedRequest looked = send(factory->lookupRequest(lookup, *bag, guid));
-  EXPECT_EQ(itemNames(looked),
-            (Names{"q", "dbg", "trace", "key", "locale", "esl", "cc", "latlng", "geosrc",
-                   "storefront", "context", "ldomain", "ltype", "qlang", "lctxlang", "mode"}));
-  EXPECT_EQ(recipeHeaders(looked),
-            (Names{"X-Zelmor-Languages", "X-Zelmor-Subscriptions", "X-Zelmor-UserGuid",
-                   "User-Agent", "X-Zelmor-Whitelisted-App-Signature", "X-Zelmor-GeoSession"}));
-  EXPECT_EQ(item(looked, "ltype"), "hint");
-  EXPECT_EQ(item(looked, "qlang"), "fr");
-  EXPECT_EQ(item(looked, "lctxlang"), "de");
-  EXPECT_EQ(item(looked, "context"), "org.example.Reader");
-
-  // A text in no particular language gives no "qlang"; an explicit selection is "explicit".
+  EXPECT_EQ(Built(factory->lookupRequest(lookup, *bag, guid)).items({"qlang", "lctxlang", "ltype"}),
+            (Strings{"fr", "de", "hint"}));
   lookup.queryString = "1234 5678";
   lookup.contextText.clear();
-  lookup.hintDomain.clear();
-  lookup.selectionType = kORVLookupSelectionExplicit;
-  const testing::RecordedRequest undetermined = send(factory->lookupRequest(lookup, *bag, guid));
-  EXPECT_EQ(itemNames(undetermined).count("qlang"), 0u);
-  EXPECT_EQ(itemNames(undetermined).count("lctxlang"), 0u);
-  EXPECT_EQ(itemNames(undetermined).count("ldomain"), 0u);
-  EXPECT_EQ(item(undetermined, "ltype"), "explicit");
-}
+  EXPECT_EQ(Built(factory->lookupRequest(lookup, *bag, guid)).items({"qlang", "lctxlang"}),
+            (Strings{"-", "-"}));
 
-TEST_F(RequestFactoryTest, BagWarmDownloadAndUploadRecipes) {
-  fullContext();
-  BagEndpoint endpoint(server.baseUrl() + "/bag");
-
-  const testing::RecordedRequest fetch =
-      send(factory->bagFetchRequest(endpoint, "orvexd/1.0", std::string("42")));
-  EXPECT_EQ(itemNames(fetch), (Names{"version", "key", "dbg", "trace", "locale", "esl", "cc"}));
-  EXPECT_EQ(recipeHeaders(fetch), (Names{"X-Zelmor-Languages", "User-Agent"}));
-  EXPECT_EQ(item(fetch, "locale"), "en_US");
-  EXPECT_EQ(item(fetch, "version"), "42");
-  EXPECT_EQ(endpoint.countries.back(), "US");
-  EXPECT_EQ(factory->bagFetchRequest(endpoint, "orvexd/1.0", std::nullopt)->cachePolicy,
-            HttpCachePolicy::kReloadIgnoringLocalCacheData);
-
-  const auto cacheKey = factory->bagCacheRequest(endpoint, "orvexd/1.0", std::nullopt);
-  const testing::RecordedRequest key = send(cacheKey);
-  EXPECT_EQ(itemNames(key), (Names{"dbg", "trace", "locale", "esl", "cc", "agent"}));
-  EXPECT_EQ(recipeHeaders(key), Names{});
-  EXPECT_EQ(cacheKey->cachePolicy, HttpCachePolicy::kUseProtocolCachePolicy);
-
-  const auto warm = factory->warmRequest(server.baseUrl() + "/warm?w=1");
-  EXPECT_EQ(warm->url, server.baseUrl() + "/warm?w=1");
-  EXPECT_EQ(warm->cachePolicy, HttpCachePolicy::kReloadIgnoringLocalCacheData);
+  auto empty = ORVBag::initWithDictionary(BagDictionary::object(), "Glance/1");
+  EXPECT_FALSE(factory->searchRequest(query, *empty, guid, 0));
+  EXPECT_FALSE(factory->cardRequest(query, *empty, guid));
+  EXPECT_FALSE(factory->moreResultsRequest(query, *empty, guid, 0));
+  testing::LogCapture logs;
+  EXPECT_FALSE(factory->bagFetchRequest("not a url", "orvexd/1.0", std::nullopt));
   EXPECT_FALSE(factory->warmRequest("not a url"));
-
-  const testing::RecordedRequest download =
-      send(factory->fileDownloadRequest(server.baseUrl() + "/file", "\"v7\"", true));
-  EXPECT_EQ(itemNames(download), Names{"key"});
-  EXPECT_EQ(recipeHeaders(download),
-            (Names{"User-Agent", "X-Zelmor-FuzzedLatLong", "If-None-Match"}));
-  EXPECT_EQ(download.headers.at("User-Agent"), "Glance/1");
-  EXPECT_EQ(download.headers.at("If-None-Match"), "\"v7\"");
-  EXPECT_EQ(
-      recipeHeaders(send(factory->fileDownloadRequest(server.baseUrl() + "/file", "", false))),
-      Names{"User-Agent"});
-
-  const auto upload = factory->flusherUploadRequest(server.baseUrl() + "/upload", 30s, "c2hh");
-  EXPECT_EQ(upload->method, "POST");
-  EXPECT_EQ(upload->timeout, Duration(30s));
-  EXPECT_EQ(upload->cachePolicy, HttpCachePolicy::kReloadIgnoringLocalCacheData);
-  EXPECT_EQ(upload->headers.at("Content-Encoding"), "deflate");
-  EXPECT_EQ(upload->headers.at("X-Zelmor-Digest"), "c2hh");
-  EXPECT_EQ(upload->headers.at("User-Agent"), "orvexd/1.0");
-  EXPECT_EQ(upload->headers.at("X-Zelmor-Languages"), R"(["en-US","fr","de"])");
-  auto uploadItems = OrvexURLRequestBuilder::requestBuilderWithURL(upload->url);
-  for (const char* name : {"dbg", "trace", "key", "cc", "locale"}) {
-    EXPECT_TRUE(uploadItems->containsQueryItemWithName(name)) << name;
-  }
-  EXPECT_EQ(upload->headers.size(), 4u);
+  EXPECT_TRUE(logs.contains("invalid bag URL not a url"));
+  // The warm-up request is the URL exactly as the bag gives it.
+  EXPECT_EQ(factory->warmRequest("https://w.example/w?a=1;2")->url, "https://w.example/w?a=1;2");
 }
 
 TEST_F(RequestFactoryTest, LocationFollowsTheBagSourcesPermissionAndSearches) {
   makeFactory();
-  ORVRequest query = searchQuery();
+  const ORVRequest query = searchQuery();
+  const auto search = [&] { return Built(factory->searchRequest(query, *bag, guid, 0)); };
+  const auto fuzzed = [&](bool include) {
+    return Built(factory->fileDownloadRequest("https://f.example/f", "", include))
+        .header("X-Zelmor-FuzzedLatLong");
+  };
   // Before any bag, location services are not even set up.
   location->deliver(wifiFix());
-  auto gpsOnly = makeBag(R"(, "geo_sources": ["gps"])");
-  ASSERT_TRUE(factory->searchRequest(query, *gpsOnly, guid, 0));
+  bag = makeBag("https://s.example", {"gps"});
+  ASSERT_TRUE(factory->searchRequest(query, *bag, guid, 0));
   EXPECT_EQ(location->starts, 0);
 
   // A bag that does not accept Wi-Fi positions: none is sent, and why is.
-  announce(gpsOnly);
-  ASSERT_TRUE(factory->searchRequest(query, *gpsOnly, guid, 0));
-  factory->waitForContextUpdates();
+  announce(bag);
+  (void)search();
+  settle();
   EXPECT_EQ(location->starts, 1);
-  auto request = factory->searchRequest(query, *gpsOnly, guid, 0);
-  EXPECT_EQ(request->url.find("latlng"), std::string::npos);
-  EXPECT_EQ(request->headers.at("X-Zelmor-GeoMetadata"), "bagno.wifi");
+  EXPECT_EQ(search().item("latlng"), "-");
+  EXPECT_EQ(search().header("X-Zelmor-GeoMetadata"), "bagno.wifi");
 
   // One that does: the position goes out; downloads get it rounded to whole degrees.
   announce(makeBag());
-  request = factory->searchRequest(query, *gpsOnly, guid, 0);
-  EXPECT_NE(request->url.find("latlng=37.774900,-122.419400,65.000000"), std::string::npos);
-  EXPECT_EQ(request->headers.count("X-Zelmor-GeoMetadata"), 0u);
-  const std::string url = server.baseUrl() + "/file";
-  EXPECT_EQ(factory->fileDownloadRequest(url, "", true)->headers.at("X-Zelmor-FuzzedLatLong"),
-            "37.000000,-122.000000");
+  EXPECT_EQ(search().item("latlng"), "37.774900,-122.419400,65.000000");
+  EXPECT_EQ(search().header("X-Zelmor-GeoMetadata"), "-");
+  EXPECT_EQ(fuzzed(true), "37.000000,-122.000000");
+  EXPECT_EQ(fuzzed(false), "-");
   // Once the user has searched, downloads may carry the precise position.
   factory->setPerformedSearch();
-  factory->waitForContextUpdates();
-  EXPECT_EQ(factory->fileDownloadRequest(url, "", true)->headers.at("X-Zelmor-FuzzedLatLong"),
-            "37.774900,-122.419400");
+  settle();
+  EXPECT_EQ(fuzzed(true), "37.774900,-122.419400");
 
   // The user withdraws permission.
-  LocationUpdate refused;
-  location->deliver(refused);
-  factory->waitForContextUpdates();
-  request = factory->searchRequest(query, *gpsOnly, guid, 0);
-  EXPECT_EQ(request->url.find("latlng"), std::string::npos);
-  EXPECT_EQ(request->url.find("geosrc"), std::string::npos);
-  EXPECT_EQ(request->headers.at("X-Zelmor-GeoMetadata"), "userno");
+  location->deliver(LocationUpdate{});
+  settle();
+  EXPECT_EQ(search().items({"latlng", "geosrc"}), (Strings{"-", "-"}));
+  EXPECT_EQ(search().header("X-Zelmor-GeoMetadata"), "userno");
 }
 
 TEST_F(RequestFactoryTest, SystemChangesUpdateTheContextAndAskForAFreshBag) {
   makeFactory();
-  auto bag = makeBag();
-  std::atomic<int> refreshes{0};
-  std::atomic<int> foreignRefreshes{0};
-  const NetworkRequestFactory* sender = factory.get();
-  auto token = test.assembly->notificationCenter->addObserver(
-      kORVBagRefreshRequiredNotification, sender, [&](const Notification&) { ++refreshes; });
-  auto any = test.assembly->notificationCenter->addObserver(kORVBagRefreshRequiredNotification,
-                                                            nullptr, [&](const Notification& note) {
-                                                              if (note.sender != sender)
-                                                                ++foreignRefreshes;
-                                                            });
-
-  // The context changes that per-client caches empty themselves on, by name.
-  std::map<std::string, std::atomic<int>> changes;
-  std::vector<ObserverToken> changeTokens;
-  for (const char* name : {kORVCountryCodeChangeNotification, kORVTimeZoneChangeNotification,
-                           kORVLocaleChangeNotification, kORVDeviceManagementChangeNotification}) {
-    changeTokens.push_back(test.assembly->notificationCenter->addObserver(
-        name, sender, [&changes, name](const Notification&) { ++changes[name]; }));
-    changes[name] = 0;
+  bag = makeBag();
+  // Posts of the bag refresh and of the context changes per-client caches empty themselves on;
+  // one made in anybody's name but the factory's counts a thousand.
+  const char* const kNames[] = {kORVBagRefreshRequiredNotification, kORVLocaleChangeNotification,
+                                kORVCountryCodeChangeNotification, kORVTimeZoneChangeNotification,
+                                kORVDeviceManagementChangeNotification};
+  std::array<std::atomic<int>, 5> posted{};
+  std::vector<ObserverToken> tokens;
+  for (size_t i = 0; i < posted.size(); ++i) {
+    tokens.push_back(test.assembly->notificationCenter->addObserver(
+        kNames[i], nullptr, [&, i, sender = factory.get()](const Notification& note) {
+          posted[i] += note.sender == static_cast<const NetworkRequestFactory*>(sender) ? 1 : 1000;
+        }));
   }
-  factory->waitForContextUpdates();  // the first reading of the context is no change
+  const auto counts = [&] {
+    settle();
+    test.settle();
+    std::vector<int> values;
+    for (const auto& count : posted) values.push_back(count);
+    return values;
+  };
+  const auto bagKey = [&] { return Built(factory->bagCacheRequest("https://b.example", "", {})); };
+  using Counts = std::vector<int>;               // refresh, locale, country, time zone, management
+  EXPECT_EQ(counts(), (Counts{0, 0, 0, 0, 0}));  // the first reading is no change
 
   LocaleSnapshot german = testing::FixedLocale::americanEnglish();
   german.localeIdentifier = "de_DE";
   german.measurementSystem = MeasurementSystem::kOther;
   german.hourCyclePattern = "HH:mm";
   german.regionCode = "DE";
-  german.preferredLanguages = {"de-DE"};
-  german.effectiveSystemLanguage = "de";
   locale->set(german);
-  factory->systemLocaleDidChange();
-  factory->waitForContextUpdates();
-  test.settle();
-  EXPECT_EQ(refreshes, 1);
-  EXPECT_EQ(foreignRefreshes, 0);
-  EXPECT_EQ(changes[kORVLocaleChangeNotification], 1);
-  EXPECT_EQ(changes[kORVCountryCodeChangeNotification], 1);  // the region went from US to DE
-  EXPECT_EQ(changes[kORVTimeZoneChangeNotification], 0);
-
-  BagEndpoint endpoint(server.baseUrl() + "/bag");
-  auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(
-      factory->bagCacheRequest(endpoint, "orvexd/1.0", std::nullopt)->url);
-  EXPECT_EQ(builder->queryItemValue("locale"), "de_DE");
-  EXPECT_EQ(builder->queryItemValue("cc"), "DE");
-  EXPECT_EQ(builder->queryItemValue("esl"), "de");
-  auto search = OrvexURLRequestBuilder::requestBuilderWithURL(
-      factory->searchRequest(searchQuery(), *bag, guid, 0)->url);
-  EXPECT_FALSE(search->containsQueryItemWithName("units"));
-  EXPECT_EQ(search->queryItemValue("24h"), "1");
+  factory->deviceContext().systemLocaleDidChange();
+  EXPECT_EQ(counts(), (Counts{1, 1, 1, 0, 0}));
+  EXPECT_EQ(bagKey().items({"locale", "cc"}), (Strings{"de_DE", "DE"}));
+  EXPECT_EQ(factory->deviceCountryCode(), "DE");
+  EXPECT_EQ(Built(factory->searchRequest(searchQuery(), *bag, guid, 0)).items({"units", "24h"}),
+            (Strings{"-", "1"}));
 
   // A time-zone change is no part of the bag's key; the country override, which is, wins over
-  // the locale's region and is read afresh by every recipe.
+  // the locale's region and is read afresh by every request.
   german.timeZoneName = "Europe/Berlin";
   locale->set(german);
-  factory->systemTimeZoneDidChange();
-  factory->waitForContextUpdates();
-  test.settle();
-  EXPECT_EQ(refreshes, 1);
-  EXPECT_EQ(OrvexURLRequestBuilder::requestBuilderWithURL(
-                factory->searchRequest(searchQuery(), *bag, guid, 0)->url)
-                ->queryItemValue("time_zone"),
+  factory->deviceContext().systemTimeZoneDidChange();
+  EXPECT_EQ(counts(), (Counts{1, 1, 1, 1, 0}));
+  EXPECT_EQ(Built(factory->searchRequest(searchQuery(), *bag, guid, 0)).item("time_zone"),
             "Europe/Berlin");
   test.assembly->userDefaults->setObject(kORVCountryCodeKey, PlistValue("ch"));
-  builder = OrvexURLRequestBuilder::requestBuilderWithURL(
-      factory->bagCacheRequest(endpoint, "orvexd/1.0", std::nullopt)->url);
-  EXPECT_EQ(builder->queryItemValue("cc"), "CH");
-  factory->waitForContextUpdates();
-  test.settle();
-  EXPECT_EQ(refreshes, 2);
-  EXPECT_EQ(changes[kORVTimeZoneChangeNotification], 1);
-  EXPECT_EQ(changes[kORVCountryCodeChangeNotification], 2);
-  EXPECT_EQ(changes[kORVLocaleChangeNotification], 1);
+  EXPECT_EQ(bagKey().item("cc"), "CH");
+  EXPECT_EQ(counts(), (Counts{2, 1, 2, 1, 0}));
 
-  // The managed-account mode, read afresh by every recipe, likewise.
-  const bool managed = test.assembly->userDefaults->boolForKey(kORVManagedAccountKey);
-  test.assembly->userDefaults->setObject(kORVManagedAccountKey, PlistValue(!managed));
+  // The managed mode likewise, once however many requests read it.
+  test.assembly->userDefaults->setObject(kORVManagedAccountKey, PlistValue(false));
   (void)factory->searchRequest(searchQuery(), *bag, guid, 0);
   (void)factory->searchRequest(searchQuery(), *bag, guid, 0);
-  factory->waitForContextUpdates();
-  test.settle();
-  EXPECT_EQ(changes[kORVDeviceManagementChangeNotification], 1);
-  EXPECT_EQ(changes[kORVCountryCodeChangeNotification], 2);
+  EXPECT_EQ(counts(), (Counts{2, 1, 2, 1, 1}));
 
   // A new user GUID starts a new maps session.
   const std::string geoSession = factory->geoSessionEntityString();
-  EXPECT_EQ(factory->geoSessionEntityString(), geoSession);
   test.assembly->notificationCenter->post(kORVUserGUIDChangeNotification);
-  factory->waitForContextUpdates();
+  settle();
   EXPECT_NE(factory->geoSessionEntityString(), geoSession);
 }
 
 TEST_F(RequestFactoryTest, DebugParametersStopAtTheFirstMalformedPart) {
-  std::vector<std::string> logged;
-  std::mutex mutex;
-  auto observer = addLogObserver([&](const LogRecord& record) {
-    std::lock_guard lock(mutex);
-    logged.emplace_back(record.message);
-  });
-  test.assembly->userDefaults->setObject(kORVDebugParametersKey, PlistValue("a=1&bogus&c=3"));
-  makeFactory();
-  auto bag = makeBag();
-  auto builder = OrvexURLRequestBuilder::requestBuilderWithURL(
-      factory->searchRequest(searchQuery(), *bag, guid, 0)->url);
-  EXPECT_EQ(builder->queryItemValue("a"), "1");
-  EXPECT_FALSE(builder->containsQueryItemWithName("c"));
-  EXPECT_FALSE(builder->containsQueryItemWithName("bogus"));
-  std::lock_guard lock(mutex);
-  EXPECT_NE(std::find(logged.begin(), logged.end(), "processing debug parameters: (a=1&bogus&c=3)"),
-            logged.end());
-  EXPECT_NE(std::find(logged.begin(), logged.end(), "invalid query components: bogus"),
-            logged.end());
+  testing::LogCapture logs;
+  makeFactory("a=1&bogus&c=3");
+  EXPECT_EQ(
+      Built(factory->searchRequest(searchQuery(), *makeBag(), guid, 0)).items({"a", "bogus", "c"}),
+      (Strings{"1", "-", "-"}));
+  EXPECT_TRUE(logs.contains("processing debug parameters: (a=1&bogus&c=3)"));
+  EXPECT_TRUE(logs.contains("invalid query components: bogus"));
 }
 
 }  // namespace

@@ -20,9 +20,6 @@ class BagController {
   // The bag in memory, possibly stale; a stale one starts a background fetch.
   virtual std::shared_ptr<const ORVBag> cachedBagState() = 0;
   virtual std::optional<std::string> warmURL() = 0;
-  // The bag endpoint for a device country. Called by the request factory from its own queue:
-  // must not call back into the factory synchronously.
-  virtual std::string bagFetchURLWithCountry(const std::string& countryCode) = 0;
   // A search answer may announce a newer bag version under "bag"; fetches it when newer.
   virtual void forceFetchBag(const BagDictionary& response) = 0;
 };

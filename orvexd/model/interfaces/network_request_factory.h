@@ -14,18 +14,20 @@
 
 namespace orvex {
 
-class BagController;
 class Uuid;
 
 class NetworkRequestFactory {
  public:
   virtual ~NetworkRequestFactory() = default;
 
-  virtual std::optional<HttpRequest> bagFetchRequest(BagController& bagController,
+  // The device country as the bag endpoint depends on it, the owner's override read afresh.
+  virtual std::string deviceCountryCode() = 0;
+  // `bagURL` is the bag endpoint for deviceCountryCode().
+  virtual std::optional<HttpRequest> bagFetchRequest(const std::string& bagURL,
                                                      const std::string& userAgent,
                                                      const std::optional<std::string>& version) = 0;
   // The bag's staleness key: its URL changes whenever something the bag depends on changes.
-  virtual std::optional<HttpRequest> bagCacheRequest(BagController& bagController,
+  virtual std::optional<HttpRequest> bagCacheRequest(const std::string& bagURL,
                                                      const std::string& userAgent,
                                                      const std::optional<std::string>& version) = 0;
   virtual std::optional<HttpRequest> warmRequest(const std::string& url) = 0;
