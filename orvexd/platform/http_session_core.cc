@@ -208,7 +208,7 @@ void HttpSessionCore::start(const std::shared_ptr<HttpSessionTask>& task) {
   active_.emplace(task.get(), task);
 }
 
-void HttpSessionCore::cancelTransfer(const std::shared_ptr<HttpSessionTask>& task) {
+void HttpSessionCore::cancelTransfer(std::shared_ptr<HttpSessionTask> task) {
   CurlTransfer& transfer = task->transfer();
   HttpTaskOutcome outcome;
   outcome.timing = transfer.collectTiming();

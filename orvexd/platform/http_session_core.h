@@ -62,7 +62,9 @@ class HttpSessionCore {
   void run();
   void start(const std::shared_ptr<HttpSessionTask>& task);
   void completeTransfer(HttpSessionTask* raw, CURLcode code);
-  void cancelTransfer(const std::shared_ptr<HttpSessionTask>& task);
+  // By value: the caller may hand in the entry of active_ that this erases, the task's last owner
+  // when its caller dropped the handle.
+  void cancelTransfer(std::shared_ptr<HttpSessionTask> task);
   void finishFromCache(const std::shared_ptr<HttpSessionTask>& task, const CachedResponse& cached);
 
   const HttpSessionConfiguration config_;
