@@ -374,7 +374,7 @@ TEST(FeedbackRecords, SearchResultRules) {
         expected[key] = value;
       }
     }
-    EXPECT_EQ(result.dictionary().toJson(), expected);
+    EXPECT_EQ(FeedbackUploadWriter::dictionaryOf(result).toJson(), expected);
   }
 }
 
