@@ -35,24 +35,12 @@ struct RecordClass {
 };
 
 template <class... T>
-constexpr std::array<RecordClass, sizeof...(T)> recordClasses() {
+constexpr std::array<RecordClass, sizeof...(T)> recordClasses(FeedbackRecordClasses<T...>) {
   return {
       RecordClass{T::kClassName, &readRecord<T, nlohmann::json>, &readRecord<T, PlistValue>}...};
 }
 
-constexpr auto kRecordClasses = recordClasses<
-    NBFeedback, NBStartSearchFeedback, NBStartNetworkSearchFeedback,
-    ORVLookupStartNetworkSearchFeedback, NBStartLocalSearchFeedback, NBEndSearchFeedback,
-    NBEndNetworkSearchFeedback, ORVEndNetworkSearchFeedback, NBEndLocalSearchFeedback,
-    ORVSkipSearchFeedback, ORVCacheHitFeedback, NBVisibleResultsFeedback,
-    NBResultsReceivedAfterTimeoutFeedback, NBLateSectionsAppendedFeedback, NBRankingFeedback,
-    ORVRankerFeedback, NBVisibleSuggestionsFeedback, NBVisibleSectionHeaderFeedback,
-    NBVisibleCardFeedback, NBResultEngagementFeedback, NBCardSectionEngagementFeedback,
-    NBMapsCardSectionEngagementFeedback, NBStoreCardSectionEngagementFeedback,
-    NBSuggestionEngagementFeedback, NBSectionEngagementFeedback, NBDidGoToSiteFeedback,
-    NBSearchViewAppearFeedback, NBSearchViewDisappearFeedback, NBCardViewDisappearFeedback,
-    NBClearInputFeedback, NBErrorFeedback, NBCustomFeedback, OrvexSessionEndFeedback,
-    OrvexSessionMissingResults, OrvexSessionMissingSuggestions, OrvexConnectionInvalidated>();
+constexpr auto kRecordClasses = recordClasses(AllFeedbackRecordClasses());
 
 DecodeResult<FeedbackRecordPtr> readFailure(std::string_view form, std::string_view reason) {
   OrvexLogForCategory(kOrvexLogFeedbackErrors)

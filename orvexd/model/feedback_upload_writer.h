@@ -33,9 +33,10 @@
 // (an upload::by entry counts as one) and the second writes them.
 #pragma once
 
-#include <concepts>
 #include <cstddef>
+#include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -153,7 +154,8 @@ class FeedbackUploadWriter {
   template <class T, class Record, class Member>
   void operator()(std::string_view, const T& value, upload::AsMember<Record, Member> as) {
     static_assert(std::is_same_v<T, std::optional<Record>>);
-    if (as.holds) put(as.key, [&] { return value ? valueOf((*value).*as.member) : nullptr; });
+    if (!as.holds) return;
+    put(as.key, [&] { return value ? valueOf((*value).*as.member) : FeedbackValue(); });
   }
   template <class T>
   void operator()(std::string_view, const T& value, upload::Flatten) {

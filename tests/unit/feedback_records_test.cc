@@ -65,7 +65,7 @@ class FillEverything : public feedback_codec::PassesOverUploadEntries {
 };
 
 template <class... T>
-std::vector<FeedbackRecordPtr> everyClassFilledIn() {
+std::vector<FeedbackRecordPtr> filledIn(FeedbackRecordClasses<T...>) {
   FillEverything fill;
   const auto filled = [&fill]<class R>(std::shared_ptr<R> record) {
     R::visit(fill, *record);
@@ -75,20 +75,7 @@ std::vector<FeedbackRecordPtr> everyClassFilledIn() {
 }
 
 TEST(FeedbackRecords, EveryClassFilledInSurvivesEveryForm) {
-  const auto records = everyClassFilledIn<
-      NBFeedback, NBStartSearchFeedback, NBStartNetworkSearchFeedback,
-      ORVLookupStartNetworkSearchFeedback, NBStartLocalSearchFeedback, NBEndSearchFeedback,
-      NBEndNetworkSearchFeedback, ORVEndNetworkSearchFeedback, NBEndLocalSearchFeedback,
-      ORVSkipSearchFeedback, ORVCacheHitFeedback, NBVisibleResultsFeedback,
-      NBResultsReceivedAfterTimeoutFeedback, NBLateSectionsAppendedFeedback, NBRankingFeedback,
-      ORVRankerFeedback, NBVisibleSuggestionsFeedback, NBVisibleSectionHeaderFeedback,
-      NBVisibleCardFeedback, NBResultEngagementFeedback, NBCardSectionEngagementFeedback,
-      NBMapsCardSectionEngagementFeedback, NBStoreCardSectionEngagementFeedback,
-      NBSuggestionEngagementFeedback, NBSectionEngagementFeedback, NBDidGoToSiteFeedback,
-      NBSearchViewAppearFeedback, NBSearchViewDisappearFeedback, NBCardViewDisappearFeedback,
-      NBClearInputFeedback, NBErrorFeedback, NBCustomFeedback, OrvexSessionEndFeedback,
-      OrvexSessionMissingResults, OrvexSessionMissingSuggestions, OrvexConnectionInvalidated>();
-  EXPECT_EQ(records.size(), NBFeedback::recordClassNames().size());
+  const auto records = filledIn(AllFeedbackRecordClasses());
   for (const auto& record : records) {
     SCOPED_TRACE(record->className());
     auto fromClient = NBFeedback::fromDBusText(record->dbusText());
