@@ -228,12 +228,15 @@ void measureDictionaries(benchmark::State& state, Make make) {
 }
 
 void BM_SmallDictionariesSharedKeys(benchmark::State& state) {
-  measureDictionaries(state, [](const NBSearchResult& r) { return r.dictionary(); });
+  measureDictionaries(
+      state, [](const NBSearchResult& r) { return FeedbackUploadWriter::dictionaryOf(r); });
 }
 BENCHMARK(BM_SmallDictionariesSharedKeys)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 void BM_SmallDictionariesNlohmannJson(benchmark::State& state) {
-  measureDictionaries(state, [](const NBSearchResult& r) { return r.dictionary().toJson(); });
+  measureDictionaries(state, [](const NBSearchResult& r) {
+    return FeedbackUploadWriter::dictionaryOf(r).toJson();
+  });
 }
 BENCHMARK(BM_SmallDictionariesNlohmannJson)->Unit(benchmark::kMillisecond)->Iterations(3);
 

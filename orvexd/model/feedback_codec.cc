@@ -17,6 +17,22 @@ bool checkText(const std::string& text, DecodeContext& context, std::string_view
   return true;
 }
 
+// A property-list integer as a T, when it holds one.
+template <typename T>
+bool decodePlistInteger(const PlistValue& node, T& out, DecodeContext& context,
+                        std::string_view key) {
+  if (node.type() != PlistType::kInteger) return failWith(context, key, "not an integer");
+  std::optional<T> value;
+  if constexpr (std::is_signed_v<T>) {
+    value = node.asInteger();
+  } else {
+    value = node.asUnsignedInteger();
+  }
+  if (!value) return failWith(context, key, "out of range");
+  out = *value;
+  return true;
+}
+
 bool checkFinite(double value, DecodeContext& context, std::string_view key) {
   if (!std::isfinite(value)) return failWith(context, key, "a number that is not finite");
   return true;
@@ -227,11 +243,7 @@ bool decodeScalar(const nlohmann::json& node, int64_t& out, DecodeContext& c,
 }
 
 bool decodeScalar(const PlistValue& node, int64_t& out, DecodeContext& c, std::string_view key) {
-  if (node.type() != PlistType::kInteger) return failWith(c, key, "not an integer");
-  const auto value = node.asInteger();
-  if (!value) return failWith(c, key, "out of range");
-  out = *value;
-  return true;
+  return decodePlistInteger(node, out, c, key);
 }
 
 bool decodeScalar(const nlohmann::json& node, uint64_t& out, DecodeContext& c,
@@ -244,11 +256,7 @@ bool decodeScalar(const nlohmann::json& node, uint64_t& out, DecodeContext& c,
 }
 
 bool decodeScalar(const PlistValue& node, uint64_t& out, DecodeContext& c, std::string_view key) {
-  if (node.type() != PlistType::kInteger) return failWith(c, key, "not an integer");
-  const auto value = node.asUnsignedInteger();
-  if (!value) return failWith(c, key, "out of range");
-  out = *value;
-  return true;
+  return decodePlistInteger(node, out, c, key);
 }
 
 bool decodeScalar(const nlohmann::json& node, double& out, DecodeContext& c, std::string_view key) {

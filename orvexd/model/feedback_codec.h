@@ -7,9 +7,11 @@
 //     Parent::visit(v, self);
 //     v.enumeration("trigger_event", self.triggerEvent, kSomeTable);
 //     v("input", self.input);
+//     v("queryId", self.queryId, upload::skip);
 //   }
 //
-// and the visitors below turn that list into either form and back:
+// and the visitors below turn that list into either form and back (the last argument of an
+// entry, and the entries only the upload form has, are for feedback_upload_writer.h):
 // - the D-Bus form, a JSON object: "$class", then each field under its key; absent values are
 //   null, enumerations their integer values, nested records JSON objects of the same form
 //   (whose "$class" a reader only needs where a field can hold more than one class), free-form
@@ -113,13 +115,20 @@ std::optional<PlistValue> jsonToPlist(const nlohmann::json& json, std::string& e
 // Checks timing data read from an archive against the same rules (and refuses dates).
 bool plistIsPortable(const PlistValue& value, std::string& error);
 
+// Entries of a field list that only the upload form has (feedback_upload_writer.h), and which
+// the other visitors pass over; their last arguments, which say how an entry is uploaded, too.
+struct PassesOverUploadEntries {
+  void uploadConstant(const auto&...) {}
+  void uploadDerived(const auto&...) {}
+};
+
 // ---- Writing ------------------------------------------------------------------------------
 
 template <typename Form>
 typename Form::Node encodeValue(const auto& value);
 
 template <typename Form>
-class FieldWriter {
+class FieldWriter : public PassesOverUploadEntries {
  public:
   using Node = typename Form::Node;
 
@@ -128,7 +137,7 @@ class FieldWriter {
   }
 
   template <typename T>
-  void operator()(std::string_view key, const T& value) {
+  void operator()(std::string_view key, const T& value, const auto&... /*upload*/) {
     if constexpr (Optional<T> || std::is_same_v<T, std::shared_ptr<const OrvexError>>) {
       if (!value) {
         if constexpr (std::is_same_v<Form, DBusForm>) object_[std::string(key)] = nullptr;
@@ -139,7 +148,9 @@ class FieldWriter {
       put(key, encodeValue<Form>(value));
     }
   }
-  void enumeration(std::string_view key, uint32_t value, FeedbackTable) { put(key, Node(value)); }
+  void enumeration(std::string_view key, uint32_t value, FeedbackTable, const auto&... /*upload*/) {
+    put(key, Node(value));
+  }
 
   Node take() { return Node(std::move(object_)); }
   auto takeObject() { return std::move(object_); }
@@ -282,12 +293,12 @@ template <typename Node>
 bool decodeValue(const Node& node, auto& out, DecodeContext& context, std::string_view key);
 
 template <typename Node>
-class FieldReader {
+class FieldReader : public PassesOverUploadEntries {
  public:
   FieldReader(const Node& object, DecodeContext& context) : object_(object), context_(context) {}
 
   template <typename T>
-  void operator()(std::string_view key, T& value) {
+  void operator()(std::string_view key, T& value, const auto&... /*upload*/) {
     if (context_.failed()) return;
     const Node* node = findField(object_, key);
     if constexpr (Optional<T> || std::is_same_v<T, std::shared_ptr<const OrvexError>>) {
@@ -313,7 +324,8 @@ class FieldReader {
     }
   }
 
-  void enumeration(std::string_view key, uint32_t& value, FeedbackTable table) {
+  void enumeration(std::string_view key, uint32_t& value, FeedbackTable table,
+                   const auto&... /*upload*/) {
     uint64_t read = 0;
     (*this)(key, read);
     if (context_.failed()) return;

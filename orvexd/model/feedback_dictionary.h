@@ -27,44 +27,14 @@
 #include <variant>
 #include <vector>
 
+#include "orvexd/model/feedback_tables.h"
+
 namespace orvex {
 
-// The key names used by every encoder: first the 33 feedback-kind names (in this order, which
-// puts "search_start" and "search_end" after "local_search_end"), then the others.
-inline constexpr std::array<std::string_view, 99> kFeedbackSharedKeys = {
-    "visible_results",
-    "network_search_start",
-    "network_search_end",
-    "local_search_start",
-    "local_search_end",
-    "search_start",
-    "search_end",
-    "search_view_appear",
-    "search_view_disappear",
-    "rank_sections",
-    "result_engagement",
-    "visible_card",
-    "card_engagement",
-    "error",
-    "suggestion_engagement",
-    "card_view_disappear",
-    "visible_suggestions",
-    "custom_unknown",
-    "custom_crowdsourcing",
-    "custom_roamer_autofill",
-    "custom_glance_result_features",
-    "unknown",
-    "results_received_after_timeout",
-    "late_sections_appended",
-    "clear_input",
-    "session_end",
-    "skip_orvex_search",
-    "section_engagement",
-    "visible_section_header",
-    "session_missing_results",
-    "session_missing_suggestions",
-    "did_go_to_site",
-    "connection_invalidated",
+namespace feedback_dictionary_detail {
+
+// The keys that name no feedback kind.
+inline constexpr std::array<std::string_view, 66> kOtherSharedKeys = {
     "type",
     "id",
     "name",
@@ -133,7 +103,33 @@ inline constexpr std::array<std::string_view, 99> kFeedbackSharedKeys = {
     "orvex",
 };
 
-static_assert(kFeedbackSharedKeys.back() == "orvex", "every key of the set is listed");
+// The feedback kinds in the order of the key set: their own, with "search_start" and
+// "search_end" moved up after "local_search_end".
+constexpr auto sharedKeys() {
+  constexpr auto& kinds = feedback_tables::kFeedbackTypeNames;
+  std::array<std::string_view, kinds.size() + kOtherSharedKeys.size()> keys{};
+  std::size_t next = 0;
+  const auto take = [&](NBFeedbackType first, NBFeedbackType last) {
+    for (auto i = static_cast<std::size_t>(first); i <= static_cast<std::size_t>(last); ++i) {
+      keys[next++] = kinds[i];
+    }
+  };
+  take(NBFeedbackType::kVisibleResults, NBFeedbackType::kLocalSearchEnd);
+  take(NBFeedbackType::kSearchStart, NBFeedbackType::kSearchEnd);
+  take(NBFeedbackType::kSearchViewAppear, NBFeedbackType::kCardViewDisappear);
+  take(NBFeedbackType::kVisibleSuggestions, NBFeedbackType::kConnectionInvalidated);
+  for (std::string_view key : kOtherSharedKeys) keys[next++] = key;
+  return keys;
+}
+
+}  // namespace feedback_dictionary_detail
+
+// The key names used by every encoder: first the 33 feedback-kind names, then the others.
+inline constexpr auto kFeedbackSharedKeys = feedback_dictionary_detail::sharedKeys();
+
+static_assert(kFeedbackSharedKeys[5] == "search_start" &&
+                  kFeedbackSharedKeys[32] == "connection_invalidated",
+              "every feedback kind is a key");
 
 // The index of `name` in kFeedbackSharedKeys, or nothing.
 std::optional<uint16_t> sharedKeyIndex(std::string_view name);

@@ -24,6 +24,10 @@ class FeedbackTable {
   constexpr FeedbackTable(const std::array<std::string_view, N>& names) : names_(names) {}
 
   constexpr std::span<const std::string_view> names() const { return names_; }
+  // The table of the first `count` names.
+  constexpr FeedbackTable first(std::size_t count) const {
+    return FeedbackTable(names_.first(count));
+  }
   constexpr std::size_t size() const { return names_.size(); }
   constexpr bool contains(uint64_t value) const { return value < names_.size(); }
   // The name of `value`, or nothing when the table has no such entry.
@@ -33,6 +37,8 @@ class FeedbackTable {
   }
 
  private:
+  constexpr explicit FeedbackTable(std::span<const std::string_view> names) : names_(names) {}
+
   std::span<const std::string_view> names_;
 };
 
@@ -284,10 +290,9 @@ inline constexpr std::array<std::string_view, 7> kResultEngagementActionTargets 
     "unknown", "directions", "call", "message", "play", "view", "open",
 };
 
-inline constexpr std::array<std::string_view, 10> kCardSectionEngagementTriggers = {
-    "unknown", "enter", "tap",    "click",    "double_click",
-    "peek",    "pop",   "reveal", "arrow_up", "arrow_down",
-};
+// A card section is engaged the ways a result is, short of the last four.
+inline constexpr FeedbackTable kCardSectionEngagementTriggers =
+    FeedbackTable(kResultEngagementTriggers).first(10);
 
 inline constexpr std::array<std::string_view, 5> kCardTypes = {
     "unknown", "normal", "maps", "songvault_sheet", "hosted_html_page",

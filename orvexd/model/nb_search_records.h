@@ -2,9 +2,9 @@
 // sections and punch-outs.
 //
 // Plain values with public fields. Each lists its fields in visit() for the D-Bus and archive
-// forms (feedback_codec.h), under the key its upload JSON uses; fields without an upload key
-// take their field name. Classes that stand for two classes of the client library keep which
-// one in `recordClass` ("$class" in both forms). dictionary() is the upload JSON object.
+// forms (feedback_codec.h) and the upload form (feedback_upload_writer.h), under the key its
+// upload JSON uses; fields without an upload key take their field name. Classes that stand for
+// two classes of the client library keep which one in `recordClass` ("$class" in both forms).
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "orvexd/model/feedback_dictionary.h"
 #include "orvexd/model/feedback_tables.h"
+#include "orvexd/model/feedback_upload_writer.h"
 
 namespace orvex {
 
@@ -93,7 +93,6 @@ struct NBSearchResult {
   std::optional<NBPunchout> punchout;
   std::optional<NBPunchout> actionPunchout;  // the punch-out of the result's action button
 
-  FeedbackDictionary dictionary() const;
   bool isOutsideEngineResult() const {
     return type >= kFirstOutsideEngineType && type <= kLastOutsideEngineType;
   }
@@ -103,22 +102,33 @@ struct NBSearchResult {
     v("id", self.identifier);
     v("score", self.rankingScore);
     v.enumeration("result_type", self.type, resultTypes());
-    v("publicly_indexable", self.publiclyIndexable);
+    v("publicly_indexable", self.publiclyIndexable, upload::when(self.type == kTypeNSUserActivity));
     v.enumeration("top_hit", self.topHit, topHitKinds());
     v("section_bundle_id", self.sectionBundleIdentifier);
-    v("bundle_id", self.resultBundleId);
-    v("applicationBundleIdentifier", self.applicationBundleIdentifier);
-    v("isLocalApplicationResult", self.isLocalApplicationResult);
-    v("customProperties", self.customProperties);
-    v("local_features", self.localFeatures);
-    v("corrected_query", self.correctedQuery);
+    v("bundle_id", self.resultBundleId, upload::by(self, uploadBundleId));
+    v("applicationBundleIdentifier", self.applicationBundleIdentifier, upload::skip);
+    v("isLocalApplicationResult", self.isLocalApplicationResult, upload::skip);
+    // Results of the daemon's back-end always say their feedback reference, null when unknown.
+    v("customProperties", self.customProperties,
+      upload::as("fbr", &ORVCustomSearchResult::fbr)
+          .when(self.customProperties || self.type == kTypeOrvex));
+    v("local_features", self.localFeatures, upload::ifPresent);
+    v("corrected_query", self.correctedQuery, upload::ifPresent);
     v("static_correction", self.staticCorrection);
-    v("queryId", self.queryId);
-    v("title", self.title);
-    v("punchout", self.punchout);
-    v("actionPunchout", self.actionPunchout);
+    v("queryId", self.queryId, upload::skip);
+    v("title", self.title, upload::skip);
+    v("punchout", self.punchout, upload::skip);
+    v("actionPunchout", self.actionPunchout, upload::skip);
   }
+
+ private:
+  // The result's bundle identifier, else its application's; that of a local application is
+  // never disclosed.
+  static void uploadBundleId(const NBSearchResult& result, FeedbackDictionary& d);
 };
+
+// The client query identifier of the first of `results`, 0 when there is none.
+uint64_t firstResultQueryId(const std::optional<std::vector<NBSearchResult>>& results);
 
 struct NBResultSection {
   static constexpr std::array<std::string_view, 1> kClassNames = {"NBResultSection"};
@@ -127,7 +137,6 @@ struct NBResultSection {
   std::optional<std::string> bundleIdentifier;
   std::optional<std::vector<NBSearchResult>> results;
 
-  FeedbackDictionary dictionary() const;
   // The client query identifier of the first result, 0 when there is none.
   uint64_t firstResultQueryId() const;
 
@@ -148,14 +157,12 @@ struct NBResultRankingFeedback {
   std::optional<std::vector<NBSearchResult>> hiddenResults;
   std::optional<std::vector<NBSearchResult>> duplicateResults;
 
-  FeedbackDictionary dictionary() const;
-
   template <class V, class Self>
   static void visit(V& v, Self& self) {
-    v("result", self.result);
+    v("result", self.result, upload::flatten);
     v("local_result_position", self.localResultPosition);
-    v("hidden_results", self.hiddenResults);
-    v("duplicate_results", self.duplicateResults);
+    v("hidden_results", self.hiddenResults, upload::ifPresent);
+    v("duplicate_results", self.duplicateResults, upload::ifPresent);
   }
 };
 
@@ -166,11 +173,10 @@ struct NBSectionRankingFeedback {
   int64_t localSectionPosition = 0;
   std::optional<std::vector<NBResultRankingFeedback>> results;
 
-  FeedbackDictionary dictionary() const;
-
+  // The section's keys come first; its "results" keeps its place with the ranked results.
   template <class V, class Self>
   static void visit(V& v, Self& self) {
-    v("section", self.section);
+    v("section", self.section, upload::flatten);
     v("local_section_position", self.localSectionPosition);
     v("results", self.results);
   }
@@ -192,16 +198,14 @@ struct NBSearchSuggestion {
   std::optional<std::string> query;  // the query the suggestion completes
   std::optional<std::string> fbr;    // ORVSearchSuggestion only
 
-  FeedbackDictionary dictionary() const;
-
   template <class V, class Self>
   static void visit(V& v, Self& self) {
     v("id", self.identifier);
     v("suggestion", self.suggestion);
     v("score", self.score);
     v.enumeration("suggestion_type", self.type, suggestionTypes());
-    v("query", self.query);
-    v("fbr", self.fbr);
+    v("query", self.query, upload::skip);
+    v("fbr", self.fbr, upload::when(self.recordClass == Class::kORVSearchSuggestion));
   }
 };
 
@@ -218,19 +222,5 @@ struct NBCardSection {
     v("id", self.identifier);
   }
 };
-
-// The dictionaries of `records`, in order.
-template <typename T>
-FeedbackArray dictionariesOf(const std::vector<T>& records) {
-  FeedbackArray array;
-  array.reserve(records.size());
-  for (const auto& record : records) array.push_back(record.dictionary());
-  return array;
-}
-// The same, or null when there is no list.
-template <typename T>
-FeedbackValue dictionariesOf(const std::optional<std::vector<T>>& records) {
-  return records ? FeedbackValue(dictionariesOf(*records)) : FeedbackValue();
-}
 
 }  // namespace orvex

@@ -2,12 +2,6 @@
 
 namespace orvex {
 
-FeedbackDictionary OrvexSessionEndFeedback::dictionary() const {
-  FeedbackDictionary d(4);
-  d.set("reason", FeedbackValue::name(reasons().nameAt(reason)));
-  return d;
-}
-
 OrvexSessionMissingResults OrvexSessionMissingResults::initWithMissingResults(
     std::vector<NBSearchResult> results) {
   OrvexSessionMissingResults record;
@@ -15,23 +9,11 @@ OrvexSessionMissingResults OrvexSessionMissingResults::initWithMissingResults(
   return record;
 }
 
-FeedbackDictionary OrvexSessionMissingResults::dictionary() const {
-  FeedbackDictionary d(3);
-  d.set("results", dictionariesOf(results));
-  return d;
-}
-
 OrvexSessionMissingSuggestions OrvexSessionMissingSuggestions::initWithMissingSuggestions(
     std::vector<NBSearchSuggestion> suggestions) {
   OrvexSessionMissingSuggestions record;
   record.suggestions = std::move(suggestions);
   return record;
-}
-
-FeedbackDictionary OrvexSessionMissingSuggestions::dictionary() const {
-  FeedbackDictionary d(3);
-  d.set("suggestions", dictionariesOf(suggestions));
-  return d;
 }
 
 }  // namespace orvex

@@ -8,7 +8,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "orvexd/model/nb_feedback.h"
+#include "orvexd/model/feedback_record.h"
+#include "orvexd/model/nb_search_records.h"
 
 namespace orvex {
 
@@ -27,13 +28,11 @@ enum OrvexSessionEndReason : uint32_t {
 class OrvexSessionEndFeedback : public FeedbackRecord<OrvexSessionEndFeedback, NBFeedback> {
  public:
   static constexpr std::string_view kClassName = "OrvexSessionEndFeedback";
+  static constexpr NBFeedbackType kType = NBFeedbackType::kSessionEnd;
+  static constexpr bool kRequiresQueryId = false;
   static constexpr FeedbackTable reasons() { return feedback_tables::kSessionEndReasons; }
 
   uint32_t reason = kOrvexSessionEndNoPreviousSession;  // reasons()
-
-  NBFeedbackType type() const override { return NBFeedbackType::kSessionEnd; }
-  bool requiresQueryId() const override { return false; }
-  FeedbackDictionary dictionary() const override;
 
   template <class V, class Self>
   static void visit(V& v, Self& self) {
@@ -46,14 +45,12 @@ class OrvexSessionEndFeedback : public FeedbackRecord<OrvexSessionEndFeedback, N
 class OrvexSessionMissingResults : public FeedbackRecord<OrvexSessionMissingResults, NBFeedback> {
  public:
   static constexpr std::string_view kClassName = "OrvexSessionMissingResults";
+  static constexpr NBFeedbackType kType = NBFeedbackType::kSessionMissingResults;
+  static constexpr bool kRequiresQueryId = false;
 
   std::vector<NBSearchResult> results;
 
   static OrvexSessionMissingResults initWithMissingResults(std::vector<NBSearchResult> results);
-
-  NBFeedbackType type() const override { return NBFeedbackType::kSessionMissingResults; }
-  bool requiresQueryId() const override { return false; }
-  FeedbackDictionary dictionary() const override;
 
   template <class V, class Self>
   static void visit(V& v, Self& self) {
@@ -67,15 +64,13 @@ class OrvexSessionMissingSuggestions
     : public FeedbackRecord<OrvexSessionMissingSuggestions, NBFeedback> {
  public:
   static constexpr std::string_view kClassName = "OrvexSessionMissingSuggestions";
+  static constexpr NBFeedbackType kType = NBFeedbackType::kSessionMissingSuggestions;
+  static constexpr bool kRequiresQueryId = false;
 
   std::vector<NBSearchSuggestion> suggestions;
 
   static OrvexSessionMissingSuggestions initWithMissingSuggestions(
       std::vector<NBSearchSuggestion> suggestions);
-
-  NBFeedbackType type() const override { return NBFeedbackType::kSessionMissingSuggestions; }
-  bool requiresQueryId() const override { return false; }
-  FeedbackDictionary dictionary() const override;
 
   template <class V, class Self>
   static void visit(V& v, Self& self) {
@@ -88,9 +83,8 @@ class OrvexSessionMissingSuggestions
 class OrvexConnectionInvalidated : public FeedbackRecord<OrvexConnectionInvalidated, NBFeedback> {
  public:
   static constexpr std::string_view kClassName = "OrvexConnectionInvalidated";
-
-  NBFeedbackType type() const override { return NBFeedbackType::kConnectionInvalidated; }
-  bool requiresQueryId() const override { return false; }
+  static constexpr NBFeedbackType kType = NBFeedbackType::kConnectionInvalidated;
+  static constexpr bool kRequiresQueryId = false;
 };
 
 }  // namespace orvex

@@ -38,14 +38,14 @@ class SessionProcessingHelper {
 
 // Walks a record's fields (as its visit() lists them) and hands each result and suggestion,
 // nested ones first, to the helper, rewriting their identifiers.
-class IdentifierRewriter {
+class IdentifierRewriter : public feedback_codec::PassesOverUploadEntries {
  public:
   explicit IdentifierRewriter(SessionProcessingHelper& helper) : helper_(helper) {}
 
   bool changed() const { return changed_; }
 
   template <typename T>
-  void operator()(std::string_view, T& value) {
+  void operator()(std::string_view, T& value, const auto&... /*upload*/) {
     if constexpr (feedback_codec::Optional<T>) {
       if (value) (*this)({}, *value);
     } else if constexpr (feedback_codec::Vector<T>) {
@@ -60,7 +60,7 @@ class IdentifierRewriter {
       }
     }
   }
-  void enumeration(std::string_view, uint32_t&, FeedbackTable) {}
+  void enumeration(std::string_view, uint32_t&, FeedbackTable, const auto&...) {}
 
   void rewrite(std::optional<std::string>& identifier) {
     if (!identifier) return;

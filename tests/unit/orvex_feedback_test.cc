@@ -1,0 +1,145 @@
+// The envelope of a record: its archive form and the refusal of malformed archives, its times,
+// processing and properties, and text that is not UTF-8.
+#include "orvexd/model/orvex_feedback.h"
+
+#include <gtest/gtest.h>
+
+namespace orvex {
+namespace {
+
+using nlohmann::json;
+
+void expectRefused(const OrvexError& error, const std::string& reason) {
+  EXPECT_EQ(std::tie(error.domain, error.code), std::tuple("ORVErrorDomain", 500));
+  EXPECT_NE(error.reason.find(reason), std::string::npos) << error.reason;
+}
+
+PlistDictionary& recordOf(PlistDictionary& envelope) {
+  return *envelope["feedback"].asDictionary();
+}
+
+TEST(FeedbackEnvelope, MalformedArchivesAreRefusedWithTheirReason) {
+  auto record = std::make_shared<NBClearInputFeedback>();
+  record->triggerEvent = 1;
+  const PlistDictionary base = OrvexFeedback::initWithFeedback(record, 3, {}, "a").archiveForm();
+  struct Case {
+    void (*change)(PlistDictionary&);
+    const char* reason;
+  };
+  const Case cases[] = {
+      {[](PlistDictionary& d) { d["$class"] = "NSObject"; }, "$class: not \"OrvexFeedback\""},
+      {[](PlistDictionary& d) { d.erase("feedback"); }, "feedback: missing"},
+      {[](PlistDictionary& d) { d.erase("query_id"); }, "query_id: missing"},
+      {[](PlistDictionary& d) { d["user_agent"] = 5; }, "user_agent: not a string"},
+      {[](PlistDictionary& d) { d["_clientQueryId"] = -2; }, "_clientQueryId: out of range"},
+      {[](PlistDictionary& d) { recordOf(d)["trigger_event"] = 1.0; },
+       "feedback: invalid feedback record: trigger_event: not an integer"},
+      {[](PlistDictionary& d) {
+         recordOf(d) = {{"$class", "NBCustomFeedback"}, {"customType", 0}, {"jsonFeedback", "{"}};
+         recordOf(d)["timestamp"] = 1;
+       },
+       "jsonFeedback: not JSON text"},
+      {[](PlistDictionary& d) {
+         recordOf(d) = {{"$class", "NBEndNetworkSearchFeedback"}, {"timestamp", 1}};
+         recordOf(d)["response_size"] = 1;
+         recordOf(d)["status_code"] = 200;
+         recordOf(d)["network_timing_data"] = PlistDictionary{{"when", PlistDate{}}};
+       },
+       "a date"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.reason);
+    PlistDictionary form = base;
+    c.change(form);
+    auto read = OrvexFeedback::fromArchiveData(
+        serializePropertyList(PlistValue(form), PlistFormat::kBinary));
+    ASSERT_FALSE(read);
+    expectRefused(read.error(), c.reason);
+  }
+  const std::vector<uint8_t> garbage = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 1, 2};
+  expectRefused(OrvexFeedback::fromArchiveData(garbage).error(), "not a property list");
+  expectRefused(OrvexFeedback::fromArchiveForm(PlistValue(PlistArray{})).error(),
+                "not a dictionary");
+}
+
+// Replaces "r1" and notes what it is told, in order.
+class RecordingHelper : public SessionProcessingHelper {
+ public:
+  std::optional<std::string> replacementForIdentifier(std::string_view id) override {
+    return id == "r1" ? std::optional<std::string>("p1") : std::nullopt;
+  }
+  void identifierReferenced(std::string_view id, const NBSearchResult&) override {
+    seen.append(" result ").append(id);
+  }
+  void identifierReferenced(std::string_view id, const NBSearchSuggestion&) override {
+    seen.append(" suggestion ").append(id);
+  }
+  void identifierExpanded(std::string_view id) override { seen.append(" expanded ").append(id); }
+  std::vector<NBSearchResult> missingResults() override { return {}; }
+  std::vector<NBSearchSuggestion> missingSuggestions() override { return {}; }
+  std::string seen;
+};
+
+TEST(FeedbackEnvelope, EnvelopeTimestampsOrderingProcessingAndProperties) {
+  auto start = std::make_shared<NBStartSearchFeedback>();
+  start->timestamp = 2'500'000'000;  // 2500 ms of the record's own clock
+  start->queryId = 9;
+  auto envelope = OrvexFeedback::initWithFeedback(start, 5, {}, "news/1.0");
+  envelope.setRelTimestamp(40);
+  EXPECT_EQ(envelope.dictionary().toJson()["timestamp"], 40);
+  EXPECT_EQ(envelope.description(),
+            R"({"trigger_event":"unknown","input":null,"uuid":null,"query_id":5,)"
+            R"("type":"search_start","timestamp":2500})");  // a client query id of 0 is none
+
+  // Ordered by the records' own clocks.
+  auto earlier = std::make_shared<NBFeedback>();
+  earlier->timestamp = 10;
+  const auto first = OrvexFeedback::initWithFeedback(earlier, 9, {}, "");
+  EXPECT_TRUE(OrvexFeedback::timeStampComparator(first, envelope) < 0);
+  EXPECT_TRUE(OrvexFeedback::timeStampComparator(envelope, first) > 0);
+  EXPECT_TRUE(OrvexFeedback::timeStampComparator(first, first) == 0);
+
+  // Processing reports every result and the engaged one, and rewrites on a copy.
+  auto engagement = std::make_shared<NBResultEngagementFeedback>();
+  engagement->result.emplace().identifier = "r1";
+  RecordingHelper helper;
+  const auto processed =
+      OrvexFeedback::initWithFeedback(engagement, 1, {}, "Glance/1").process(helper);
+  EXPECT_EQ(helper.seen, " expanded r1 result r1");
+  EXPECT_EQ(processed.dictionary().toJson()["result"]["id"], "p1");
+  EXPECT_EQ(engagement->result->identifier, "r1");
+  auto suggestions = std::make_shared<NBVisibleSuggestionsFeedback>();
+  suggestions->suggestions.emplace(1).front().identifier = "sg2";
+  const auto unchanged = OrvexFeedback::initWithFeedback(suggestions, 1, {}, "").process(helper);
+  EXPECT_EQ(unchanged.feedback(), suggestions);
+  EXPECT_EQ(helper.seen, " expanded r1 result r1 suggestion sg2");
+
+  const auto properties = dictionaryWithPropertiesOfObject(envelope);
+  EXPECT_EQ(properties.at("userGuid"), "");
+  EXPECT_EQ(properties.at("relTimestamp"), "40");
+  const auto fields = dictionaryWithPropertiesOfObject(*start);
+  EXPECT_EQ(fields.at("input"), "");
+  EXPECT_EQ(fields.at("queryId"), "9");
+
+  // A nil record is logged and kept as an empty base record, never dereferenced.
+  EXPECT_EQ(OrvexFeedback::initWithFeedback(nullptr, 1, {}, "").type(), NBFeedbackType::kUnknown);
+}
+
+// Text the daemon got from elsewhere (a server's header, say) may not be UTF-8: it is written as
+// U+FFFD rather than losing the record.
+TEST(FeedbackEnvelope, TextThatIsNotUtf8StillUploadsAndArchives) {
+  auto start = std::make_shared<NBStartNetworkSearchFeedback>();
+  start->headers = FeedbackStringMap{{"X-Odd", std::string("caf\xe9\0", 5)}};
+  start->input = "quote \" backslash \\ tab \t bell \x07";
+  const auto envelope = OrvexFeedback::initWithFeedback(start, 1, {}, "ua");
+  const json upload = json::parse(envelope.dictionary().dump());
+  EXPECT_EQ(upload["headers"]["X-Odd"], std::string("caf\xEF\xBF\xBD\0", 7));
+  EXPECT_EQ(upload["input"], *start->input);
+  auto stored = OrvexFeedback::fromArchiveData(envelope.archiveData());
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored.value().dictionary().toJson()["headers"]["X-Odd"],
+            "caf\xEF\xBF\xBD\xEF\xBF\xBD");
+}
+
+}  // namespace
+}  // namespace orvex
