@@ -117,7 +117,7 @@ struct FakeGeoClue::Impl {
     for (const auto& [name, value] :
          {std::pair{"Latitude", location.latitude}, std::pair{"Longitude", location.longitude},
           std::pair{"Accuracy", location.accuracy}}) {
-      object->registerProperty(name).onInterface(kLocationInterface).withGetter([value] {
+      object->registerProperty(name).onInterface(kLocationInterface).withGetter([value = value] {
         return value;
       });
     }
