@@ -144,17 +144,26 @@ class StandardErrorSink final : public spdlog::sinks::base_sink<std::mutex> {
   void flush_() override {}
 };
 
+// "NAME=value", built by appending: GCC 12 warns wrongly (-Warray-bounds) about operator+ on
+// short constant strings.
+std::string journalField(std::string_view name, std::string_view value) {
+  std::string field;
+  field.reserve(name.size() + value.size());
+  field.append(name).append(value);
+  return field;
+}
+
 // Native journal entries carrying the subsystem and category as their own fields, so that
 // `journalctl ORVEX_CATEGORY=Orvex_Bag` selects one category.
 class JournalSink final : public spdlog::sinks::base_sink<std::mutex> {
  protected:
   void sink_it_(const spdlog::details::log_msg& msg) override {
     const LogLevel level = fromSpdlogLevel(msg.level);
-    const std::string message = "MESSAGE=" + std::string(payloadOf(msg));
-    const std::string priority = "PRIORITY=" + std::to_string(journalPriority(level));
-    const std::string identifier = "SYSLOG_IDENTIFIER=" + std::string(kSyslogIdentifier);
-    const std::string subsystem = std::string("ORVEX_SUBSYSTEM=") + kOrvexLogSubsystem;
-    const std::string category = "ORVEX_CATEGORY=" + std::string(categoryOf(msg));
+    const std::string message = journalField("MESSAGE=", payloadOf(msg));
+    const std::string priority = journalField("PRIORITY=", std::to_string(journalPriority(level)));
+    const std::string identifier = journalField("SYSLOG_IDENTIFIER=", kSyslogIdentifier);
+    const std::string subsystem = journalField("ORVEX_SUBSYSTEM=", kOrvexLogSubsystem);
+    const std::string category = journalField("ORVEX_CATEGORY=", categoryOf(msg));
     constexpr size_t kFieldCount = 5;
     const std::array<const std::string*, kFieldCount> fields = {&message, &priority, &identifier,
                                                                 &subsystem, &category};
@@ -231,9 +240,10 @@ void applyEnvironment(LoggingState& state) {
     } else if (state.unknown_level_reported != requested) {
       // Said once, not at every reconfiguration; a different unknown name is said again.
       state.unknown_level_reported = requested;
-      writeAll(STDERR_FILENO, std::string(kSyslogIdentifier) + ": ORVEXD_LOG_LEVEL \"" + requested +
-                                  "\" is not one of debug, info, default, error, fault; using "
-                                  "\"default\"\n");
+      std::string warning(kSyslogIdentifier);
+      warning.append(": ORVEXD_LOG_LEVEL \"").append(requested);
+      warning.append("\" is not one of debug, info, default, error, fault; using \"default\"\n");
+      writeAll(STDERR_FILENO, warning);
     }
   }
   g_threshold.store(static_cast<int>(threshold));
@@ -378,6 +388,8 @@ void OrvexLog::write(LogLevel level, std::string_view message) const {
   const bool to_sink = enabled(level);
   const bool to_observers = observed();
   if (!to_sink && !to_observers) return;
+  const auto sanitized = sanitizedLogLine(message);
+  if (sanitized) message = *sanitized;
   if (to_sink) {
     impl_->logger->log(spdlog::source_loc{}, toSpdlogLevel(level),
                        spdlog::string_view_t(message.data(), message.size()));

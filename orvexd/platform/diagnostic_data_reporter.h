@@ -37,6 +37,8 @@ inline constexpr std::string_view kORVCounterFileSizeExceeded =
     "com.zelmor.orvexd.filesizeexceeded";
 inline constexpr std::string_view kORVCounterFileTooLarge = "com.zelmor.orvexd.filetoolarge";
 inline constexpr std::string_view kORVCounterFileTooOld = "com.zelmor.orvexd.filetooold";
+// Feedback records a client sent that were refused: over the size bound, or not a record.
+inline constexpr std::string_view kORVCounterRecordsRefused = "com.zelmor.orvexd.records.refused";
 inline constexpr std::string_view kORVCounterFBRequestTimedOut =
     "com.zelmor.orvexd.fbrequesttimedout";
 inline constexpr std::string_view kORVCounterDPSubmit = "com.zelmor.orvexd.dp.submit";
