@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 
 #include "orvexd/base/text_util.h"
@@ -458,6 +459,48 @@ std::string formatLogMessage(std::string_view format, std::span<const LogArg> ar
     appendConversion(out, directive, args[next_arg++]);
   }
   return out;
+}
+
+std::optional<std::string> sanitizedLogLine(std::string_view message, size_t maxBytes) {
+  const auto isControl = [](unsigned char c) { return (c < 0x20 && c != '\t') || c == 0x7f; };
+  bool clean = message.size() <= maxBytes;
+  for (size_t i = 0; clean && i < message.size(); ++i) {
+    clean = !isControl(static_cast<unsigned char>(message[i]));
+  }
+  if (clean) return std::nullopt;
+
+  std::string line;
+  line.reserve(std::min(message.size(), maxBytes) + 32);
+  size_t used = 0;
+  for (; used < message.size(); ++used) {
+    const auto c = static_cast<unsigned char>(message[used]);
+    if (!isControl(c)) {
+      if (line.size() + 1 > maxBytes) break;
+      line += static_cast<char>(c);
+      continue;
+    }
+    char escaped[5];
+    if (c == '\n') {
+      std::snprintf(escaped, sizeof escaped, "\\n");
+    } else if (c == '\r') {
+      std::snprintf(escaped, sizeof escaped, "\\r");
+    } else {
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+    }
+    if (line.size() + std::strlen(escaped) > maxBytes) break;
+    line += escaped;
+  }
+  if (used < message.size()) {
+    // Back off to the start of a UTF-8 character rather than split one (multi-byte characters
+    // are copied byte for byte, never escaped).
+    while (used > 0 && !line.empty() &&
+           (static_cast<unsigned char>(message[used]) & 0xC0) == 0x80) {
+      line.pop_back();
+      --used;
+    }
+    line += "... [" + std::to_string(message.size() - used) + " bytes cut]";
+  }
+  return line;
 }
 
 }  // namespace orvex

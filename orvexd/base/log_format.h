@@ -95,6 +95,15 @@ class LogArg {
 // "(missing)"; arguments left over are ignored; an unknown conversion is copied as it stands.
 std::string formatLogMessage(std::string_view format, std::span<const LogArg> args);
 
+// The longest log line written; the rest of a longer one is cut and counted in the line.
+inline constexpr size_t kMaxLogLineBytes = 4096;
+
+// `message` as one safe log line: control characters escaped ("\n", "\r", "\x1b"), so that
+// text from a client or the network cannot forge lines or steer a terminal, and cut after
+// `maxBytes` (on a character boundary) with "... [N bytes cut]". None when it is fine as it is.
+std::optional<std::string> sanitizedLogLine(std::string_view message,
+                                            size_t maxBytes = kMaxLogLineBytes);
+
 template <typename... Args>
 std::string formatLog(std::string_view format, const Args&... args) {
   if constexpr (sizeof...(Args) == 0) {

@@ -388,6 +388,8 @@ void OrvexLog::write(LogLevel level, std::string_view message) const {
   const bool to_sink = enabled(level);
   const bool to_observers = observed();
   if (!to_sink && !to_observers) return;
+  const auto sanitized = sanitizedLogLine(message);
+  if (sanitized) message = *sanitized;
   if (to_sink) {
     impl_->logger->log(spdlog::source_loc{}, toSpdlogLevel(level),
                        spdlog::string_view_t(message.data(), message.size()));

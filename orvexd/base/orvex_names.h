@@ -65,6 +65,12 @@ inline constexpr const char* kORVNoQueryCacheKey = "ORVNoQueryCache";
 inline constexpr const char* kORVBagURLKey = "ORVBagURL";
 inline constexpr const char* kORVDebugParametersKey = "ORVDebugParameters";
 inline constexpr const char* kTraceEnabledKey = "TraceEnabled";
+// Bounds on client input (InputLimits).
+inline constexpr const char* kORVMaxIdentifierLengthKey = "ORVMaxIdentifierLength";
+inline constexpr const char* kORVMaxUserAgentLengthKey = "ORVMaxUserAgentLength";
+inline constexpr const char* kORVMaxQueryLengthKey = "ORVMaxQueryLength";
+inline constexpr const char* kORVMaxQueryItemsKey = "ORVMaxQueryItems";
+inline constexpr const char* kORVMaxRecordBytesKey = "ORVMaxRecordBytes";
 
 // Device overrides of what the system says, for integrators and testing: the device country
 // (replaces the locale's region), the store front, the keyboard input mode and the screen scale

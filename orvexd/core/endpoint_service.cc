@@ -76,12 +76,24 @@ void EndpointService::exportEndpoint() {
           self->noteCaller(*endpointObject->getCurrentlyProcessedMessage());
           // Read on the bus thread: what crosses to the pool are plain values.
           auto form = dbus::requestFromDBus(requestForm);
-          if (!form.request) {
-            if (!form.problem.empty()) reply.fail(kOrvexErrorInvalidArgument, form.problem);
-            return;  // an unknown kind is dropped
+          if (form.request) {
+            if (auto over = requestProblem(*form.request, self->assembly_.inputLimits)) {
+              form.problem = *over;
+            }
           }
+          if (!form.problem.empty()) {
+            reply.fail(kOrvexErrorInvalidArgument, form.problem);
+            return;
+          }
+          if (!form.request) return;  // an unknown kind is dropped
           std::string problem;
           auto configuration = dbus::configurationFromDBus(configurationForm, &problem);
+          if (configuration) {
+            if (auto over = configurationProblem(*configuration, self->assembly_.inputLimits)) {
+              reply.fail(kOrvexErrorInvalidArgument, *over);
+              return;
+            }
+          }
           self->assembly_.workerPool->post([self, reply, request = std::move(*form.request),
                                             configuration = std::move(configuration),
                                             described = describeConfiguration(configurationForm)] {

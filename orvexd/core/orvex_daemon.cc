@@ -100,6 +100,22 @@ std::shared_ptr<HttpSession> makeBagSession(Assembly& assembly) {
                                        assembly.fileManager->temporaryDirectory().string());
 }
 
+// The bounds on client input, each overridable by its defaults key.
+InputLimits readInputLimits(const DefaultsStore& defaults) {
+  InputLimits limits;
+  const auto read = [&defaults](const char* key, size_t& bound) {
+    if (const int64_t value = defaults.integerForKey(key); value > 0) {
+      bound = static_cast<size_t>(value);
+    }
+  };
+  read(kORVMaxIdentifierLengthKey, limits.identifierLength);
+  read(kORVMaxUserAgentLengthKey, limits.userAgentLength);
+  read(kORVMaxQueryLengthKey, limits.queryStringLength);
+  read(kORVMaxQueryItemsKey, limits.queryItemCount);
+  read(kORVMaxRecordBytesKey, limits.recordBytes);
+  return limits;
+}
+
 // Builds every component in start-up order, each receiving the Assembly, and fills every field
 // of the Assembly. Nothing else writes into it: once this returns it is only read.
 std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
@@ -112,6 +128,7 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   assembly->notificationCenter = std::make_shared<NotificationCenter>();
   assembly->systemNotifier = std::make_shared<BusSystemNotifier>(bus);
   assembly->sharedSession = assembly->userDefaults->boolForKey(kORVSharedSessionKey);
+  assembly->inputLimits = readInputLimits(*assembly->userDefaults);
 
   assembly->urlSession = makeMainSession(*assembly);
   auto requestFactory = std::make_shared<ORVNetworkRequestFactory>(
@@ -197,7 +214,12 @@ int OrvexDaemon::run() {
   pool->post([center = assembly_->notificationCenter] { center->post(kORVStartupNotification); });
 
   installSignalSources();
-  bus_->runEventLoop();
+  if (!bus_->runEventLoop()) {
+    // The bus has gone (logout, a bus restart): without it no client can reach the daemon, and
+    // whatever must survive is already on disk. Leave at once, as on SIGTERM.
+    flushLogs();
+    std::_Exit(EXIT_SUCCESS);
+  }
   return EXIT_SUCCESS;
 }
 

@@ -14,6 +14,7 @@
 #include "orvexd/client/dbus_forms.h"
 #include "orvexd/core/client_connection.h"
 #include "orvexd/model/assembly.h"
+#include "orvexd/model/input_limits.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
 #include "orvexd/platform/clock.h"
@@ -26,6 +27,7 @@ namespace orvex {
 namespace {
 
 const OrvexLog& connectionLog() { return OrvexLogForCategory(kOrvexLogConnection); }
+const OrvexLog& feedbackLog() { return OrvexLogForCategory(kOrvexLogFeedback); }
 
 using Dict = dbus::Dict;
 
@@ -148,7 +150,8 @@ OrvexService::OrvexService(Assembly& assembly, BusConnection& bus)
     : assembly_(assembly),
       bus_(bus),
       callPool_(kCallThreads),
-      queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock) {}
+      queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock),
+      limits_(assembly.inputLimits) {}
 
 OrvexService::~OrvexService() = default;
 
@@ -294,26 +297,31 @@ void OrvexService::exportDaemonInterface() {
       .onInterface(kOrvexDaemonInterface)
       .withInputParamNames("configuration")
       .withOutputParamNames("endpoint")
-      .implementedAs([dispatch, &bus](sdbus::Result<sdbus::ObjectPath>&& result, Dict form) {
-        runBusHandler("Configure", [&] {
-          BusReply<sdbus::ObjectPath> reply(bus, std::move(result));
-          std::string problem;
-          auto configuration = dbus::configurationFromDBus(form, &problem);
-          if (!configuration) {
-            reply.fail(kOrvexErrorInvalidArgument, problem);
-            return;
-          }
-          dispatch([reply, configuration = std::move(*configuration)](ClientConnection& c) {
-            c.configure(configuration, [reply](std::optional<std::string> endpoint) {
-              if (endpoint) {
-                reply.send(sdbus::ObjectPath(*endpoint));
-              } else {
-                reply.fail(kOrvexErrorConnectionInvalidated, "invalid configuration");
+      .implementedAs(
+          [dispatch, &bus, limits = limits_](sdbus::Result<sdbus::ObjectPath>&& result, Dict form) {
+            runBusHandler("Configure", [&] {
+              BusReply<sdbus::ObjectPath> reply(bus, std::move(result));
+              std::string problem;
+              auto configuration = dbus::configurationFromDBus(form, &problem);
+              if (!configuration) {
+                reply.fail(kOrvexErrorInvalidArgument, problem);
+                return;
               }
+              if (auto over = configurationProblem(*configuration, limits)) {
+                reply.fail(kOrvexErrorInvalidArgument, *over);
+                return;
+              }
+              dispatch([reply, configuration = std::move(*configuration)](ClientConnection& c) {
+                c.configure(configuration, [reply](std::optional<std::string> endpoint) {
+                  if (endpoint) {
+                    reply.send(sdbus::ObjectPath(*endpoint));
+                  } else {
+                    reply.fail(kOrvexErrorConnectionInvalidated, "invalid configuration");
+                  }
+                });
+              });
             });
           });
-        });
-      });
 
   object_->registerMethod("Bag")
       .onInterface(kOrvexDaemonInterface)
@@ -335,10 +343,14 @@ void OrvexService::exportDaemonInterface() {
   // call a front-end makes on every keystroke.
   object_->registerMethod(
       kOrvexDaemonInterface, "Request", "a{sv}", {"request"}, "xa{sv}a{sv}",
-      {"query_id", "reply", "error"}, [dispatch, dispatchQuery, &bus](sdbus::MethodCall call) {
+      {"query_id", "reply", "error"},
+      [dispatch, dispatchQuery, &bus, limits = limits_](sdbus::MethodCall call) {
         runBusHandler("Request", [&] {
           auto parsed = dbus::readRequest(call);
           BusCall reply(bus, std::move(call));
+          if (parsed.problem.empty() && parsed.request) {
+            if (auto over = requestProblem(*parsed.request, limits)) parsed.problem = *over;
+          }
           if (!parsed.problem.empty()) {
             reply.fail(kOrvexErrorInvalidArgument, parsed.problem);
             return;
@@ -365,16 +377,26 @@ void OrvexService::exportDaemonInterface() {
       .onInterface(kOrvexDaemonInterface)
       .withInputParamNames("event", "query_id", "feedback")
       .withNoReply()
-      .implementedAs(
-          [dispatch](const std::string& event, int64_t queryId, const std::string& text) {
-            runBusHandler("ReportEvent", [&] {
-              auto record = NBFeedback::fromDBusText(text);
-              if (!record) return;  // the reader has logged why
-              dispatch([event, queryId, feedback = std::move(record).value()](ClientConnection& c) {
-                c.reportEvent(event, queryId, feedback);
-              });
-            });
+      .implementedAs([dispatch, limits = limits_](const std::string& event, int64_t queryId,
+                                                  const std::string& text) {
+        runBusHandler("ReportEvent", [&] {
+          if (text.size() > limits.recordBytes) {
+            feedbackLog().error("feedback record of %lu bytes refused, more than %lu",
+                                static_cast<unsigned long>(text.size()),
+                                static_cast<unsigned long>(limits.recordBytes));
+            OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterRecordsRefused);
+            return;
+          }
+          auto record = NBFeedback::fromDBusText(text);
+          if (!record) {  // the reader has logged why
+            OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterRecordsRefused);
+            return;
+          }
+          dispatch([event, queryId, feedback = std::move(record).value()](ClientConnection& c) {
+            c.reportEvent(event, queryId, feedback);
           });
+        });
+      });
 
   object_->registerMethod("Feedback")
       .onInterface(kOrvexDaemonInterface)

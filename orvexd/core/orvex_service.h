@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "orvexd/model/input_limits.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/worker_pool.h"
 
@@ -81,6 +82,7 @@ class OrvexService : public std::enable_shared_from_this<OrvexService> {
   std::map<std::string, std::shared_ptr<ClientConnection>> live_;  // bus thread
   std::shared_ptr<sdbus::IObject> object_;                         // set by start()
   std::unique_ptr<sdbus::IProxy> busDriver_;                       // set by start()
+  const InputLimits limits_;                                       // read once from the defaults
 };
 
 }  // namespace orvex

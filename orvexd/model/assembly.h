@@ -14,6 +14,8 @@
 
 #include <memory>
 
+#include "orvexd/model/input_limits.h"
+
 namespace orvex {
 
 class Clock;
@@ -72,6 +74,8 @@ class Assembly {
 
   // Value of the defaults key "ORVSharedSession".
   bool sharedSession = false;
+  // Bounds on what clients may send, from their defaults keys.
+  InputLimits inputLimits;
 };
 
 }  // namespace orvex

@@ -31,6 +31,8 @@ int pollTimeout(uint64_t deadlineMicroseconds) {
   return milliseconds > INT32_MAX ? INT32_MAX : static_cast<int>(milliseconds);
 }
 
+const OrvexLog& busLog() { return OrvexLogForCategory(kOrvexLogConnection); }
+
 }  // namespace
 
 BusConnection::BusConnection(std::unique_ptr<sdbus::IConnection> connection)
@@ -109,29 +111,51 @@ bool BusConnection::runPostedJobs() {
     jobs.swap(jobs_);
     stopping = stopping_;
   }
-  for (auto& job : jobs) job();
+  for (auto& job : jobs) {
+    // A job that fails (a reply the bus refuses, say) fails alone: the loop serves the others.
+    try {
+      job();
+    } catch (const sdbus::Error& e) {
+      busLog().error("a bus job failed: %@: %@", e.getName(), e.getMessage());
+    } catch (const std::exception& e) {
+      busLog().fault("a bus job failed: %s", e.what());
+    }
+  }
   return !stopping;
 }
 
-void BusConnection::runEventLoop() {
+bool BusConnection::runEventLoop() {
   loopThread_.store(std::this_thread::get_id());
-  for (;;) {
-    while (connection_->processPendingRequest()) {
+  try {
+    for (;;) {
+      while (connection_->processPendingRequest()) {
+      }
+      if (!runPostedJobs()) {
+        loopThread_.store(std::thread::id());
+        return true;
+      }
+      // A posted job may have queued messages or left requests to process: look again before
+      // sleeping, with the bus's current wishes.
+      if (connection_->processPendingRequest()) continue;
+      const sdbus::IConnection::PollData bus = connection_->getEventLoopPollData();
+      pollfd fds[2] = {{bus.fd, bus.events, 0}, {wakeup_.get(), POLLIN, 0}};
+      const int ready = ::poll(fds, 2, pollTimeout(bus.timeout_usec));
+      if (ready < 0 && errno != EINTR) {
+        throw std::system_error(errno, std::generic_category(), "poll on the session bus");
+      }
+      if (ready > 0 && (fds[0].revents & (POLLHUP | POLLERR)) != 0) {
+        // Let sd-bus see the hang-up and say why.
+        (void)connection_->processPendingRequest();
+        throw std::system_error(ECONNRESET, std::generic_category(), "the bus hung up");
+      }
     }
-    if (!runPostedJobs()) {
-      loopThread_.store(std::thread::id());
-      return;
-    }
-    // A posted job may have queued messages or left requests to process: look again before
-    // sleeping, with the bus's current wishes.
-    if (connection_->processPendingRequest()) continue;
-    const sdbus::IConnection::PollData bus = connection_->getEventLoopPollData();
-    pollfd fds[2] = {{bus.fd, bus.events, 0}, {wakeup_.get(), POLLIN, 0}};
-    const int ready = ::poll(fds, 2, pollTimeout(bus.timeout_usec));
-    if (ready < 0 && errno != EINTR) {
-      throw std::system_error(errno, std::generic_category(), "poll on the session bus");
-    }
+  } catch (const sdbus::Error& e) {
+    busLog().fault("lost the session bus connection: %@: %@", e.getName(), e.getMessage());
+  } catch (const std::exception& e) {
+    busLog().fault("lost the session bus connection: %s", e.what());
   }
+  loopThread_.store(std::thread::id());
+  return false;
 }
 
 std::unique_ptr<sdbus::IProxy> watchConnectionsLeaving(

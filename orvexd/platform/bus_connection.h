@@ -12,10 +12,12 @@
 #include <sdbus-c++/Error.h>
 #include <sdbus-c++/Message.h>
 #include <sdbus-c++/MethodResult.h>
+#include <sdbus-c++/Types.h>
 
 #include <atomic>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,6 +25,7 @@
 #include <string_view>
 #include <thread>
 #include <tuple>
+#include <vector>
 
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
@@ -46,8 +49,10 @@ class BusConnection {
   sdbus::IConnection& connection();
   // Owns `name`; fails (with the reason) when another connection owns it.
   bool requestName(const std::string& name, std::string* error);
-  // Dispatches bus messages and posted jobs on the calling thread until stop().
-  void runEventLoop();
+  // Dispatches bus messages and posted jobs on the calling thread until stop() (true) or until
+  // the connection to the bus is lost (false, logged at fault level). A posted job that throws
+  // is logged and the loop goes on.
+  bool runEventLoop();
   // Ends runEventLoop() once the jobs posted before it have run. Callable from any thread.
   void stop();
   // Runs `job` on the event-loop thread, after the jobs posted before it. Callable from any
@@ -91,7 +96,43 @@ auto runBusHandler(std::string_view member, F&& handler) -> decltype(handler()) 
   }
 }
 
+// The bus carries no message over 128 MiB and no array over 64 MiB, and drops a connection that
+// sends one. Replies are kept well under both: one estimated above this is refused with
+// com.zelmor.orvexd.Error.LimitsExceeded instead.
+inline constexpr size_t kMaxReplyBytes = size_t{32} << 20;
+
 namespace detail {
+
+// What a value takes on the wire, near enough to keep replies under kMaxReplyBytes: strings and
+// containers by their contents, anything else as a small fixed amount.
+template <typename T>
+size_t wireSize(const T&) {
+  return 8;
+}
+inline size_t wireSize(const std::string& text) { return text.size() + 5; }
+inline size_t wireSize(const sdbus::Variant& value) {
+  return value.containsValueOfType<std::string>() ? wireSize(value.get<std::string>()) : 16;
+}
+template <typename T>
+size_t wireSize(const std::vector<T>& values);
+template <typename K, typename V>
+size_t wireSize(const std::map<K, V>& values);
+template <typename... T>
+size_t wireSize(const std::tuple<T...>& values) {
+  return std::apply([](const auto&... each) { return (size_t{0} + ... + wireSize(each)); }, values);
+}
+template <typename T>
+size_t wireSize(const std::vector<T>& values) {
+  size_t size = 4;
+  for (const auto& value : values) size += wireSize(value);
+  return size;
+}
+template <typename K, typename V>
+size_t wireSize(const std::map<K, V>& values) {
+  size_t size = 4;
+  for (const auto& [key, value] : values) size += 8 + wireSize(key) + wireSize(value);
+  return size;
+}
 
 // A call waiting for its reply, shared by the copies of its BusReply or BusCall. sd-bus messages
 // belong to the bus thread (their reference counts are not atomic): the reply is made there, and
@@ -139,7 +180,17 @@ class BusReply {
   template <typename F>
   void sendFrom(F make) const {
     Call::replyOnce(call_, [make = std::move(make)](sdbus::Result<Results...>& result) {
-      std::apply([&result](const auto&... args) { result.returnResults(args...); }, make());
+      const auto values = make();
+      if (const size_t size = detail::wireSize(values); size > kMaxReplyBytes) {
+        OrvexLogForCategory(kOrvexLogConnection)
+            .error("reply of %lu bytes refused, more than %lu", static_cast<unsigned long>(size),
+                   static_cast<unsigned long>(kMaxReplyBytes));
+        result.returnError(sdbus::Error(
+            kOrvexErrorLimitsExceeded,
+            "the reply would be " + std::to_string(size) + " bytes, more than the bus carries"));
+        return;
+      }
+      std::apply([&result](const auto&... args) { result.returnResults(args...); }, values);
     });
   }
   // For results that hold no sd-bus values.

@@ -29,6 +29,8 @@ inline constexpr std::string_view kORVCounterFileSizeExceeded =
     "com.zelmor.orvexd.filesizeexceeded";
 inline constexpr std::string_view kORVCounterFileTooLarge = "com.zelmor.orvexd.filetoolarge";
 inline constexpr std::string_view kORVCounterFileTooOld = "com.zelmor.orvexd.filetooold";
+// Feedback records a client sent that were refused: over the size bound, or not a record.
+inline constexpr std::string_view kORVCounterRecordsRefused = "com.zelmor.orvexd.records.refused";
 inline constexpr std::string_view kORVCounterDPSubmit = "com.zelmor.orvexd.dp.submit";
 inline constexpr std::string_view kORVCounterDPRecord = "com.zelmor.orvexd.dp.record";
 inline constexpr std::string_view kORVCounterDPNormalizedLinkWhitelistedBlacklisted =

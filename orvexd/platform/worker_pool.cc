@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "orvexd/base/orvex_logging.h"
+
 namespace orvex {
 
 namespace {
@@ -72,7 +74,14 @@ void WorkerPool::post(Job job) {
 
 void WorkerPool::runCounted(const Job& job) {
   ++tCountedDepth;
-  job();
+  // A job that throws fails alone: the thread, its queue and the process carry on.
+  try {
+    job();
+  } catch (const std::exception& e) {
+    OrvexLogForCategory(kOrvexLogGeneral).fault("a queued job failed: %s", e.what());
+  } catch (...) {
+    OrvexLogForCategory(kOrvexLogGeneral).fault("a queued job failed");
+  }
   --tCountedDepth;
 }
 

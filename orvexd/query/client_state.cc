@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "orvexd/base/json_limits.h"
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/text_util.h"
@@ -19,6 +20,7 @@
 #include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/notification_center.h"
+#include "orvexd/platform/url_cache.h"
 #include "orvexd/platform/uuid.h"
 #include "orvexd/query/query_cache.h"
 
@@ -37,6 +39,8 @@ constexpr uint32_t kWarmEndpoint = 12;
 constexpr uint32_t kSearchEndpoint = 6;
 // An answer that is not JSON.
 constexpr int64_t kJsonParseErrorCode = 3840;
+// The largest answer parsed; the HTTP layer already refuses bodies over 64 MiB.
+constexpr size_t kAnswerMaxBytes = size_t{16} << 20;
 
 OrvexError bagError(const char* reason) { return OrvexError(kORVErrorDomain, 1, reason); }
 
@@ -349,11 +353,17 @@ void ClientState::searchCompleted(const ORVRequest& request, const HttpRequest& 
                        result.timing);
     return;
   }
-  auto parsed = nlohmann::json::parse(result.data, nullptr, false);
+  std::string problem;
+  auto parsed = parseJsonWithinLimits(result.data, {kAnswerMaxBytes, kJsonMaxDepth}, &problem);
   std::optional<OrvexError> parseError;
   ORVReply answer = makeReply(request, &sent, &*result.response);
   if (parsed.is_discarded()) {
+    searchLog().error("error parsing the answer to %@: it %@", sent.url, problem);
     parseError = OrvexError(kORVErrorDomain, kJsonParseErrorCode, "the answer is not valid JSON");
+    // Had the URL cache kept the answer, it would fail again at every later search: drop it.
+    if (const auto& cache = assembly_.urlSession->configuration().urlCache) {
+      cache->removeResponseForRequest(sent);
+    }
   } else {
     cacheResponse(parsed, sent, request.queryString, start->uuid.value_or(""));
     answer.rawResponse = parsed.dump();
@@ -364,7 +374,8 @@ void ClientState::searchCompleted(const ORVRequest& request, const HttpRequest& 
 
   if (const auto header = result.response->headers.find("X-Zelmor-ForceFetch");
       header != result.response->headers.end()) {
-    auto force = BagDictionary::parse(header->second, nullptr, false);
+    auto force =
+        parseJsonWithinLimits<BagDictionary>(header->second, {kAnswerMaxBytes, kJsonMaxDepth});
     if (!force.is_discarded() && force.is_object()) {
       assembly_.bagController->forceFetchBag(force);
     } else {

@@ -58,6 +58,8 @@ class PrivateBus {
   // The pid of the connection that owns `name`, when one does.
   static std::optional<pid_t> ownerPid(sdbus::IConnection& connection, const std::string& name);
   static bool hasOwner(sdbus::IConnection& connection, const std::string& name);
+  // The bus daemon itself, to end it under its clients.
+  ChildProcess& process() const { return *daemon_; }
 
  private:
   std::filesystem::path directory_;

@@ -117,5 +117,21 @@ TEST(LogFormatTest, RandomFormatsNeverMisbehave) {
   }
 }
 
+TEST(LogFormatTest, LogLinesEscapeControlCharactersAndAreCutOnACharacterBoundary) {
+  EXPECT_EQ(sanitizedLogLine("plain\ttext"), std::nullopt);
+  // A client's user agent cannot start a forged line or steer a terminal.
+  EXPECT_EQ(sanitizedLogLine("G/1\r\nX-Injected: yes\x1b[2J"), "G/1\\r\\nX-Injected: yes\\x1b[2J");
+  // Cut after the limit, never inside "\xC3\xA9" or an escape.
+  EXPECT_EQ(sanitizedLogLine("ab\xC3\xA9"
+                             "cd",
+                             3),
+            "ab... [4 bytes cut]");
+  EXPECT_EQ(sanitizedLogLine("a\nb", 2), "a... [2 bytes cut]");
+  const std::string huge(kMaxLogLineBytes * 3, 'x');
+  const auto cut = sanitizedLogLine(huge);
+  ASSERT_TRUE(cut);
+  EXPECT_EQ(*cut, std::string(kMaxLogLineBytes, 'x').append("... [8192 bytes cut]"));
+}
+
 }  // namespace
 }  // namespace orvex

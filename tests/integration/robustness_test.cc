@@ -1,0 +1,116 @@
+// What a hostile client or a broken back-end can throw at the daemon: answers nested too deep to
+// walk, inputs over their bounds, replies over what the bus carries, and the bus going away.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/nb_feedback.h"
+#include "tests/support/daemon_harness.h"
+
+namespace orvex {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kBag = R"({"version": "7", "enabled": true, "feedback_enabled": true,
+  "search_url": "${BASE_URL}/search"})";
+
+const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
+
+ORVRequest search(int64_t queryId, std::string query) {
+  ORVRequest request;
+  request.queryId = queryId;
+  request.queryString = std::move(query);
+  return request;
+}
+
+TEST(RobustnessTest, AnAnswerNestedTooDeepIsRefusedDroppedFromTheCacheAndNeverReplayed) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+
+  // 100 000 levels in 200 kB, which the back-end even lets the URL cache keep for ten minutes.
+  const size_t depth = 100000;
+  harness.backend().setFault("search", {{"status", 200},
+                                        {"body", std::string(depth, '[') + std::string(depth, ']')},
+                                        {"headers", {{"Cache-Control", "max-age=600"}}}});
+  auto refused = client->request(search(1, "weath"));
+  ASSERT_TRUE(refused) << refused.error().message;
+  ASSERT_TRUE(refused.value().error);
+  EXPECT_EQ(refused.value().error->domain, kORVErrorDomain);
+  EXPECT_TRUE(client->ping());
+
+  // The back-end is mended: the same search goes to it again rather than to the cached answer,
+  // and so it does after a restart.
+  harness.backend().clearFaults();
+  auto mended = client->request(search(2, "weath"));
+  ASSERT_TRUE(mended);
+  EXPECT_FALSE(mended.value().error);
+  EXPECT_EQ(harness.backend().requestCount("search"), 2u);
+  ASSERT_EQ(harness.stop(), 0);
+  harness.start();
+  client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+  auto again = client->request(search(3, "weath"));
+  ASSERT_TRUE(again);
+  EXPECT_FALSE(again.value().error);
+}
+
+TEST(RobustnessTest, InputsAndRepliesOverTheirBoundsAreRefusedAndTheDaemonCarriesOn) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  auto client = harness.client();
+
+  auto longIdentifier = client->configure({std::string(10 << 20, 'i'), "Glance/1"});
+  ASSERT_FALSE(longIdentifier);
+  EXPECT_EQ(longIdentifier.error().name, kOrvexErrorInvalidArgument);
+  EXPECT_NE(longIdentifier.error().message.find("identifier"), std::string::npos);
+  auto longAgent = client->configure({"com.zelmor.glance", std::string(256, 'a')});
+  ASSERT_FALSE(longAgent);
+  EXPECT_EQ(longAgent.error().name, kOrvexErrorInvalidArgument);
+
+  ASSERT_TRUE(client->configure(kGlance));
+  auto longQuery = client->request(search(1, std::string(5000, 'q')));
+  ASSERT_FALSE(longQuery);
+  EXPECT_EQ(longQuery.error().name, kOrvexErrorInvalidArgument);
+
+  // A record over its bound is dropped and counted; records that together make a Feedback
+  // reply larger than the bus carries are kept, and the reply is refused instead of sent.
+  const std::string padding(900 << 10, 'p');
+  const auto record = [](const std::string& input) {
+    NBStartSearchFeedback start;
+    start.timestamp = 1;
+    start.input = input;
+    return start;
+  };
+  ASSERT_TRUE(client->reportEvent("searchStarted", 0, record(std::string(2 << 20, 'x'))));
+  EXPECT_TRUE(testing::eventually(
+      [&] { return harness.counter("com.zelmor.orvexd.records.refused") == 1; }));
+  for (int i = 0; i < 40; ++i)
+    ASSERT_TRUE(client->reportEvent("searchStarted", 0, record(padding)));
+  ClientResult<std::string> feedback = client->feedback();
+  EXPECT_TRUE(testing::eventually(
+      [&] {
+        feedback = client->feedback();
+        return !feedback && feedback.error().name == kOrvexErrorLimitsExceeded;
+      },
+      20s))
+      << (feedback ? "answered" : feedback.error().name);
+  EXPECT_TRUE(client->ping());
+  EXPECT_TRUE(client->request(search(2, "weath")));
+}
+
+TEST(RobustnessTest, LosingTheBusEndsTheDaemonWithStatusZeroAndAFault) {
+  testing::DaemonHarness harness(kBag);
+  harness.start();
+  ASSERT_TRUE(harness.client()->ping());
+  harness.bus().process().signal(SIGKILL);
+  ASSERT_EQ(harness.daemon()->waitForExit(10s), 0);
+  EXPECT_NE(harness.daemonLog().find("lost the session bus connection"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace orvex
