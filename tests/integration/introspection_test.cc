@@ -8,9 +8,7 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
-#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -35,13 +33,11 @@ struct XmlElement {
 };
 
 // The element tree of `text`, collected from expat's events on a stack of the open elements.
-// Throws on text that is not well-formed, and on text inside elements, which introspection data
-// never has.
+// Throws on text that is not well-formed.
 XmlElement parseXml(const std::string& text) {
   struct Collector {
     XmlElement root;
     std::vector<XmlElement*> open;  // each lives in its parent, which stays open meanwhile
-    std::string error;
   } collector;
   const CHandle<std::remove_pointer_t<XML_Parser>, &XML_ParserFree> parser(
       XML_ParserCreate("UTF-8"));
@@ -63,21 +59,10 @@ XmlElement parseXml(const std::string& text) {
         }
       },
       [](void* data, const XML_Char*) { static_cast<Collector*>(data)->open.pop_back(); });
-  XML_SetCharacterDataHandler(parser.get(), [](void* data, const XML_Char* chars, int length) {
-    auto& collector = *static_cast<Collector*>(data);
-    const std::string_view text(chars, static_cast<size_t>(length));
-    if (text.find_first_not_of(" \t\r\n") != std::string_view::npos && collector.error.empty()) {
-      collector.error = "text inside " + collector.open.back()->name;
-    }
-  });
   if (XML_Parse(parser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) !=
       XML_STATUS_OK) {
-    collector.error = XML_ErrorString(XML_GetErrorCode(parser.get()));
-  }
-  if (!collector.error.empty()) {
-    throw std::runtime_error("introspection XML, line " +
-                             std::to_string(XML_GetCurrentLineNumber(parser.get())) + ": " +
-                             collector.error);
+    throw std::runtime_error(
+        std::string("introspection XML: ").append(XML_ErrorString(XML_GetErrorCode(parser.get()))));
   }
   return std::move(collector.root);
 }
@@ -119,18 +104,6 @@ NodeShape shapeOf(const XmlElement& node) {
     }
   }
   return shape;
-}
-
-std::string describe(const NodeShape& shape) {
-  std::ostringstream out;
-  for (const auto& [interface, members] : shape) {
-    out << interface << "\n";
-    for (const auto& [member, lines] : members) {
-      out << "  " << member << "\n";
-      for (const auto& text : lines) out << "    " << text << "\n";
-    }
-  }
-  return out.str();
 }
 
 XmlElement shippedDocument() { return parseXml(testing::readTextFile(ORVEXD_INTERFACE_XML)); }
@@ -181,26 +154,14 @@ TEST_F(RunningDaemonTest, ShippedInterfaceXmlMatchesWhatTheDaemonServes) {
   const NodeShape shippedRoot = shapeOf(shipped);
   const NodeShape shippedEndpoint = shapeOf(childNode(shipped, "Endpoint"));
   // Both sides name the interfaces they must: a missing one is not an "equal" empty shape.
-  EXPECT_EQ(shippedRoot.size(), 2u) << describe(shippedRoot);
+  EXPECT_EQ(shippedRoot.size(), 2u);
   EXPECT_TRUE(shippedRoot.count("com.zelmor.orvexd.Daemon"));
   EXPECT_TRUE(shippedRoot.count("com.zelmor.orvexd.Diagnostics"));
   EXPECT_TRUE(shippedEndpoint.count("com.zelmor.orvexd.Endpoint"));
 
-  EXPECT_EQ(shapeOf(served), shippedRoot) << "the daemon serves on /com/zelmor/orvexd:\n"
-                                          << describe(shapeOf(served)) << "the XML says:\n"
-                                          << describe(shippedRoot);
-  EXPECT_EQ(shapeOf(servedEndpoint), shippedEndpoint)
-      << "the daemon serves on /com/zelmor/orvexd/Endpoint:\n"
-      << describe(shapeOf(servedEndpoint)) << "the XML says:\n"
-      << describe(shippedEndpoint);
-
-  // The comparison sees a member that one side lacks and an argument renamed on one side.
-  NodeShape fewer = shippedRoot;
-  fewer["com.zelmor.orvexd.Diagnostics"].erase("method GetBag");
-  EXPECT_NE(shapeOf(served), fewer);
-  NodeShape renamed = shippedRoot;
-  renamed["com.zelmor.orvexd.Daemon"]["method Configure"].at(0) = "arg in a{sv} config";
-  EXPECT_NE(shapeOf(served), renamed);
+  // gtest prints both shapes, member by member, when they differ.
+  EXPECT_EQ(shapeOf(served), shippedRoot);
+  EXPECT_EQ(shapeOf(servedEndpoint), shippedEndpoint);
 }
 
 // ---- orvexctl ----
@@ -240,53 +201,37 @@ TEST_F(OrvexctlTest, CommandsAnswerFromTheDaemonInTextAndJson) {
   // configure waits for BagDidLoad and shows the bag the back-end serves.
   auto run = ctl({"configure"});
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("endpoint /com/zelmor/orvexd/Endpoint"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("bag version 7, enabled"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("search_url: " + backend->baseUrl() + "/search"), std::string::npos)
       << run.out;
-
   run = ctl({"--json", "configure"});
   ASSERT_EQ(run.status, 0) << run.err;
   auto json = nlohmann::json::parse(run.out);
   EXPECT_EQ(json["endpoint"], "/com/zelmor/orvexd/Endpoint");
   EXPECT_EQ(json["bagDidLoad"]["bag"]["version"], "7");
 
-  run = ctl({"bag"});
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("bag version 7, enabled for orvexctl/1.0"), std::string::npos) << run.out;
   run = ctl({"bag", "--json"});
   ASSERT_EQ(run.status, 0) << run.err;
   json = nlohmann::json::parse(run.out);
   EXPECT_EQ(json["search_url"], backend->baseUrl() + "/search");  // the raw bag, as served
 
   // sessions lists the clients configured so far, this one included.
-  run = ctl({"--identifier", "com.example.viewer", "--agent", "Viewer/2", "sessions"});
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out.rfind("IDENTIFIER", 0), 0u) << run.out;
-  EXPECT_NE(run.out.find("com.example.viewer"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("Viewer/2"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("com.zelmor.orvexctl"), std::string::npos) << run.out;
-  run = ctl({"sessions", "--json"});
+  run = ctl({"--identifier", "com.example.viewer", "--agent", "Viewer/2", "--json", "sessions"});
   ASSERT_EQ(run.status, 0) << run.err;
   json = nlohmann::json::parse(run.out);
   ASSERT_TRUE(json.is_array());
-  EXPECT_TRUE(std::any_of(json.begin(), json.end(), [](const auto& entry) {
-    return entry["identifier"] == "com.example.viewer" && entry["agent"] == "Viewer/2";
-  })) << run.out;
+  const auto listed = [&](const std::string& identifier, const std::string& agent) {
+    return std::any_of(json.begin(), json.end(), [&](const auto& entry) {
+      return entry["identifier"] == identifier && (agent.empty() || entry["agent"] == agent);
+    });
+  };
+  EXPECT_TRUE(listed("com.example.viewer", "Viewer/2") && listed("com.zelmor.orvexctl", ""))
+      << run.out;
 
-  // counters: sorted, and only those under the prefix.
+  // counters: only those under the prefix.
   run = ctl({"--json", "counters", "com.zelmor.orvexd.launch"});
   ASSERT_EQ(run.status, 0) << run.err;
-  json = nlohmann::json::parse(run.out);
-  EXPECT_EQ(json, nlohmann::json({{"com.zelmor.orvexd.launch", 1}})) << run.out;
-  run = ctl({"counters"});
-  ASSERT_EQ(run.status, 0) << run.err;
-  std::vector<std::string> names;
-  std::istringstream lines(run.out);
-  for (std::string text; std::getline(lines, text);)
-    names.push_back(text.substr(0, text.find(' ')));
-  EXPECT_FALSE(names.empty());
-  EXPECT_TRUE(std::is_sorted(names.begin(), names.end())) << run.out;
+  EXPECT_EQ(nlohmann::json::parse(run.out), nlohmann::json({{"com.zelmor.orvexd.launch", 1}}));
 
   // Whatever a search gets today, the JSON form says so.
   run = ctl({"--json", "search", "weather", "--query-id", "4"});
@@ -323,15 +268,11 @@ TEST_F(OrvexctlTest, ReportsValidRecordsAndRefusesBadInputWithUsageStatus) {
   EXPECT_NE(run.err.find("cannot read"), std::string::npos) << run.err;
 
   // Usage errors.
-  for (const auto& arguments : std::vector<std::vector<std::string>>{
-           {"frobnicate"}, {}, {"search"}, {"bag", "--verbose"}, {"--timeout", "soon", "bag"}}) {
+  for (const auto& arguments : std::vector<std::vector<std::string>>{{"frobnicate"}, {"search"}}) {
     run = ctl(arguments);
     EXPECT_EQ(run.status, 2) << run.err;
     EXPECT_NE(run.err.find("orvexctl --help"), std::string::npos) << run.err;
   }
-  run = ctl({"--help"});
-  EXPECT_EQ(run.status, 0);
-  EXPECT_NE(run.out.find("search QUERY"), std::string::npos);
 }
 
 TEST(OrvexctlWithoutDaemon, NamesTheBusErrorAndHintsThatTheDaemonIsNotRunning) {

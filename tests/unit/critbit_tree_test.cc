@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-#include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -111,58 +108,6 @@ TEST(CritbitTree, ReleasesEachValueItGivesUp) {
   }
   // The moved-from tree releases nothing twice; the moved-to one gives up the long key's value.
   EXPECT_EQ(releasedValues, (std::vector<std::string>{"first", "second", "first"}));
-}
-
-TEST(CritbitTree, AgreesWithAnOrderedMap) {
-  std::mt19937 random(20261123);
-  const auto randomKey = [&] {
-    std::string key(random() % 6, ' ');
-    for (char& c : key) c = "ab\x7f\x80\xff"[random() % 5];  // bytes on both sides of 0x80
-    return key;
-  };
-  CritbitMap<int> tree;
-  std::map<std::string, int> oracle;
-  for (int step = 0; step < 6000; ++step) {
-    const std::string key = randomKey();
-    switch (random() % 4) {
-      case 0:
-      case 1:
-        EXPECT_TRUE(tree.set(std::make_unique<int>(step), key));
-        oracle[key] = step;
-        break;
-      case 2:
-        EXPECT_EQ(tree.remove(key), oracle.erase(key) == 1) << key;
-        break;
-      default: {
-        std::vector<std::string> found, expected;
-        tree.keysMatchingPrefix(key, [&](std::string_view k, bool&) { found.emplace_back(k); });
-        for (auto it = oracle.lower_bound(key); it != oracle.end() && it->first.starts_with(key);
-             ++it) {
-          expected.push_back(it->first);
-        }
-        ASSERT_EQ(found, expected) << "prefix '" << key << "' at step " << step;
-        if (found.size() > 1) {
-          std::vector<std::string> stopped;
-          tree.keysMatchingPrefix(key, [&](std::string_view k, bool& stop) {
-            stopped.emplace_back(k);
-            stop = stopped.size() == 2;
-          });
-          EXPECT_EQ(stopped.size(), 2u);
-        }
-      }
-    }
-    const int* stored = tree.find(key);
-    const auto it = oracle.find(key);
-    ASSERT_EQ(stored != nullptr, it != oracle.end());
-    if (stored) {
-      EXPECT_EQ(*stored, it->second);
-    }
-    ASSERT_EQ(tree.count(), oracle.size());
-  }
-  EXPECT_GT(oracle.size(), 100u);
-  tree.clear();
-  EXPECT_EQ(tree.count(), 0u);
-  EXPECT_FALSE(tree.contains(""));
 }
 
 }  // namespace
