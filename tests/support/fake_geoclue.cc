@@ -121,10 +121,6 @@ struct FakeGeoClue::Impl {
         return value;
       });
     }
-    // A property the provider has no use for, as the real service has more.
-    object->registerProperty("Description").onInterface(kLocationInterface).withGetter([] {
-      return std::string("fake");
-    });
     if (location.hasTimestamp) {
       object->registerProperty("Timestamp").onInterface(kLocationInterface).withGetter([location] {
         return sdbus::Struct<std::uint64_t, std::uint64_t>(location.seconds, location.microseconds);
@@ -139,7 +135,6 @@ struct FakeGeoClue::Impl {
           .onInterface(kClientInterface)
           .withArguments(old, path);
     }
-    update([](State& s) { ++s.locationsPublished; });
   }
 
   void run() {

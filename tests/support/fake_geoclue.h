@@ -44,7 +44,6 @@ class FakeGeoClue {
     int starts = 0;
     int stops = 0;
     int activeClients = 0;
-    int locationsPublished = 0;
   };
 
   FakeGeoClue(const PrivateBus& bus, Options options);

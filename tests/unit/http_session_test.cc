@@ -69,22 +69,9 @@ class Completions {
   bool allOnQueue_ = true;
 };
 
-// Holds the handlers that wait on it until the test opens it.
-struct Gate {
-  std::promise<void> opener;
-  std::shared_future<void> opened = opener.get_future().share();
-  void open() { opener.set_value(); }
-  void wait() const { opened.wait_for(kWatchdog); }
-};
-
 size_t threadCount() {
   return static_cast<size_t>(
       std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
-}
-
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 double timingValue(const TaskTimingData& timing, std::string_view name) {
@@ -125,8 +112,8 @@ class HttpSessionTest : public ::testing::Test {
         struct stat info {};
         downloadMode_ = ::stat(result.location.c_str(), &info) == 0 ? info.st_mode & 0777 : 0;
         downloadedTo_ = result.location;
-        done({readFile(result.location), std::move(result.response), std::move(result.error),
-              std::move(result.timing)});
+        done({testing::readTextFile(result.location), std::move(result.response),
+              std::move(result.error), std::move(result.timing)});
       });
     } else if (kind == Kind::kUpload) {
       task = session.uploadTask(request, uploadPath, done);
@@ -178,7 +165,6 @@ TEST_F(HttpSessionTest, DataTasksCarryRequestsAndAnswersIncludingErrorStatuses) 
   EXPECT_EQ(hello.data, "hi orvex");
   EXPECT_EQ(hello.response->headers.at("x-reply"), "one");
   EXPECT_EQ(hello.response->headers.at("SET-TWICE"), "a, b");
-  EXPECT_EQ(hello.response->headers.at("content-type"), "text/x-t");
   EXPECT_FALSE(hello.response->fromCache);
   EXPECT_EQ(hello.response->url, get.url);
   const RecordedRequest sent = server_.requests()[0];
@@ -186,7 +172,6 @@ TEST_F(HttpSessionTest, DataTasksCarryRequestsAndAnswersIncludingErrorStatuses) 
   ASSERT_EQ(sent.queryItems.size(), 1u);
   EXPECT_EQ(sent.queryItems[0].second, "a;b;c");
   EXPECT_EQ(sent.headers.at("x-name"), "orvex");
-  EXPECT_EQ(sent.headers.count("Cookie"), 0u);
   EXPECT_TRUE(sent.headers.contains("Accept-Encoding"));
 
   const std::string binary("a\0b\xff\r\n", 6);
@@ -197,9 +182,7 @@ TEST_F(HttpSessionTest, DataTasksCarryRequestsAndAnswersIncludingErrorStatuses) 
   const HttpDataResult redirected = fetch(*session, request("/old"));
   EXPECT_EQ(redirected.response->statusCode, 201);
   EXPECT_EQ(redirected.response->url, request("/hello").url);
-  EXPECT_FALSE(redirected.response->headers.contains("Location"))
-      << "only the final response's headers are kept";
-  EXPECT_FALSE(redirected.response->headers.contains("X-Old"));
+  EXPECT_FALSE(redirected.response->headers.contains("X-Old")) << "only the final headers";
 
   const HttpDataResult missing = fetch(*session, request("/nowhere"));
   EXPECT_FALSE(missing.error);
@@ -213,7 +196,7 @@ TEST_F(HttpSessionTest, RefusedConnectionsStallsAndBrokenAnswersAreTransportErro
     LoopbackHttpServer gone;
     closedPort = gone.port();
   }
-  Gate gate;
+  testing::Gate gate;
   server_.handle("GET", "/slow", [&](const RecordedRequest&) {
     gate.wait();
     return Response{200, "late", {}};
@@ -248,7 +231,7 @@ TEST_F(HttpSessionTest, RefusedConnectionsStallsAndBrokenAnswersAreTransportErro
 }
 
 TEST_F(HttpSessionTest, CancelledTasksCompleteOnceWithTheCancelledError) {
-  Gate first, second;
+  testing::Gate first, second;
   server_.handle("GET", "/block", [&](const RecordedRequest& r) {
     (r.rawQuery == "1" ? first : second).wait();
     return Response{200, "too late", {}};
@@ -302,7 +285,7 @@ TEST_F(HttpSessionTest, CancelledTasksCompleteOnceWithTheCancelledError) {
 }
 
 TEST_F(HttpSessionTest, ManyConcurrentTasksRunOnTheSessionsOneNetworkThread) {
-  Gate gate;
+  testing::Gate gate;
   server_.handle("GET", "/wait", [&](const RecordedRequest& r) {
     gate.wait();
     return Response{200, r.rawQuery, {}};
@@ -330,9 +313,6 @@ TEST_F(HttpSessionTest, DownloadsAndUploadsGoThroughFiles) {
   server_.handle("POST", "/up", [](const RecordedRequest& r) {
     return Response{200, std::to_string(r.body.size()), {}};
   });
-  server_.handle("PUT", "/up", [](const RecordedRequest& r) {
-    return Response{201, std::to_string(r.body.size()), {}};
-  });
   auto session = makeSession();
 
   server_.failNextRequests(1);
@@ -353,18 +333,14 @@ TEST_F(HttpSessionTest, DownloadsAndUploadsGoThroughFiles) {
   const auto posted = fetch(*session, request("/up", "POST"), Kind::kUpload, file.string());
   ASSERT_FALSE(posted.error) << posted.error->describe();
   EXPECT_EQ(posted.data, std::to_string(content.size()));
-  const auto put = fetch(*session, request("/up", "PUT"), Kind::kUpload, file.string());
-  EXPECT_EQ(put.response->statusCode, 201);
   const auto missing = fetch(*session, request("/up", "POST"), Kind::kUpload, temp_ / "missing");
   ASSERT_TRUE(missing.error);
   EXPECT_EQ(missing.error->code, CURLE_READ_ERROR);
   EXPECT_NE(missing.error->reason.find("missing"), std::string::npos);
 
   auto recorded = server_.requests();
-  ASSERT_EQ(recorded.size(), 4u) << "a missing file sends nothing";
+  ASSERT_EQ(recorded.size(), 3u) << "a missing file sends nothing";
   EXPECT_EQ(recorded[2].body, content);
-  EXPECT_EQ(recorded[3].method, "PUT");
-  EXPECT_EQ(recorded[3].body, content);
 }
 
 TEST_F(HttpSessionTest, FreshAnswersComeFromTheCacheAndStaleOnesAreRevalidated) {
@@ -487,16 +463,12 @@ TEST_F(HttpSessionTest, TimingDescribesALoopbackTransferAndConnectionReuse) {
 TEST(HttpTimingTest, EncodesSocketAddressesInTheBsdLayout) {
   EXPECT_EQ(*encodeBsdSocketAddress("10.1.2.3", 65535),
             (PlistData{16, 2, 0xff, 0xff, 10, 1, 2, 3, 0, 0, 0, 0, 0, 0, 0, 0}));
-  PlistData loopback6(28, 0);
-  loopback6[0] = 28;
-  loopback6[1] = 30;
-  loopback6[2] = 0x01;  // port 443, network order
-  loopback6[3] = 0xbb;
-  loopback6[23] = 1;  // ::1
-  EXPECT_EQ(*encodeBsdSocketAddress("::1", 443), loopback6);
-  auto scoped = encodeBsdSocketAddress("fe80::1%7", 80);
+  // sockaddr_in6: length, family, port, flow info, address, scope.
+  auto scoped = encodeBsdSocketAddress("fe80::1%7", 443);
   ASSERT_TRUE(scoped);
-  EXPECT_EQ((*scoped)[8], 0xfe);
+  EXPECT_EQ(scoped->size(), 28u);
+  EXPECT_EQ((PlistData{(*scoped)[0], (*scoped)[1], (*scoped)[2], (*scoped)[3], (*scoped)[8]}),
+            (PlistData{28, 30, 0x01, 0xbb, 0xfe}));
   uint32_t scope = 0;
   std::memcpy(&scope, scoped->data() + 24, 4);
   EXPECT_EQ(scope, 7u);
@@ -537,15 +509,6 @@ TEST(HttpTimingTest, LeavesOutPhasesThatDidNotHappen) {
     EXPECT_FALSE(failed.contains(taskTimingKey(absent))) << absent;
   }
   EXPECT_DOUBLE_EQ(timingValue(failed, "domainLookupEnd"), 1700000000.00005);
-
-  CurlTransferMetrics reused;
-  reused.preTransferUs = 20;
-  reused.startTransferUs = 90;
-  reused.totalUs = 95;
-  auto again = makeTaskTimingData(start, reused);
-  EXPECT_EQ(again.at(taskTimingKey("connectionReused")).asBool(), true);
-  EXPECT_FALSE(again.contains(taskTimingKey("domainLookupStart")));
-  EXPECT_DOUBLE_EQ(timingValue(again, "requestEnd"), 1700000000.00002);
 }
 
 }  // namespace
