@@ -82,17 +82,11 @@ TEST_F(DiagnosticDataReporterTest, ConcurrentAddsFromSeveralThreadsAreAllCounted
 TEST(DiagnosticCounterKeyTest, KeysAndIdentifiers) {
   EXPECT_EQ(createCounterKey("glance", kORVCounterSuffixXCPInvalidation),
             "com.zelmor.orvexd.glance.xcpinvalidation");
-  EXPECT_EQ(createCounterKey("roamer",
-                             std::string(kORVCounterSuffixFedAPICallServerStatus).append("503")),
-            "com.zelmor.orvexd.roamer.fedapicall.serverstatus.503");
   EXPECT_EQ(createCounterKey(std::nullopt, kORVCounterSuffixSessions), std::nullopt);
   // The client name is an argument, never part of the format.
   EXPECT_EQ(createCounterKey("odd%d%@", "sessions"), "com.zelmor.orvexd.odd%d%@.sessions");
-
-  EXPECT_EQ(convertIdentifierToString(0), "crowdsourcing");
   EXPECT_EQ(convertIdentifierToString(1), "Feedbacks");
   EXPECT_EQ(convertIdentifierToString(2), "");
-  EXPECT_EQ(convertIdentifierToString(-1), "");
 }
 
 }  // namespace
