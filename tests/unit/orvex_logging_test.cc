@@ -1,49 +1,21 @@
 #include "orvexd/base/orvex_logging.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <optional>
 #include <regex>
 #include <thread>
 #include <vector>
 
-#include "tests/support/test_environment.h"
-
 namespace orvex {
 namespace {
 
-// Sends file descriptor 2 to a real file until finish(), which answers what was written.
-class StandardErrorCapture {
- public:
-  StandardErrorCapture() {
-    std::fflush(stderr);
-    saved_ = ::dup(STDERR_FILENO);
-    const int fd = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    ::dup2(fd, STDERR_FILENO);
-    ::close(fd);
-  }
-  ~StandardErrorCapture() { (void)finish(); }
-  std::string finish() {
-    if (saved_ >= 0) {
-      std::fflush(stderr);
-      ::dup2(saved_, STDERR_FILENO);
-      ::close(saved_);
-      saved_ = -1;
-    }
-    return testing::readTextFile(file_);
-  }
-
- private:
-  testing::TempDir dir_;
-  std::filesystem::path file_ = dir_ / "stderr";
-  int saved_ = -1;
-};
+using ::testing::internal::CaptureStderr;  // sends file descriptor 2 to a file meanwhile
+using ::testing::internal::GetCapturedStderr;
 
 class OrvexLoggingTest : public ::testing::Test {
  protected:
@@ -82,12 +54,12 @@ TEST_F(OrvexLoggingTest, ThresholdAndDestinationComeFromTheEnvironment) {
   // (The name differs per run so that repeated runs in one process each see a new one.)
   static int run = 0;
   const std::string unknown = "verbose" + std::to_string(++run);
-  StandardErrorCapture capture;
+  CaptureStderr();
   ::setenv("ORVEXD_LOG_LEVEL", unknown.c_str(), 1);
   configureLoggingFromEnvironment();
   configureLoggingFromEnvironment();
   EXPECT_EQ(logThreshold(), LogLevel::kDefault);
-  const std::string output = capture.finish();
+  const std::string output = GetCapturedStderr();
   const size_t first = output.find("ORVEXD_LOG_LEVEL \"" + unknown + "\"");
   ASSERT_NE(first, std::string::npos) << output;
   EXPECT_EQ(output.find("ORVEXD_LOG_LEVEL", first + 1), std::string::npos) << output;
@@ -112,13 +84,13 @@ TEST_F(OrvexLoggingTest, ThresholdAndDestinationComeFromTheEnvironment) {
 
 TEST_F(OrvexLoggingTest, StandardErrorLinesCarryTimePidLevelAndCategory) {
   ASSERT_EQ(currentLogDestination(), LogDestination::kStandardError);
-  StandardErrorCapture capture;
+  CaptureStderr();
   const OrvexLog& log = OrvexLogForCategory(kOrvexLogBag);
   log.log("bag from %@ (%d)", "https://example.invalid/bag", 200);
   log.error("100%% {not a format}");
   log.info("dropped below the threshold");
   flushLogs();
-  const std::string output = capture.finish();
+  const std::string output = GetCapturedStderr();
   const std::string prefix =
       "\\d{4}-\\d{2}-\\d{2}T\\d{2}:\\d{2}:\\d{2}\\.\\d{3}[+-]\\d{2}:\\d{2} orvexd\\[" +
       std::to_string(::getpid()) + "\\] ";
@@ -133,7 +105,7 @@ TEST_F(OrvexLoggingTest, StandardErrorLinesCarryTimePidLevelAndCategory) {
 TEST_F(OrvexLoggingTest, ObserversSeeEveryWriteUntilTheirTokenGoes) {
   setLogThreshold(LogLevel::kFault);
   std::vector<std::string> seen;
-  StandardErrorCapture capture;
+  CaptureStderr();
   {
     LogObserverToken token = addLogObserver([&](const LogRecord& record) {
       seen.push_back(std::string(logLevelName(record.level)) + " " + std::string(record.category) +
@@ -148,7 +120,7 @@ TEST_F(OrvexLoggingTest, ObserversSeeEveryWriteUntilTheirTokenGoes) {
     OrvexLogForCategory(kOrvexLogCaching).info("still observed");
   }
   OrvexLogForCategory(kOrvexLogSession).debug("after removal");
-  EXPECT_EQ(capture.finish(), "") << "nothing reached the threshold";
+  EXPECT_EQ(GetCapturedStderr(), "") << "nothing reached the threshold";
   EXPECT_EQ(seen, (std::vector<std::string>{"debug Orvex_Session session 7 started",
                                             "default Orvex_Flight odd level",
                                             "info Orvex_Caching still observed"}));
