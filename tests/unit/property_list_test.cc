@@ -163,11 +163,6 @@ TEST(PropertyList, WritesTheFormsLibplistAndOperatorsExpect) {
   ASSERT_TRUE(reread) << error;
   EXPECT_EQ(*reread->find("unicode")->asString(), *sample.find("unicode")->asString());
   EXPECT_EQ(reread->find("minusOne")->asInteger(), -1);
-
-  // Nodes that are no property list values.
-  const PlistHandle uid(plist_new_uid(5));
-  EXPECT_EQ(PlistValue::fromPlist(uid.get(), &error), std::nullopt);
-  EXPECT_NE(error.find("UID"), std::string::npos) << error;
 }
 
 TEST(PropertyList, ValueAccessorsConvertOnlyWhereLossless) {
