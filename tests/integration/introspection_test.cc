@@ -26,95 +26,66 @@ using namespace std::chrono_literals;
 
 // ---- introspection XML, read with expat ----
 
-struct XmlElement {
-  std::string name;
-  std::map<std::string, std::string> attributes;
-  std::vector<XmlElement> children;
-};
-
-// The element tree of `text`, collected from expat's events on a stack of the open elements.
-// Throws on text that is not well-formed.
-XmlElement parseXml(const std::string& text) {
-  struct Collector {
-    XmlElement root;
-    std::vector<XmlElement*> open;  // each lives in its parent, which stays open meanwhile
-  } collector;
-  const CHandle<std::remove_pointer_t<XML_Parser>, &XML_ParserFree> parser(
-      XML_ParserCreate("UTF-8"));
-  XML_SetUserData(parser.get(), &collector);
-  XML_SetElementHandler(
-      parser.get(),
-      [](void* data, const XML_Char* name, const XML_Char** attributes) {
-        auto& collector = *static_cast<Collector*>(data);
-        XmlElement element{name, {}, {}};
-        for (; *attributes != nullptr; attributes += 2) {
-          element.attributes[attributes[0]] = attributes[1];
-        }
-        if (collector.open.empty()) {
-          collector.root = std::move(element);
-          collector.open.push_back(&collector.root);
-        } else {
-          collector.open.back()->children.push_back(std::move(element));
-          collector.open.push_back(&collector.open.back()->children.back());
-        }
-      },
-      [](void* data, const XML_Char*) { static_cast<Collector*>(data)->open.pop_back(); });
-  if (XML_Parse(parser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) !=
-      XML_STATUS_OK) {
-    throw std::runtime_error(
-        std::string("introspection XML: ").append(XML_ErrorString(XML_GetErrorCode(parser.get()))));
-  }
-  return std::move(collector.root);
-}
-
 // One interface as comparable lines, by member: "method Request" -> its arguments and
 // annotations in order ("arg in a{sv} request", "annotation org...NoReply=true").
 using InterfaceShape = std::map<std::string, std::vector<std::string>>;
 using NodeShape = std::map<std::string, InterfaceShape>;  // by interface name
 
-std::string line(const XmlElement& element, const std::string& memberKind) {
-  auto attribute = [&](const std::string& key) {
-    auto it = element.attributes.find(key);
-    return it == element.attributes.end() ? std::string() : it->second;
-  };
-  if (element.name == "arg") {
-    // Signal arguments are always outgoing, whether or not the XML says so.
-    std::string direction = attribute("direction");
-    if (direction.empty()) direction = memberKind == "method" ? "in" : "out";
-    return "arg " + direction + " " + attribute("type") + " " + attribute("name");
+// The interfaces each node element declares itself, by node name ("" for the document's own),
+// without the standard org.freedesktop.DBus ones; read from expat's events as they come.
+// Throws on text that is not well-formed.
+std::map<std::string, NodeShape> shapesOf(const std::string& text) {
+  struct Reader {
+    std::map<std::string, NodeShape> shapes;
+    std::vector<std::string> nodes;  // the open node elements' names
+    size_t depth = 0, interfaceDepth = 0;
+    std::string interface, memberKind, member;  // interface is "" when skipped or closed
+  } reader;
+  const CHandle<std::remove_pointer_t<XML_Parser>, &XML_ParserFree> parser(
+      XML_ParserCreate("UTF-8"));
+  XML_SetUserData(parser.get(), &reader);
+  XML_SetElementHandler(
+      parser.get(),
+      [](void* data, const XML_Char* name, const XML_Char** attributes) {
+        auto& r = *static_cast<Reader*>(data);
+        std::map<std::string, std::string> a;
+        for (; *attributes != nullptr; attributes += 2) a[attributes[0]] = attributes[1];
+        const std::string element = name;
+        const size_t depth = ++r.depth;
+        if (element == "node") r.nodes.push_back(r.nodes.empty() ? "" : a["name"]);
+        if (element == "interface") {
+          r.interface = a["name"].starts_with("org.freedesktop.DBus.") ? "" : a["name"];
+          r.interfaceDepth = depth;
+          if (!r.interface.empty()) (void)r.shapes[r.nodes.back()][r.interface];
+        } else if (!r.interface.empty() && depth == r.interfaceDepth + 1) {
+          r.memberKind = element;
+          r.member = element + " " + a["name"];
+          (void)r.shapes[r.nodes.back()][r.interface][r.member];
+        } else if (!r.interface.empty() && depth == r.interfaceDepth + 2) {
+          std::string line = element + " " + a["name"];
+          if (element == "arg") {
+            // Signal arguments are always outgoing, whether or not the XML says so.
+            std::string direction = a["direction"];
+            if (direction.empty()) direction = r.memberKind == "method" ? "in" : "out";
+            line = "arg " + direction + " " + a["type"] + " " + a["name"];
+          } else if (element == "annotation") {
+            line += "=" + a["value"];
+          }
+          r.shapes[r.nodes.back()][r.interface][r.member].push_back(line);
+        }
+      },
+      [](void* data, const XML_Char* name) {
+        auto& r = *static_cast<Reader*>(data);
+        if (std::string_view(name) == "interface") r.interface.clear();
+        if (std::string_view(name) == "node") r.nodes.pop_back();
+        --r.depth;
+      });
+  if (XML_Parse(parser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) !=
+      XML_STATUS_OK) {
+    throw std::runtime_error(
+        std::string("introspection XML: ").append(XML_ErrorString(XML_GetErrorCode(parser.get()))));
   }
-  if (element.name == "annotation") {
-    return "annotation " + attribute("name") + "=" + attribute("value");
-  }
-  return element.name + " " + attribute("name");
-}
-
-// The interfaces a node element declares itself, without the standard org.freedesktop.DBus ones.
-NodeShape shapeOf(const XmlElement& node) {
-  NodeShape shape;
-  for (const auto& interface : node.children) {
-    if (interface.name != "interface") continue;
-    const auto& name = interface.attributes.at("name");
-    if (name.starts_with("org.freedesktop.DBus.")) continue;
-    InterfaceShape& members = shape[name];
-    for (const auto& member : interface.children) {
-      const auto key = member.name + " " + member.attributes.at("name");
-      auto& lines = members[key];
-      for (const auto& part : member.children) lines.push_back(line(part, member.name));
-    }
-  }
-  return shape;
-}
-
-XmlElement shippedDocument() { return parseXml(testing::readTextFile(ORVEXD_INTERFACE_XML)); }
-
-const XmlElement& childNode(const XmlElement& node, const std::string& name) {
-  for (const auto& child : node.children) {
-    if (child.name == "node" && child.attributes.count("name") &&
-        child.attributes.at("name") == name)
-      return child;
-  }
-  throw std::runtime_error("no node " + name);
+  return std::move(reader.shapes);
 }
 
 // ---- the daemon with the reference back-end on a private bus ----
@@ -146,22 +117,15 @@ class RunningDaemonTest : public ::testing::Test {
 };
 
 TEST_F(RunningDaemonTest, ShippedInterfaceXmlMatchesWhatTheDaemonServes) {
-  const XmlElement shipped = shippedDocument();
-  ASSERT_EQ(shipped.name, "node");
-  const auto served = parseXml(introspect("/com/zelmor/orvexd"));
-  const auto servedEndpoint = parseXml(introspect("/com/zelmor/orvexd/Endpoint"));
-
-  const NodeShape shippedRoot = shapeOf(shipped);
-  const NodeShape shippedEndpoint = shapeOf(childNode(shipped, "Endpoint"));
+  auto shipped = shapesOf(testing::readTextFile(ORVEXD_INTERFACE_XML));
   // Both sides name the interfaces they must: a missing one is not an "equal" empty shape.
-  EXPECT_EQ(shippedRoot.size(), 2u);
-  EXPECT_TRUE(shippedRoot.count("com.zelmor.orvexd.Daemon"));
-  EXPECT_TRUE(shippedRoot.count("com.zelmor.orvexd.Diagnostics"));
-  EXPECT_TRUE(shippedEndpoint.count("com.zelmor.orvexd.Endpoint"));
-
+  EXPECT_EQ(shipped[""].size(), 2u);
+  EXPECT_TRUE(shipped[""].count("com.zelmor.orvexd.Daemon"));
+  EXPECT_TRUE(shipped[""].count("com.zelmor.orvexd.Diagnostics"));
+  EXPECT_TRUE(shipped["Endpoint"].count("com.zelmor.orvexd.Endpoint"));
   // gtest prints both shapes, member by member, when they differ.
-  EXPECT_EQ(shapeOf(served), shippedRoot);
-  EXPECT_EQ(shapeOf(servedEndpoint), shippedEndpoint);
+  EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd"))[""], shipped[""]);
+  EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd/Endpoint"))[""], shipped["Endpoint"]);
 }
 
 // ---- orvexctl ----
