@@ -8,9 +8,7 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
-#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -28,120 +26,66 @@ using namespace std::chrono_literals;
 
 // ---- introspection XML, read with expat ----
 
-struct XmlElement {
-  std::string name;
-  std::map<std::string, std::string> attributes;
-  std::vector<XmlElement> children;
-};
-
-// The element tree of `text`, collected from expat's events on a stack of the open elements.
-// Throws on text that is not well-formed, and on text inside elements, which introspection data
-// never has.
-XmlElement parseXml(const std::string& text) {
-  struct Collector {
-    XmlElement root;
-    std::vector<XmlElement*> open;  // each lives in its parent, which stays open meanwhile
-    std::string error;
-  } collector;
-  const CHandle<std::remove_pointer_t<XML_Parser>, &XML_ParserFree> parser(
-      XML_ParserCreate("UTF-8"));
-  XML_SetUserData(parser.get(), &collector);
-  XML_SetElementHandler(
-      parser.get(),
-      [](void* data, const XML_Char* name, const XML_Char** attributes) {
-        auto& collector = *static_cast<Collector*>(data);
-        XmlElement element{name, {}, {}};
-        for (; *attributes != nullptr; attributes += 2) {
-          element.attributes[attributes[0]] = attributes[1];
-        }
-        if (collector.open.empty()) {
-          collector.root = std::move(element);
-          collector.open.push_back(&collector.root);
-        } else {
-          collector.open.back()->children.push_back(std::move(element));
-          collector.open.push_back(&collector.open.back()->children.back());
-        }
-      },
-      [](void* data, const XML_Char*) { static_cast<Collector*>(data)->open.pop_back(); });
-  XML_SetCharacterDataHandler(parser.get(), [](void* data, const XML_Char* chars, int length) {
-    auto& collector = *static_cast<Collector*>(data);
-    const std::string_view text(chars, static_cast<size_t>(length));
-    if (text.find_first_not_of(" \t\r\n") != std::string_view::npos && collector.error.empty()) {
-      collector.error = "text inside " + collector.open.back()->name;
-    }
-  });
-  if (XML_Parse(parser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) !=
-      XML_STATUS_OK) {
-    collector.error = XML_ErrorString(XML_GetErrorCode(parser.get()));
-  }
-  if (!collector.error.empty()) {
-    throw std::runtime_error("introspection XML, line " +
-                             std::to_string(XML_GetCurrentLineNumber(parser.get())) + ": " +
-                             collector.error);
-  }
-  return std::move(collector.root);
-}
-
 // One interface as comparable lines, by member: "method Request" -> its arguments and
 // annotations in order ("arg in a{sv} request", "annotation org...NoReply=true").
 using InterfaceShape = std::map<std::string, std::vector<std::string>>;
 using NodeShape = std::map<std::string, InterfaceShape>;  // by interface name
 
-std::string line(const XmlElement& element, const std::string& memberKind) {
-  auto attribute = [&](const std::string& key) {
-    auto it = element.attributes.find(key);
-    return it == element.attributes.end() ? std::string() : it->second;
-  };
-  if (element.name == "arg") {
-    // Signal arguments are always outgoing, whether or not the XML says so.
-    std::string direction = attribute("direction");
-    if (direction.empty()) direction = memberKind == "method" ? "in" : "out";
-    return "arg " + direction + " " + attribute("type") + " " + attribute("name");
+// The interfaces each node element declares itself, by node name ("" for the document's own),
+// without the standard org.freedesktop.DBus ones; read from expat's events as they come.
+// Throws on text that is not well-formed.
+std::map<std::string, NodeShape> shapesOf(const std::string& text) {
+  struct Reader {
+    std::map<std::string, NodeShape> shapes;
+    std::vector<std::string> nodes;  // the open node elements' names
+    size_t depth = 0, interfaceDepth = 0;
+    std::string interface, memberKind, member;  // interface is "" when skipped or closed
+  } reader;
+  const CHandle<std::remove_pointer_t<XML_Parser>, &XML_ParserFree> parser(
+      XML_ParserCreate("UTF-8"));
+  XML_SetUserData(parser.get(), &reader);
+  XML_SetElementHandler(
+      parser.get(),
+      [](void* data, const XML_Char* name, const XML_Char** attributes) {
+        auto& r = *static_cast<Reader*>(data);
+        std::map<std::string, std::string> a;
+        for (; *attributes != nullptr; attributes += 2) a[attributes[0]] = attributes[1];
+        const std::string element = name;
+        const size_t depth = ++r.depth;
+        if (element == "node") r.nodes.push_back(r.nodes.empty() ? "" : a["name"]);
+        if (element == "interface") {
+          r.interface = a["name"].starts_with("org.freedesktop.DBus.") ? "" : a["name"];
+          r.interfaceDepth = depth;
+          if (!r.interface.empty()) (void)r.shapes[r.nodes.back()][r.interface];
+        } else if (!r.interface.empty() && depth == r.interfaceDepth + 1) {
+          r.memberKind = element;
+          r.member = element + " " + a["name"];
+          (void)r.shapes[r.nodes.back()][r.interface][r.member];
+        } else if (!r.interface.empty() && depth == r.interfaceDepth + 2) {
+          std::string line = element + " " + a["name"];
+          if (element == "arg") {
+            // Signal arguments are always outgoing, whether or not the XML says so.
+            std::string direction = a["direction"];
+            if (direction.empty()) direction = r.memberKind == "method" ? "in" : "out";
+            line = "arg " + direction + " " + a["type"] + " " + a["name"];
+          } else if (element == "annotation") {
+            line += "=" + a["value"];
+          }
+          r.shapes[r.nodes.back()][r.interface][r.member].push_back(line);
+        }
+      },
+      [](void* data, const XML_Char* name) {
+        auto& r = *static_cast<Reader*>(data);
+        if (std::string_view(name) == "interface") r.interface.clear();
+        if (std::string_view(name) == "node") r.nodes.pop_back();
+        --r.depth;
+      });
+  if (XML_Parse(parser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) !=
+      XML_STATUS_OK) {
+    throw std::runtime_error(
+        std::string("introspection XML: ").append(XML_ErrorString(XML_GetErrorCode(parser.get()))));
   }
-  if (element.name == "annotation") {
-    return "annotation " + attribute("name") + "=" + attribute("value");
-  }
-  return element.name + " " + attribute("name");
-}
-
-// The interfaces a node element declares itself, without the standard org.freedesktop.DBus ones.
-NodeShape shapeOf(const XmlElement& node) {
-  NodeShape shape;
-  for (const auto& interface : node.children) {
-    if (interface.name != "interface") continue;
-    const auto& name = interface.attributes.at("name");
-    if (name.starts_with("org.freedesktop.DBus.")) continue;
-    InterfaceShape& members = shape[name];
-    for (const auto& member : interface.children) {
-      const auto key = member.name + " " + member.attributes.at("name");
-      auto& lines = members[key];
-      for (const auto& part : member.children) lines.push_back(line(part, member.name));
-    }
-  }
-  return shape;
-}
-
-std::string describe(const NodeShape& shape) {
-  std::ostringstream out;
-  for (const auto& [interface, members] : shape) {
-    out << interface << "\n";
-    for (const auto& [member, lines] : members) {
-      out << "  " << member << "\n";
-      for (const auto& text : lines) out << "    " << text << "\n";
-    }
-  }
-  return out.str();
-}
-
-XmlElement shippedDocument() { return parseXml(testing::readTextFile(ORVEXD_INTERFACE_XML)); }
-
-const XmlElement& childNode(const XmlElement& node, const std::string& name) {
-  for (const auto& child : node.children) {
-    if (child.name == "node" && child.attributes.count("name") &&
-        child.attributes.at("name") == name)
-      return child;
-  }
-  throw std::runtime_error("no node " + name);
+  return std::move(reader.shapes);
 }
 
 // ---- the daemon with the reference back-end on a private bus ----
@@ -173,34 +117,15 @@ class RunningDaemonTest : public ::testing::Test {
 };
 
 TEST_F(RunningDaemonTest, ShippedInterfaceXmlMatchesWhatTheDaemonServes) {
-  const XmlElement shipped = shippedDocument();
-  ASSERT_EQ(shipped.name, "node");
-  const auto served = parseXml(introspect("/com/zelmor/orvexd"));
-  const auto servedEndpoint = parseXml(introspect("/com/zelmor/orvexd/Endpoint"));
-
-  const NodeShape shippedRoot = shapeOf(shipped);
-  const NodeShape shippedEndpoint = shapeOf(childNode(shipped, "Endpoint"));
+  auto shipped = shapesOf(testing::readTextFile(ORVEXD_INTERFACE_XML));
   // Both sides name the interfaces they must: a missing one is not an "equal" empty shape.
-  EXPECT_EQ(shippedRoot.size(), 2u) << describe(shippedRoot);
-  EXPECT_TRUE(shippedRoot.count("com.zelmor.orvexd.Daemon"));
-  EXPECT_TRUE(shippedRoot.count("com.zelmor.orvexd.Diagnostics"));
-  EXPECT_TRUE(shippedEndpoint.count("com.zelmor.orvexd.Endpoint"));
-
-  EXPECT_EQ(shapeOf(served), shippedRoot) << "the daemon serves on /com/zelmor/orvexd:\n"
-                                          << describe(shapeOf(served)) << "the XML says:\n"
-                                          << describe(shippedRoot);
-  EXPECT_EQ(shapeOf(servedEndpoint), shippedEndpoint)
-      << "the daemon serves on /com/zelmor/orvexd/Endpoint:\n"
-      << describe(shapeOf(servedEndpoint)) << "the XML says:\n"
-      << describe(shippedEndpoint);
-
-  // The comparison sees a member that one side lacks and an argument renamed on one side.
-  NodeShape fewer = shippedRoot;
-  fewer["com.zelmor.orvexd.Diagnostics"].erase("method GetBag");
-  EXPECT_NE(shapeOf(served), fewer);
-  NodeShape renamed = shippedRoot;
-  renamed["com.zelmor.orvexd.Daemon"]["method Configure"].at(0) = "arg in a{sv} config";
-  EXPECT_NE(shapeOf(served), renamed);
+  EXPECT_EQ(shipped[""].size(), 2u);
+  EXPECT_TRUE(shipped[""].count("com.zelmor.orvexd.Daemon"));
+  EXPECT_TRUE(shipped[""].count("com.zelmor.orvexd.Diagnostics"));
+  EXPECT_TRUE(shipped["Endpoint"].count("com.zelmor.orvexd.Endpoint"));
+  // gtest prints both shapes, member by member, when they differ.
+  EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd"))[""], shipped[""]);
+  EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd/Endpoint"))[""], shipped["Endpoint"]);
 }
 
 // ---- orvexctl ----
@@ -240,53 +165,37 @@ TEST_F(OrvexctlTest, CommandsAnswerFromTheDaemonInTextAndJson) {
   // configure waits for BagDidLoad and shows the bag the back-end serves.
   auto run = ctl({"configure"});
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("endpoint /com/zelmor/orvexd/Endpoint"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("bag version 7, enabled"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("search_url: " + backend->baseUrl() + "/search"), std::string::npos)
       << run.out;
-
   run = ctl({"--json", "configure"});
   ASSERT_EQ(run.status, 0) << run.err;
   auto json = nlohmann::json::parse(run.out);
   EXPECT_EQ(json["endpoint"], "/com/zelmor/orvexd/Endpoint");
   EXPECT_EQ(json["bagDidLoad"]["bag"]["version"], "7");
 
-  run = ctl({"bag"});
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("bag version 7, enabled for orvexctl/1.0"), std::string::npos) << run.out;
   run = ctl({"bag", "--json"});
   ASSERT_EQ(run.status, 0) << run.err;
   json = nlohmann::json::parse(run.out);
   EXPECT_EQ(json["search_url"], backend->baseUrl() + "/search");  // the raw bag, as served
 
   // sessions lists the clients configured so far, this one included.
-  run = ctl({"--identifier", "com.example.viewer", "--agent", "Viewer/2", "sessions"});
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out.rfind("IDENTIFIER", 0), 0u) << run.out;
-  EXPECT_NE(run.out.find("com.example.viewer"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("Viewer/2"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("com.zelmor.orvexctl"), std::string::npos) << run.out;
-  run = ctl({"sessions", "--json"});
+  run = ctl({"--identifier", "com.example.viewer", "--agent", "Viewer/2", "--json", "sessions"});
   ASSERT_EQ(run.status, 0) << run.err;
   json = nlohmann::json::parse(run.out);
   ASSERT_TRUE(json.is_array());
-  EXPECT_TRUE(std::any_of(json.begin(), json.end(), [](const auto& entry) {
-    return entry["identifier"] == "com.example.viewer" && entry["agent"] == "Viewer/2";
-  })) << run.out;
+  const auto listed = [&](const std::string& identifier, const std::string& agent) {
+    return std::any_of(json.begin(), json.end(), [&](const auto& entry) {
+      return entry["identifier"] == identifier && (agent.empty() || entry["agent"] == agent);
+    });
+  };
+  EXPECT_TRUE(listed("com.example.viewer", "Viewer/2") && listed("com.zelmor.orvexctl", ""))
+      << run.out;
 
-  // counters: sorted, and only those under the prefix.
+  // counters: only those under the prefix.
   run = ctl({"--json", "counters", "com.zelmor.orvexd.launch"});
   ASSERT_EQ(run.status, 0) << run.err;
-  json = nlohmann::json::parse(run.out);
-  EXPECT_EQ(json, nlohmann::json({{"com.zelmor.orvexd.launch", 1}})) << run.out;
-  run = ctl({"counters"});
-  ASSERT_EQ(run.status, 0) << run.err;
-  std::vector<std::string> names;
-  std::istringstream lines(run.out);
-  for (std::string text; std::getline(lines, text);)
-    names.push_back(text.substr(0, text.find(' ')));
-  EXPECT_FALSE(names.empty());
-  EXPECT_TRUE(std::is_sorted(names.begin(), names.end())) << run.out;
+  EXPECT_EQ(nlohmann::json::parse(run.out), nlohmann::json({{"com.zelmor.orvexd.launch", 1}}));
 
   // Whatever a search gets today, the JSON form says so.
   run = ctl({"--json", "search", "weather", "--query-id", "4"});
@@ -308,30 +217,18 @@ TEST_F(OrvexctlTest, ReportsValidRecordsAndRefusesBadInputWithUsageStatus) {
   EXPECT_NE(run.out.find("reported NBStartSearchFeedback (event \"searchStarted\""),
             std::string::npos)
       << run.out;
-  run = ctl({"--json", "report", "-", "--query-id", "9"}, record.dbusText());
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(nlohmann::json::parse(run.out), nlohmann::json({{"reported", "NBStartSearchFeedback"},
-                                                            {"event", "NBStartSearchFeedback"},
-                                                            {"queryId", 9}}));
 
   // A record that does not parse never reaches the daemon.
   run = ctl({"report", "-"}, R"({"$class": "NBNoSuchFeedback"})");
   EXPECT_EQ(run.status, 2);
   EXPECT_NE(run.err.find("standard input is not a feedback record"), std::string::npos) << run.err;
-  run = ctl({"report", (dir / "missing.json").string()});
-  EXPECT_EQ(run.status, 2);
-  EXPECT_NE(run.err.find("cannot read"), std::string::npos) << run.err;
 
   // Usage errors.
-  for (const auto& arguments : std::vector<std::vector<std::string>>{
-           {"frobnicate"}, {}, {"search"}, {"bag", "--verbose"}, {"--timeout", "soon", "bag"}}) {
+  for (const auto& arguments : std::vector<std::vector<std::string>>{{"frobnicate"}, {"search"}}) {
     run = ctl(arguments);
     EXPECT_EQ(run.status, 2) << run.err;
     EXPECT_NE(run.err.find("orvexctl --help"), std::string::npos) << run.err;
   }
-  run = ctl({"--help"});
-  EXPECT_EQ(run.status, 0);
-  EXPECT_NE(run.out.find("search QUERY"), std::string::npos);
 }
 
 TEST(OrvexctlWithoutDaemon, NamesTheBusErrorAndHintsThatTheDaemonIsNotRunning) {

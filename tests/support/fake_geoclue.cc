@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <deque>
-#include <future>
 #include <stdexcept>
 #include <vector>
 
@@ -23,8 +21,9 @@ constexpr const char* kLocationInterface = "org.freedesktop.GeoClue2.Location";
 constexpr const char* kRoot = "/org/freedesktop/GeoClue2";
 }  // namespace
 
-// The connection and the objects belong to the thread (created before it starts); commands
-// from other threads reach it through `commands` and the eventfd. `state` is under `mutex`.
+// The connection and the objects are under `busMutex`: the thread serves the bus holding it
+// and polls without it; publishLocation() takes it, then wakes the thread through the eventfd
+// to send what it queued. `state` is under `mutex`.
 struct FakeGeoClue::Impl {
   struct Client {
     std::unique_ptr<sdbus::IObject> object;
@@ -38,6 +37,7 @@ struct FakeGeoClue::Impl {
   std::vector<std::unique_ptr<sdbus::IObject>> locations;
   sdbus::ObjectPath currentLocation{"/"};
 
+  std::mutex busMutex;
   int wakeFd = -1;
   std::atomic<bool> stopping{false};
   std::thread thread;
@@ -45,7 +45,6 @@ struct FakeGeoClue::Impl {
   mutable std::mutex mutex;
   mutable std::condition_variable changed;
   State state;
-  std::deque<std::function<void()>> commands;  // under mutex
 
   template <typename F>
   void update(F&& change) {
@@ -121,10 +120,6 @@ struct FakeGeoClue::Impl {
         return value;
       });
     }
-    // A property the provider has no use for, as the real service has more.
-    object->registerProperty("Description").onInterface(kLocationInterface).withGetter([] {
-      return std::string("fake");
-    });
     if (location.hasTimestamp) {
       object->registerProperty("Timestamp").onInterface(kLocationInterface).withGetter([location] {
         return sdbus::Struct<std::uint64_t, std::uint64_t>(location.seconds, location.microseconds);
@@ -139,25 +134,19 @@ struct FakeGeoClue::Impl {
           .onInterface(kClientInterface)
           .withArguments(old, path);
     }
-    update([](State& s) { ++s.locationsPublished; });
   }
 
   void run() {
     while (!stopping) {
+      sdbus::IConnection::PollData pollData;
       try {
+        std::lock_guard lock(busMutex);
         while (connection->processPendingRequest()) {
         }
+        pollData = connection->getEventLoopPollData();
       } catch (const sdbus::Error&) {
         return;  // the bus went away
       }
-      std::deque<std::function<void()>> pending;
-      {
-        std::lock_guard lock(mutex);
-        pending.swap(commands);
-      }
-      for (auto& command : pending) command();
-      if (!pending.empty()) continue;  // commands may have queued outgoing messages
-      const auto pollData = connection->getEventLoopPollData();
       pollfd fds[2] = {{pollData.fd, pollData.events, 0}, {wakeFd, POLLIN, 0}};
       if (::poll(fds, 2, pollData.getPollTimeout()) > 0 && (fds[1].revents & POLLIN) != 0) {
         std::uint64_t count = 0;
@@ -198,17 +187,11 @@ FakeGeoClue::~FakeGeoClue() {
 }
 
 void FakeGeoClue::publishLocation(const Location& location) {
-  std::promise<void> done;
-  auto announced = done.get_future();
   {
-    std::lock_guard lock(impl_->mutex);
-    impl_->commands.push_back([this, location, &done] {
-      impl_->addLocation(location);
-      done.set_value();
-    });
+    std::lock_guard lock(impl_->busMutex);
+    impl_->addLocation(location);
   }
   impl_->wake();
-  announced.wait();
 }
 
 FakeGeoClue::State FakeGeoClue::state() const {

@@ -44,7 +44,6 @@ class FakeGeoClue {
     int starts = 0;
     int stops = 0;
     int activeClients = 0;
-    int locationsPublished = 0;
   };
 
   FakeGeoClue(const PrivateBus& bus, Options options);
@@ -54,7 +53,7 @@ class FakeGeoClue {
   FakeGeoClue& operator=(const FakeGeoClue&) = delete;
 
   // Adds a Location object, makes it every client's Location and announces it to the started
-  // clients. Returns once it is announced.
+  // clients.
   void publishLocation(const Location& location);
 
   State state() const;

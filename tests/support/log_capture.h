@@ -41,10 +41,6 @@ class LogCapture {
                          [&](const std::string& m) { return m.rfind(prefix, 0) == 0; });
     });
   }
-  void clear() {
-    std::lock_guard lock(mutex_);
-    messages_.clear();
-  }
 
  private:
   mutable std::mutex mutex_;

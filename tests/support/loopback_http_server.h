@@ -11,8 +11,8 @@
 // Limits of the underlying server: header fields with an empty value are not recorded, and
 // bodies over 8 KiB labelled application/x-www-form-urlencoded are refused with 413.
 //
-// Only the methods GET, HEAD, POST, PUT, PATCH, DELETE and OPTIONS reach handlers; HEAD requests
-// are routed to the GET handler of the path and answered without a body.
+// Only the methods GET, HEAD, POST and PUT reach handlers; HEAD requests are routed to the GET
+// handler of the path and answered without a body.
 #pragma once
 
 #include <chrono>

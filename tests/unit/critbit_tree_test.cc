@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-#include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -16,60 +13,31 @@ namespace {
 std::vector<std::string> releasedValues;
 void recordRelease(void* value) { releasedValues.emplace_back(static_cast<const char*>(value)); }
 
-int collect(const char* key, void* arg) {
-  static_cast<std::vector<std::string>*>(arg)->emplace_back(key);
-  return 1;
-}
-
-TEST(CritbitCore, ReturnCodesAndReleases) {
+// Return codes and releases against std::map are fuzz/critbit_fuzz.cc's job; these are the
+// corners it does not reach.
+TEST(CritbitCore, FlagBitEmptyKeyCallbackResultsAndClear) {
   critbit_tree tree{};
   tree.value_release = recordRelease;
   releasedValues.clear();
   char one[] = "one", two[] = "two", three[] = "three";
-  std::vector<std::string> keys;
-
-  EXPECT_EQ(critbit_contains(&tree, "", nullptr), 0);
-  EXPECT_EQ(critbit_delete(&tree, "abc"), 0);
-  EXPECT_EQ(critbit_allprefixed(&tree, "", collect, &keys), 1);
 
   EXPECT_EQ(critbit_insert(&tree, "abc", one, 1), 2);
-  EXPECT_EQ(critbit_insert(&tree, "abc", one, 1), 0);  // the very value already stored
-  EXPECT_EQ(critbit_insert(&tree, "abc", two, 0), 1);  // another value, flag clear: kept
+  EXPECT_EQ(critbit_insert(&tree, "abc", two, 2), 1);  // only the lowest bit of the flag counts
   EXPECT_TRUE(releasedValues.empty());
-  EXPECT_EQ(critbit_insert(&tree, "abc", two, 3), 1);  // only the lowest bit of the flag counts
+  EXPECT_EQ(critbit_insert(&tree, "abc", two, 3), 1);
   EXPECT_EQ(releasedValues, std::vector<std::string>{"one"});
-  EXPECT_EQ(critbit_insert(&tree, "ab", three, 1), 2);
-  EXPECT_EQ(critbit_insert(&tree, "", one, 1), 2);  // the empty key holds only the NUL
-  EXPECT_EQ(tree.size, 3u);
-
-  void* value = nullptr;
-  EXPECT_EQ(critbit_contains(&tree, "abc", &value), 1);
-  EXPECT_EQ(value, two);
-  EXPECT_EQ(critbit_contains(&tree, "a", &value), 0);
-  EXPECT_EQ(critbit_contains(&tree, "abcd", nullptr), 0);
+  EXPECT_EQ(critbit_insert(&tree, "", three, 1), 2);  // the empty key holds only the NUL
   EXPECT_EQ(critbit_contains(&tree, "", nullptr), 1);
 
-  EXPECT_EQ(critbit_allprefixed(&tree, "a", collect, &keys), 1);
-  EXPECT_EQ(keys, (std::vector<std::string>{"ab", "abc"}));
-  keys.clear();
-  EXPECT_EQ(critbit_allprefixed(&tree, "abcd", collect, &keys), 1);
-  EXPECT_EQ(critbit_allprefixed(&tree, "b", collect, &keys), 1);
-  EXPECT_TRUE(keys.empty());
   const auto stopAtOnce = [](const char*, void*) { return 0; };
   const auto misbehave = [](const char*, void*) { return 7; };
   EXPECT_EQ(critbit_allprefixed(&tree, "", stopAtOnce, nullptr), 0);
   EXPECT_EQ(critbit_allprefixed(&tree, "", misbehave, nullptr), -1);
   EXPECT_EQ(critbit_allprefixed(&tree, "abc", misbehave, nullptr), -1);  // a lone external node
 
-  EXPECT_EQ(critbit_delete(&tree, "a"), 0);
-  EXPECT_EQ(critbit_delete(&tree, "ab"), 1);
-  EXPECT_EQ(critbit_delete(&tree, "ab"), 0);
   EXPECT_EQ(critbit_delete(&tree, ""), 1);
   EXPECT_EQ(critbit_delete(&tree, "abc"), 1);  // the last key: the root is empty again
   EXPECT_EQ(tree.root.flag, 0u);
-  EXPECT_EQ(tree.size, 0u);
-  EXPECT_EQ(releasedValues, (std::vector<std::string>{"one", "three", "one", "two"}));
-
   critbit_insert(&tree, "x", one, 1);
   critbit_insert(&tree, "y", two, 1);
   releasedValues.clear();
@@ -111,58 +79,6 @@ TEST(CritbitTree, ReleasesEachValueItGivesUp) {
   }
   // The moved-from tree releases nothing twice; the moved-to one gives up the long key's value.
   EXPECT_EQ(releasedValues, (std::vector<std::string>{"first", "second", "first"}));
-}
-
-TEST(CritbitTree, AgreesWithAnOrderedMap) {
-  std::mt19937 random(20261123);
-  const auto randomKey = [&] {
-    std::string key(random() % 6, ' ');
-    for (char& c : key) c = "ab\x7f\x80\xff"[random() % 5];  // bytes on both sides of 0x80
-    return key;
-  };
-  CritbitMap<int> tree;
-  std::map<std::string, int> oracle;
-  for (int step = 0; step < 6000; ++step) {
-    const std::string key = randomKey();
-    switch (random() % 4) {
-      case 0:
-      case 1:
-        EXPECT_TRUE(tree.set(std::make_unique<int>(step), key));
-        oracle[key] = step;
-        break;
-      case 2:
-        EXPECT_EQ(tree.remove(key), oracle.erase(key) == 1) << key;
-        break;
-      default: {
-        std::vector<std::string> found, expected;
-        tree.keysMatchingPrefix(key, [&](std::string_view k, bool&) { found.emplace_back(k); });
-        for (auto it = oracle.lower_bound(key); it != oracle.end() && it->first.starts_with(key);
-             ++it) {
-          expected.push_back(it->first);
-        }
-        ASSERT_EQ(found, expected) << "prefix '" << key << "' at step " << step;
-        if (found.size() > 1) {
-          std::vector<std::string> stopped;
-          tree.keysMatchingPrefix(key, [&](std::string_view k, bool& stop) {
-            stopped.emplace_back(k);
-            stop = stopped.size() == 2;
-          });
-          EXPECT_EQ(stopped.size(), 2u);
-        }
-      }
-    }
-    const int* stored = tree.find(key);
-    const auto it = oracle.find(key);
-    ASSERT_EQ(stored != nullptr, it != oracle.end());
-    if (stored) {
-      EXPECT_EQ(*stored, it->second);
-    }
-    ASSERT_EQ(tree.count(), oracle.size());
-  }
-  EXPECT_GT(oracle.size(), 100u);
-  tree.clear();
-  EXPECT_EQ(tree.count(), 0u);
-  EXPECT_FALSE(tree.contains(""));
 }
 
 }  // namespace

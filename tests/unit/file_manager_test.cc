@@ -21,19 +21,12 @@ std::vector<std::uint8_t> bytesOf(std::string_view text) {
 using testing::readTextFile;
 
 TEST(FileManager, ResolvesDirectoriesByTheXdgRules) {
-  const FileManager xdg({"/home/u", "/xdg/cache", "/xdg/config", "/var/tmp/u"});
-  EXPECT_EQ(xdg.cacheDirectory(), "/xdg/cache/com.zelmor.orvexd");
-  EXPECT_EQ(xdg.configDirectory(), "/xdg/config/com.zelmor.orvexd");
-  EXPECT_EQ(xdg.temporaryDirectory(), "/var/tmp/u");
-
-  // Empty and relative values are ignored.
-  for (const auto& [cache, config, tmp] :
-       {std::tuple{"", "", ""}, std::tuple{"cache", "./config", "tmp"}}) {
-    const FileManager fallback({"/home/u", cache, config, tmp});
-    EXPECT_EQ(fallback.cacheDirectory(), "/home/u/.cache/com.zelmor.orvexd");
-    EXPECT_EQ(fallback.configDirectory(), "/home/u/.config/com.zelmor.orvexd");
-    EXPECT_EQ(fallback.temporaryDirectory(), "/tmp");
-  }
+  // Absolute values are used as they are (the daemon's tests run on them); empty and relative
+  // ones are ignored.
+  const FileManager fallback({"/home/u", "", "./config", "tmp"});
+  EXPECT_EQ(fallback.cacheDirectory(), "/home/u/.cache/com.zelmor.orvexd");
+  EXPECT_EQ(fallback.configDirectory(), "/home/u/.config/com.zelmor.orvexd");
+  EXPECT_EQ(fallback.temporaryDirectory(), "/tmp");
 
   testing::ScopedEnv home("HOME", "/home/someone");
   testing::ScopedEnv cache("XDG_CACHE_HOME", std::nullopt);
@@ -50,13 +43,11 @@ TEST(FileManager, CreatesDirectoriesAndListsRemovesAndDescribesItems) {
   const FileManager files({dir.path().string(), "", "", ""});
   const auto nested = dir / "a/b/c";
   EXPECT_FALSE(files.ensureDirectory(nested, 0700));
-  EXPECT_FALSE(files.ensureDirectory(nested, 0700));  // already there
-  EXPECT_EQ(files.attributesOfItem(dir / "a")->mode & 07777, 0700u);
-  EXPECT_EQ(files.attributesOfItem(nested)->mode & 07777, 0700u);
+  EXPECT_FALSE(files.ensureDirectory(nested, 0700));                  // already there
+  EXPECT_EQ(files.attributesOfItem(dir / "a")->mode & 07777, 0700u);  // and its parents
 
   ASSERT_FALSE(files.writeFileAtomically(dir / "a/file", bytesOf("12345")));
   EXPECT_EQ(files.ensureDirectory(dir / "a/file/sub"), std::errc::not_a_directory);
-  EXPECT_EQ(files.ensureDirectory(dir / "a/file"), std::errc::not_a_directory);
 
   std::error_code error;
   EXPECT_EQ(files.contentsOfDirectory(dir / "a", error),
@@ -70,9 +61,7 @@ TEST(FileManager, CreatesDirectoriesAndListsRemovesAndDescribesItems) {
   EXPECT_EQ(attributes->size, 5u);
   EXPECT_TRUE(S_ISREG(attributes->mode));
   EXPECT_GT(attributes->modificationDate, before);
-  EXPECT_EQ(files.attributesOfItem(dir / "missing"), std::nullopt);
 
-  EXPECT_TRUE(files.fileExists(dir / "a/b/c"));
   EXPECT_FALSE(files.removeItem(dir / "a"));
   EXPECT_FALSE(files.fileExists(dir / "a"));
   EXPECT_FALSE(files.removeItem(dir / "a"));  // missing is fine

@@ -83,6 +83,22 @@ TEST(LocaleProviderTest, ReadsTheLocaleFromThePosixVariablesInTheirOrder) {
   EXPECT_EQ(env.with("LC_MESSAGES", "th_TH.UTF-8").calendarIdentifier, "buddhist");
 }
 
+TEST(LocaleProviderTest, MeasurementAndTimeFollowTheirOwnCategories) {
+  LocaleEnvironment env;
+  env.set("LANG", "en_US.UTF-8");
+  env.set("LC_MEASUREMENT", "en_GB.UTF-8");
+  LocaleSnapshot snapshot = env.with("LC_TIME", "de_DE.UTF-8");
+  EXPECT_EQ(snapshot.measurementSystem, MeasurementSystem::kUK);
+  EXPECT_EQ(hourSymbols(snapshot.hourCyclePattern), "HH");
+  EXPECT_EQ(snapshot.localeIdentifier, "en_US");
+  // A region-less locale finds its likely region: French → France → metric.
+  EXPECT_EQ(env.with("LC_MEASUREMENT", "fr").measurementSystem, MeasurementSystem::kMetric);
+  // LC_ALL decides every category.
+  snapshot = env.with("LC_ALL", "en_US.UTF-8");
+  EXPECT_EQ(snapshot.measurementSystem, MeasurementSystem::kUS);
+  EXPECT_EQ(hourSymbols(snapshot.hourCyclePattern), "h");
+}
+
 TEST(LocaleProviderTest, TheCLocaleAndGarbageReadAsEnglishWithoutRegion) {
   for (const std::optional<std::string>& value : std::vector<std::optional<std::string>>{
            std::nullopt, "C", "POSIX", "C.UTF-8", "", "garbage!!", "d", "de_", "de__DE", "_DE",
@@ -98,27 +114,6 @@ TEST(LocaleProviderTest, TheCLocaleAndGarbageReadAsEnglishWithoutRegion) {
     EXPECT_EQ(snapshot.calendarIdentifier, "gregorian");
     EXPECT_FALSE(snapshot.hourCyclePattern.empty());
   }
-}
-
-TEST(LocaleProviderTest, MeasurementAndTimeFollowTheirOwnCategories) {
-  LocaleEnvironment env;
-  LocaleSnapshot snapshot = env.with("LANG", "en_US.UTF-8");
-  EXPECT_EQ(snapshot.measurementSystem, MeasurementSystem::kUS);
-  EXPECT_EQ(hourSymbols(snapshot.hourCyclePattern), "h");
-
-  env.set("LC_MEASUREMENT", "en_GB.UTF-8");
-  snapshot = env.with("LC_TIME", "de_DE.UTF-8");
-  EXPECT_EQ(snapshot.measurementSystem, MeasurementSystem::kUK);
-  EXPECT_EQ(hourSymbols(snapshot.hourCyclePattern), "HH");
-  EXPECT_EQ(snapshot.localeIdentifier, "en_US");
-
-  // A region-less locale finds its likely region: French → France → metric.
-  EXPECT_EQ(env.with("LC_MEASUREMENT", "fr").measurementSystem, MeasurementSystem::kMetric);
-
-  // LC_ALL decides every category.
-  snapshot = env.with("LC_ALL", "en_US.UTF-8");
-  EXPECT_EQ(snapshot.measurementSystem, MeasurementSystem::kUS);
-  EXPECT_EQ(hourSymbols(snapshot.hourCyclePattern), "h");
 }
 
 TEST(LocaleProviderTest, LanguagesComeFromLanguageWithoutJunkAndTheZoneFromTzOrTheHost) {

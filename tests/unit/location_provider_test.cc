@@ -29,6 +29,13 @@ std::optional<LocationUpdate> nth(Updates& updates, std::size_t index) {
   return updates.values()[index];
 }
 
+// The latitude and type of that update's fix; {0, -1} when it has none.
+std::pair<double, int> latitudeAndType(Updates& updates, std::size_t index) {
+  const auto update = nth(updates, index);
+  if (!update || !update->fix) return {0, -1};
+  return {update->fix->latitude, update->fix->type};
+}
+
 struct SystemBus {
   TempDir dir;
   PrivateBus bus{dir.path()};
@@ -69,22 +76,14 @@ TEST(LocationProviderTest, DeliversGeoClueFixesUntilStopped) {
   geoclue.publishLocation({10.0, 10.0, -1.0, 1700000200, 0});
   geoclue.publishLocation({10.0, 10.0, 10.0, 1700000200, 0, /*hasTimestamp=*/false});
   geoclue.publishLocation({35.68, 139.69, 25000.0, 1700000300, 0});
-  update = nth(recorder, 2);
-  ASSERT_TRUE(update && update->fix);
-  EXPECT_DOUBLE_EQ(update->fix->latitude, -33.86);
-  EXPECT_EQ(update->fix->type, 4);
-  update = nth(recorder, 3);
-  ASSERT_TRUE(update && update->fix);
-  EXPECT_DOUBLE_EQ(update->fix->latitude, 35.68);
-  EXPECT_EQ(update->fix->type, 6);
+  EXPECT_EQ(latitudeAndType(recorder, 2), std::make_pair(-33.86, 4));
+  EXPECT_EQ(latitudeAndType(recorder, 3), std::make_pair(35.68, 6));
 
   // A second start only replaces the handler.
   Updates replacement;
   provider->startUpdates(replacement.adder());
   geoclue.publishLocation({51.5, -0.12, 80.0, 1700000400, 0});
-  update = nth(replacement, 0);
-  ASSERT_TRUE(update && update->fix);
-  EXPECT_DOUBLE_EQ(update->fix->latitude, 51.5);
+  EXPECT_EQ(latitudeAndType(replacement, 0), std::make_pair(51.5, 1));
   EXPECT_EQ(geoclue.state().clientsCreated, 1);
   EXPECT_EQ(recorder.size(), 4u);
 
@@ -95,9 +94,7 @@ TEST(LocationProviderTest, DeliversGeoClueFixesUntilStopped) {
                               kWatchdog));
   Updates again;
   provider->startUpdates(again.adder());
-  update = nth(again, 0);
-  ASSERT_TRUE(update && update->fix);
-  EXPECT_DOUBLE_EQ(update->fix->latitude, 51.5);
+  EXPECT_EQ(latitudeAndType(again, 0), std::make_pair(51.5, 1));
   EXPECT_EQ(geoclue.state().clientsCreated, 2);
 
   // Destruction stops the client too.

@@ -1,7 +1,6 @@
 #include "orvexd/feedback/persistent_storage.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/archived_data_iterator.h"
@@ -80,9 +79,8 @@ TEST_F(StorageTest, WritesLengthPrefixedRecordsAndReadsThemBack) {
   ASSERT_TRUE(container);
   EXPECT_EQ(container->fileUrl(), cacheDirectory / "session.1");
 
-  struct stat info {};
-  ASSERT_EQ(::stat(container->fileUrl().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0600u);
+  EXPECT_EQ(test.assembly->fileManager->attributesOfItem(container->fileUrl())->mode & 07777,
+            0600u);
 
   // Byte layout: an 8-byte little-endian length, then that many bytes of archive.
   const auto bytes = readBytes(container->fileUrl());

@@ -64,46 +64,34 @@ class RetryableRequestTest : public ::testing::Test {
   std::atomic<int> completions{0};
 };
 
-TEST_F(RetryableRequestTest, WithoutExpiryOrPastItTheFirstTransportFailureIsFinal) {
+TEST_F(RetryableRequestTest, RetriesTransportFailuresBeforeExpiryWhileRetriesLast) {
+  // Without an expiry, or past it, the first transport failure is final.
   server.failNextRequests(1);
-  HttpDataResult result = run(request("/data", std::nullopt, true), 5);
-  ASSERT_TRUE(result.error);
-  EXPECT_EQ(result.error->domain, kHttpErrorDomain);
-  EXPECT_EQ(server.requestCount(), 1u);
-
+  ASSERT_TRUE(run(request("/data", std::nullopt, true), 5).error);
   server.failNextRequests(1);
-  result = run(request("/data", platform.clock->wallNow() - 1s, false), 5);
-  ASSERT_TRUE(result.error);
+  ASSERT_TRUE(run(request("/data", platform.clock->wallNow() - 1s, false), 5).error);
   EXPECT_EQ(server.requestCount(), 2u);
-  platform.settle();
-  EXPECT_EQ(completions, 2);
-}
 
-TEST_F(RetryableRequestTest, RetriesTransportFailuresUntilSuccessOrNoRetriesLeft) {
   server.failNextRequests(2);
   HttpDataResult result = run(request("/data", inAnHour(), false), 3);
   EXPECT_FALSE(result.error);
-  ASSERT_TRUE(result.response);
-  EXPECT_EQ(result.response->statusCode, 200);
   EXPECT_EQ(result.data, "payload");
-  EXPECT_EQ(server.requestCount(), 3u);
+  EXPECT_EQ(server.requestCount(), 5u);
 
   // Two retries allowed, three failures: the third failure is reported.
-  server.failNextRequests(5);
+  server.failNextRequests(3);
   result = run(request("/data", inAnHour(), false), 2);
-  EXPECT_TRUE(result.error);
-  EXPECT_EQ(server.requestCount(), 6u);
-  platform.settle();
-  EXPECT_EQ(completions, 2);
-}
+  ASSERT_TRUE(result.error);
+  EXPECT_EQ(result.error->domain, kHttpErrorDomain);
+  EXPECT_EQ(server.requestCount(), 8u);
 
-TEST_F(RetryableRequestTest, AnHttpErrorStatusIsAnAnswerAndNeverRetried) {
-  HttpDataResult result = run(request("/broken", inAnHour(), true), 5);
+  // An HTTP error status is an answer, never retried.
+  result = run(request("/broken", inAnHour(), true), 5);
   EXPECT_FALSE(result.error);
-  ASSERT_TRUE(result.response);
   EXPECT_EQ(result.response->statusCode, 500);
-  EXPECT_EQ(result.data, "server error");
-  EXPECT_EQ(server.requestCount(), 1u);
+  EXPECT_EQ(server.requestCount(), 9u);
+  platform.settle();
+  EXPECT_EQ(completions, 5);  // one each
 }
 
 TEST_F(RetryableRequestTest, DelayOnFailWaitsAFixedOneAndAHalfSecondsBeforeEachRetry) {
@@ -133,11 +121,8 @@ TEST_F(RetryableRequestTest, DelayOnFailWaitsAFixedOneAndAHalfSecondsBeforeEachR
 
 TEST(MachDurationToMilliseconds, ConvertsThroughTheTimebaseAndTruncates) {
   EXPECT_EQ(mach_duration_to_milliseconds(1'999'999), 1u);
-  EXPECT_EQ(mach_duration_to_milliseconds(2'000'000), 2u);
-  EXPECT_EQ(mach_duration_to_milliseconds(125, MonotonicTimebase{125, 3}), 0u);
   EXPECT_EQ(mach_duration_to_milliseconds(3'000'000, MonotonicTimebase{125, 3}), 125u);
   EXPECT_EQ(mach_duration_to_milliseconds(5'000'000, MonotonicTimebase{1, 0}), 0u);
-  EXPECT_EQ(mach_duration_to_milliseconds(std::chrono::milliseconds(1500)), 1500u);
   EXPECT_EQ(mach_duration_to_milliseconds(Duration(-5)), 0u);
 }
 

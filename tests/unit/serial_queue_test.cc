@@ -155,30 +155,17 @@ TEST(SerialQueue, ACallerWaitingInSyncLetsVirtualTimeMove) {
   EXPECT_TRUE(syncRan);
 }
 
+// Deadline order and cancellation are the clock's (VirtualClock's test).
 TEST(SerialQueue, AfterRunsOnTheQueueAtItsVirtualDeadlineAndNotOnceTheQueueIsGone) {
   testing::VirtualPlatform platform;
   auto queue =
       std::make_unique<SerialQueue>("com.zelmor.orvexd.test", *platform.pool, *platform.clock);
-  std::vector<std::pair<int, MonotonicTime>> fired;  // queue only
-  const auto start = platform.clock->monotonicNow();
-  queue->after(10min, [&] { fired.emplace_back(2, platform.clock->monotonicNow()); });
-  queue->after(3min, [&, q = queue.get()] {
-    EXPECT_TRUE(q->isCurrent());
-    fired.emplace_back(1, platform.clock->monotonicNow());
-  });
-  auto cancelled = queue->after(5min, [&] { fired.emplace_back(99, MonotonicTime()); });
-  cancelled.cancel();
-
+  std::optional<bool> onQueue;
+  queue->after(3min, [&, q = queue.get()] { onQueue = q->isCurrent(); });
   platform.advance(179s);
-  EXPECT_TRUE(fired.empty());
+  EXPECT_FALSE(onQueue);
   platform.advance(1s);
-  ASSERT_EQ(fired.size(), 1u);
-  EXPECT_EQ(fired[0].first, 1);
-  EXPECT_EQ(fired[0].second - start, 3min);
-  platform.advance(2h);
-  ASSERT_EQ(fired.size(), 2u);
-  EXPECT_EQ(fired[1].first, 2);
-  EXPECT_EQ(fired[1].second - start, 10min);
+  EXPECT_EQ(onQueue, true);
 
   bool late = false;
   queue->after(1s, [&] { late = true; });

@@ -125,10 +125,7 @@ TEST(ReaderWriterQueue, ReadersShareWritersExcludeAndAsyncWritesKeepTheirOrder) 
 TEST(ProcessTransaction, CountsOpenTransactionsByNameAcrossMoves) {
   const auto before = ProcessTransaction::openCount();
   {
-    ProcessTransaction fetch("bagFetch");
-    ProcessTransaction image("imageFetch");
-    ProcessTransaction another("imageFetch");
-    EXPECT_EQ(ProcessTransaction::openTransactions().at("imageFetch"), 2);
+    ProcessTransaction fetch("bagFetch"), image("imageFetch"), another("imageFetch");
     ProcessTransaction moved(std::move(another));
     EXPECT_EQ(ProcessTransaction::openTransactions().at("imageFetch"), 2);
     moved = std::move(fetch);  // closes one imageFetch, carries the bagFetch

@@ -28,24 +28,17 @@ bool waitFor(Changes& changes, SystemChange kind, long count = 1) {
 }
 
 struct Files {
-  explicit Files(const testing::TempDir& dir)
-      : etc(dir / "etc"),
-        config(dir / "config"),
-        locale(etc / "locale.conf"),
-        userLocale(config / "locale.conf"),
-        localtime(etc / "localtime"),
-        timezone(etc / "timezone") {
+  explicit Files(const testing::TempDir& temp) : dir(temp.path()) {
     fs::create_directories(etc);
     fs::create_directories(config);
   }
-  SystemChangePaths paths(const testing::TempDir& dir) const {
-    SystemChangePaths result;
-    result.localeFiles = {locale.string(), userLocale.string(),
-                          (dir / "missing" / "locale.conf").string()};
-    result.timeZoneFiles = {localtime.string(), timezone.string()};
-    return result;
+  SystemChangePaths paths() const {
+    return {{locale.string(), userLocale.string(), (dir / "missing/locale.conf").string()},
+            {localtime.string(), timezone.string()}};
   }
-  fs::path etc, config, locale, userLocale, localtime, timezone;
+  fs::path dir, etc = dir / "etc", config = dir / "config", locale = etc / "locale.conf",
+                userLocale = config / "locale.conf", localtime = etc / "localtime",
+                timezone = etc / "timezone";
 };
 
 TEST(SystemChangeMonitorTest, ReportsWritesRenamesAndDeletionsByKind) {
@@ -54,7 +47,7 @@ TEST(SystemChangeMonitorTest, ReportsWritesRenamesAndDeletionsByKind) {
   writeTextFile(files.timezone, "Europe/Paris\n");
   WorkerPool pool(2);
   Changes changes;
-  auto monitor = makeSystemChangeMonitor(pool, files.paths(dir), changes.adder());
+  auto monitor = makeSystemChangeMonitor(pool, files.paths(), changes.adder());
 
   // A file that is not watched, then a locale file: events arrive in order, so once the locale
   // change is seen the other event has been read too.
@@ -91,7 +84,7 @@ TEST(SystemChangeMonitorTest, CoalescesABurstIntoOneCallPerKind) {
   testing::Gate entered;
   testing::Gate release;
   Changes changes;
-  auto monitor = makeSystemChangeMonitor(pool, files.paths(dir), [&](SystemChange change) {
+  auto monitor = makeSystemChangeMonitor(pool, files.paths(), [&](SystemChange change) {
     changes.add(change);
     if (changes.size() == 1) {
       entered.open();
@@ -129,7 +122,7 @@ TEST(SystemChangeMonitorTest, NoCallAfterDestructionWhichWaitsForARunningCall) {
   // Destroyed while idle: later changes reach nobody.
   {
     Changes changes;
-    makeSystemChangeMonitor(pool, files.paths(dir), changes.adder()).reset();
+    makeSystemChangeMonitor(pool, files.paths(), changes.adder()).reset();
     writeTextFile(files.locale, "LANG=C\n");
     pool.waitUntilIdle();
     EXPECT_EQ(changes.size(), 0u);
@@ -140,7 +133,7 @@ TEST(SystemChangeMonitorTest, NoCallAfterDestructionWhichWaitsForARunningCall) {
   testing::Gate entered;
   testing::Gate release;
   std::atomic<bool> callFinished{false};
-  auto monitor = makeSystemChangeMonitor(pool, files.paths(dir), [&](SystemChange) {
+  auto monitor = makeSystemChangeMonitor(pool, files.paths(), [&](SystemChange) {
     entered.open();
     release.wait();
     callFinished = true;
@@ -163,7 +156,7 @@ TEST(SystemChangeMonitorTest, NoCallAfterDestructionWhichWaitsForARunningCall) {
   // A handler that destroys its own monitor does not deadlock.
   std::unique_ptr<SystemChangeMonitor> selfDestroying;
   testing::Gate destroyedItself;
-  selfDestroying = makeSystemChangeMonitor(pool, files.paths(dir), [&](SystemChange) {
+  selfDestroying = makeSystemChangeMonitor(pool, files.paths(), [&](SystemChange) {
     selfDestroying.reset();
     destroyedItself.open();
   });

