@@ -16,7 +16,6 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/model/assembly.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_feedback.h"
 #include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/file_manager.h"

@@ -12,7 +12,6 @@
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/session_privacy_filter.h"
 #include "orvexd/model/assembly.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/defaults_store.h"

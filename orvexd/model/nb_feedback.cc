@@ -6,7 +6,6 @@
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/network_timing_formatter.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_session_feedback.h"
 
 namespace orvex {

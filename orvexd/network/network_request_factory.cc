@@ -10,7 +10,6 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/model/interfaces/app_whitelist_controller.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/defaults_store.h"
