@@ -7,9 +7,7 @@ namespace orvex {
 
 ClientSessionShared::ClientSessionShared(Assembly& assembly, const OrvexFeedback& feedback,
                                          uint32_t previousSessionEndReason)
-    : assembly_(assembly),
-      userGuid_(feedback.userGuid()),
-      previousSessionEndReason_(previousSessionEndReason) {
+    : FeedbackSession(assembly, feedback, previousSessionEndReason) {
   addFeedback(feedback);
 }
 
