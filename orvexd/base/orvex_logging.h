@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -129,6 +130,20 @@ class OrvexLog {
 // The handle of a category. A category outside the table stops the process with the assertion
 // "category < OrvexLoggingCategoryCount".
 const OrvexLog& OrvexLogForCategory(unsigned category);
+
+// Runs `call`; an exception it throws is logged at fault level as "<what> failed: <reason>"
+// ("<what> failed" when it is no std::exception) instead of leaving. For handlers that callers
+// hand in and that must not end the thread that runs them.
+template <typename F>
+void runLoggingFailure(const OrvexLog& log, std::string_view what, F&& call) {
+  try {
+    call();
+  } catch (const std::exception& e) {
+    log.fault("%@ failed: %s", what, e.what());
+  } catch (...) {
+    log.fault("%@ failed", what);
+  }
+}
 
 // Reconfigures the destination and threshold from the environment (JOURNAL_STREAM,
 // ORVEXD_LOG_LEVEL). Called once at start-up; handles created before keep working.
