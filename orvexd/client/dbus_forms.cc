@@ -15,10 +15,11 @@ using StringMap = std::map<std::string, std::string>;
 
 // ---- The fields of each record, listed once ---------------------------------------------------
 //
-// A visitor is called as v(key, field) for every field, and as v.nested(key, field) for the HTTP
-// information of a reply, which travels as an a{sv} of its own. The writers below skip fields
-// that hold their default value (absent and default mean the same), the readers fill those they
-// find.
+// A visitor is called as v(key, field) for every field, as v.required(key, field) for a field
+// written even when it holds its default value, and as v.nested(key, field) for the HTTP
+// information of a reply, which travels as an a{sv} of its own. The writers below skip the other
+// fields that hold their default value (absent and default mean the same), the readers fill
+// those they find.
 
 constexpr auto visitRequest = [](auto& v, auto& request) {
   v("queryString", request.queryString);
@@ -47,7 +48,21 @@ constexpr auto visitReply = [](auto& v, auto& reply) {
   v.nested("httpResponse", reply.httpResponse);
 };
 
-// The request and the response information share their url and headers.
+constexpr auto visitError = [](auto& v, auto& error) {
+  v("domain", error.domain);
+  v("code", error.code);
+  v("reason", error.reason);
+};
+
+// Both keys are required: they are sent even when empty, so that the daemon says which is
+// missing.
+constexpr auto visitConfiguration = [](auto& v, auto& configuration) {
+  v.required("identifier", configuration.identifier);
+  v.required("userAgent", configuration.userAgent);
+  v("dontPreloadImages", configuration.dontPreloadImages);
+};
+
+// The HTTP request and response information of a reply share their url and headers.
 constexpr auto visitHttpInfo = [](auto& v, auto& info) {
   v("url", info.url);
   if constexpr (requires { info.method; }) {
@@ -56,18 +71,6 @@ constexpr auto visitHttpInfo = [](auto& v, auto& info) {
     v("statusCode", info.statusCode);
   }
   v("headers", info.headers);
-};
-
-constexpr auto visitError = [](auto& v, auto& error) {
-  v("domain", error.domain);
-  v("code", error.code);
-  v("reason", error.reason);
-};
-
-constexpr auto visitConfiguration = [](auto& v, auto& configuration) {
-  v("identifier", configuration.identifier);
-  v("userAgent", configuration.userAgent);
-  v("dontPreloadImages", configuration.dontPreloadImages);
 };
 
 template <class T>
@@ -132,6 +135,10 @@ struct FieldWriter : Sink {
   void operator()(const char* key, const T& value) {
     if (!isDefault(value)) Sink::put(key, wireForm(value));
   }
+  template <class T>
+  void required(const char* key, const T& value) {
+    Sink::put(key, wireForm(value));
+  }
   template <class Info>
   void nested(const char* key, const std::optional<Info>& value) {
     if (value) Sink::put(key, nestedForm(*value));
@@ -193,6 +200,10 @@ struct FieldReader : Source {
   void operator()(const char* key, T& into) {
     typename WireType<T>::type value{};
     if (Source::take(key, value)) fromWire(std::move(value), into);
+  }
+  template <class T>
+  void required(const char* key, T& into) {
+    (*this)(key, into);
   }
   template <class Info>
   void nested(const char* key, std::optional<Info>& into) {
@@ -346,11 +357,7 @@ RequestForm requestForm(std::string_view kind, std::string kindProblem, ORVReque
 }  // namespace
 
 Dict toDBus(const ORVSessionConfiguration& configuration) {
-  Dict form = dictOf(configuration, visitConfiguration);
-  // Both keys are required: send them even when empty, so that the daemon says which is missing.
-  form.try_emplace("identifier", sdbus::Variant(configuration.identifier));
-  form.try_emplace("userAgent", sdbus::Variant(configuration.userAgent));
-  return form;
+  return dictOf(configuration, visitConfiguration);
 }
 
 std::optional<ORVSessionConfiguration> configurationFromDBus(const Dict& form,
