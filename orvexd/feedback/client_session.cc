@@ -141,10 +141,7 @@ void ClientSession::addFeedback(const OrvexFeedback& feedback) {
   }
 }
 
-void ClientSession::enumerateSessions(
-    const std::function<void(ClientSession& session, bool last)>& visit) {
-  visit(*this, true);
-}
+void ClientSession::enumerateSessions(const SessionVisitor& visit) { visit(*this, true); }
 
 uint64_t ClientSession::relativeTimestamp(const OrvexFeedback& feedback) const {
   const uint64_t start = monotonicNanoseconds(sessionStartMonotonic_);

@@ -63,8 +63,7 @@ class ClientSession final : public FeedbackSession,
                 uint32_t previousSessionEndReason);
 
   void addFeedback(const OrvexFeedback& feedback) override;
-  void enumerateSessions(
-      const std::function<void(ClientSession& session, bool last)>& visit) override;
+  void enumerateSessions(const SessionVisitor& visit) override;
   std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
 
   // The records as added.

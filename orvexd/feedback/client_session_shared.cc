@@ -28,8 +28,7 @@ void ClientSessionShared::addFeedback(const OrvexFeedback& feedback) {
   session->addFeedback(feedback);
 }
 
-void ClientSessionShared::enumerateSessions(
-    const std::function<void(ClientSession& session, bool last)>& visit) {
+void ClientSessionShared::enumerateSessions(const SessionVisitor& visit) {
   std::vector<std::shared_ptr<ClientSession>> sessions;
   {
     std::lock_guard lock(mutex_);

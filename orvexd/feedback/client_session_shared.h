@@ -29,8 +29,7 @@ class ClientSessionShared final : public FeedbackSession {
   // Adds the record to the session of its user agent, opening that session if needed.
   void addFeedback(const OrvexFeedback& feedback) override;
   // In the order of the agents' names.
-  void enumerateSessions(
-      const std::function<void(ClientSession& session, bool last)>& visit) override;
+  void enumerateSessions(const SessionVisitor& visit) override;
   // Every agent's records, ordered by their own timestamps.
   std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
 

@@ -26,9 +26,9 @@ class FeedbackSession {
   virtual void addFeedback(const OrvexFeedback& feedback) = 0;
   // The user GUID the session was opened under, as written in its records.
   std::optional<std::string> userGuid() const { return userGuid_; }
-  // Calls `visit` once for every ClientSession it holds; `last` is true for the final one.
-  virtual void enumerateSessions(
-      const std::function<void(ClientSession& session, bool last)>& visit) = 0;
+  // Called once for every ClientSession a session holds; `last` is true for the final one.
+  using SessionVisitor = std::function<void(ClientSession& session, bool last)>;
+  virtual void enumerateSessions(const SessionVisitor& visit) = 0;
   // The records, each with its time relative to the start of the session that holds it.
   virtual std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const = 0;
 
