@@ -127,8 +127,8 @@ struct WireType<ORVHeaderList> {
 template <class Info>
 Dict nestedForm(const Info& info);
 
-// Hands sink(key, value) the value each field travels as, skipping fields that hold their
-// default value.
+// Puts the value each field travels as through Sink::put(key, value), skipping the fields that
+// hold their default value unless they are required.
 template <class Sink>
 struct FieldWriter : Sink {
   template <class T>
@@ -192,7 +192,7 @@ void writeDict(sdbus::Message& message, Visit visit) {
 template <class Info>
 void readNested(const Dict& form, Info& info);
 
-// Fills the fields the source has a value of the right type for: source.take(key, value) says
+// Fills the fields the source has a value of the right type for: Source::take(key, value) says
 // whether it had one.
 template <class Source>
 struct FieldReader : Source {
