@@ -192,24 +192,21 @@ int64_t lookupMap(const std::string& prefix) {
   return found;
 }
 
-void BM_PrefixLookupCritbitTree(benchmark::State& state) {
+// Looks the prefixes up in turn, one per iteration.
+template <int64_t (*lookup)(const std::string&)>
+void prefixLookups(benchmark::State& state) {
   size_t i = 0;
   int64_t found = 0;
-  for (auto _ : state) found += lookupTree(prefixes()[i++ % prefixes().size()]);
+  for (auto _ : state) found += lookup(prefixes()[i++ % prefixes().size()]);
   benchmark::DoNotOptimize(found);
   state.counters["keys_per_lookup"] =
       static_cast<double>(found) / static_cast<double>(state.iterations());
 }
+
+void BM_PrefixLookupCritbitTree(benchmark::State& state) { prefixLookups<lookupTree>(state); }
 BENCHMARK(BM_PrefixLookupCritbitTree);
 
-void BM_PrefixLookupStdMap(benchmark::State& state) {
-  size_t i = 0;
-  int64_t found = 0;
-  for (auto _ : state) found += lookupMap(prefixes()[i++ % prefixes().size()]);
-  benchmark::DoNotOptimize(found);
-  state.counters["keys_per_lookup"] =
-      static_cast<double>(found) / static_cast<double>(state.iterations());
-}
+void BM_PrefixLookupStdMap(benchmark::State& state) { prefixLookups<lookupMap>(state); }
 BENCHMARK(BM_PrefixLookupStdMap);
 
 struct Footprint {

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "bench/search_session_records.h"
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/model/orvex_feedback.h"
 #include "orvexd/model/orvex_session_feedback.h"
@@ -54,18 +55,7 @@ void operator delete[](void* block, std::size_t) noexcept { release(block); }
 namespace orvex {
 namespace {
 
-NBSearchResult result(int i) {
-  NBSearchResult r;
-  r.identifier = "result-" + std::to_string(i);
-  r.rankingScore = 0.25 * (i % 7);
-  r.type = i % 3 == 0 ? 2 : 1;
-  r.topHit = i % 5 == 0 ? 1 : 0;
-  r.sectionBundleIdentifier = "com.zelmor.web";
-  r.customProperties = ORVCustomSearchResult{"fbr-" + std::to_string(i)};
-  r.queryId = static_cast<uint64_t>(i / 10);
-  r.punchout = NBPunchout{NBPunchout::Class::kNBPunchout, {}, {"https://news.example/a"}, {}};
-  return r;
-}
+using bench::searchResult;
 
 PlistDictionary timing() {
   PlistDictionary t;
@@ -92,20 +82,9 @@ std::vector<OrvexFeedback> session() {
   while (records.size() < 200) {
     ++query;
     std::vector<FeedbackRecordPtr> made;
-    auto start = std::make_shared<NBStartSearchFeedback>();
-    start->triggerEvent = 1;
-    start->input = "weather in par" + std::to_string(query);
-    start->uuid = "6F1A3C2E-0000-4000-8000-" + std::to_string(100000000000 + query);
-    start->queryId = static_cast<uint64_t>(query);
+    const auto start = bench::searchStart(query);
     made.push_back(start);
-    auto request = std::make_shared<NBStartNetworkSearchFeedback>();
-    request->input = start->input;
-    request->url =
-        "https://search.example/search?q=weather&locale=fr_FR&qid=" + std::to_string(query);
-    request->headers = FeedbackStringMap{
-        {"Accept", "application/json"}, {"User-Agent", "Glance/1"}, {"X-Zelmor-Geo", "48.85,2.29"}};
-    request->endpoint = 6;
-    made.push_back(request);
+    made.push_back(bench::networkRequest(*start, query));
     auto end = std::make_shared<ORVEndNetworkSearchFeedback>();
     end->uuid = start->uuid;
     end->responseSize = 18000;
@@ -114,11 +93,7 @@ std::vector<OrvexFeedback> session() {
     end->orvexStatus = "ok";
     end->orvexDuration = 0.042;
     made.push_back(end);
-    auto visible = std::make_shared<NBVisibleResultsFeedback>();
-    visible->triggerEvent = 1;
-    visible->results.emplace();
-    for (int i = 0; i < 8; ++i) visible->results->push_back(result(query * 10 + i));
-    made.push_back(visible);
+    made.push_back(bench::visibleResults(query));
     if (query % 3 == 0) {
       auto ranking = std::make_shared<NBRankingFeedback>();
       ranking->blendingDuration = 0.003;
@@ -130,7 +105,8 @@ std::vector<OrvexFeedback> session() {
         section.localSectionPosition = s;
         section.results.emplace();
         for (int i = 0; i < 4; ++i) {
-          section.results->push_back(NBResultRankingFeedback{result(query * 10 + i), i, {}, {}});
+          section.results->push_back(
+              NBResultRankingFeedback{searchResult(query * 10 + i), i, {}, {}});
         }
         ranking->sections->push_back(std::move(section));
       }
@@ -154,7 +130,7 @@ std::vector<OrvexFeedback> session() {
       auto engagement = std::make_shared<NBResultEngagementFeedback>();
       engagement->triggerEvent = 2;
       engagement->destination = 2;
-      engagement->result = result(query * 10);
+      engagement->result = searchResult(query * 10);
       made.push_back(engagement);
     }
     for (auto& record : made) {
@@ -205,7 +181,7 @@ constexpr int kSmallDictionaries = 10'000;
 template <typename Make>
 void measureDictionaries(benchmark::State& state, Make make) {
   std::vector<NBSearchResult> results;
-  for (int i = 0; i < kSmallDictionaries; ++i) results.push_back(result(i));
+  for (int i = 0; i < kSmallDictionaries; ++i) results.push_back(searchResult(i));
   int64_t bytes = 0;
   int64_t blocks = 0;
   for (auto _ : state) {

@@ -12,11 +12,11 @@
 
 #include <filesystem>
 
+#include "bench/search_session_records.h"
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/model/assembly.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_feedback.h"
 #include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/file_manager.h"
@@ -30,38 +30,13 @@ constexpr int kBatch = 100;
 // A new file is started when the current one passes this size, as a long session would.
 constexpr uint64_t kRotateAt = uint64_t{64} << 20;
 
-NBSearchResult result(int i) {
-  NBSearchResult r;
-  r.identifier = "result-" + std::to_string(i);
-  r.rankingScore = 0.25 * (i % 7);
-  r.type = i % 3 == 0 ? 2 : 1;
-  r.sectionBundleIdentifier = "com.zelmor.web";
-  r.customProperties = ORVCustomSearchResult{"fbr-" + std::to_string(i)};
-  r.queryId = static_cast<uint64_t>(i / 10);
-  return r;
-}
-
 std::vector<OrvexFeedback> records() {
   std::vector<OrvexFeedback> made;
   for (int query = 1; made.size() < 90; ++query) {
-    auto start = std::make_shared<NBStartSearchFeedback>();
-    start->triggerEvent = 1;
-    start->input = "weather in par" + std::to_string(query);
-    start->uuid = "6F1A3C2E-0000-4000-8000-" + std::to_string(100000000000 + query);
-    start->queryId = static_cast<uint64_t>(query);
-    auto request = std::make_shared<NBStartNetworkSearchFeedback>();
-    request->input = start->input;
-    request->url =
-        "https://search.example/search?q=weather&locale=fr_FR&qid=" + std::to_string(query);
-    request->headers = FeedbackStringMap{
-        {"Accept", "application/json"}, {"User-Agent", "Glance/1"}, {"X-Zelmor-Geo", "48.85,2.29"}};
-    request->endpoint = 6;
-    auto visible = std::make_shared<NBVisibleResultsFeedback>();
-    visible->triggerEvent = 1;
-    visible->results.emplace();
-    for (int i = 0; i < 8; ++i) visible->results->push_back(result(query * 10 + i));
+    const auto start = bench::searchStart(query);
     for (FeedbackRecordPtr record :
-         {FeedbackRecordPtr(start), FeedbackRecordPtr(request), FeedbackRecordPtr(visible)}) {
+         {FeedbackRecordPtr(start), FeedbackRecordPtr(bench::networkRequest(*start, query)),
+          FeedbackRecordPtr(bench::visibleResults(query))}) {
       made.push_back(OrvexFeedback::initWithFeedback(
           record, query, "6F1A3C2E-0000-4000-8000-000000000001", "glance/1.0"));
     }

@@ -1,11 +1,11 @@
 #include "orvexd/base/json_property_list.h"
 
-#include <cstdlib>
 #include <memory>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "orvexd/base/plist_tree_builder.h"
 #include "orvexd/base/property_list.h"
 
 namespace orvex {
@@ -76,53 +76,15 @@ PlistHandle treeFromJson(const Json& root, std::string& why) {
   return tree;
 }
 
-// The JSON of a tree that parsePropertyListTree() has checked, built from a stack of the
-// containers being read; a finished container is moved into its parent.
-std::optional<Json> jsonFromTree(plist_t root, std::string& why) {
-  struct Frame {
-    plist_t node;
-    Json json;
-    std::uint32_t next = 0;                             // arrays
-    std::unique_ptr<void, CFree<&std::free>> iterator;  // dictionaries
-    std::string keyInParent;
-  };
-  std::vector<Frame> frames;
-  std::optional<Json> result;
-  const auto place = [&](Json json, const std::string& key) {
-    if (frames.empty()) {
-      result = std::move(json);
-    } else if (frames.back().json.is_object()) {
-      frames.back().json[key] = std::move(json);
-    } else {
-      frames.back().json.push_back(std::move(json));
-    }
-  };
-  // Starts a container, or places a leaf.
-  const auto enter = [&](plist_t node, std::string key) {
-    const plist_type type = plist_get_node_type(node);
-    if (type == PLIST_DICT || type == PLIST_ARRAY) {
-      if (frames.size() + 1 > static_cast<std::size_t>(kPlistMaxDepth)) {
-        why = "the containers are nested too deeply";
-        return false;
-      }
-      Frame frame{node, type == PLIST_DICT ? Json::object() : Json::array(), 0, nullptr,
-                  std::move(key)};
-      if (type == PLIST_DICT) {
-        plist_dict_iter iterator = nullptr;
-        plist_dict_new_iter(node, &iterator);
-        // libplist 2.2 allocates the iterator with malloc and has no function to free it.
-        frame.iterator.reset(iterator);
-        if (frame.iterator == nullptr) {
-          why = "out of memory";
-          return false;
-        }
-      }
-      frames.push_back(std::move(frame));
-      return true;
-    }
+// Reads a tree that parsePropertyListTree() has checked into JSON, keeping the order of keys.
+struct JsonBuilder {
+  static Json container(plist_type type, std::uint32_t) {
+    return type == PLIST_DICT ? Json::object() : Json::array();
+  }
+  static std::optional<Json> leaf(plist_t node, std::string& why) {
     const auto value = PlistValue::fromPlist(node, &why);
-    if (!value) return false;
-    auto json = value->visit([&why](const auto& leaf) -> std::optional<Json> {
+    if (!value) return std::nullopt;
+    return value->visit([&why](const auto& leaf) -> std::optional<Json> {
       using T = std::decay_t<decltype(leaf)>;
       if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, std::int64_t> ||
                     std::is_same_v<T, std::uint64_t> || std::is_same_v<T, double> ||
@@ -133,35 +95,16 @@ std::optional<Json> jsonFromTree(plist_t root, std::string& why) {
         return std::nullopt;
       }
     });
-    if (!json) return false;
-    place(std::move(*json), key);
-    return true;
-  };
-
-  if (!enter(root, {})) return std::nullopt;
-  while (!frames.empty()) {
-    Frame& top = frames.back();
-    plist_t child = nullptr;
-    std::string key;
-    if (top.iterator != nullptr) {
-      char* rawKey = nullptr;
-      plist_dict_next_item(top.node, top.iterator.get(), &rawKey, &child);
-      const std::unique_ptr<char, CFree<&std::free>> keyOwner(rawKey);
-      if (keyOwner == nullptr) child = nullptr;
-      if (child != nullptr) key = keyOwner.get();
-    } else if (top.json.is_array() && top.next < plist_array_get_size(top.node)) {
-      child = plist_array_get_item(top.node, top.next++);
-    }
-    if (child != nullptr) {
-      if (!enter(child, std::move(key))) return std::nullopt;
-      continue;
-    }
-    Frame finished = std::move(top);
-    frames.pop_back();
-    place(std::move(finished.json), finished.keyInParent);
   }
-  return result;
-}
+  static bool add(Json& container, std::string key, Json child, std::string&) {
+    if (container.is_object()) {
+      container[key] = std::move(child);
+    } else {
+      container.push_back(std::move(child));
+    }
+    return true;
+  }
+};
 
 }  // namespace
 
@@ -188,7 +131,8 @@ std::optional<Json> jsonFromPropertyList(std::span<const std::uint8_t> bytes, st
   std::string why;
   std::optional<Json> json;
   if (const PlistHandle root = parsePropertyListTree(bytes, &why)) {
-    json = jsonFromTree(root.get(), why);
+    JsonBuilder builder;
+    json = buildFromPlistTree<Json>(root.get(), builder, why);
   }
   if (!json && error != nullptr) *error = why;
   return json;

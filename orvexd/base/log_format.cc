@@ -320,68 +320,38 @@ void appendConversion(std::string& out, const Conversion& directive, const LogAr
 
 }  // namespace
 
-int64_t LogArg::asSigned() const {
+// A string converts as the number it spells (0 when it spells none), a double with saturation.
+template <typename Number>
+Number LogArg::asNumber() const {
   switch (kind_) {
     case Kind::kSigned:
-      return signed_;
+      return static_cast<Number>(signed_);
     case Kind::kUnsigned:
     case Kind::kBool:
-      return static_cast<int64_t>(unsigned_);
+      return static_cast<Number>(unsigned_);
     case Kind::kDouble:
-      return doubleToSigned(double_);
+      if constexpr (std::is_same_v<Number, int64_t>) {
+        return doubleToSigned(double_);
+      } else if constexpr (std::is_same_v<Number, uint64_t>) {
+        return doubleToUnsigned(double_);
+      } else {
+        return double_;
+      }
     case Kind::kString: {
       const std::optional<LogArg> number = numberInString(string_);
-      return number ? number->asSigned() : 0;
+      return number ? number->asNumber<Number>() : 0;
     }
     case Kind::kPointer:
-      return static_cast<int64_t>(reinterpret_cast<uintptr_t>(pointer_));
+      return static_cast<Number>(reinterpret_cast<uintptr_t>(pointer_));
     case Kind::kNull:
       break;
   }
   return 0;
 }
 
-uint64_t LogArg::asUnsigned() const {
-  switch (kind_) {
-    case Kind::kSigned:
-      return static_cast<uint64_t>(signed_);
-    case Kind::kUnsigned:
-    case Kind::kBool:
-      return unsigned_;
-    case Kind::kDouble:
-      return doubleToUnsigned(double_);
-    case Kind::kString: {
-      const std::optional<LogArg> number = numberInString(string_);
-      return number ? number->asUnsigned() : 0;
-    }
-    case Kind::kPointer:
-      return reinterpret_cast<uintptr_t>(pointer_);
-    case Kind::kNull:
-      break;
-  }
-  return 0;
-}
-
-double LogArg::asDouble() const {
-  switch (kind_) {
-    case Kind::kSigned:
-      return static_cast<double>(signed_);
-    case Kind::kUnsigned:
-    case Kind::kBool:
-      return static_cast<double>(unsigned_);
-    case Kind::kDouble:
-      return double_;
-    case Kind::kString: {
-      const std::optional<LogArg> number = numberInString(string_);
-      return number ? number->asDouble() : 0;
-    }
-    case Kind::kPointer:
-      return static_cast<double>(reinterpret_cast<uintptr_t>(pointer_));
-    case Kind::kNull:
-      break;
-  }
-  return 0;
-}
+int64_t LogArg::asSigned() const { return asNumber<int64_t>(); }
+uint64_t LogArg::asUnsigned() const { return asNumber<uint64_t>(); }
+double LogArg::asDouble() const { return asNumber<double>(); }
 
 std::string LogArg::describe() const {
   switch (kind_) {

@@ -81,6 +81,9 @@ class LogArg {
   const void* pointer() const { return pointer_; }
 
  private:
+  template <typename Number>
+  Number asNumber() const;
+
   Kind kind_ = Kind::kNull;
   int64_t signed_ = 0;
   uint64_t unsigned_ = 0;

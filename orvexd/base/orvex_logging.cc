@@ -19,6 +19,7 @@
 #include <mutex>
 #include <vector>
 
+#include "orvexd/base/name_table.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/text_util.h"
 
@@ -338,30 +339,20 @@ void removeObserver(uint64_t id) {
   registry.call_finished.wait(lock, [&] { return removed->in_flight.load() <= own_calls; });
 }
 
+constexpr Named<LogLevel> kLogLevelNames[] = {{LogLevel::kDebug, "debug"},
+                                              {LogLevel::kInfo, "info"},
+                                              {LogLevel::kDefault, "default"},
+                                              {LogLevel::kError, "error"},
+                                              {LogLevel::kFault, "fault"}};
+
 }  // namespace
 
 std::string_view logLevelName(LogLevel level) {
-  switch (level) {
-    case LogLevel::kDebug:
-      return "debug";
-    case LogLevel::kInfo:
-      return "info";
-    case LogLevel::kDefault:
-      return "default";
-    case LogLevel::kError:
-      return "error";
-    case LogLevel::kFault:
-      return "fault";
-  }
-  return "unknown";
+  return nameOf(kLogLevelNames, level).value_or("unknown");
 }
 
 std::optional<LogLevel> logLevelFromName(std::string_view name) {
-  for (LogLevel level : {LogLevel::kDebug, LogLevel::kInfo, LogLevel::kDefault, LogLevel::kError,
-                         LogLevel::kFault}) {
-    if (logLevelName(level) == name) return level;
-  }
-  return std::nullopt;
+  return valueNamed(kLogLevelNames, name);
 }
 
 struct OrvexLog::Impl {

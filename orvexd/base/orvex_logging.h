@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -28,27 +29,27 @@ std::optional<LogLevel> logLevelFromName(std::string_view name);
 
 // The categories, numbered as their names are listed in kOrvexLoggingCategoryNames.
 enum OrvexLoggingCategory : unsigned {
-  kOrvexLogGeneral = 0,
-  kOrvexLogFeedback = 1,
-  kOrvexLogSession = 2,
-  kOrvexLogRequest = 3,
-  kOrvexLogFlusher = 4,
-  kOrvexLogSearch = 5,
-  kOrvexLogZeroKeyword = 6,
-  kOrvexLogMoreResults = 7,
-  kOrvexLogCard = 8,
-  kOrvexLogLookUp = 9,
-  kOrvexLogFlight = 10,
-  kOrvexLogImages = 11,
-  kOrvexLogConnection = 12,
-  kOrvexLogDownloadManager = 13,
-  kOrvexLogBag = 14,
-  kOrvexLogSubscription = 15,
-  kOrvexLogCaching = 16,
-  kOrvexLogFeedbackErrors = 17,
-  kOrvexLogFeedbackStorage = 18,
+  kOrvexLogGeneral,
+  kOrvexLogFeedback,
+  kOrvexLogSession,
+  kOrvexLogRequest,
+  kOrvexLogFlusher,
+  kOrvexLogSearch,
+  kOrvexLogZeroKeyword,
+  kOrvexLogMoreResults,
+  kOrvexLogCard,
+  kOrvexLogLookUp,
+  kOrvexLogFlight,
+  kOrvexLogImages,
+  kOrvexLogConnection,
+  kOrvexLogDownloadManager,
+  kOrvexLogBag,
+  kOrvexLogSubscription,
+  kOrvexLogCaching,
+  kOrvexLogFeedbackErrors,
+  kOrvexLogFeedbackStorage,
 };
-inline constexpr unsigned OrvexLoggingCategoryCount = 19;
+inline constexpr unsigned OrvexLoggingCategoryCount = kOrvexLogFeedbackStorage + 1;
 
 // The category names as they appear in the journal (ORVEX_CATEGORY) and on standard error.
 inline constexpr std::array<std::string_view, OrvexLoggingCategoryCount>
@@ -93,25 +94,20 @@ class OrvexLog {
   std::string_view subsystem() const { return kOrvexLogSubsystem; }
   bool enabled(LogLevel level) const;
 
-  template <typename... Args>
-  void debug(std::string_view format, const Args&... args) const {
+  void debug(std::string_view format, const auto&... args) const {
     emit(LogLevel::kDebug, format, args...);
   }
-  template <typename... Args>
-  void info(std::string_view format, const Args&... args) const {
+  void info(std::string_view format, const auto&... args) const {
     emit(LogLevel::kInfo, format, args...);
   }
   // The "default" level.
-  template <typename... Args>
-  void log(std::string_view format, const Args&... args) const {
+  void log(std::string_view format, const auto&... args) const {
     emit(LogLevel::kDefault, format, args...);
   }
-  template <typename... Args>
-  void error(std::string_view format, const Args&... args) const {
+  void error(std::string_view format, const auto&... args) const {
     emit(LogLevel::kError, format, args...);
   }
-  template <typename... Args>
-  void fault(std::string_view format, const Args&... args) const {
+  void fault(std::string_view format, const auto&... args) const {
     emit(LogLevel::kFault, format, args...);
   }
 
@@ -119,8 +115,7 @@ class OrvexLog {
   void write(LogLevel level, std::string_view message) const;
 
  private:
-  template <typename... Args>
-  void emit(LogLevel level, std::string_view format, const Args&... args) const {
+  void emit(LogLevel level, std::string_view format, const auto&... args) const {
     if (!enabled(level) && !observed()) return;
     write(level, formatLog(format, args...));
   }
@@ -135,6 +130,20 @@ class OrvexLog {
 // The handle of a category. A category outside the table stops the process with the assertion
 // "category < OrvexLoggingCategoryCount".
 const OrvexLog& OrvexLogForCategory(unsigned category);
+
+// Runs `call`; an exception it throws is logged at fault level as "<what> failed: <reason>"
+// ("<what> failed" when it is no std::exception) instead of leaving. For handlers that callers
+// hand in and that must not end the thread that runs them.
+template <typename F>
+void runLoggingFailure(const OrvexLog& log, std::string_view what, F&& call) {
+  try {
+    call();
+  } catch (const std::exception& e) {
+    log.fault("%@ failed: %s", what, e.what());
+  } catch (...) {
+    log.fault("%@ failed", what);
+  }
+}
 
 // Reconfigures the destination and threshold from the environment (JOURNAL_STREAM,
 // ORVEXD_LOG_LEVEL). Called once at start-up; handles created before keep working.

@@ -1,84 +1,129 @@
 // Every name the daemon shares with another process or between its components: its bus name,
-// object paths, interfaces and errors; the log subsystem; system-wide and in-process
-// notifications; defaults keys. Clients of the daemon (the client library, orvexctl) use the same
-// header, so a name is written once.
+// object paths, interfaces and errors; the log subsystem; its own name and user agents;
+// system-wide and in-process notifications; defaults keys; diagnostic counter keys. Clients of
+// the daemon (the client library, orvexctl) use the same header, so a name is written once.
 #pragma once
+
+#include <string_view>
 
 namespace orvex {
 
 // The daemon on the session bus.
-inline constexpr const char* kOrvexBusName = "com.zelmor.orvexd";
-inline constexpr const char* kOrvexObjectPath = "/com/zelmor/orvexd";
-inline constexpr const char* kOrvexEndpointPath = "/com/zelmor/orvexd/Endpoint";
-inline constexpr const char* kOrvexFlusherPath = "/com/zelmor/orvexd/Flusher";
-inline constexpr const char* kOrvexDaemonInterface = "com.zelmor.orvexd.Daemon";
-inline constexpr const char* kOrvexDiagnosticsInterface = "com.zelmor.orvexd.Diagnostics";
-inline constexpr const char* kOrvexEndpointInterface = "com.zelmor.orvexd.Endpoint";
-inline constexpr const char* kOrvexFlusherInterface = "com.zelmor.orvexd.Flusher";
+inline constexpr char kOrvexBusName[] = "com.zelmor.orvexd";
+inline constexpr char kOrvexObjectPath[] = "/com/zelmor/orvexd";
+inline constexpr char kOrvexEndpointPath[] = "/com/zelmor/orvexd/Endpoint";
+inline constexpr char kOrvexFlusherPath[] = "/com/zelmor/orvexd/Flusher";
+inline constexpr char kOrvexDaemonInterface[] = "com.zelmor.orvexd.Daemon";
+inline constexpr char kOrvexDiagnosticsInterface[] = "com.zelmor.orvexd.Diagnostics";
+inline constexpr char kOrvexEndpointInterface[] = "com.zelmor.orvexd.Endpoint";
+inline constexpr char kOrvexFlusherInterface[] = "com.zelmor.orvexd.Flusher";
 // The broadcast signal of the Daemon interface that carries system-wide notify names.
-inline constexpr const char* kOrvexSystemNotifySignal = "SystemNotify";
+inline constexpr char kOrvexSystemNotifySignal[] = "SystemNotify";
 
 // D-Bus errors that end a call.
-inline constexpr const char* kOrvexErrorConnectionInvalidated =
+inline constexpr char kOrvexErrorConnectionInvalidated[] =
     "com.zelmor.orvexd.Error.ConnectionInvalidated";
-inline constexpr const char* kOrvexErrorInvalidArgument = "com.zelmor.orvexd.Error.InvalidArgument";
-inline constexpr const char* kOrvexErrorNotSupported = "com.zelmor.orvexd.Error.NotSupported";
-inline constexpr const char* kOrvexErrorInternal = "com.zelmor.orvexd.Error.Internal";
-inline constexpr const char* kOrvexErrorAccessDenied = "com.zelmor.orvexd.Error.AccessDenied";
-inline constexpr const char* kOrvexErrorLimitsExceeded = "com.zelmor.orvexd.Error.LimitsExceeded";
+inline constexpr char kOrvexErrorInvalidArgument[] = "com.zelmor.orvexd.Error.InvalidArgument";
+inline constexpr char kOrvexErrorNotSupported[] = "com.zelmor.orvexd.Error.NotSupported";
+inline constexpr char kOrvexErrorInternal[] = "com.zelmor.orvexd.Error.Internal";
+inline constexpr char kOrvexErrorAccessDenied[] = "com.zelmor.orvexd.Error.AccessDenied";
+inline constexpr char kOrvexErrorLimitsExceeded[] = "com.zelmor.orvexd.Error.LimitsExceeded";
 
 // The error domain of the daemon's own errors in error dictionaries.
-inline constexpr const char* kORVErrorDomain = "ORVErrorDomain";
+inline constexpr char kORVErrorDomain[] = "ORVErrorDomain";
 
 // The log subsystem every category is under.
-inline constexpr const char* kOrvexLogSubsystem = "com.zelmor.orvexd";
+inline constexpr char kOrvexLogSubsystem[] = "com.zelmor.orvexd";
+
+// The daemon's own name and version, which is also its user agent.
+inline constexpr char kORVOrvexdNameVersion[] = "orvexd/1.0";
+// The client identifier the daemon uses for its own requests.
+inline constexpr char kORVOrvexdIdentifier[] = "orvexd";
+// The user agent of the news client, whose view of the bag the news notify names report.
+inline constexpr char kORVNewsUserAgent[] = "news/1.0";
+// The agent the daemon's resource downloads present themselves as.
+inline constexpr char kORVDownloadAgent[] = "Glance/1";
 
 // System notify names (the SystemNotify signal) telling whether the bag enables the news client
 // ("news/1.0"): posted when that changes with a newly fetched bag.
-inline constexpr const char* kORVNotifyEnabled = "com.zelmor.orvexd.news.enabled";
-inline constexpr const char* kORVNotifyDisabled = "com.zelmor.orvexd.news.disabled";
+inline constexpr char kORVNotifyEnabled[] = "com.zelmor.orvexd.news.enabled";
+inline constexpr char kORVNotifyDisabled[] = "com.zelmor.orvexd.news.disabled";
 
 // In-process notifications (NotificationCenter).
-inline constexpr const char* kORVStartupNotification = "ORVStartup";
-inline constexpr const char* kORVBagChangeNotification = "ORVBagChangeNotification";
-inline constexpr const char* kORVBagRefreshRequiredNotification = "ORVBagRefreshRequired";
-inline constexpr const char* kORVUserGUIDChangeNotification = "ORVUserGUIDChangeNotification";
-inline constexpr const char* kORVFileDownloadCompletedNotification =
+inline constexpr char kORVStartupNotification[] = "ORVStartup";
+inline constexpr char kORVBagChangeNotification[] = "ORVBagChangeNotification";
+inline constexpr char kORVBagRefreshRequiredNotification[] = "ORVBagRefreshRequired";
+inline constexpr char kORVUserGUIDChangeNotification[] = "ORVUserGUIDChangeNotification";
+inline constexpr char kORVFileDownloadCompletedNotification[] =
     "ORVFileDownloadCompletedNotification";
-inline constexpr const char* kORVFileDeletedNotification = "ORVFileDeletedNotification";
+inline constexpr char kORVFileDeletedNotification[] = "ORVFileDeletedNotification";
 // Changes of the device context, posted by the request factory where it notices them: the
 // device country (the locale's region or the ORVCountryCode override), the system time zone,
 // the system locale, and the managed-account mode (ORVManagedAccount).
-inline constexpr const char* kORVCountryCodeChangeNotification = "ORVCountryCodeChangeNotification";
-inline constexpr const char* kORVTimeZoneChangeNotification = "ORVTimeZoneChangeNotification";
-inline constexpr const char* kORVLocaleChangeNotification = "ORVLocaleChangeNotification";
-inline constexpr const char* kORVDeviceManagementChangeNotification =
+inline constexpr char kORVCountryCodeChangeNotification[] = "ORVCountryCodeChangeNotification";
+inline constexpr char kORVTimeZoneChangeNotification[] = "ORVTimeZoneChangeNotification";
+inline constexpr char kORVLocaleChangeNotification[] = "ORVLocaleChangeNotification";
+inline constexpr char kORVDeviceManagementChangeNotification[] =
     "ORVDeviceManagementChangeNotification";
 
 // Keys of the defaults store ($XDG_CONFIG_HOME/com.zelmor.orvexd/defaults.plist).
-inline constexpr const char* kORVSharedSessionKey = "ORVSharedSession";
-inline constexpr const char* kORVSessionSizeLimitKey = "ORVSessionSizeLimit";
-inline constexpr const char* kORVSessionMaxAgeKey = "ORVSessionMaxAge";
-inline constexpr const char* kORVNoParallaxKey = "ORVNoParallax";
-inline constexpr const char* kORVPersistSessionsKey = "ORVPersistSessions";
-inline constexpr const char* kORVNoQueryCacheKey = "ORVNoQueryCache";
-inline constexpr const char* kORVBagURLKey = "ORVBagURL";
-inline constexpr const char* kORVDebugParametersKey = "ORVDebugParameters";
-inline constexpr const char* kTraceEnabledKey = "TraceEnabled";
+inline constexpr char kORVSharedSessionKey[] = "ORVSharedSession";
+inline constexpr char kORVSessionSizeLimitKey[] = "ORVSessionSizeLimit";
+inline constexpr char kORVSessionMaxAgeKey[] = "ORVSessionMaxAge";
+inline constexpr char kORVNoParallaxKey[] = "ORVNoParallax";
+inline constexpr char kORVPersistSessionsKey[] = "ORVPersistSessions";
+inline constexpr char kORVNoQueryCacheKey[] = "ORVNoQueryCache";
+inline constexpr char kORVBagURLKey[] = "ORVBagURL";
+inline constexpr char kORVDebugParametersKey[] = "ORVDebugParameters";
+inline constexpr char kTraceEnabledKey[] = "TraceEnabled";
 // Bounds on client input (InputLimits).
-inline constexpr const char* kORVMaxIdentifierLengthKey = "ORVMaxIdentifierLength";
-inline constexpr const char* kORVMaxUserAgentLengthKey = "ORVMaxUserAgentLength";
-inline constexpr const char* kORVMaxQueryLengthKey = "ORVMaxQueryLength";
-inline constexpr const char* kORVMaxQueryItemsKey = "ORVMaxQueryItems";
-inline constexpr const char* kORVMaxRecordBytesKey = "ORVMaxRecordBytes";
+inline constexpr char kORVMaxIdentifierLengthKey[] = "ORVMaxIdentifierLength";
+inline constexpr char kORVMaxUserAgentLengthKey[] = "ORVMaxUserAgentLength";
+inline constexpr char kORVMaxQueryLengthKey[] = "ORVMaxQueryLength";
+inline constexpr char kORVMaxQueryItemsKey[] = "ORVMaxQueryItems";
+inline constexpr char kORVMaxRecordBytesKey[] = "ORVMaxRecordBytes";
 
 // Device overrides of what the system says, for integrators and testing: the device country
 // (replaces the locale's region), the store front, the keyboard input mode and the screen scale
 // (used when a client gives none), and the managed-account mode.
-inline constexpr const char* kORVCountryCodeKey = "ORVCountryCode";
-inline constexpr const char* kORVStorefrontKey = "ORVStorefront";
-inline constexpr const char* kORVKeyboardInputModeKey = "ORVKeyboardInputMode";
-inline constexpr const char* kORVScreenScaleKey = "ORVScreenScale";
-inline constexpr const char* kORVManagedAccountKey = "ORVManagedAccount";
+inline constexpr char kORVCountryCodeKey[] = "ORVCountryCode";
+inline constexpr char kORVStorefrontKey[] = "ORVStorefront";
+inline constexpr char kORVKeyboardInputModeKey[] = "ORVKeyboardInputMode";
+inline constexpr char kORVScreenScaleKey[] = "ORVScreenScale";
+inline constexpr char kORVManagedAccountKey[] = "ORVManagedAccount";
+
+// Keys of the diagnostic counters (GetCounters on com.zelmor.orvexd.Diagnostics).
+inline constexpr char kORVCounterLaunch[] = "com.zelmor.orvexd.launch";
+inline constexpr char kORVCounterSearch[] = "com.zelmor.orvexd.search";
+inline constexpr char kORVCounterClientConnection[] = "com.zelmor.orvexd.clientconnection";
+inline constexpr char kORVCounterUserGUID[] = "com.zelmor.orvexd.userguid";
+inline constexpr char kORVCounterFeedbackNotSent[] = "com.zelmor.orvexd.feedbacknotsent";
+inline constexpr char kORVCounterBagFetches[] = "com.zelmor.orvexd.bag.fetches";
+inline constexpr char kORVCounterBagFetchesFailed[] = "com.zelmor.orvexd.bag.fetchesfailed";
+inline constexpr char kORVCounterBagExpired[] = "com.zelmor.orvexd.bag.expired";
+inline constexpr char kORVCounterSessionsRoamer[] = "com.zelmor.orvexd.sessions.roamer";
+inline constexpr char kORVCounterFileSizeExceeded[] = "com.zelmor.orvexd.filesizeexceeded";
+inline constexpr char kORVCounterFileTooLarge[] = "com.zelmor.orvexd.filetoolarge";
+inline constexpr char kORVCounterFileTooOld[] = "com.zelmor.orvexd.filetooold";
+// Feedback records a client sent that were refused: over the size bound, or not a record.
+inline constexpr char kORVCounterRecordsRefused[] = "com.zelmor.orvexd.records.refused";
+inline constexpr char kORVCounterDPSubmit[] = "com.zelmor.orvexd.dp.submit";
+inline constexpr char kORVCounterDPRecord[] = "com.zelmor.orvexd.dp.record";
+inline constexpr char kORVCounterDPNormalizedLinkWhitelistedBlacklisted[] =
+    "com.zelmor.orvexd.dp.normalizedlink.whitelisted.blacklisted";
+inline constexpr char kORVCounterDPNormalizedLinkNotWhitelistedBlacklisted[] =
+    "com.zelmor.orvexd.dp.normalizedlink.notwhitelisted.blacklisted";
+
+// Suffixes of the per-client counter keys, "com.zelmor.orvexd.<client>.<suffix>".
+inline constexpr char kORVCounterSuffixXCPInvalidation[] = "xcpinvalidation";
+inline constexpr char kORVCounterSuffixTopHitEngagements[] = "tophit.engagements";
+inline constexpr char kORVCounterSuffixOrvexEngagements[] = "orvex.engagements";
+inline constexpr char kORVCounterSuffixSessions[] = "sessions";
+inline constexpr char kORVCounterSuffixDailyActiveUsers[] = "dailyactiveusers";
+inline constexpr char kORVCounterSuffixKeystrokes[] = "keystrokes";
+inline constexpr char kORVCounterSuffixOnDeviceCacheHits[] = "ondevicecachehits";
+inline constexpr char kORVCounterSuffixNoConnection[] = "noconnection";
+// Ends with a dot: the server's status code is appended to it to make the suffix.
+inline constexpr char kORVCounterSuffixFedAPICallServerStatus[] = "fedapicall.serverstatus.";
 
 }  // namespace orvex

@@ -2,11 +2,12 @@
 
 #include <bit>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <type_traits>
 #include <utility>
 
+#include "orvexd/base/name_table.h"
+#include "orvexd/base/plist_tree_builder.h"
 #include "orvexd/base/text_util.h"
 
 namespace orvex {
@@ -19,9 +20,6 @@ constexpr std::int64_t kMicrosPerSecond = 1'000'000;
 // 2001-01-01T00:00:00Z, the origin of the seconds in binary documents.
 constexpr PlistDate::TimePoint kReferenceDate{sys_days{std::chrono::year{2001} / 1 / 1}};
 
-void freeMemory(void* pointer) { std::free(pointer); }
-using MallocPointer = std::unique_ptr<char, CFree<&freeMemory>>;
-using PlistIterator = std::unique_ptr<void, CFree<&freeMemory>>;
 using BinaryBuffer = std::unique_ptr<char, CFree<&plist_to_bin_free>>;
 
 std::uint64_t readBigEndian(const std::uint8_t* bytes, std::size_t count) {
@@ -109,6 +107,11 @@ enum BinaryType : std::uint8_t {
   kBinarySet = 0xC,
   kBinaryDictionary = 0xD,
 };
+
+// The objects of the binary format that hold no property list value, and why.
+constexpr Named<std::uint8_t> kObjectsWithoutValue[] = {
+    {kBinaryUid, "the binary property list holds a UID, which is not a property list value"},
+    {kBinarySet, "the binary property list holds a set, which is not a property list value"}};
 
 struct BinaryObject {
   std::uint8_t type = 0;
@@ -222,14 +225,9 @@ std::optional<BinaryObject> readBinaryObject(std::span<const std::uint8_t> bytes
                                                 : 1;
       break;
     }
-    case kBinaryUid:
-      why = "the binary property list holds a UID, which is not a property list value";
-      return std::nullopt;
-    case kBinarySet:
-      why = "the binary property list holds a set, which is not a property list value";
-      return std::nullopt;
     default:
-      why = "the binary property list holds an object of unknown type";
+      why = nameOf(kObjectsWithoutValue, object.type)
+                .value_or("the binary property list holds an object of unknown type");
       return std::nullopt;
   }
   const std::uint64_t available = limit - position;
@@ -506,101 +504,34 @@ std::optional<PlistValue> readLeaf(plist_t node, std::string& why) {
   }
 }
 
-// A container of the tree being read, with its value so far and where its reading stands.
-struct TreeFrame {
-  plist_t node = nullptr;
-  PlistValue value;         // a PlistArray or a PlistDictionary
-  std::uint32_t next = 0;   // arrays: the index of the next element
-  std::uint32_t size = 0;   // arrays: the element count
-  PlistIterator iterator;   // dictionaries
-  std::string keyInParent;  // when the parent is a dictionary
+// Reads a tree into PlistValue, refusing what readLeaf() refuses and a key twice in a
+// dictionary.
+struct ValueBuilder {
+  static PlistValue container(plist_type type, std::uint32_t size) {
+    if (type == PLIST_DICT) return PlistDictionary{};
+    PlistArray array;
+    array.reserve(size);
+    return array;
+  }
+  static std::optional<PlistValue> leaf(plist_t node, std::string& why) {
+    return readLeaf(node, why);
+  }
+  static bool add(PlistValue& container, std::string key, PlistValue child, std::string& why) {
+    if (PlistArray* array = container.asArray()) {
+      array->push_back(std::move(child));
+    } else if (!container.asDictionary()->emplace(key, std::move(child)).second) {
+      why.assign("a dictionary holds the key \"").append(key).append("\" twice");
+      return false;
+    }
+    return true;
+  }
 };
 
 }  // namespace
 
 std::optional<PlistValue> valueFromPlistTree(plist_t root, std::string& why) {
-  std::vector<TreeFrame> frames;
-  std::optional<PlistValue> result;
-  // Puts a finished value into the container being read, or makes it the result.
-  const auto place = [&](PlistValue value, std::string key) {
-    if (frames.empty()) {
-      result = std::move(value);
-    } else if (PlistArray* array = frames.back().value.asArray()) {
-      array->push_back(std::move(value));
-    } else if (!frames.back().value.asDictionary()->emplace(key, std::move(value)).second) {
-      why = "a dictionary holds the key \"" + key + "\" twice";
-      return false;
-    }
-    return true;
-  };
-  // Starts reading a node: containers go on the stack, leaves into their place.
-  const auto enter = [&](plist_t node, std::string key) {
-    const plist_type type = plist_get_node_type(node);
-    if (type != PLIST_ARRAY && type != PLIST_DICT) {
-      auto leaf = readLeaf(node, why);
-      return leaf && place(std::move(*leaf), std::move(key));
-    }
-    if (frames.size() + 1 > static_cast<std::size_t>(kPlistMaxDepth)) {
-      why = "the containers are nested too deeply";
-      return false;
-    }
-    TreeFrame frame;
-    frame.node = node;
-    frame.keyInParent = std::move(key);
-    if (type == PLIST_ARRAY) {
-      frame.size = plist_array_get_size(node);
-      frame.value = PlistArray{};
-      frame.value.asArray()->reserve(frame.size);
-    } else {
-      plist_dict_iter iterator = nullptr;
-      plist_dict_new_iter(node, &iterator);
-      frame.iterator.reset(iterator);
-      if (frame.iterator == nullptr) {
-        why = "out of memory";
-        return false;
-      }
-    }
-    frames.push_back(std::move(frame));
-    return true;
-  };
-
-  if (!enter(root, {})) return std::nullopt;
-  while (!frames.empty()) {
-    TreeFrame& top = frames.back();
-    if (top.value.asArray() != nullptr) {
-      if (top.next < top.size) {
-        plist_t item = plist_array_get_item(top.node, top.next++);
-        if (item == nullptr) {
-          why = "an array element is missing";
-          return std::nullopt;
-        }
-        if (!enter(item, {})) return std::nullopt;
-        continue;
-      }
-    } else {
-      char* rawKey = nullptr;
-      plist_t item = nullptr;
-      plist_dict_next_item(top.node, top.iterator.get(), &rawKey, &item);
-      const MallocPointer key(rawKey);
-      if (item != nullptr) {
-        if (key == nullptr) {
-          why = "a dictionary entry has no key";
-          return std::nullopt;
-        }
-        std::string keyText(key.get());
-        if (!isValidUtf8(keyText)) {
-          why = "a dictionary key is not valid UTF-8";
-          return std::nullopt;
-        }
-        if (!enter(item, std::move(keyText))) return std::nullopt;
-        continue;
-      }
-    }
-    TreeFrame finished = std::move(top);
-    frames.pop_back();
-    if (!place(std::move(finished.value), std::move(finished.keyInParent))) return std::nullopt;
-  }
-  return result;
+  ValueBuilder builder;
+  return buildFromPlistTree<PlistValue>(root, builder, why);
 }
 
 PlistHandle plistTreeFromValue(const PlistValue& value) { return buildNode(value); }

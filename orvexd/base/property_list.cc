@@ -37,8 +37,9 @@ bool checkWritableString(std::string_view text, std::string_view what, std::stri
 bool checkWritable(const PlistValue& root, std::string& why) {
   std::vector<std::pair<const PlistValue*, int>> pending{{&root, 0}};  // with containers around
   while (!pending.empty()) {
-    // Not a structured binding: clang 14 cannot capture one in the lambda below.
-    const PlistValue* value = pending.back().first;
+    // Named variables, not a structured binding: the lambda below uses the depth, and clang 14
+    // cannot capture a binding.
+    const PlistValue* const value = pending.back().first;
     const int depth = pending.back().second;
     pending.pop_back();
     const bool writable = value->visit([&](const auto& stored) -> bool {

@@ -15,11 +15,13 @@ using StringMap = std::map<std::string, std::string>;
 
 // ---- The fields of each record, listed once ---------------------------------------------------
 //
-// A visitor is called as v(key, field) for every field; the writers below skip fields that hold
-// their default value (absent and default mean the same), the readers fill those they find.
+// A visitor is called as v(key, field) for every field, as v.required(key, field) for a field
+// written even when it holds its default value, and as v.nested(key, field) for the HTTP
+// information of a reply, which travels as an a{sv} of its own. The writers below skip the other
+// fields that hold their default value (absent and default mean the same), the readers fill
+// those they find.
 
-template <class V, class Request>
-void visitRequest(V& v, Request& request) {
+constexpr auto visitRequest = [](auto& v, auto& request) {
   v("queryString", request.queryString);
   v("queryId", request.queryId);
   v("clientQueryId", request.clientQueryId);
@@ -36,44 +38,40 @@ void visitRequest(V& v, Request& request) {
   v("contextText", request.contextText);
   v("flightQuery", request.flightQuery);
   v("flightId", request.flightId);
-}
+};
 
-template <class V, class Reply>
-void visitReply(V& v, Reply& reply) {
+constexpr auto visitReply = [](auto& v, auto& reply) {
   v("scale", reply.scale);
   v("rawResponse", reply.rawResponse);
   v("geoSessionEntityString", reply.geoSessionEntityString);
-  v("httpRequest", reply.httpRequest);
-  v("httpResponse", reply.httpResponse);
-}
+  v.nested("httpRequest", reply.httpRequest);
+  v.nested("httpResponse", reply.httpResponse);
+};
 
-template <class V, class Info>
-void visitHttpRequest(V& v, Info& info) {
-  v("url", info.url);
-  v("method", info.method);
-  v("headers", info.headers);
-}
-
-template <class V, class Info>
-void visitHttpResponse(V& v, Info& info) {
-  v("url", info.url);
-  v("statusCode", info.statusCode);
-  v("headers", info.headers);
-}
-
-template <class V, class Error>
-void visitError(V& v, Error& error) {
+constexpr auto visitError = [](auto& v, auto& error) {
   v("domain", error.domain);
   v("code", error.code);
   v("reason", error.reason);
-}
+};
 
-template <class V, class Configuration>
-void visitConfiguration(V& v, Configuration& configuration) {
-  v("identifier", configuration.identifier);
-  v("userAgent", configuration.userAgent);
+// Both keys are required: they are sent even when empty, so that the daemon says which is
+// missing.
+constexpr auto visitConfiguration = [](auto& v, auto& configuration) {
+  v.required("identifier", configuration.identifier);
+  v.required("userAgent", configuration.userAgent);
   v("dontPreloadImages", configuration.dontPreloadImages);
-}
+};
+
+// The HTTP request and response information of a reply share their url and headers.
+constexpr auto visitHttpInfo = [](auto& v, auto& info) {
+  v("url", info.url);
+  if constexpr (requires { info.method; }) {
+    v("method", info.method);
+  } else {
+    v("statusCode", info.statusCode);
+  }
+  v("headers", info.headers);
+};
 
 template <class T>
 bool isDefault(const T& value) {
@@ -124,97 +122,52 @@ struct WireType<ORVHeaderList> {
   using type = StringMap;
 };
 
-// ---- Writing into a dictionary of variants -----------------------------------------------------
+// ---- Writing ---------------------------------------------------------------------------------
 
-struct DictWriter {
-  Dict form;
+template <class Info>
+Dict nestedForm(const Info& info);
 
+// Puts the value each field travels as through Sink::put(key, value), skipping the fields that
+// hold their default value unless they are required.
+template <class Sink>
+struct FieldWriter : Sink {
   template <class T>
   void operator()(const char* key, const T& value) {
-    if constexpr (std::is_same_v<T, std::optional<ORVHttpRequestInfo>> ||
-                  std::is_same_v<T, std::optional<ORVHttpResponseInfo>>) {
-      if (!value) return;
-      DictWriter nested;
-      if constexpr (std::is_same_v<T, std::optional<ORVHttpRequestInfo>>) {
-        visitHttpRequest(nested, *value);
-      } else {
-        visitHttpResponse(nested, *value);
-      }
-      form[key] = sdbus::Variant(nested.form);
-    } else {
-      if (isDefault(value)) return;
-      form[key] = sdbus::Variant(wireForm(value));
-    }
+    if (!isDefault(value)) Sink::put(key, wireForm(value));
   }
-};
-
-// ---- Reading from a dictionary of variants -----------------------------------------------------
-
-struct DictReader {
-  const Dict& form;
-  std::string problem;
-
   template <class T>
-  void operator()(const char* key, T& into) {
-    const auto it = form.find(key);
-    if (it == form.end()) return;
-    if constexpr (std::is_same_v<T, std::optional<ORVHttpRequestInfo>> ||
-                  std::is_same_v<T, std::optional<ORVHttpResponseInfo>>) {
-      Dict nestedForm;
-      readValue(key, it->second, nestedForm);
-      if (nestedForm.empty()) return;
-      DictReader nested{nestedForm, {}};
-      into.emplace();
-      if constexpr (std::is_same_v<T, std::optional<ORVHttpRequestInfo>>) {
-        visitHttpRequest(nested, *into);
-      } else {
-        visitHttpResponse(nested, *into);
-      }
-    } else {
-      typename WireType<T>::type value{};
-      if (readValue(key, it->second, value)) fromWire(std::move(value), into);
-    }
+  void required(const char* key, const T& value) {
+    Sink::put(key, wireForm(value));
   }
-
-  template <class W>
-  bool readValue(const char* key, const sdbus::Variant& variant, W& into) {
-    if (!variant.containsValueOfType<W>()) {
-      if (problem.empty()) {
-        problem = std::string("\"") + key + "\" must be of type " + sdbus::signature_of<W>::str();
-      }
-      return false;
-    }
-    into = variant.get<W>();
-    return true;
+  template <class Info>
+  void nested(const char* key, const std::optional<Info>& value) {
+    if (value) Sink::put(key, nestedForm(*value));
   }
 };
 
-// ---- Writing straight into a message (no intermediate variants) --------------------------------
+// Into a dictionary of variants.
+struct DictSink {
+  Dict form;
+  template <class W>
+  void put(const char* key, const W& value) {
+    form[key] = sdbus::Variant(value);
+  }
+};
+using DictWriter = FieldWriter<DictSink>;
 
-struct MessageWriter {
+template <class Info>
+Dict nestedForm(const Info& info) {
+  DictWriter nested;
+  visitHttpInfo(nested, info);
+  return std::move(nested.form);
+}
+
+// Straight into a message, as the entries of an a{sv} (no intermediate variants).
+struct MessageSink {
   sdbus::Message& message;
   int written = 0;
-
-  template <class T>
-  void operator()(const char* key, const T& value) {
-    if constexpr (std::is_same_v<T, std::optional<ORVHttpRequestInfo>> ||
-                  std::is_same_v<T, std::optional<ORVHttpResponseInfo>>) {
-      if (!value) return;
-      DictWriter nested;
-      if constexpr (std::is_same_v<T, std::optional<ORVHttpRequestInfo>>) {
-        visitHttpRequest(nested, *value);
-      } else {
-        visitHttpResponse(nested, *value);
-      }
-      entry(key, nested.form);
-    } else {
-      if (isDefault(value)) return;
-      entry(key, wireForm(value));
-    }
-  }
-
   template <class W>
-  void entry(const char* key, const W& value) {
+  void put(const char* key, const W& value) {
     message.openDictEntry("sv");
     message << key;
     message.openVariant(sdbus::signature_of<W>::str());
@@ -224,52 +177,91 @@ struct MessageWriter {
     ++written;
   }
 };
+using MessageWriter = FieldWriter<MessageSink>;
 
 template <class Visit>
 void writeDict(sdbus::Message& message, Visit visit) {
   message.openContainer("{sv}");
-  MessageWriter writer{message};
+  MessageWriter writer{{message}};
   visit(writer);
   message.closeContainer();
 }
 
-// ---- Reading straight from a message -----------------------------------------------------------
+// ---- Reading ---------------------------------------------------------------------------------
 
-// One entry of an a{sv} being read: the visitor takes the value when the key is one of its
-// fields and the value has the field's type; anything else is skipped whole.
-struct MessageEntryReader {
+template <class Info>
+void readNested(const Dict& form, Info& info);
+
+// Fills the fields the source has a value of the right type for: Source::take(key, value) says
+// whether it had one.
+template <class Source>
+struct FieldReader : Source {
+  template <class T>
+  void operator()(const char* key, T& into) {
+    typename WireType<T>::type value{};
+    if (Source::take(key, value)) fromWire(std::move(value), into);
+  }
+  template <class T>
+  void required(const char* key, T& into) {
+    (*this)(key, into);
+  }
+  template <class Info>
+  void nested(const char* key, std::optional<Info>& into) {
+    Dict form;
+    if (!Source::take(key, form) || form.empty()) return;
+    into.emplace();
+    readNested(form, *into);
+  }
+};
+
+// The first value of the wrong type is the problem reported.
+template <class W>
+void noteWrongType(std::string& problem, const char* key) {
+  if (!problem.empty()) return;
+  problem.append("\"").append(key).append("\" must be of type ");
+  problem.append(sdbus::signature_of<W>::str());
+}
+
+// From a dictionary of variants.
+struct DictSource {
+  const Dict& form;
+  std::string problem;
+
+  template <class W>
+  bool take(const char* key, W& into) {
+    const auto it = form.find(key);
+    if (it == form.end()) return false;
+    if (!it->second.containsValueOfType<W>()) {
+      noteWrongType<W>(problem, key);
+      return false;
+    }
+    into = it->second.get<W>();
+    return true;
+  }
+};
+using DictReader = FieldReader<DictSource>;
+
+template <class Info>
+void readNested(const Dict& form, Info& info) {
+  DictReader nested{{form, {}}};
+  visitHttpInfo(nested, info);
+}
+
+// From one entry of an a{sv} being read straight from a message: the value is taken when the
+// key is the field's and the value has the field's type; an entry no field takes is skipped
+// whole.
+struct EntrySource {
   sdbus::Message& message;
   const std::string& key;
   const std::string& contents;  // the variant's signature
   std::string& problem;
   bool consumed = false;
 
-  template <class T>
-  void operator()(const char* name, T& into) {
-    if (consumed || key != name) return;
-    if constexpr (std::is_same_v<T, std::optional<ORVHttpRequestInfo>> ||
-                  std::is_same_v<T, std::optional<ORVHttpResponseInfo>>) {
-      Dict form;
-      if (!take(name, form) || form.empty()) return;
-      DictReader nested{form, {}};
-      into.emplace();
-      if constexpr (std::is_same_v<T, std::optional<ORVHttpRequestInfo>>) {
-        visitHttpRequest(nested, *into);
-      } else {
-        visitHttpResponse(nested, *into);
-      }
-    } else {
-      typename WireType<T>::type value{};
-      if (take(name, value)) fromWire(std::move(value), into);
-    }
-  }
-
   template <class W>
   bool take(const char* name, W& into) {
+    if (consumed || key != name) return false;
     if (contents != sdbus::signature_of<W>::str()) {
-      if (problem.empty()) {
-        problem = std::string("\"") + name + "\" must be of type " + sdbus::signature_of<W>::str();
-      }
+      noteWrongType<W>(problem, name);
       return false;
     }
     message.enterVariant(contents);
@@ -279,6 +271,7 @@ struct MessageEntryReader {
     return true;
   }
 };
+using MessageEntryReader = FieldReader<EntrySource>;
 
 // Reads one a{sv}, handing each entry to `visit(entryReader)`; returns false when the message
 // holds no such dictionary here.
@@ -294,7 +287,7 @@ bool readDict(sdbus::Message& message, std::string& problem, Visit visit) {
     std::string type;
     std::string contents;
     message.peekType(type, contents);
-    MessageEntryReader entry{message, key, contents, problem};
+    MessageEntryReader entry{{message, key, contents, problem}};
     visit(entry);
     if (!entry.consumed) {
       sdbus::Variant skipped;
@@ -307,21 +300,70 @@ bool readDict(sdbus::Message& message, std::string& problem, Visit visit) {
   return true;
 }
 
+// The dictionary of `record`'s fields.
+template <class Record, class Visit>
+Dict dictOf(const Record& record, Visit visitFields) {
+  DictWriter writer;
+  visitFields(writer, record);
+  return std::move(writer.form);
+}
+
+// A record read from `form`, or none when the dictionary is empty.
+template <class Record, class Visit>
+std::optional<Record> optionalFromDict(const Dict& form, Visit visitFields) {
+  if (form.empty()) return std::nullopt;
+  Record record;
+  DictReader reader{{form, {}}};
+  visitFields(reader, record);
+  return record;
+}
+
+// A record read from the a{sv} the message holds here, or none when no entry fills a field.
+// False when the message holds no such dictionary.
+template <class Record, class Visit>
+bool readOptional(sdbus::Message& message, std::string& problem, std::optional<Record>& into,
+                  Visit visitFields) {
+  Record record;
+  bool any = false;
+  if (!readDict(message, problem, [&](MessageEntryReader& entry) {
+        visitFields(entry, record);
+        any |= entry.consumed;
+      })) {
+    return false;
+  }
+  into = any ? std::optional<Record>(std::move(record)) : std::nullopt;
+  return true;
+}
+
+// A request's form: a kind of the wrong type, then an unknown kind (which is not an error),
+// then a field of the wrong type, each stops the reading.
+RequestForm requestForm(std::string_view kind, std::string kindProblem, ORVRequest request,
+                        std::string fieldProblem) {
+  RequestForm result;
+  const auto parsedKind = kindFromName(kind);
+  if (!kindProblem.empty()) {
+    result.problem = std::move(kindProblem);
+  } else if (!parsedKind) {
+    result.unknownKind = true;
+  } else if (!fieldProblem.empty()) {
+    result.problem = std::move(fieldProblem);
+  } else {
+    request.kind = *parsedKind;
+    result.request = std::move(request);
+  }
+  return result;
+}
+
 }  // namespace
 
 Dict toDBus(const ORVSessionConfiguration& configuration) {
-  DictWriter writer;
-  visitConfiguration(writer, configuration);
-  // Both keys are required: send them even when empty, so that the daemon says which is missing.
-  writer.form.try_emplace("identifier", sdbus::Variant(configuration.identifier));
-  writer.form.try_emplace("userAgent", sdbus::Variant(configuration.userAgent));
-  return std::move(writer.form);
+  return dictOf(configuration, visitConfiguration);
 }
 
 std::optional<ORVSessionConfiguration> configurationFromDBus(const Dict& form,
                                                              std::string* problem) {
   ORVSessionConfiguration configuration;
-  DictReader reader{form, {}};
+  DictReader reader{{form, {}}};
   visitConfiguration(reader, configuration);
   if (!reader.problem.empty()) {
     if (problem != nullptr) *problem = reader.problem;
@@ -337,67 +379,36 @@ Dict toDBus(const ORVRequest& request) {
   return std::move(writer.form);
 }
 
-// Reads the kind first: an unknown kind is not an error, a kind of the wrong type is.
-template <class Visit>
-static RequestForm requestForm(std::string kind, std::string problem, Visit visitFields) {
-  RequestForm result;
-  if (!problem.empty()) {
-    result.problem = std::move(problem);
-    return result;
-  }
-  const auto parsedKind = kindFromName(kind);
-  if (!parsedKind) {
-    result.unknownKind = true;
-    return result;
-  }
-  ORVRequest request;
-  request.kind = *parsedKind;
-  result.problem = visitFields(request);
-  if (result.problem.empty()) result.request = std::move(request);
-  return result;
-}
-
 RequestForm requestFromDBus(const Dict& form) {
-  DictReader kindReader{form, {}};
+  // The kind first: the problems of the other fields do not matter when it is unknown.
+  DictReader kindReader{{form, {}}};
   std::string kind;
   kindReader("kind", kind);
-  return requestForm(kind, kindReader.problem, [&form](ORVRequest& request) {
-    DictReader reader{form, {}};
-    visitRequest(reader, request);
-    return reader.problem;
-  });
+  DictReader reader{{form, {}}};
+  ORVRequest request;
+  visitRequest(reader, request);
+  return requestForm(kind, std::move(kindReader.problem), std::move(request),
+                     std::move(reader.problem));
 }
 
 Dict toDBus(const std::optional<ORVReply>& reply) {
   if (!reply) return {};
-  DictWriter writer;
-  visitReply(writer, *reply);
+  Dict form = dictOf(*reply, visitReply);
   // A reply is never an empty dictionary, which would read as none.
-  writer.form.try_emplace("scale", sdbus::Variant(reply->scale));
-  return std::move(writer.form);
+  form.try_emplace("scale", sdbus::Variant(reply->scale));
+  return form;
 }
 
 std::optional<ORVReply> replyFromDBus(const Dict& form) {
-  if (form.empty()) return std::nullopt;
-  ORVReply reply;
-  DictReader reader{form, {}};
-  visitReply(reader, reply);
-  return reply;
+  return optionalFromDict<ORVReply>(form, visitReply);
 }
 
 Dict toDBus(const std::optional<OrvexError>& error) {
-  if (!error) return {};
-  DictWriter writer;
-  visitError(writer, *error);
-  return std::move(writer.form);
+  return error ? dictOf(*error, visitError) : Dict();
 }
 
 std::optional<OrvexError> errorFromDBus(const Dict& form) {
-  if (form.empty()) return std::nullopt;
-  OrvexError error;
-  DictReader reader{form, {}};
-  visitError(reader, error);
-  return error;
+  return optionalFromDict<OrvexError>(form, visitError);
 }
 
 void writeRequest(sdbus::Message& message, const ORVRequest& request) {
@@ -408,25 +419,18 @@ void writeRequest(sdbus::Message& message, const ORVRequest& request) {
 }
 
 RequestForm readRequest(sdbus::Message& message) {
-  // One pass over the message: the kind and the fields together.
+  // One pass over the message: the kind and the fields together, so the first wrong entry is
+  // the problem whichever it is.
   std::string kind;
   ORVRequest request;
-  RequestForm result;
   std::string problem;
   if (!readDict(message, problem, [&](MessageEntryReader& entry) {
         entry("kind", kind);
         visitRequest(entry, request);
       })) {
-    result.problem = "the request must be a{sv}";
-  } else if (!problem.empty()) {
-    result.problem = std::move(problem);
-  } else if (const auto parsedKind = kindFromName(kind)) {
-    request.kind = *parsedKind;
-    result.request = std::move(request);
-  } else {
-    result.unknownKind = true;
+    problem = "the request must be a{sv}";
   }
-  return result;
+  return requestForm(kind, std::move(problem), std::move(request), {});
 }
 
 void writeQueryAnswer(sdbus::Message& message, int64_t queryId,
@@ -437,7 +441,7 @@ void writeQueryAnswer(sdbus::Message& message, int64_t queryId,
     if (!reply) return;
     visitReply(writer, *reply);
     // A reply is never an empty dictionary, which would read as none.
-    if (writer.written == 0) writer.entry("scale", reply->scale);
+    if (writer.written == 0) writer.put("scale", reply->scale);
   });
   writeDict(message, [&](MessageWriter& writer) {
     if (error) visitError(writer, *error);
@@ -448,25 +452,8 @@ bool readQueryAnswer(sdbus::Message& message, int64_t& queryId, std::optional<OR
                      std::optional<OrvexError>& error) {
   message >> queryId;
   std::string problem;
-  ORVReply readReply;
-  bool any = false;
-  if (!readDict(message, problem, [&](MessageEntryReader& entry) {
-        visitReply(entry, readReply);
-        any |= entry.consumed;
-      })) {
-    return false;
-  }
-  reply = any ? std::optional<ORVReply>(std::move(readReply)) : std::nullopt;
-  OrvexError readError;
-  any = false;
-  if (!readDict(message, problem, [&](MessageEntryReader& entry) {
-        visitError(entry, readError);
-        any |= entry.consumed;
-      })) {
-    return false;
-  }
-  error = any ? std::optional<OrvexError>(std::move(readError)) : std::nullopt;
-  return true;
+  return readOptional(message, problem, reply, visitReply) &&
+         readOptional(message, problem, error, visitError);
 }
 
 }  // namespace orvex::dbus

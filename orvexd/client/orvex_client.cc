@@ -34,8 +34,29 @@ std::shared_ptr<const ORVBag> bagFromText(const std::string& text, const std::st
   return ORVBag::initWithDictionary(std::move(json), userAgent);
 }
 
-QueryAnswer queryAnswer(int64_t queryId, const Dict& reply, const Dict& error) {
-  return QueryAnswer{queryId, dbus::replyFromDBus(reply), dbus::errorFromDBus(error)};
+// The results of `method` on `interface`, called with `args`; a D-Bus error throws.
+template <typename... Results>
+std::tuple<Results...> call(sdbus::IProxy& proxy, const char* interface, const char* method,
+                            OrvexClient::Timeout timeout, const auto&... args) {
+  std::tuple<Results...> results;
+  std::apply(
+      [&](Results&... out) {
+        proxy.callMethod(method)
+            .onInterface(interface)
+            .withTimeout(timeout)
+            .withArguments(args...)
+            .storeResultsTo(out...);
+      },
+      results);
+  return results;
+}
+
+// The one result of a call, received as a Wire; a D-Bus error becomes the ClientError.
+template <typename Result, typename Wire = Result>
+ClientResult<Result> resultOf(sdbus::IProxy& proxy, const char* interface, const char* method,
+                              OrvexClient::Timeout timeout, const auto&... args) {
+  return guarded(
+      [&] { return Result(std::get<0>(call<Wire>(proxy, interface, method, timeout, args...))); });
 }
 
 }  // namespace
@@ -51,23 +72,35 @@ struct OrvexClientSignals {
   }
 };
 
+struct OrvexClient::Bus {
+  std::unique_ptr<sdbus::IConnection> connection;
+  std::unique_ptr<sdbus::IProxy> daemon;
+  std::unique_ptr<sdbus::IProxy> endpoint;
+
+  ~Bus() {
+    connection->leaveEventLoop();
+    endpoint.reset();
+    daemon.reset();
+  }
+};
+
 std::unique_ptr<OrvexClient> OrvexClient::connect(std::string* error, const std::string& address) {
   try {
-    auto connection = address.empty() ? sdbus::createSessionBusConnection()
+    auto bus = std::make_unique<Bus>();
+    bus->connection = address.empty() ? sdbus::createSessionBusConnection()
                                       : sdbus::createSessionBusConnectionWithAddress(address);
-    return std::unique_ptr<OrvexClient>(new OrvexClient(std::move(connection)));
+    bus->daemon = sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexObjectPath);
+    bus->endpoint = sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexEndpointPath);
+    return std::unique_ptr<OrvexClient>(new OrvexClient(std::move(bus)));
   } catch (const sdbus::Error& e) {
     if (error != nullptr) *error = e.getName() + ": " + e.getMessage();
     return nullptr;
   }
 }
 
-OrvexClient::OrvexClient(std::unique_ptr<sdbus::IConnection> connection)
-    : connection_(std::move(connection)),
-      daemon_(sdbus::createProxy(*connection_, kOrvexBusName, kOrvexObjectPath)),
-      endpoint_(sdbus::createProxy(*connection_, kOrvexBusName, kOrvexEndpointPath)),
-      signals_(std::make_shared<OrvexClientSignals>()) {
-  daemon_->uponSignal("BagDidLoad")
+OrvexClient::OrvexClient(std::unique_ptr<Bus> bus)
+    : bus_(std::move(bus)), signals_(std::make_shared<OrvexClientSignals>()) {
+  bus_->daemon->uponSignal("BagDidLoad")
       .onInterface(kOrvexDaemonInterface)
       .call([signals = signals_](const std::string& bag, const Dict& error) {
         BagHandler handler;
@@ -77,18 +110,14 @@ OrvexClient::OrvexClient(std::unique_ptr<sdbus::IConnection> connection)
         }
         if (handler) handler(bagFromText(bag, signals->agent()), dbus::errorFromDBus(error));
       });
-  daemon_->finishRegistration();
-  endpoint_->finishRegistration();
-  connection_->enterEventLoopAsync();
+  bus_->daemon->finishRegistration();
+  bus_->endpoint->finishRegistration();
+  bus_->connection->enterEventLoopAsync();
 }
 
-OrvexClient::~OrvexClient() {
-  connection_->leaveEventLoop();
-  endpoint_.reset();
-  daemon_.reset();
-}
+OrvexClient::~OrvexClient() = default;
 
-std::string OrvexClient::uniqueName() const { return connection_->getUniqueName(); }
+std::string OrvexClient::uniqueName() const { return bus_->connection->getUniqueName(); }
 
 void OrvexClient::onBagDidLoad(BagHandler handler) {
   std::lock_guard lock(signals_->mutex);
@@ -100,25 +129,14 @@ ClientResult<std::string> OrvexClient::configure(const ORVSessionConfiguration& 
     std::lock_guard lock(signals_->mutex);
     signals_->userAgent = configuration.userAgent;
   }
-  return guarded([&] {
-    sdbus::ObjectPath endpoint;
-    daemon_->callMethod("Configure")
-        .onInterface(kOrvexDaemonInterface)
-        .withTimeout(timeout_)
-        .withArguments(dbus::toDBus(configuration))
-        .storeResultsTo(endpoint);
-    return std::string(endpoint);
-  });
+  return resultOf<std::string, sdbus::ObjectPath>(*bus_->daemon, kOrvexDaemonInterface, "Configure",
+                                                  timeout_, dbus::toDBus(configuration));
 }
 
 ClientResult<BagAnswer> OrvexClient::bag() {
   return guarded([&] {
-    std::string bag;
-    Dict error;
-    daemon_->callMethod("Bag")
-        .onInterface(kOrvexDaemonInterface)
-        .withTimeout(timeout_)
-        .storeResultsTo(bag, error);
+    auto [bag, error] =
+        call<std::string, Dict>(*bus_->daemon, kOrvexDaemonInterface, "Bag", timeout_);
     return BagAnswer{bagFromText(bag, signals_->agent()), dbus::errorFromDBus(error)};
   });
 }
@@ -126,9 +144,9 @@ ClientResult<BagAnswer> OrvexClient::bag() {
 // Requests are written and read without variants: they are made on every keystroke.
 ClientResult<QueryAnswer> OrvexClient::request(const ORVRequest& request) {
   return guarded([&]() -> QueryAnswer {
-    auto call = daemon_->createMethodCall(kOrvexDaemonInterface, "Request");
+    auto call = bus_->daemon->createMethodCall(kOrvexDaemonInterface, "Request");
     dbus::writeRequest(call, request);
-    auto reply = daemon_->callMethod(call, timeout_);
+    auto reply = bus_->daemon->callMethod(call, timeout_);
     QueryAnswer answer;
     if (!dbus::readQueryAnswer(reply, answer.queryId, answer.reply, answer.error)) {
       throw sdbus::Error(kOrvexErrorInvalidArgument,
@@ -141,9 +159,9 @@ ClientResult<QueryAnswer> OrvexClient::request(const ORVRequest& request) {
 void OrvexClient::requestAsync(const ORVRequest& request,
                                std::function<void(ClientResult<QueryAnswer>)> completion) {
   try {
-    auto call = daemon_->createMethodCall(kOrvexDaemonInterface, "Request");
+    auto call = bus_->daemon->createMethodCall(kOrvexDaemonInterface, "Request");
     dbus::writeRequest(call, request);
-    daemon_->callMethod(
+    bus_->daemon->callMethod(
         call,
         [completion](sdbus::MethodReply& reply, const sdbus::Error* error) {
           if (error != nullptr) {
@@ -167,22 +185,17 @@ void OrvexClient::requestAsync(const ORVRequest& request,
 ClientResult<QueryAnswer> OrvexClient::endpointRequest(
     const ORVRequest& request, const ORVSessionConfiguration& configuration) {
   return guarded([&] {
-    int64_t queryId = 0;
-    Dict reply;
-    Dict error;
-    endpoint_->callMethod("Request")
-        .onInterface(kOrvexEndpointInterface)
-        .withTimeout(timeout_)
-        .withArguments(dbus::toDBus(request), dbus::toDBus(configuration))
-        .storeResultsTo(queryId, reply, error);
-    return queryAnswer(queryId, reply, error);
+    auto [queryId, reply, error] =
+        call<int64_t, Dict, Dict>(*bus_->endpoint, kOrvexEndpointInterface, "Request", timeout_,
+                                  dbus::toDBus(request), dbus::toDBus(configuration));
+    return QueryAnswer{queryId, dbus::replyFromDBus(reply), dbus::errorFromDBus(error)};
   });
 }
 
 ClientResult<Empty> OrvexClient::reportEvent(const std::string& event, int64_t queryId,
                                              const NBFeedback& feedback) {
   return guarded([&] {
-    daemon_->callMethod("ReportEvent")
+    bus_->daemon->callMethod("ReportEvent")
         .onInterface(kOrvexDaemonInterface)
         .withArguments(event, queryId, feedback.dbusText())
         .dontExpectReply();
@@ -192,64 +205,34 @@ ClientResult<Empty> OrvexClient::reportEvent(const std::string& event, int64_t q
 
 ClientResult<std::string> OrvexClient::feedback() {
   return guarded([&] {
-    std::string feedbacks;
-    Dict error;
-    daemon_->callMethod("Feedback")
-        .onInterface(kOrvexDaemonInterface)
-        .withTimeout(timeout_)
-        .withArguments(std::string())
-        .storeResultsTo(feedbacks, error);
+    auto [feedbacks, error] = call<std::string, Dict>(*bus_->daemon, kOrvexDaemonInterface,
+                                                      "Feedback", timeout_, std::string());
     return feedbacks;
   });
 }
 
 ClientResult<std::vector<std::map<std::string, std::string>>> OrvexClient::listSessions() {
-  return guarded([&] {
-    std::vector<std::map<std::string, std::string>> sessions;
-    daemon_->callMethod("ListSessions")
-        .onInterface(kOrvexDaemonInterface)
-        .withTimeout(timeout_)
-        .storeResultsTo(sessions);
-    return sessions;
-  });
+  return resultOf<std::vector<std::map<std::string, std::string>>>(
+      *bus_->daemon, kOrvexDaemonInterface, "ListSessions", timeout_);
 }
 
 ClientResult<std::string> OrvexClient::listenToFlusher() {
-  return guarded([&] {
-    sdbus::ObjectPath endpoint;
-    daemon_->callMethod("ListenToFlusher")
-        .onInterface(kOrvexDaemonInterface)
-        .withTimeout(timeout_)
-        .storeResultsTo(endpoint);
-    return std::string(endpoint);
-  });
+  return resultOf<std::string, sdbus::ObjectPath>(*bus_->daemon, kOrvexDaemonInterface,
+                                                  "ListenToFlusher", timeout_);
 }
 
 ClientResult<std::map<std::string, int64_t>> OrvexClient::counters() {
-  return guarded([&] {
-    std::map<std::string, int64_t> counters;
-    daemon_->callMethod("GetCounters")
-        .onInterface(kOrvexDiagnosticsInterface)
-        .withTimeout(timeout_)
-        .storeResultsTo(counters);
-    return counters;
-  });
+  return resultOf<std::map<std::string, int64_t>>(*bus_->daemon, kOrvexDiagnosticsInterface,
+                                                  "GetCounters", timeout_);
 }
 
 ClientResult<std::string> OrvexClient::daemonBag() {
-  return guarded([&] {
-    std::string bag;
-    daemon_->callMethod("GetBag")
-        .onInterface(kOrvexDiagnosticsInterface)
-        .withTimeout(timeout_)
-        .storeResultsTo(bag);
-    return bag;
-  });
+  return resultOf<std::string>(*bus_->daemon, kOrvexDiagnosticsInterface, "GetBag", timeout_);
 }
 
 ClientResult<Empty> OrvexClient::ping() {
   return guarded([&] {
-    daemon_->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer").withTimeout(timeout_);
+    bus_->daemon->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer").withTimeout(timeout_);
     return Empty{};
   });
 }

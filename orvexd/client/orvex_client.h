@@ -38,11 +38,6 @@
 #include "orvexd/model/orv_request.h"
 #include "orvexd/model/orv_session_configuration.h"
 
-namespace sdbus {
-class IConnection;
-class IProxy;
-}  // namespace sdbus
-
 namespace orvex {
 
 struct ClientError {
@@ -123,11 +118,11 @@ class OrvexClient {
   ClientResult<Empty> ping();
 
  private:
-  OrvexClient(std::unique_ptr<sdbus::IConnection> connection);
+  // The bus connection and the proxies of the daemon's object and endpoint.
+  struct Bus;
+  explicit OrvexClient(std::unique_ptr<Bus> bus);
 
-  std::unique_ptr<sdbus::IConnection> connection_;
-  std::unique_ptr<sdbus::IProxy> daemon_;
-  std::unique_ptr<sdbus::IProxy> endpoint_;
+  std::unique_ptr<Bus> bus_;
   Timeout timeout_ = kDefaultTimeout;
   // The handler and the configured user agent; set before the signal can matter.
   std::shared_ptr<struct OrvexClientSignals> signals_;

@@ -211,26 +211,26 @@ void ClientConnection::request(ORVRequest request, QueryReply reply) {
     }
     return;
   }
-  const auto queryId = static_cast<uint64_t>(request.queryId);
+  // Fires `start` now and `end` when the request is answered.
+  const auto trace = [&](TraceCode start, TraceCode end) {
+    ORVTrace(start, static_cast<uint64_t>(request.queryId));
+    return traced(end, std::move(reply));
+  };
   switch (request.kind) {
     case ORVRequestKind::kSearch:
-      ORVTrace(TraceCode::kSearchStart, queryId);
-      search(request, traced(TraceCode::kSearchEnd, std::move(reply)));
+      search(request, trace(TraceCode::kSearchStart, TraceCode::kSearchEnd));
       break;
     case ORVRequestKind::kMoreResults:
       state->moreResults(request, std::move(reply));
       break;
     case ORVRequestKind::kCard:
-      ORVTrace(TraceCode::kCardStart, queryId);
-      state->card(request, traced(TraceCode::kCardEnd, std::move(reply)));
+      state->card(request, trace(TraceCode::kCardStart, TraceCode::kCardEnd));
       break;
     case ORVRequestKind::kZeroKeyword:
-      ORVTrace(TraceCode::kZeroKeywordStart, queryId);
-      state->zeroKeyword(request, traced(TraceCode::kZeroKeywordEnd, std::move(reply)));
+      state->zeroKeyword(request, trace(TraceCode::kZeroKeywordStart, TraceCode::kZeroKeywordEnd));
       break;
     case ORVRequestKind::kLookup:
-      ORVTrace(TraceCode::kLookupStart, queryId);
-      state->lookup(request, traced(TraceCode::kLookupEnd, std::move(reply)));
+      state->lookup(request, trace(TraceCode::kLookupStart, TraceCode::kLookupEnd));
       break;
     case ORVRequestKind::kFlightLookup:
       state->flightLookup(request, std::move(reply));

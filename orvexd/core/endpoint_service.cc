@@ -31,30 +31,20 @@ std::string describeConfiguration(const dbus::Dict& form) {
 
 }  // namespace
 
-EndpointService::EndpointService(Assembly& assembly, BusConnection& bus)
-    : assembly_(assembly), bus_(bus) {}
-
-EndpointService::~EndpointService() = default;
-
 void EndpointService::start() {
   exportEndpoint();
-  watchCallers();
+  watchCallersLeaving([weakSelf = weak_from_this()](const std::string& name) {
+    auto self = weakSelf.lock();
+    if (self && self->callers_.erase(name) > 0) {
+      connectionLog().debug("endpoint connection invalidated");
+    }
+  });
 }
 
 void EndpointService::noteCaller(const sdbus::Message& message) {
   if (callers_.insert(message.getSender()).second) {
     connectionLog().debug("new endpoint connection");
   }
-}
-
-void EndpointService::watchCallers() {
-  busDriver_ =
-      watchConnectionsLeaving(bus_, [weakSelf = weak_from_this()](const std::string& name) {
-        auto self = weakSelf.lock();
-        if (self && self->callers_.erase(name) > 0) {
-          connectionLog().debug("endpoint connection invalidated");
-        }
-      });
 }
 
 void EndpointService::exportEndpoint() {

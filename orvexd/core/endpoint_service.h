@@ -10,23 +10,17 @@
 #include <set>
 #include <string>
 
+#include "orvexd/core/bus_service.h"
+
 namespace sdbus {
-class IObject;
-class IProxy;
 class Message;
 }  // namespace sdbus
 
 namespace orvex {
 
-class Assembly;
-class BusConnection;
-
-class EndpointService : public std::enable_shared_from_this<EndpointService> {
+class EndpointService : public BusService, public std::enable_shared_from_this<EndpointService> {
  public:
-  EndpointService(Assembly& assembly, BusConnection& bus);
-  ~EndpointService();
-  EndpointService(const EndpointService&) = delete;
-  EndpointService& operator=(const EndpointService&) = delete;
+  using BusService::BusService;
 
   // Exports the object and starts watching for callers leaving the bus. Call on the main thread,
   // before the bus name is owned, once the service is owned by a shared_ptr.
@@ -34,15 +28,10 @@ class EndpointService : public std::enable_shared_from_this<EndpointService> {
 
  private:
   void exportEndpoint();
-  void watchCallers();
   // Bus thread only.
   void noteCaller(const sdbus::Message& message);
 
-  Assembly& assembly_;
-  BusConnection& bus_;
-  std::shared_ptr<sdbus::IObject> object_;    // set by start()
-  std::unique_ptr<sdbus::IProxy> busDriver_;  // set by start()
-  std::set<std::string> callers_;             // bus thread: unique names that used the endpoint
+  std::set<std::string> callers_;  // bus thread: unique names that used the endpoint
 };
 
 }  // namespace orvex

@@ -14,7 +14,6 @@
 #include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/model/assembly.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/user_guid_controller.h"

@@ -147,13 +147,10 @@ std::string feedbacksAsJson(const std::vector<OrvexFeedback>& feedbacks) {
 }  // namespace
 
 OrvexService::OrvexService(Assembly& assembly, BusConnection& bus)
-    : assembly_(assembly),
-      bus_(bus),
+    : BusService(assembly, bus),
       callPool_(kCallThreads),
       queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock),
       limits_(assembly.inputLimits) {}
-
-OrvexService::~OrvexService() = default;
 
 std::optional<std::string> OrvexService::clientIDForConnection(
     pid_t pid, const std::filesystem::path& procRoot) {
@@ -180,7 +177,9 @@ std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnection
 
 void OrvexService::start() {
   exportDaemonInterface();
-  watchNameOwners();
+  watchCallersLeaving([weakSelf = weak_from_this()](const std::string& name) {
+    if (auto self = weakSelf.lock()) self->invalidate(name);
+  });
 }
 
 std::shared_ptr<ClientConnection> OrvexService::connectionForCall(const sdbus::MethodCall& call) {
@@ -251,13 +250,6 @@ void OrvexService::invalidate(const std::string& uniqueName) {
       OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
     }
   }
-}
-
-void OrvexService::watchNameOwners() {
-  busDriver_ =
-      watchConnectionsLeaving(bus_, [weakSelf = weak_from_this()](const std::string& name) {
-        if (auto self = weakSelf.lock()) self->invalidate(name);
-      });
 }
 
 void OrvexService::exportDaemonInterface() {

@@ -27,28 +27,22 @@
 #include <string>
 #include <vector>
 
+#include "orvexd/core/bus_service.h"
 #include "orvexd/model/input_limits.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace sdbus {
-class IObject;
-class IProxy;
 class MethodCall;
 }  // namespace sdbus
 
 namespace orvex {
 
-class Assembly;
-class BusConnection;
 class ClientConnection;
 
-class OrvexService : public std::enable_shared_from_this<OrvexService> {
+class OrvexService : public BusService, public std::enable_shared_from_this<OrvexService> {
  public:
   OrvexService(Assembly& assembly, BusConnection& bus);
-  ~OrvexService();
-  OrvexService(const OrvexService&) = delete;
-  OrvexService& operator=(const OrvexService&) = delete;
 
   // Exports the Daemon interface and starts watching for clients leaving the bus. Call on the
   // main thread, before the bus name is owned, once the service is owned by a shared_ptr.
@@ -65,7 +59,6 @@ class OrvexService : public std::enable_shared_from_this<OrvexService> {
 
  private:
   void exportDaemonInterface();
-  void watchNameOwners();
   // Bus thread only.
   std::shared_ptr<ClientConnection> connectionForCall(const sdbus::MethodCall& call);
   std::shared_ptr<ClientConnection> accept(const std::string& uniqueName, pid_t pid);
@@ -74,14 +67,10 @@ class OrvexService : public std::enable_shared_from_this<OrvexService> {
   // Threads that run the clients' calls, apart from the components' pool.
   static constexpr size_t kCallThreads = 4;
 
-  Assembly& assembly_;
-  BusConnection& bus_;
   WorkerPool callPool_;
   SerialQueue queue_;                                           // "com.zelmor.orvex.serviceQueue"
   std::vector<std::shared_ptr<ClientConnection>> connections_;  // owned by queue_
   std::map<std::string, std::shared_ptr<ClientConnection>> live_;  // bus thread
-  std::shared_ptr<sdbus::IObject> object_;                         // set by start()
-  std::unique_ptr<sdbus::IProxy> busDriver_;                       // set by start()
   const InputLimits limits_;                                       // read once from the defaults
 };
 

@@ -12,7 +12,7 @@
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/session_privacy_filter.h"
 #include "orvexd/model/assembly.h"
-#include "orvexd/model/orv_constants.h"
+#include "orvexd/model/feedback_codec.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/defaults_store.h"
@@ -41,29 +41,6 @@ int64_t localDayNumber(WallTime time) {
   if (localtime_r(&seconds, &local) == nullptr) return seconds / 86400;
   const int64_t shifted = static_cast<int64_t>(seconds) + local.tm_gmtoff;
   return shifted >= 0 ? shifted / 86400 : (shifted - 86399) / 86400;
-}
-
-nlohmann::json jsonFromPlist(const PlistValue& value) {
-  return value.visit([](const auto& v) -> nlohmann::json {
-    using T = std::decay_t<decltype(v)>;
-    if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, int64_t> ||
-                  std::is_same_v<T, uint64_t> || std::is_same_v<T, double> ||
-                  std::is_same_v<T, std::string>) {
-      return v;
-    } else if constexpr (std::is_same_v<T, PlistArray>) {
-      nlohmann::json array = nlohmann::json::array();
-      for (const auto& element : v) array.push_back(jsonFromPlist(element));
-      return array;
-    } else if constexpr (std::is_same_v<T, PlistDictionary>) {
-      nlohmann::json object = nlohmann::json::object();
-      for (const auto& [key, element] : v) object[key] = jsonFromPlist(element);
-      return object;
-    } else if constexpr (std::is_same_v<T, PlistDate>) {
-      return v.iso8601();
-    } else {
-      return nullptr;  // raw data has no JSON form
-    }
-  });
 }
 
 }  // namespace
@@ -102,10 +79,8 @@ std::shared_ptr<ClientSession> ClientSession::createFeedbackSessionFromError(
 
 ClientSession::ClientSession(Assembly& assembly, const OrvexFeedback& feedback,
                              uint32_t previousSessionEndReason)
-    : assembly_(assembly),
+    : FeedbackSession(assembly, feedback, previousSessionEndReason),
       agent_(feedback.userAgent()),
-      userGuid_(feedback.userGuid()),
-      previousSessionEndReason_(previousSessionEndReason),
       removeTimestamps_(feedback.type() == NBFeedbackType::kCustomGlanceResultFeatures),
       sessionStart_(assembly.clock->wallNow()),
       sessionStartMonotonic_(assembly.clock->monotonicNow()) {
@@ -166,10 +141,7 @@ void ClientSession::addFeedback(const OrvexFeedback& feedback) {
   }
 }
 
-void ClientSession::enumerateSessions(
-    const std::function<void(ClientSession& session, bool last)>& visit) {
-  visit(*this, true);
-}
+void ClientSession::enumerateSessions(const SessionVisitor& visit) { visit(*this, true); }
 
 uint64_t ClientSession::relativeTimestamp(const OrvexFeedback& feedback) const {
   const uint64_t start = monotonicNanoseconds(sessionStartMonotonic_);
@@ -230,7 +202,7 @@ nlohmann::json ClientSession::getFeedbacksToSend() const {
       {"fb", std::move(records)},
       {"agent", agent_},
       {"user_guid", userGuid_.value_or("")},
-      {"resource_versions", jsonFromPlist(PlistValue(resourceVersions_))},
+      {"resource_versions", feedback_codec::plistToJson(PlistValue(resourceVersions_))},
       {"first_use", firstUseOfTheDay_},
       {"base_time", baseTime},
       {"previous_session_end_reason", reason ? nlohmann::json(std::string(*reason)) : nullptr},

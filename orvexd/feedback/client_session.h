@@ -63,9 +63,7 @@ class ClientSession final : public FeedbackSession,
                 uint32_t previousSessionEndReason);
 
   void addFeedback(const OrvexFeedback& feedback) override;
-  std::optional<std::string> userGuid() const override { return userGuid_; }
-  void enumerateSessions(
-      const std::function<void(ClientSession& session, bool last)>& visit) override;
+  void enumerateSessions(const SessionVisitor& visit) override;
   std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
 
   // The records as added.
@@ -95,11 +93,8 @@ class ClientSession final : public FeedbackSession,
   // The time of `feedback` in milliseconds after the session start, 0 for earlier records.
   uint64_t relativeTimestamp(const OrvexFeedback& feedback) const;
 
-  Assembly& assembly_;
   // Fixed at creation.
   const std::string agent_;
-  const std::optional<std::string> userGuid_;
-  const uint32_t previousSessionEndReason_;
   const bool removeTimestamps_;
   const WallTime sessionStart_;
   const MonotonicTime sessionStartMonotonic_;

@@ -3,11 +3,11 @@
 #include <utility>
 
 #include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/client_session.h"
 #include "orvexd/feedback/client_session_shared.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/model/orv_bag.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_session_feedback.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/user_guid_controller.h"

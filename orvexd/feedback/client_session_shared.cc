@@ -7,9 +7,7 @@ namespace orvex {
 
 ClientSessionShared::ClientSessionShared(Assembly& assembly, const OrvexFeedback& feedback,
                                          uint32_t previousSessionEndReason)
-    : assembly_(assembly),
-      userGuid_(feedback.userGuid()),
-      previousSessionEndReason_(previousSessionEndReason) {
+    : FeedbackSession(assembly, feedback, previousSessionEndReason) {
   addFeedback(feedback);
 }
 
@@ -30,8 +28,7 @@ void ClientSessionShared::addFeedback(const OrvexFeedback& feedback) {
   session->addFeedback(feedback);
 }
 
-void ClientSessionShared::enumerateSessions(
-    const std::function<void(ClientSession& session, bool last)>& visit) {
+void ClientSessionShared::enumerateSessions(const SessionVisitor& visit) {
   std::vector<std::shared_ptr<ClientSession>> sessions;
   {
     std::lock_guard lock(mutex_);

@@ -28,17 +28,12 @@ class ClientSessionShared final : public FeedbackSession {
 
   // Adds the record to the session of its user agent, opening that session if needed.
   void addFeedback(const OrvexFeedback& feedback) override;
-  std::optional<std::string> userGuid() const override { return userGuid_; }
   // In the order of the agents' names.
-  void enumerateSessions(
-      const std::function<void(ClientSession& session, bool last)>& visit) override;
+  void enumerateSessions(const SessionVisitor& visit) override;
   // Every agent's records, ordered by their own timestamps.
   std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
 
  private:
-  Assembly& assembly_;
-  const std::optional<std::string> userGuid_;
-  const uint32_t previousSessionEndReason_;
   mutable std::mutex mutex_;
   std::map<std::string, std::shared_ptr<ClientSession>> sessionMap_;  // guarded by mutex_
 };

@@ -1,7 +1,9 @@
 // What the session manager needs of an open session, whether it is one client's ClientSession
-// or a ClientSessionShared that keeps one ClientSession per client.
+// or a ClientSessionShared that keeps one ClientSession per client; both are opened by a first
+// record and keep what it says about the session.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -11,21 +13,38 @@
 
 namespace orvex {
 
+class Assembly;
 class ClientSession;
 
 class FeedbackSession {
  public:
   virtual ~FeedbackSession() = default;
+  FeedbackSession(const FeedbackSession&) = delete;
+  FeedbackSession& operator=(const FeedbackSession&) = delete;
 
   // Appends a record (and writes it to the session's file).
   virtual void addFeedback(const OrvexFeedback& feedback) = 0;
   // The user GUID the session was opened under, as written in its records.
-  virtual std::optional<std::string> userGuid() const = 0;
-  // Calls `visit` once for every ClientSession it holds; `last` is true for the final one.
-  virtual void enumerateSessions(
-      const std::function<void(ClientSession& session, bool last)>& visit) = 0;
+  std::optional<std::string> userGuid() const { return userGuid_; }
+  // Called once for every ClientSession a session holds; `last` is true for the final one.
+  using SessionVisitor = std::function<void(ClientSession& session, bool last)>;
+  virtual void enumerateSessions(const SessionVisitor& visit) = 0;
   // The records, each with its time relative to the start of the session that holds it.
   virtual std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const = 0;
+
+ protected:
+  // A session that `feedback` opens; `previousSessionEndReason` says why the session before it
+  // ended (OrvexSessionEndReason).
+  FeedbackSession(Assembly& assembly, const OrvexFeedback& feedback,
+                  uint32_t previousSessionEndReason)
+      : assembly_(assembly),
+        userGuid_(feedback.userGuid()),
+        previousSessionEndReason_(previousSessionEndReason) {}
+
+  // Fixed at creation.
+  Assembly& assembly_;
+  const std::optional<std::string> userGuid_;
+  const uint32_t previousSessionEndReason_;
 };
 
 }  // namespace orvex

@@ -1,7 +1,41 @@
 #include "orvexd/model/conversion_tables.h"
 
+#include "orvexd/base/name_table.h"
+
 namespace orvex {
 namespace {
+
+// Each value's first entry is the name it is written as; the entries after it are read too.
+constexpr Named<FeatureType> kFeatureTypeNames[] = {
+    {FeatureType::kDomain, "domain"}, {FeatureType::kMediaType, "mediaType"},
+    {FeatureType::kTopic, "topic"},   {FeatureType::kDomain, "tld"},
+    {FeatureType::kMediaType, "mt"},
+};
+constexpr Named<ClientType> kClientTypeNames[] = {
+    {ClientType::kRoamer, "roamer"},
+    {ClientType::kGlance, "glance"},
+};
+constexpr Named<FunctionType> kFunctionTypeNames[] = {
+    {FunctionType::kEng, "eng"},
+    {FunctionType::kEngRender, "eng/render"},
+    {FunctionType::kEngRender, "engrate"},
+};
+constexpr Named<ResultPlacement> kResultPlacementNames[] = {
+    {ResultPlacement::kTop, "top"},
+    {ResultPlacement::kBottom, "bottom"},
+};
+
+// The value named `text` as its integer, or the enumeration's kUnknown.
+template <typename E, std::size_t N>
+int valueOrUnknown(const Named<E> (&table)[N], std::string_view text) {
+  return static_cast<int>(valueNamed(table, text).value_or(E::kUnknown));
+}
+
+// The name of the value `value` stands for, or `unknown` (each enumeration spells it its way).
+template <typename E, std::size_t N>
+std::string nameOrUnknown(const Named<E> (&table)[N], int value, std::string_view unknown) {
+  return std::string(nameOf(table, static_cast<E>(value)).value_or(unknown));
+}
 
 // ASCII-only lower-casing: the texts compared are ASCII, and bytes of other scripts in a user
 // agent must pass through unchanged whatever the process locale is.
@@ -16,95 +50,32 @@ std::string asciiLower(std::string_view text) {
 }  // namespace
 
 int featureTypeFromString(std::string_view text) {
-  FeatureType type = FeatureType::kUnknown;
-  if (text == "domain" || text == "tld") {
-    type = FeatureType::kDomain;
-  } else if (asciiLower(text) == "mediatype" || text == "mt") {
-    type = FeatureType::kMediaType;
-  } else if (text == "topic") {
-    type = FeatureType::kTopic;
-  }
-  return static_cast<int>(type);
+  if (asciiLower(text) == "mediatype") return static_cast<int>(FeatureType::kMediaType);
+  return valueOrUnknown(kFeatureTypeNames, text);
 }
 
 std::string stringFromFeatureType(int type) {
-  switch (static_cast<FeatureType>(type)) {
-    case FeatureType::kDomain:
-      return "domain";
-    case FeatureType::kMediaType:
-      return "mediaType";
-    case FeatureType::kTopic:
-      return "topic";
-    case FeatureType::kUnknown:
-      break;
-  }
-  return "unkonwn";
+  return nameOrUnknown(kFeatureTypeNames, type, "unkonwn");
 }
 
-int clientTypeFromString(std::string_view text) {
-  ClientType type = ClientType::kUnknown;
-  if (text == "roamer") {
-    type = ClientType::kRoamer;
-  } else if (text == "glance") {
-    type = ClientType::kGlance;
-  }
-  return static_cast<int>(type);
-}
+int clientTypeFromString(std::string_view text) { return valueOrUnknown(kClientTypeNames, text); }
 
 std::string stringFromClientType(int type) {
-  switch (static_cast<ClientType>(type)) {
-    case ClientType::kRoamer:
-      return "roamer";
-    case ClientType::kGlance:
-      return "glance";
-    case ClientType::kUnknown:
-      break;
-  }
-  return "unknown";
+  return nameOrUnknown(kClientTypeNames, type, "unknown");
 }
 
-int funcTypeFromString(std::string_view text) {
-  FunctionType type = FunctionType::kUnknown;
-  if (text == "eng") {
-    type = FunctionType::kEng;
-  } else if (text == "engrate" || text == "eng/render") {
-    type = FunctionType::kEngRender;
-  }
-  return static_cast<int>(type);
-}
+int funcTypeFromString(std::string_view text) { return valueOrUnknown(kFunctionTypeNames, text); }
 
 std::string stringFromFunctionType(int type) {
-  switch (static_cast<FunctionType>(type)) {
-    case FunctionType::kEng:
-      return "eng";
-    case FunctionType::kEngRender:
-      return "eng/render";
-    case FunctionType::kUnknown:
-      break;
-  }
-  return "unknown";
+  return nameOrUnknown(kFunctionTypeNames, type, "unknown");
 }
 
 int resultPlacementFromString(std::string_view text) {
-  ResultPlacement placement = ResultPlacement::kUnknown;
-  if (text == "top") {
-    placement = ResultPlacement::kTop;
-  } else if (text == "bottom") {
-    placement = ResultPlacement::kBottom;
-  }
-  return static_cast<int>(placement);
+  return valueOrUnknown(kResultPlacementNames, text);
 }
 
 std::string stringFromResultPlacement(int placement) {
-  switch (static_cast<ResultPlacement>(placement)) {
-    case ResultPlacement::kTop:
-      return "top";
-    case ResultPlacement::kBottom:
-      return "bottom";
-    case ResultPlacement::kUnknown:
-      break;
-  }
-  return "unkonw";
+  return nameOrUnknown(kResultPlacementNames, placement, "unkonw");
 }
 
 std::string getClientFromUserAgent(std::optional<std::string_view> userAgent) {

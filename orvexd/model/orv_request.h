@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "orvexd/base/name_table.h"
 #include "orvexd/model/url_query_item.h"
 
 namespace orvex {
@@ -22,35 +23,20 @@ enum class ORVRequestKind {
   kFlightLookup,  // ORVFlightLookupRequest
 };
 
-// The request kinds by the names clients use for them ("search", "zeroKeyword", ...).
+// The request kinds by the names clients use for them.
+inline constexpr Named<ORVRequestKind> kRequestKindNames[] = {
+    {ORVRequestKind::kSearch, "search"},
+    {ORVRequestKind::kZeroKeyword, "zeroKeyword"},
+    {ORVRequestKind::kMoreResults, "moreResults"},
+    {ORVRequestKind::kCard, "card"},
+    {ORVRequestKind::kLookup, "lookup"},
+    {ORVRequestKind::kFlightSearch, "flightSearch"},
+    {ORVRequestKind::kFlightLookup, "flightLookup"}};
 constexpr std::string_view kindName(ORVRequestKind kind) {
-  switch (kind) {
-    case ORVRequestKind::kSearch:
-      return "search";
-    case ORVRequestKind::kZeroKeyword:
-      return "zeroKeyword";
-    case ORVRequestKind::kMoreResults:
-      return "moreResults";
-    case ORVRequestKind::kCard:
-      return "card";
-    case ORVRequestKind::kLookup:
-      return "lookup";
-    case ORVRequestKind::kFlightSearch:
-      return "flightSearch";
-    case ORVRequestKind::kFlightLookup:
-      return "flightLookup";
-  }
-  return {};
+  return nameOf(kRequestKindNames, kind).value_or("");
 }
-inline constexpr ORVRequestKind kAllRequestKinds[] = {
-    ORVRequestKind::kSearch,      ORVRequestKind::kZeroKeyword, ORVRequestKind::kMoreResults,
-    ORVRequestKind::kCard,        ORVRequestKind::kLookup,      ORVRequestKind::kFlightSearch,
-    ORVRequestKind::kFlightLookup};
 constexpr std::optional<ORVRequestKind> kindFromName(std::string_view name) {
-  for (const ORVRequestKind kind : kAllRequestKinds) {
-    if (kindName(kind) == name) return kind;
-  }
-  return std::nullopt;
+  return valueNamed(kRequestKindNames, name);
 }
 
 // The lookup selection types.

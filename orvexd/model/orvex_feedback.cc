@@ -2,7 +2,6 @@
 
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
-#include "orvexd/model/orv_constants.h"
 
 namespace orvex {
 namespace {

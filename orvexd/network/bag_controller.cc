@@ -14,7 +14,6 @@
 #include "orvexd/model/interfaces/feedback_sink.h"
 #include "orvexd/model/interfaces/session_manager.h"
 #include "orvexd/model/nb_feedback.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/network/flags.h"
 #include "orvexd/network/network_feedback.h"
 #include "orvexd/network/network_request_factory.h"

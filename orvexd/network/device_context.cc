@@ -8,7 +8,6 @@
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/assembly.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/uuid.h"

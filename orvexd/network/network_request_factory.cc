@@ -7,7 +7,6 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/model/interfaces/app_whitelist_controller.h"
-#include "orvexd/model/orv_constants.h"
 
 namespace orvex {
 

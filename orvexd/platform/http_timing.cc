@@ -87,17 +87,20 @@ TaskTimingData makeTaskTimingData(WallTime fetchStart, const CurlTransferMetrics
 
 std::optional<PlistData> encodeBsdSocketAddress(std::string_view address, int64_t port) {
   if (port < 0 || port > 65535 || address.empty()) return std::nullopt;
-  const auto portHigh = static_cast<uint8_t>(port >> 8);
-  const auto portLow = static_cast<uint8_t>(port & 0xff);
+  // The length, the family and the port in network order, then the address.
+  const auto socketAddress = [port](uint8_t length, uint8_t family) {
+    PlistData bytes(length, 0);
+    bytes[0] = length;
+    bytes[1] = family;
+    bytes[2] = static_cast<uint8_t>(port >> 8);
+    bytes[3] = static_cast<uint8_t>(port & 0xff);
+    return bytes;
+  };
 
   std::string text(address);
   in_addr v4{};
   if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
-    PlistData bytes(16, 0);
-    bytes[0] = 16;
-    bytes[1] = kBsdFamilyInet;
-    bytes[2] = portHigh;
-    bytes[3] = portLow;
+    PlistData bytes = socketAddress(16, kBsdFamilyInet);
     std::memcpy(&bytes[4], &v4, 4);
     return bytes;
   }
@@ -116,11 +119,7 @@ std::optional<PlistData> encodeBsdSocketAddress(std::string_view address, int64_
   }
   in6_addr v6{};
   if (inet_pton(AF_INET6, text.c_str(), &v6) != 1) return std::nullopt;
-  PlistData bytes(28, 0);
-  bytes[0] = 28;
-  bytes[1] = kBsdFamilyInet6;
-  bytes[2] = portHigh;
-  bytes[3] = portLow;
+  PlistData bytes = socketAddress(28, kBsdFamilyInet6);
   std::memcpy(&bytes[8], &v6, 16);
   std::memcpy(&bytes[24], &scope, 4);
   return bytes;

@@ -286,13 +286,7 @@ class Session : public std::enable_shared_from_this<Session> {
     if (stopping_) return;
     const auto handler = slot_->get();
     if (!handler) return;
-    try {
-      handler(update);
-    } catch (const std::exception& error) {
-      locationLog().fault("the location update handler failed: %s", error.what());
-    } catch (...) {
-      locationLog().fault("the location update handler failed");
-    }
+    runLoggingFailure(locationLog(), "the location update handler", [&] { handler(update); });
   }
 
   const std::string desktopId_;

@@ -133,13 +133,7 @@ struct MonitorState : std::enable_shared_from_this<MonitorState> {
     }
     const MonitorState* const outer = tDelivering;
     tDelivering = this;
-    try {
-      handler(change);
-    } catch (const std::exception& e) {
-      monitorLog().fault("the system change handler failed: %s", e.what());
-    } catch (...) {
-      monitorLog().fault("the system change handler failed");
-    }
+    runLoggingFailure(monitorLog(), "the system change handler", [&] { handler(change); });
     tDelivering = outer;
     std::lock_guard lock(mutex);
     if (--activeCalls == 0) idle.notify_all();

@@ -287,18 +287,59 @@ uint64_t entryCost(const std::string& key, const CachedResponse& entry) {
   return cost;
 }
 
+// Entries by key, most recently used first, with the sum of their costs.
+template <class Value>
+class LruIndex {
+ public:
+  struct Entry {
+    std::string key;
+    Value value;
+    uint64_t cost = 0;
+  };
+
+  // Puts the entry in front, in place of one of the same key.
+  void insert(const std::string& key, Value value, uint64_t cost) {
+    erase(key);
+    entries_.push_front(Entry{key, std::move(value), cost});
+    index_[key] = entries_.begin();
+    usage_ += cost;
+  }
+  void erase(const std::string& key) {
+    const auto found = index_.find(key);
+    if (found == index_.end()) return;
+    usage_ -= found->second->cost;
+    entries_.erase(found->second);
+    index_.erase(found);
+  }
+  // The entry, moved in front as the most recently used; null when there is none.
+  Entry* use(const std::string& key) {
+    const auto found = index_.find(key);
+    if (found == index_.end()) return nullptr;
+    entries_.splice(entries_.begin(), entries_, found->second);
+    return &*found->second;
+  }
+  bool contains(const std::string& key) const { return index_.contains(key); }
+  bool empty() const { return entries_.empty(); }
+  // The key of the least recently used entry; not when empty().
+  std::string oldestKey() const { return entries_.back().key; }
+  uint64_t usage() const { return usage_; }
+  void clear() {
+    entries_.clear();
+    index_.clear();
+    usage_ = 0;
+  }
+
+ private:
+  std::list<Entry> entries_;
+  std::unordered_map<std::string, typename std::list<Entry>::iterator> index_;
+  uint64_t usage_ = 0;
+};
+
 }  // namespace
 
 struct UrlCache::Impl {
-  struct MemoryEntry {
-    std::string key;
-    CachedResponse value;
-    uint64_t cost = 0;
-  };
-  struct DiskEntry {
-    std::string fileName;
-    uint64_t size = 0;
-  };
+  // Files on disk carry no value in the index: their size is their cost.
+  struct OnDisk {};
 
   Impl(uint64_t memory, uint64_t disk, std::string dir, Clock& c)
       : memoryCapacity(memory), diskCapacity(disk), directory(std::move(dir)), clock(c) {}
@@ -306,57 +347,27 @@ struct UrlCache::Impl {
   // --- everything below runs with `mutex` held ---
 
   void memoryInsert(const std::string& key, const CachedResponse& value) {
-    memoryErase(key);
+    memory.erase(key);
     const uint64_t cost = entryCost(key, value);
     if (cost > memoryCapacity) return;
-    memoryLru.push_front(MemoryEntry{key, value, cost});
-    memoryIndex[key] = memoryLru.begin();
-    memoryUsage += cost;
-    while (memoryUsage > memoryCapacity && !memoryLru.empty()) {
-      memoryUsage -= memoryLru.back().cost;
-      memoryIndex.erase(memoryLru.back().key);
-      memoryLru.pop_back();
-    }
-  }
-
-  void memoryErase(const std::string& key) {
-    auto found = memoryIndex.find(key);
-    if (found == memoryIndex.end()) return;
-    memoryUsage -= found->second->cost;
-    memoryLru.erase(found->second);
-    memoryIndex.erase(found);
+    memory.insert(key, value, cost);
+    while (memory.usage() > memoryCapacity && !memory.empty()) memory.erase(memory.oldestKey());
   }
 
   bool diskEnabled() const { return !directory.empty() && diskCapacity > 0 && directoryReady; }
 
   // Records a file in the index as the most recently used one.
-  void diskTouch(const std::string& fileName, uint64_t size) {
-    diskForget(fileName);
-    diskLru.push_front(DiskEntry{fileName, size});
-    diskIndex[fileName] = diskLru.begin();
-    diskUsage += size;
-  }
-
-  void diskForget(const std::string& fileName) {
-    auto found = diskIndex.find(fileName);
-    if (found == diskIndex.end()) return;
-    diskUsage -= found->second->size;
-    diskLru.erase(found->second);
-    diskIndex.erase(found);
-  }
+  void diskTouch(const std::string& fileName, uint64_t size) { disk.insert(fileName, {}, size); }
 
   void diskRemove(const std::string& fileName) {
-    diskForget(fileName);
+    disk.erase(fileName);
     std::error_code error;
     fs::remove(fs::path(directory) / fileName, error);
     if (error) cacheLog().error("cannot remove cache file %@: %@", fileName, error.message());
   }
 
   void diskEvict() {
-    while (diskUsage > diskCapacity && !diskLru.empty()) {
-      const std::string victim = diskLru.back().fileName;
-      diskRemove(victim);
-    }
+    while (disk.usage() > diskCapacity && !disk.empty()) diskRemove(disk.oldestKey());
   }
 
   bool diskWrite(const std::string& key, const CachedResponse& value) {
@@ -388,7 +399,7 @@ struct UrlCache::Impl {
 
   std::optional<CachedResponse> diskRead(const std::string& key) {
     const std::string fileName = sha256Hex(key);
-    if (fileName.empty() || !diskIndex.contains(fileName)) return std::nullopt;
+    if (fileName.empty() || !disk.contains(fileName)) return std::nullopt;
     const fs::path path = fs::path(directory) / fileName;
     std::error_code error;
     auto bytes = FileManager(DirectoryEnvironment{}).readFile(path, error);
@@ -455,12 +466,8 @@ struct UrlCache::Impl {
   Clock& clock;
 
   mutable std::mutex mutex;
-  std::list<MemoryEntry> memoryLru;  // most recently used first
-  std::unordered_map<std::string, std::list<MemoryEntry>::iterator> memoryIndex;
-  uint64_t memoryUsage = 0;
-  std::list<DiskEntry> diskLru;  // most recently used first
-  std::unordered_map<std::string, std::list<DiskEntry>::iterator> diskIndex;
-  uint64_t diskUsage = 0;
+  LruIndex<CachedResponse> memory;  // by URL
+  LruIndex<OnDisk> disk;            // by file name
   bool directoryReady = false;
 };
 
@@ -478,27 +485,21 @@ uint64_t UrlCache::diskCapacity() const { return impl_->diskCapacity; }
 
 uint64_t UrlCache::currentMemoryUsage() const {
   std::lock_guard lock(impl_->mutex);
-  return impl_->memoryUsage;
+  return impl_->memory.usage();
 }
 
 uint64_t UrlCache::currentDiskUsage() const {
   std::lock_guard lock(impl_->mutex);
-  return impl_->diskUsage;
+  return impl_->disk.usage();
 }
 
 std::optional<CachedResponse> UrlCache::cachedResponseForRequest(const HttpRequest& request) const {
   if (request.method != "GET") return std::nullopt;
   std::lock_guard lock(impl_->mutex);
-  if (auto found = impl_->memoryIndex.find(request.url); found != impl_->memoryIndex.end()) {
-    impl_->memoryLru.splice(impl_->memoryLru.begin(), impl_->memoryLru, found->second);
-    if (impl_->diskEnabled()) {
-      // Keep the disk order in step so that entries served from memory are not evicted first.
-      const std::string fileName = sha256Hex(request.url);
-      if (auto disk = impl_->diskIndex.find(fileName); disk != impl_->diskIndex.end()) {
-        impl_->diskLru.splice(impl_->diskLru.begin(), impl_->diskLru, disk->second);
-      }
-    }
-    return found->second->value;
+  if (const auto* found = impl_->memory.use(request.url)) {
+    // Keep the disk order in step so that entries served from memory are not evicted first.
+    if (impl_->diskEnabled()) impl_->disk.use(sha256Hex(request.url));
+    return found->value;
   }
   if (!impl_->diskEnabled()) return std::nullopt;
   auto entry = impl_->diskRead(request.url);
@@ -561,22 +562,17 @@ bool UrlCache::storeResponse(const HttpRequest& request, const HttpResponse& res
 
 void UrlCache::removeResponseForRequest(const HttpRequest& request) {
   std::lock_guard lock(impl_->mutex);
-  impl_->memoryErase(request.url);
+  impl_->memory.erase(request.url);
   if (impl_->diskEnabled()) {
     const std::string fileName = sha256Hex(request.url);
-    if (impl_->diskIndex.contains(fileName)) impl_->diskRemove(fileName);
+    if (impl_->disk.contains(fileName)) impl_->diskRemove(fileName);
   }
 }
 
 void UrlCache::removeAllResponses() {
   std::lock_guard lock(impl_->mutex);
-  impl_->memoryLru.clear();
-  impl_->memoryIndex.clear();
-  impl_->memoryUsage = 0;
-  while (!impl_->diskLru.empty()) {
-    const std::string victim = impl_->diskLru.back().fileName;
-    impl_->diskRemove(victim);
-  }
+  impl_->memory.clear();
+  while (!impl_->disk.empty()) impl_->diskRemove(impl_->disk.oldestKey());
 }
 
 }  // namespace orvex

@@ -9,7 +9,6 @@
 #include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/model/nb_feedback.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_feedback.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_feedback.h"

@@ -11,10 +11,10 @@
 #include <random>
 #include <set>
 
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/archived_data_iterator.h"
 #include "orvexd/feedback/file_container.h"
 #include "orvexd/feedback/persistent_storage.h"
-#include "orvexd/model/orv_constants.h"
 #include "tests/support/daemon_harness.h"
 
 namespace orvex {

@@ -6,7 +6,6 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/text_util.h"
 #include "orvexd/feedback/client_session_manager.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
 #include "tests/support/collector.h"

@@ -7,7 +7,6 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/client_session.h"
 #include "orvexd/feedback/persistent_storage.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/model/orvex_session_feedback.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "tests/support/log_capture.h"

@@ -5,7 +5,6 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/session_privacy_filter.h"
-#include "orvexd/model/orv_constants.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_assembly.h"
 

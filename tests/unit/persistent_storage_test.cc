@@ -4,7 +4,6 @@
 
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/archived_data_iterator.h"
-#include "orvexd/model/orv_constants.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_assembly.h"
