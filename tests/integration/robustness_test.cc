@@ -56,7 +56,8 @@ TEST(RobustnessTest, AnAnswerNestedTooDeepIsRefusedDroppedFromTheCacheAndNeverRe
   ASSERT_TRUE(client->configure(kGlance));
   auto again = client->request(search(3, "weath"));
   ASSERT_TRUE(again);
-  EXPECT_FALSE(again.value().error);
+  EXPECT_FALSE(again.value().error) << again.value().error->describe() << "\n"
+                                    << harness.daemonLog();
 }
 
 TEST(RobustnessTest, InputsAndRepliesOverTheirBoundsAreRefusedAndTheDaemonCarriesOn) {
