@@ -174,6 +174,10 @@ class FeedbackDictionary {
   // The same for a key known only at run time; keys of the shared set are still stored by
   // their index.
   void setAnyKey(std::string_view key, FeedbackValue value);
+  // For a record's optional field: writes null under `key` when `field` holds nothing, and says
+  // whether it holds something for the caller to write.
+  template <typename Optional>
+  bool nullUnless(FeedbackKey key, const Optional& field);
   const FeedbackValue* find(std::string_view key) const;
   bool contains(std::string_view key) const { return find(key) != nullptr; }
   std::size_t size() const;
@@ -254,6 +258,13 @@ struct FeedbackDictionary::Entry {
 };
 
 inline std::size_t FeedbackDictionary::size() const { return entries_.size(); }
+
+template <typename Optional>
+bool FeedbackDictionary::nullUnless(FeedbackKey key, const Optional& field) {
+  if (field) return true;
+  set(key, FeedbackValue());
+  return false;
+}
 
 template <typename Visitor>
 void FeedbackDictionary::forEach(Visitor&& visit) const {

@@ -11,10 +11,7 @@ std::optional<std::string> NBResultEngagementFeedback::actionDestinationFromResu
 
 void NBResultEngagementFeedback::uploadResult(const NBResultEngagementFeedback& record,
                                               FeedbackDictionary& d) {
-  if (!record.result) {
-    d.set("result", nullptr);
-    return;
-  }
+  if (!d.nullUnless("result", record.result)) return;
   const NBSearchResult& result = *record.result;
   FeedbackDictionary engaged(3);
   engaged.set("id", FeedbackValue::text(result.identifier));
@@ -58,6 +55,43 @@ void NBSuggestionEngagementFeedback::reportEngagement(SessionProcessingHelper& h
 
 uint64_t NBSectionEngagementFeedback::referencedClientQueryId() const {
   return section ? section->firstResultQueryId() : 0;
+}
+
+void NBErrorFeedback::uploadError(const NBErrorFeedback& record, FeedbackDictionary& d) {
+  if (!d.nullUnless("error", record.error)) return;
+  d.set("error", encodeErrorForJSON(*record.error));
+  if (record.error->underlying) {
+    d.set("underlying_error", encodeErrorForJSON(*record.error->underlying));
+  }
+}
+
+FeedbackDictionary encodeErrorForJSON(const OrvexError& error) {
+  FeedbackDictionary d(3);
+  d.set("reason", error.reason.empty() ? FeedbackValue() : FeedbackValue(error.reason));
+  d.set("code", error.code);
+  d.set("domain", error.domain.empty() ? FeedbackValue() : FeedbackValue(error.domain));
+  return d;
+}
+
+NBFeedbackType NBCustomFeedback::type() const {
+  if (customType < feedback_tables::kCustomFeedbackTypes.size()) {
+    return feedback_tables::kCustomFeedbackTypes[customType];
+  }
+  return NBFeedbackType::kCustomUnknown;
+}
+
+bool NBCustomFeedback::requiresQueryId() const {
+  return type() != NBFeedbackType::kCustomGlanceResultFeatures;
+}
+
+void NBCustomFeedback::uploadJsonFeedback(const NBCustomFeedback& record, FeedbackDictionary& d) {
+  if (!record.jsonFeedback.is_object()) return;
+  for (const auto& [name, value] : record.jsonFeedback.items()) d.setAnyKey(name, value);
+}
+
+std::optional<std::string> NBCustomFeedback::invalidReason() const {
+  if (!jsonFeedback.is_object()) return "jsonFeedback: not an object";
+  return std::nullopt;
 }
 
 }  // namespace orvex

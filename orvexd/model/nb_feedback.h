@@ -4,7 +4,6 @@
 
 #include "orvexd/model/feedback_record.h"
 #include "orvexd/model/nb_engagement_feedback.h"
-#include "orvexd/model/nb_error_custom_feedback.h"
 #include "orvexd/model/nb_result_feedback.h"
 #include "orvexd/model/nb_search_feedback.h"
 #include "orvexd/model/orvex_session_feedback.h"

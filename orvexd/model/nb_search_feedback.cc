@@ -7,10 +7,7 @@ namespace orvex {
 
 void NBEndNetworkSearchFeedback::uploadTimingData(const NBEndNetworkSearchFeedback& record,
                                                   FeedbackDictionary& d) {
-  if (!record.networkTimingData) {
-    d.set("network_timing_data", nullptr);
-    return;
-  }
+  if (!d.nullUnless("network_timing_data", record.networkTimingData)) return;
   const PlistDictionary& timing = *record.networkTimingData;
   d.set("network_timing_data", formatNetworkTimingData(timing));
   const auto entry = [&timing](std::string_view name) -> const PlistValue* {
