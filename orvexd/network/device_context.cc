@@ -75,7 +75,7 @@ std::string upper(std::string text) {
 
 DeviceContextServices DeviceContextServices::system(const std::string& xdgConfigHome) {
   DeviceContextServices services;
-  services.locale = makeSystemLocaleProvider();
+  services.locale = makeSystemLocaleProvider(userLocaleFiles(xdgConfigHome));
   services.language = makeLanguageDetector();
   services.location = makeGeoClueLocationProvider(kORVOrvexdIdentifier);
   services.changePaths = SystemChangePaths::standard(xdgConfigHome);

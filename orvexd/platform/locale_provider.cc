@@ -1,4 +1,11 @@
-// The locale as the environment states it, interpreted through ICU.
+// The locale as the user's locale files (or else the environment) state it, interpreted through
+// ICU.
+//
+// The variables come from the first locale file that sets any of them, in the order the provider
+// was given (the user's own locale.conf before the system's), and from the process environment
+// only when no file does: a session daemon's environment is fixed when it starts, the files are
+// what a settings panel rewrites. Each reading reads the file afresh. A file is lines of
+// NAME=value (the value optionally quoted), with # comments; only LANG, LANGUAGE and LC_* count.
 //
 // Which variable decides what follows the C library: LC_ALL wins over the variable of the
 // category (LC_MESSAGES for the locale itself, LC_MEASUREMENT, LC_TIME), which wins over LANG;
@@ -22,6 +29,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -37,18 +46,72 @@ namespace {
 
 constexpr const char* kFallbackLocale = "en";
 
-std::optional<std::string> environmentValue(const char* name) {
-  const char* value = std::getenv(name);
-  if (value == nullptr || *value == '\0') return std::nullopt;
-  return std::string(value);
+// Larger files are not locale files; reading them would only cost memory.
+constexpr std::size_t kMaxLocaleFileBytes = 64 * 1024;
+
+bool isLocaleVariableName(std::string_view name) {
+  return name == "LANG" || name == "LANGUAGE" || (name.starts_with("LC_") && name.size() > 3);
 }
 
-// The value that decides `category` (LC_ALL, else the category's own variable, else LANG).
-std::optional<std::string> localeVariable(const char* category) {
-  if (auto value = environmentValue("LC_ALL")) return value;
-  if (auto value = environmentValue(category)) return value;
-  return environmentValue("LANG");
-}
+// The locale variables in force, each non-empty.
+class LocaleVariables {
+ public:
+  static LocaleVariables fromEnvironment() {
+    LocaleVariables variables;
+    for (const char* name :
+         {"LANG", "LANGUAGE", "LC_ALL", "LC_MESSAGES", "LC_MEASUREMENT", "LC_TIME"}) {
+      const char* value = std::getenv(name);
+      if (value != nullptr && *value != '\0') variables.values_.emplace(name, value);
+    }
+    return variables;
+  }
+
+  // None when the file cannot be read, is too large or sets no locale variable.
+  static std::optional<LocaleVariables> fromFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return std::nullopt;
+    std::string text(kMaxLocaleFileBytes + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    if (text.size() > kMaxLocaleFileBytes) return std::nullopt;
+    LocaleVariables variables;
+    std::string_view rest(text);
+    while (!rest.empty()) {
+      const std::size_t end = std::min(rest.find('\n'), rest.size());
+      const std::string_view line = trimWhitespace(rest.substr(0, end));
+      rest.remove_prefix(std::min(end + 1, rest.size()));
+      const std::size_t equals = line.find('=');
+      if (line.starts_with('#') || equals == std::string_view::npos) continue;
+      const std::string_view name = trimWhitespace(line.substr(0, equals));
+      std::string_view value = trimWhitespace(line.substr(equals + 1));
+      if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
+          value.back() == value.front()) {
+        value = value.substr(1, value.size() - 2);
+      }
+      if (isLocaleVariableName(name) && !value.empty()) {
+        variables.values_.insert_or_assign(std::string(name), std::string(value));
+      }
+    }
+    if (variables.values_.empty()) return std::nullopt;
+    return variables;
+  }
+
+  std::optional<std::string> value(std::string_view name) const {
+    const auto found = values_.find(name);
+    if (found == values_.end()) return std::nullopt;
+    return found->second;
+  }
+
+  // The value that decides `category` (LC_ALL, else the category's own variable, else LANG).
+  std::optional<std::string> forCategory(const char* category) const {
+    if (auto value = this->value("LC_ALL")) return value;
+    if (auto value = this->value(category)) return value;
+    return value("LANG");
+  }
+
+ private:
+  std::map<std::string, std::string, std::less<>> values_;
+};
 
 bool isAsciiAlpha(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
@@ -174,8 +237,8 @@ void reportBadLocale(const char* variable, const std::string& value) {
 }
 
 // The locale that decides `category`; "en" when no variable is set or the value is bad.
-icu::Locale categoryLocale(const char* category) {
-  const auto value = localeVariable(category);
+icu::Locale categoryLocale(const LocaleVariables& variables, const char* category) {
+  const auto value = variables.forCategory(category);
   if (!value) return icu::Locale(kFallbackLocale);
   if (auto locale = localeFromPosixName(*value)) return *locale;
   reportBadLocale(category, *value);
@@ -278,14 +341,15 @@ std::string timeZoneName() {
   return hostTimeZoneName();
 }
 
-std::vector<std::string> preferredLanguagesFor(const icu::Locale& mainLocale) {
+std::vector<std::string> preferredLanguagesFor(const LocaleVariables& variables,
+                                               const icu::Locale& mainLocale) {
   std::vector<std::string> languages;
   auto add = [&languages](std::string tag) {
     if (std::find(languages.begin(), languages.end(), tag) == languages.end()) {
       languages.push_back(std::move(tag));
     }
   };
-  if (const auto list = environmentValue("LANGUAGE")) {
+  if (const auto list = variables.value("LANGUAGE")) {
     std::string_view rest(*list);
     while (!rest.empty()) {
       const std::size_t end = std::min(rest.find(':'), rest.size());
@@ -302,25 +366,47 @@ std::vector<std::string> preferredLanguagesFor(const icu::Locale& mainLocale) {
 
 class SystemLocaleProvider final : public LocaleProvider {
  public:
+  explicit SystemLocaleProvider(std::vector<std::string> localeFiles)
+      : localeFiles_(std::move(localeFiles)) {}
+
   LocaleSnapshot currentLocale() const override {
+    const LocaleVariables variables = currentVariables();
     LocaleSnapshot snapshot;
-    const icu::Locale main = categoryLocale("LC_MESSAGES");
+    const icu::Locale main = categoryLocale(variables, "LC_MESSAGES");
     snapshot.localeIdentifier = main.getName();
     snapshot.calendarIdentifier = calendarOf(main);
-    snapshot.measurementSystem = measurementSystemOf(categoryLocale("LC_MEASUREMENT"));
-    snapshot.hourCyclePattern = hourCyclePatternOf(categoryLocale("LC_TIME"));
+    snapshot.measurementSystem = measurementSystemOf(categoryLocale(variables, "LC_MEASUREMENT"));
+    snapshot.hourCyclePattern = hourCyclePatternOf(categoryLocale(variables, "LC_TIME"));
     snapshot.timeZoneName = timeZoneName();
-    snapshot.preferredLanguages = preferredLanguagesFor(main);
+    snapshot.preferredLanguages = preferredLanguagesFor(variables, main);
     snapshot.effectiveSystemLanguage = main.getLanguage();
     snapshot.regionCode = uppered(main.getCountry());
     return snapshot;
   }
+
+ private:
+  LocaleVariables currentVariables() const {
+    for (const std::string& path : localeFiles_) {
+      if (auto variables = LocaleVariables::fromFile(path)) return std::move(*variables);
+    }
+    return LocaleVariables::fromEnvironment();
+  }
+
+  const std::vector<std::string> localeFiles_;
 };
 
 }  // namespace
 
-std::unique_ptr<LocaleProvider> makeSystemLocaleProvider() {
-  return std::make_unique<SystemLocaleProvider>();
+std::vector<std::string> userLocaleFiles(const std::string& xdgConfigHome) {
+  std::vector<std::string> files;
+  if (!xdgConfigHome.empty()) files.push_back(xdgConfigHome + "/locale.conf");
+  files.emplace_back("/etc/locale.conf");
+  files.emplace_back("/etc/default/locale");
+  return files;
+}
+
+std::unique_ptr<LocaleProvider> makeSystemLocaleProvider(std::vector<std::string> localeFiles) {
+  return std::make_unique<SystemLocaleProvider>(std::move(localeFiles));
 }
 
 }  // namespace orvex

@@ -1,5 +1,6 @@
-// The user's locale as the system states it: the POSIX locale variables, the preferred-language
-// list, the system time zone, all interpreted through ICU.
+// The user's locale as the system states it: the POSIX locale variables (from the user's or the
+// system's locale.conf, else the environment), the preferred-language list, the system time zone,
+// all interpreted through ICU.
 #pragma once
 
 #include <memory>
@@ -36,8 +37,13 @@ class LocaleProvider {
   virtual LocaleSnapshot currentLocale() const = 0;
 };
 
+// The locale files in the order they count: $XDG_CONFIG_HOME/locale.conf (when the directory is
+// known), /etc/locale.conf, then Debian's /etc/default/locale.
+std::vector<std::string> userLocaleFiles(const std::string& xdgConfigHome);
+
 // Reads LC_ALL / LC_MESSAGES / LANG (and LC_MEASUREMENT, LC_TIME where set) and LANGUAGE from the
-// process environment, the time zone from TZ or the system (/etc/localtime).
-std::unique_ptr<LocaleProvider> makeSystemLocaleProvider();
+// first of `localeFiles` that sets any, else from the process environment; the time zone from TZ
+// or the system (/etc/localtime).
+std::unique_ptr<LocaleProvider> makeSystemLocaleProvider(std::vector<std::string> localeFiles = {});
 
 }  // namespace orvex

@@ -34,6 +34,7 @@
 #include <system_error>
 
 #include "orvexd/base/orvex_logging.h"
+#include "orvexd/platform/locale_provider.h"
 #include "orvexd/platform/worker_pool.h"
 
 namespace orvex {
@@ -232,10 +233,7 @@ class InotifySystemChangeMonitor final : public SystemChangeMonitor {
 
 SystemChangePaths SystemChangePaths::standard(const std::string& xdgConfigHome) {
   SystemChangePaths paths;
-  paths.localeFiles = {"/etc/locale.conf", "/etc/default/locale"};
-  if (!xdgConfigHome.empty()) {
-    paths.localeFiles.push_back((std::filesystem::path(xdgConfigHome) / "locale.conf").string());
-  }
+  paths.localeFiles = userLocaleFiles(xdgConfigHome);
   paths.timeZoneFiles = {"/etc/localtime", "/etc/timezone"};
   return paths;
 }

@@ -3,6 +3,7 @@
 // back-end asking for a newer bag.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <future>
 #include <nlohmann/json.hpp>
 
@@ -191,6 +192,31 @@ TEST_F(SearchTest, ABackEndAnnouncingANewerBagMakesTheDaemonFetchIt) {
     }
   }
   EXPECT_TRUE(askedForEight);
+}
+
+// The user's locale.conf, rewritten while the daemon runs, decides the next search's locale and
+// makes the bag stale, so that one of the new locale is fetched.
+TEST_F(SearchTest, RewritingTheUsersLocaleConfChangesTheNextSearchAndTheBag) {
+  startWithBag();
+  const auto lastLocale = [&](const std::string& endpoint) {
+    std::string locale;
+    for (const auto& request : harness.backend().requests()) {
+      if (request.endpoint != endpoint) continue;
+      for (const auto& [name, value] : request.queryItems) {
+        if (name == "locale") locale = value;
+      }
+    }
+    return locale;
+  };
+  ASSERT_TRUE(client->request(search(1, "weath")));
+  EXPECT_EQ(lastLocale("search"), "en");
+
+  std::ofstream(harness.directory() / "config" / "locale.conf")
+      << "# written by the settings panel\nLANG=\"de_DE.UTF-8\"\n";
+  ASSERT_TRUE(harness.backend().waitForRequests("bag", 2, 5s));
+  EXPECT_EQ(lastLocale("bag"), "de_DE");
+  ASSERT_TRUE(client->request(search(2, "zebr")));
+  EXPECT_EQ(lastLocale("search"), "de_DE");
 }
 
 }  // namespace
