@@ -10,6 +10,11 @@
 
 namespace orvex {
 
+bool containsControlCharacter(std::string_view text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+}
+
 std::string asciiLowercase(std::string_view text) {
   std::string out(text);
   for (char& c : out) {

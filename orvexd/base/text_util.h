@@ -14,6 +14,9 @@ namespace orvex {
 
 // `text` without leading and trailing ASCII white space (space, \t, \n, \r, \f, \v).
 std::string_view trimWhitespace(std::string_view text);
+// Whether `text` holds an ASCII control character (below 0x20, or DEL), which would end or split
+// an HTTP header or a log line it went into.
+bool containsControlCharacter(std::string_view text);
 // `text` with the ASCII letters A-Z lower-cased; other bytes (UTF-8 included) unchanged.
 std::string asciiLowercase(std::string_view text);
 // The length of UTF-8 `text` in UTF-16 code units (characters beyond the BMP count twice); an

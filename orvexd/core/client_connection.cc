@@ -105,6 +105,10 @@ void ClientConnection::ensureState() {
     sessionLog().fault("configuration requires identifier and agent");
     return;
   }
+  if (configuration->hasControlCharacters()) {
+    sessionLog().fault("configuration has a control character in its identifier or agent");
+    return;
+  }
   if (auto bound = state()) {
     if (bound->identifier() != configuration->identifier) {
       sessionLog().fault("session identifier must match");

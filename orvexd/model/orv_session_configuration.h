@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "orvexd/base/text_util.h"
+
 namespace orvex {
 
 struct ORVSessionConfiguration {
@@ -13,6 +15,11 @@ struct ORVSessionConfiguration {
 
   // Both the identifier and the user agent are required.
   bool isValid() const { return !identifier.empty() && !userAgent.empty(); }
+  // The identifier and the user agent go into HTTP headers and log lines: a control character
+  // in either could add a header or forge a line, and makes the configuration unusable.
+  bool hasControlCharacters() const {
+    return containsControlCharacter(identifier) || containsControlCharacter(userAgent);
+  }
   friend bool operator==(const ORVSessionConfiguration&, const ORVSessionConfiguration&) = default;
 };
 

@@ -72,6 +72,12 @@ TEST(RobustnessTest, InputsAndRepliesOverTheirBoundsAreRefusedAndTheDaemonCarrie
   auto longAgent = client->configure({"com.zelmor.glance", std::string(256, 'a')});
   ASSERT_FALSE(longAgent);
   EXPECT_EQ(longAgent.error().name, kOrvexErrorInvalidArgument);
+  // A user agent that would add a header of its own invalidates the connection.
+  auto injected = harness.client()->configure({"com.zelmor.glance", "G/1\r\nX-Injected: yes"});
+  ASSERT_FALSE(injected);
+  EXPECT_EQ(injected.error().name, kOrvexErrorConnectionInvalidated);
+  EXPECT_NE(harness.daemonLog().find("control character in its identifier or agent"),
+            std::string::npos);
 
   ASSERT_TRUE(client->configure(kGlance));
   auto longQuery = client->request(search(1, std::string(5000, 'q')));
