@@ -5,10 +5,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 
 namespace orvex {
+
+std::string formatOneDecimal(double value) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.1f", value);
+  return text;
+}
 
 bool containsControlCharacter(std::string_view text) {
   return std::any_of(text.begin(), text.end(),

@@ -23,6 +23,9 @@ std::string asciiLowercase(std::string_view text);
 // invalid byte counts as one unit.
 uint64_t utf16Length(std::string_view text);
 
+// `value` with one decimal, as printf's "%.1f" writes it.
+std::string formatOneDecimal(double value);
+
 // Appends the UTF-8 encoding of `codePoint`; a surrogate or a value past U+10FFFF becomes U+FFFD.
 void appendUtf8(std::string& out, char32_t codePoint);
 

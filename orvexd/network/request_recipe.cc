@@ -6,6 +6,7 @@
 
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
+#include "orvexd/base/text_util.h"
 #include "orvexd/model/interfaces/app_whitelist_controller.h"
 #include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/input_defaults.h"
@@ -107,9 +108,7 @@ void addScale(OrvexURLRequestBuilder& builder, const RecipeInputs& in) {
     if (!deviceScale) return;
     scale = *deviceScale;
   }
-  char text[64];
-  std::snprintf(text, sizeof text, "%.1f", scale);
-  builder.defaultHttpHeaderWithName("X-Zelmor-UI-Scale", text);
+  builder.defaultHttpHeaderWithName("X-Zelmor-UI-Scale", formatOneDecimal(scale));
 }
 
 void addStep(OrvexURLRequestBuilder& builder, RecipeStep step, const DeviceContextSnapshot& ctx,

@@ -237,9 +237,9 @@ void ClientState::recordSkip(uint32_t reason, const ORVRequest& request) const {
 }
 
 void ClientState::recordSearchResult(int64_t statusCode) const {
-  if (auto key = createCounterKey(
-          extractClientNameFromString(userAgent()),
-          std::string(kORVCounterSuffixFedAPICallServerStatus) + std::to_string(statusCode))) {
+  // Unlike the other per-client counters, this one is kept per whole user agent.
+  if (auto key = createCounterKey(userAgent(), std::string(kORVCounterSuffixFedAPICallServerStatus)
+                                                   .append(std::to_string(statusCode)))) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
   }
 }

@@ -1,5 +1,6 @@
 #include "orvexd/query/query_cache.h"
 
+#include <cstdlib>
 #include <limits>
 #include <ostream>
 #include <streambuf>
@@ -9,6 +10,7 @@
 
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
+#include "orvexd/base/text_util.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/notification_center.h"
@@ -211,7 +213,10 @@ void QueryCache::set(const CachedResultSet& entry) {
 std::optional<CachedResultSet> QueryCache::getRequest(const ORVRequest& request) const {
   const std::string input = lowercasedQueryText(request.queryString);
   cachingLog().debug("cache lookup: %@", input);
-  const float scale = static_cast<float>(request.scale);
+  // Entries know their scale from the "X-Zelmor-UI-Scale" header, which has one decimal: the
+  // request's scale is compared as that header states it (1.25 is sent as 1.2).
+  const float scale =
+      request.scale > 0 ? std::strtof(formatOneDecimal(request.scale).c_str(), nullptr) : 0;
   auto found = impl_->queue.syncResult([&] { return impl_->lookup(input, scale); });
   if (!found) return std::nullopt;
   return std::move(*found);

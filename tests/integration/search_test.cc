@@ -70,6 +70,8 @@ TEST_F(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenCo
   EXPECT_TRUE(completed.starts_with("weath")) << completed;
   EXPECT_FALSE(answer["results"].empty());
   EXPECT_EQ(harness.backend().requestCount("search"), 1u);
+  // The answer's status is counted under the whole user agent.
+  EXPECT_EQ(harness.counter("com.zelmor.orvexd.Glance/1.fedapicall.serverstatus.200"), 1);
 
   // Typing on within the completed query: answered from the cache, no request goes out.
   auto second = client->request(search(2, completed.substr(0, 6)));

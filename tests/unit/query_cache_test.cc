@@ -125,6 +125,8 @@ TEST_F(QueryCacheTest, ChoosesTheShortestCompletionThenTheBestScoreForTheScale) 
   cache.set(entry("m", answer("mars"), ""));
   EXPECT_EQ(chosen("moo", 2.0), "none");
   EXPECT_EQ(chosen("moo", 3.0), "moon");
+  cache.set(entry("v", answer("venus"), "1.2"));  // a request of scale 1.25 says "1.2"
+  EXPECT_EQ(chosen("ven", 1.25), "venus");
   EXPECT_EQ(chosen("moo", 0), "moon");
   EXPECT_EQ(chosen("mar", 2.0), "none");  // stored without a scale: scale 0
   EXPECT_EQ(entry("m", answer("m"), "2.5").uiScale(), 2.5f);
