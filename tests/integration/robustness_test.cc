@@ -41,20 +41,28 @@ TEST(RobustnessTest, AnAnswerNestedTooDeepIsRefusedDroppedFromTheCacheAndNeverRe
   ASSERT_TRUE(refused) << refused.error().message;
   ASSERT_TRUE(refused.value().error);
   EXPECT_EQ(refused.value().error->domain, kORVErrorDomain);
+  EXPECT_EQ(refused.value().error->code, 3840);
   EXPECT_TRUE(client->ping());
+
+  // A connection cut halfway through the answer is the transport's failure, and says so.
+  harness.backend().setFault("search", {{"drop", true}});
+  auto cut = client->request(search(2, "weath"));
+  ASSERT_TRUE(cut);
+  ASSERT_TRUE(cut.value().error);
+  EXPECT_EQ(cut.value().error->domain, "ORVHTTPErrorDomain");
 
   // The back-end is mended: the same search goes to it again rather than to the cached answer,
   // and so it does after a restart.
   harness.backend().clearFaults();
-  auto mended = client->request(search(2, "weath"));
+  auto mended = client->request(search(3, "weath"));
   ASSERT_TRUE(mended);
   EXPECT_FALSE(mended.value().error);
-  EXPECT_EQ(harness.backend().requestCount("search"), 2u);
+  EXPECT_EQ(harness.backend().requestCount("search"), 3u);
   ASSERT_EQ(harness.stop(), 0);
   harness.start();
   client = harness.client();
   ASSERT_TRUE(client->configure(kGlance));
-  auto again = client->request(search(3, "weath"));
+  auto again = client->request(search(4, "weath"));
   ASSERT_TRUE(again);
   EXPECT_FALSE(again.value().error) << again.value().error->describe() << "\n"
                                     << harness.daemonLog();
