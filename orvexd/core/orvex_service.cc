@@ -234,7 +234,9 @@ void OrvexService::invalidate(const std::string& uniqueName) {
                       connection->peer().clientId.value_or("(null)"),
                       static_cast<int>(connection->peer().pid));
   std::weak_ptr<OrvexService> weakSelf = weak_from_this();
-  queue_.async([weakSelf, connection] {
+  // On the connection's own queue, behind every call it sent: its last records reach the session
+  // before the session is flushed.
+  connection->callQueue().async([weakSelf, connection] {
     connection->flushSessionInvalidation([weakSelf, connection](bool flushed) {
       OrvexLogForCategory(kOrvexLogSession)
           .debug("session %@ on invalidation", std::string(flushed ? "flushed" : "not flushed"));
