@@ -89,7 +89,6 @@ TEST(ClientConnectionTest, ConfigurationBindsTheClientAndBagDidLoadReachesOnlyIt
   EXPECT_FALSE(bag.value().error);
   const std::string tooMany = "too many connections 2 from pid " + std::to_string(getpid());
   EXPECT_TRUE(testing::eventually([&] { return occurrences(harness.daemonLog(), tooMany) == 1; }));
-  EXPECT_EQ(occurrences(harness.daemonLog(), tooMany), 1u);
   EXPECT_EQ(harness.counter("com.zelmor.orvexd.clientconnection"), 2);
 }
 
