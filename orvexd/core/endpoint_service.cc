@@ -87,8 +87,10 @@ void EndpointService::exportEndpoint() {
           self->assembly_.workerPool->post([self, reply, request = std::move(*form.request),
                                             configuration = std::move(configuration),
                                             described = describeConfiguration(configurationForm)] {
+            // Only a configured (or persisted) client has a state here: the endpoint makes
+            // none, so made-up identifiers cannot fill the registry.
             auto state = configuration
-                             ? self->assembly_.clientStateManager->stateForClientIdentifier(
+                             ? self->assembly_.clientStateManager->existingStateForClientIdentifier(
                                    configuration->identifier)
                              : nullptr;
             if (!state) {

@@ -173,6 +173,9 @@ void OrvexDaemon::blockHandledSignals() { SignalSource::blockSignals({SIGINT, SI
 int OrvexDaemon::run() {
   // The process-wide facilities the daemon's components share.
   auto fileManager = std::make_shared<FileManager>(directories_);
+  // The daemon's own directories: 0700 whatever the umask, before anything reads from them.
+  (void)fileManager->ensureDirectory(fileManager->configDirectory());
+  (void)fileManager->ensureDirectory(fileManager->cacheDirectory());
   auto userDefaults =
       std::make_shared<DefaultsStore>(fileManager, DefaultsStore::standardPath(*fileManager));
   auto pool = std::make_shared<WorkerPool>(WorkerPool::defaultThreadCount());

@@ -37,6 +37,53 @@ std::optional<fs::path> absoluteOrNothing(const std::string& value) {
   return fs::path(value);
 }
 
+const OrvexLog& fileLog() { return OrvexLogForCategory(kOrvexLogGeneral); }
+
+fs::path withoutTrailingSeparator(const fs::path& path) {
+  fs::path normal = path.lexically_normal();
+  return normal.has_filename() || !normal.has_relative_path() ? normal : normal.parent_path();
+}
+
+// Whether `path` is `root` or lies inside it, by their names alone.
+bool isWithin(const fs::path& path, const fs::path& root) {
+  const fs::path relative =
+      withoutTrailingSeparator(path).lexically_relative(withoutTrailingSeparator(root));
+  return !relative.empty() && *relative.begin() != "..";
+}
+
+std::error_code logDirectoryError(const fs::path& directory, std::error_code error) {
+  fileLog().error("cannot create directory %@: %@", directory.string(), error.message());
+  return error;
+}
+
+// Makes `directory`, whose parent exists, a private directory: created if missing, refused if
+// a symbolic link stands in its place, and left with mode 0700 whatever the umask was or what
+// mode it was found with. The mode is set through a descriptor opened without following links,
+// so a link swapped in meanwhile is refused rather than its target changed.
+std::error_code makePrivateDirectory(const fs::path& directory) {
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    return logDirectoryError(directory, lastError());
+  }
+  UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd.valid()) {
+    const std::error_code error = lastError();
+    struct stat link {};
+    if (::lstat(directory.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+      fileLog().error("refusing the symbolic link %@ where a directory should be",
+                      directory.string());
+      return std::make_error_code(std::errc::too_many_symbolic_link_levels);
+    }
+    if (error == std::errc::not_a_directory) return error;
+    return logDirectoryError(directory, error);
+  }
+  struct stat info {};
+  if (::fstat(fd.get(), &info) != 0) return logDirectoryError(directory, lastError());
+  if ((info.st_mode & 07777) != 0700 && ::fchmod(fd.get(), 0700) != 0) {
+    return logDirectoryError(directory, lastError());
+  }
+  return {};
+}
+
 class FileManagerCategory final : public std::error_category {
  public:
   const char* name() const noexcept override { return "orvex.file"; }
@@ -96,6 +143,10 @@ std::filesystem::path FileManager::temporaryDirectory() const {
   return absoluteOrNothing(environment_.tmpdir).value_or(fs::path("/tmp"));
 }
 
+bool FileManager::isPrivate(const std::filesystem::path& directory) const {
+  return isWithin(directory, cacheDirectory()) || isWithin(directory, configDirectory());
+}
+
 std::error_code FileManager::ensureDirectory(const std::filesystem::path& directory,
                                              mode_t mode) const {
   if (directory.empty()) return std::make_error_code(std::errc::invalid_argument);
@@ -103,19 +154,33 @@ std::error_code FileManager::ensureDirectory(const std::filesystem::path& direct
   for (const auto& component : directory.lexically_normal()) {
     prefix /= component;
     if (component.empty()) continue;  // the trailing separator of "a/b/"
-    if (::mkdir(prefix.c_str(), mode) == 0) continue;
+    if (isPrivate(prefix)) {
+      if (auto error = makePrivateDirectory(prefix)) return error;
+      continue;
+    }
+    if (::mkdir(prefix.c_str(), mode) == 0) {
+      // mkdir() takes the umask off; what the caller asked for is what it gets.
+      if (::chmod(prefix.c_str(), mode) == 0) continue;
+      return logDirectoryError(prefix, lastError());
+    }
     const int mkdirError = errno;
     struct stat info {};
     if (::stat(prefix.c_str(), &info) == 0) {
       if (S_ISDIR(info.st_mode)) continue;
       return std::make_error_code(std::errc::not_a_directory);
     }
-    const std::error_code error(mkdirError, std::generic_category());
-    OrvexLogForCategory(kOrvexLogGeneral)
-        .error("cannot create directory %@: %@", prefix.string(), error.message());
-    return error;
+    return logDirectoryError(prefix, std::error_code(mkdirError, std::generic_category()));
   }
   return {};
+}
+
+std::error_code FileManager::ensurePrivateDirectory(const std::filesystem::path& directory) const {
+  const fs::path normal = withoutTrailingSeparator(directory);
+  if (!normal.has_filename()) return std::make_error_code(std::errc::invalid_argument);
+  if (normal.has_parent_path()) {
+    if (auto error = ensureDirectory(normal.parent_path())) return error;
+  }
+  return makePrivateDirectory(normal);
 }
 
 std::error_code FileManager::writeFileAtomically(const std::filesystem::path& file,
@@ -126,10 +191,14 @@ std::error_code FileManager::writeFileAtomically(const std::filesystem::path& fi
   std::string temporary = (directory / ("." + file.filename().string() + ".XXXXXX")).string();
 
   const auto failed = [&](const char* step, std::error_code error) {
-    OrvexLogForCategory(kOrvexLogGeneral)
-        .error("cannot write %@: %@ failed: %@", file.string(), step, error.message());
+    fileLog().error("cannot write %@: %@ failed: %@", file.string(), step, error.message());
     return error;
   };
+  struct stat existing {};
+  if (::lstat(file.c_str(), &existing) == 0 && S_ISLNK(existing.st_mode)) {
+    fileLog().error("not writing %@: it is a symbolic link", file.string());
+    return std::make_error_code(std::errc::too_many_symbolic_link_levels);
+  }
 
   UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!fd.valid()) return failed("creating a temporary file", lastError());
@@ -163,9 +232,9 @@ std::optional<std::vector<std::uint8_t>> FileManager::readFile(const std::filesy
                                                                std::size_t maxSize) const {
   error.clear();
   // Without O_NONBLOCK, opening a FIFO waits for a writer, possibly forever.
-  UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
   if (!fd.valid()) {
-    error = lastError();
+    error = lastError();  // a symbolic link gives ELOOP, for the caller to log
     return std::nullopt;
   }
   struct stat info {};
@@ -239,10 +308,7 @@ std::optional<std::vector<std::uint8_t>> FileManager::readFile(const std::filesy
 std::error_code FileManager::removeItem(const std::filesystem::path& item) const {
   std::error_code error;
   fs::remove_all(item, error);
-  if (error) {
-    OrvexLogForCategory(kOrvexLogGeneral)
-        .error("cannot remove %@: %@", item.string(), error.message());
-  }
+  if (error) fileLog().error("cannot remove %@: %@", item.string(), error.message());
   return error;
 }
 

@@ -42,13 +42,13 @@ std::optional<std::string> writeDownloadFile(const std::string& directory, std::
 }
 
 std::error_code overwriteDownloadFile(const std::string& path, std::string_view body) {
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
   if (!fd) return std::error_code(errno, std::generic_category());
   return writeAll(fd.get(), body);
 }
 
 std::optional<std::string> readDownloadFile(const std::string& path, uint64_t limit) {
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   struct stat info {};
   if (!fd || ::fstat(fd.get(), &info) != 0 || static_cast<uint64_t>(info.st_size) > limit) {
     return std::nullopt;

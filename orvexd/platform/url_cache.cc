@@ -131,6 +131,16 @@ std::string sha256Hex(std::string_view text) {
   return hex;
 }
 
+// What a file takes on disk: its allocated blocks, which a small file rounds up to a whole block
+// of the file system. A file system that has not allocated a new file's blocks yet reports
+// none; its size rounded up to the block size stands in for them.
+uint64_t diskFootprint(const struct stat& info) {
+  const auto blocks = static_cast<uint64_t>(info.st_blocks) * 512;
+  if (blocks > 0 || info.st_size <= 0) return blocks;
+  const auto blockSize = static_cast<uint64_t>(info.st_blksize > 0 ? info.st_blksize : 4096);
+  return (static_cast<uint64_t>(info.st_size) + blockSize - 1) / blockSize * blockSize;
+}
+
 bool isEntryFileName(std::string_view name) {
   return name.size() == 64 && name.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
@@ -338,7 +348,7 @@ class LruIndex {
 }  // namespace
 
 struct UrlCache::Impl {
-  // Files on disk carry no value in the index: their size is their cost.
+  // Files on disk carry no value in the index: the blocks they take are their cost.
   struct OnDisk {};
 
   Impl(uint64_t memory, uint64_t disk, std::string dir, Clock& c)
@@ -374,6 +384,12 @@ struct UrlCache::Impl {
     const std::string fileName = sha256Hex(key);
     if (fileName.empty()) return false;
     const std::string bytes = encodeEntry(key, value);
+    const fs::path target = fs::path(directory) / fileName;
+    std::error_code linkError;
+    if (fs::is_symlink(fs::symlink_status(target, linkError))) {
+      cacheLog().error("not writing cache file %@: it is a symbolic link", fileName);
+      return false;
+    }
     std::string temporary = (fs::path(directory) / (std::string(kTemporaryPrefix) + "XXXXXX"));
     const int fd = mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) {
@@ -381,8 +397,10 @@ struct UrlCache::Impl {
       return false;
     }
     std::error_code error = writeAll(fd, bytes);
+    struct stat written {};
+    if (!error && ::fstat(fd, &written) != 0)
+      error = std::error_code(errno, std::generic_category());
     if (::close(fd) != 0 && !error) error = std::error_code(errno, std::generic_category());
-    const fs::path target = fs::path(directory) / fileName;
     if (!error && ::rename(temporary.c_str(), target.c_str()) != 0) {
       error = std::error_code(errno, std::generic_category());
     }
@@ -392,7 +410,7 @@ struct UrlCache::Impl {
       diskRemove(fileName);  // whatever was there is no longer indexed consistently
       return false;
     }
-    diskTouch(fileName, bytes.size());
+    diskTouch(fileName, diskFootprint(written));
     diskEvict();
     return true;
   }
@@ -416,24 +434,23 @@ struct UrlCache::Impl {
       diskRemove(fileName);
       return std::nullopt;
     }
-    diskTouch(fileName, bytes->size());
+    disk.use(fileName);
     // Keep the order of use across restarts: the index is rebuilt from modification times.
-    ::utimensat(AT_FDCWD, path.c_str(), nullptr, 0);
+    ::utimensat(AT_FDCWD, path.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
     return entry;
   }
 
   void scanDirectory() {
-    std::error_code error;
-    fs::create_directories(directory, error);
+    // Created 0700 and never through a link; FileManager logs a link refused.
+    std::error_code error = FileManager(DirectoryEnvironment{}).ensurePrivateDirectory(directory);
     if (error) {
       cacheLog().error("cannot create cache directory %@: %@", directory, error.message());
       return;
     }
-    ::chmod(directory.c_str(), 0700);
     struct Found {
       std::string name;
       uint64_t size;
-      fs::file_time_type modified;
+      std::pair<int64_t, int64_t> modified;  // seconds, nanoseconds
     };
     std::vector<Found> found;
     for (auto it = fs::directory_iterator(directory, error);
@@ -444,11 +461,16 @@ struct UrlCache::Impl {
         fs::remove(it->path(), entryError);  // left over from an interrupted write
         continue;
       }
-      if (!isEntryFileName(name) || !it->is_regular_file(entryError)) continue;
-      const uint64_t size = it->file_size(entryError);
-      const auto modified = it->last_write_time(entryError);
-      if (entryError) continue;
-      found.push_back(Found{name, size, modified});
+      if (!isEntryFileName(name)) continue;
+      struct stat info {};
+      if (::lstat(it->path().c_str(), &info) != 0) continue;
+      if (S_ISLNK(info.st_mode)) {
+        cacheLog().error("ignoring cache file %@: it is a symbolic link", name);
+        continue;
+      }
+      if (!S_ISREG(info.st_mode)) continue;
+      found.push_back(
+          Found{name, diskFootprint(info), {info.st_mtim.tv_sec, info.st_mtim.tv_nsec}});
     }
     if (error) {
       cacheLog().error("cannot list cache directory %@: %@", directory, error.message());

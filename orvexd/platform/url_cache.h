@@ -27,7 +27,10 @@ struct CachedResponse {
 
 class UrlCache {
  public:
-  // `directory` is created when needed. Capacities are in bytes of stored bodies and headers.
+  // `directory` is created when needed, 0700 and never through a symbolic link. The memory
+  // capacity counts the bytes of stored URLs, headers and bodies; the disk capacity counts the
+  // blocks the entry files take (st_blocks), so that many small answers cannot fill more of the
+  // disk than their bytes suggest.
   UrlCache(uint64_t memoryCapacity, uint64_t diskCapacity, std::string directory, Clock& clock);
   ~UrlCache();
   UrlCache(const UrlCache&) = delete;

@@ -3,7 +3,7 @@
 // A state holds the client's user agent, its own view of the bag (made for that user agent),
 // its GUID controller and feedback session manager (the daemon's shared ones, or private ones
 // when sessions are not shared), and the time of its last network request. States are made by
-// the ClientStateManager, one per identifier, and live as long as the daemon.
+// the ClientStateManager, one per identifier, which drops those left unused for a day.
 //
 // bag() may block its caller for up to a second while the first bag is fetched; it must never
 // run on the thread that posts "ORVBagChangeNotification" (the bag controller's), or it would

@@ -37,12 +37,65 @@ std::shared_ptr<ClientState> OrvexClientStateManager::stateForClientIdentifier(
   }
   std::shared_ptr<ClientState> state;
   (void)stateCacheQueue_.sync([&] {
-    auto& slot = stateCache_[identifier];
-    if (!slot) slot = ClientState::initWithIdentifier(identifier, assembly_);
-    state = slot;
+    auto& entry = stateCache_[identifier];
+    if (!entry.state) entry.state = ClientState::initWithIdentifier(identifier, assembly_);
+    entry.lastUsed = assembly_.clock->monotonicNow();
+    state = entry.state;
+    armSweep();
   });
   sessionLog().info("using client state: %@", identifier);
   return state;
+}
+
+std::shared_ptr<ClientState> OrvexClientStateManager::existingStateForClientIdentifier(
+    const std::string& identifier) {
+  std::shared_ptr<ClientState> state;
+  (void)stateCacheQueue_.sync([&] {
+    const auto found = stateCache_.find(identifier);
+    if (found == stateCache_.end()) return;
+    found->second.lastUsed = assembly_.clock->monotonicNow();
+    state = found->second.state;
+  });
+  return state;
+}
+
+bool OrvexClientStateManager::isPersisted(const ClientState& state) const {
+  return persistSessions_ && !state.userAgent().empty();
+}
+
+void OrvexClientStateManager::armSweep() {
+  stateCacheQueue_.assertCurrent("OrvexClientStateManager::armSweep");
+  if (sweepArmed_) return;
+  sweepArmed_ = true;
+  stateCacheQueue_.after(kSweepInterval, [weakSelf = weak_from_this()] {
+    if (auto self = weakSelf.lock()) self->sweep();
+  });
+}
+
+void OrvexClientStateManager::sweep() {
+  stateCacheQueue_.assertCurrent("OrvexClientStateManager::sweep");
+  sweepArmed_ = false;
+  const MonotonicTime now = assembly_.clock->monotonicNow();
+  bool droppable = false;
+  for (auto it = stateCache_.begin(); it != stateCache_.end();) {
+    Entry& entry = it->second;
+    if (isPersisted(*entry.state)) {
+      ++it;
+      continue;
+    }
+    // A count of one: no connection and no query holds the state. Weak references (its bag
+    // observer's) do not count; one locked meanwhile keeps a dropped state only for its call.
+    if (entry.state.use_count() > 1) {
+      entry.lastUsed = now;
+    } else if (now - entry.lastUsed >= kIdleLifetime) {
+      sessionLog().info("dropping unused client state: %@", it->first);
+      it = stateCache_.erase(it);
+      continue;
+    }
+    droppable = true;
+    ++it;
+  }
+  if (droppable) armSweep();
 }
 
 void OrvexClientStateManager::loadState() {
@@ -59,14 +112,16 @@ void OrvexClientStateManager::loadState() {
         agent != entry->end() && agent->second.asString() != nullptr) {
       state->setUserAgent(*agent->second.asString());
     }
-    stateCache_[state->identifier()] = std::move(state);
+    auto& slot = stateCache_[state->identifier()];
+    slot = Entry{std::move(state), assembly_.clock->monotonicNow()};
   }
+  if (!stateCache_.empty()) armSweep();  // some may have no user agent, and go
 }
 
 std::vector<ClientSessionEntry> OrvexClientStateManager::sessionsOnQueue() const {
   std::vector<ClientSessionEntry> entries;
-  for (const auto& [identifier, state] : stateCache_) {
-    auto agent = state->userAgent();
+  for (const auto& [identifier, entry] : stateCache_) {
+    auto agent = entry.state->userAgent();
     if (agent.empty()) continue;
     entries.push_back({{"identifier", identifier}, {"agent", std::move(agent)}});
   }

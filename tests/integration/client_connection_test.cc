@@ -89,7 +89,6 @@ TEST(ClientConnectionTest, ConfigurationBindsTheClientAndBagDidLoadReachesOnlyIt
   EXPECT_FALSE(bag.value().error);
   const std::string tooMany = "too many connections 2 from pid " + std::to_string(getpid());
   EXPECT_TRUE(testing::eventually([&] { return occurrences(harness.daemonLog(), tooMany) == 1; }));
-  EXPECT_EQ(occurrences(harness.daemonLog(), tooMany), 1u);
   EXPECT_EQ(harness.counter("com.zelmor.orvexd.clientconnection"), 2);
 }
 
@@ -147,7 +146,7 @@ TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestI
 TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClients) {
   testing::DaemonHarness harness(kBag);
   harness.start();
-  auto client = harness.client();
+  auto client = harness.configuredClient(kGlance);
 
   ORVRequest card = searchRequest(3);
   card.kind = ORVRequestKind::kCard;
@@ -156,7 +155,7 @@ TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClient
   EXPECT_EQ(answered.value().queryId, 3);
   EXPECT_TRUE(answered.value().error);  // answered by the client's state
 
-  auto unknown = client->endpointRequest(card, {"", "Glance/1"});
+  auto unknown = client->endpointRequest(card, {"com.zelmor.never-configured", "Glance/1"});
   ASSERT_TRUE(unknown);
   ASSERT_TRUE(unknown.value().error);
   EXPECT_EQ(unknown.value().error->code, 500);

@@ -149,22 +149,46 @@ TEST(FileManager, RefusesToReadWhatIsNotARegularFileWithoutWaiting) {
   const FileManager files({dir.path().string(), "", "", ""});
   const auto fifo = dir / "defaults.plist";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  fs::create_symlink(fifo, dir / "link");
 
   // Opening a FIFO that no process writes to would wait for a writer forever.
   std::error_code error;
-  for (const auto& path : {fifo, dir / "link"}) {
-    EXPECT_EQ(files.readFile(path, error), std::nullopt) << path;
-    EXPECT_EQ(error, FileManagerError::kNotRegularFile) << path;
-    EXPECT_EQ(error.message(), "not a regular file");
-  }
+  EXPECT_EQ(files.readFile(fifo, error), std::nullopt);
+  EXPECT_EQ(error, FileManagerError::kNotRegularFile);
+  EXPECT_EQ(error.message(), "not a regular file");
   EXPECT_EQ(files.readFile(dir.path(), error), std::nullopt);
   EXPECT_EQ(error, std::errc::is_a_directory);
+  fs::create_symlink(fifo, dir / "link");  // a link is refused before what it points to is seen
+  EXPECT_EQ(files.readFile(dir / "link", error), std::nullopt);
+  EXPECT_EQ(error, std::errc::too_many_symbolic_link_levels);
+  ASSERT_FALSE(files.writeFileAtomically(fifo, bytesOf("<plist/>")));  // replaces the FIFO
+  EXPECT_EQ(files.readFile(fifo, error), bytesOf("<plist/>"));
+}
 
-  // A link to a regular file is read; writing replaces the FIFO (and not the link's target).
-  ASSERT_FALSE(files.writeFileAtomically(fifo, bytesOf("<plist/>")));
-  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(fifo)));
-  EXPECT_EQ(files.readFile(dir / "link", error), bytesOf("<plist/>"));
+TEST(FileManager, KeepsItsDirectoriesPrivateAndFollowsNoLinkPlantedInThem) {
+  testing::TempDir dir;
+  const FileManager files({"", (dir / "cache").string(), (dir / "config").string(), ""});
+  const mode_t umask = ::umask(0);
+  EXPECT_FALSE(files.ensureDirectory(files.cacheDirectory() / "sub"));
+  ::umask(umask);
+  fs::create_directories(files.configDirectory());
+  fs::permissions(files.configDirectory(), fs::perms::all);
+  EXPECT_FALSE(files.ensureDirectory(files.configDirectory()));  // tightened
+  for (const auto& made :
+       {files.cacheDirectory(), files.cacheDirectory() / "sub", files.configDirectory()}) {
+    EXPECT_EQ(files.attributesOfItem(made)->mode & 07777, 0700u) << made;
+  }
+
+  // A link to a file outside is not written through; a link to a directory is not taken for one.
+  const auto link = files.cacheDirectory() / "bag.plist";
+  testing::writeTextFile(dir / "outside", "kept");
+  fs::create_symlink(dir / "outside", link);
+  EXPECT_EQ(files.writeFileAtomically(link, bytesOf("x")),
+            std::errc::too_many_symbolic_link_levels);
+  EXPECT_EQ(readTextFile(dir / "outside"), "kept");
+  fs::create_directory_symlink(dir.path(), files.cacheDirectory() / "linked");
+  EXPECT_EQ(files.ensureDirectory(files.cacheDirectory() / "linked/inner"),
+            std::errc::too_many_symbolic_link_levels);
+  EXPECT_FALSE(fs::exists(dir / "inner"));
 }
 
 }  // namespace

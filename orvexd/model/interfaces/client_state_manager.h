@@ -19,6 +19,9 @@ class ClientStateManager {
   virtual ~ClientStateManager() = default;
   // The state of `identifier`, made on first use; none for an empty identifier.
   virtual std::shared_ptr<ClientState> stateForClientIdentifier(const std::string& identifier) = 0;
+  // The state of `identifier` if there is one, without making one.
+  virtual std::shared_ptr<ClientState> existingStateForClientIdentifier(
+      const std::string& identifier) = 0;
   // Writes the known clients to the defaults, when they are persisted.
   virtual void saveState() = 0;
   // The known clients that have a user agent, whether or not they are persisted.
