@@ -214,8 +214,12 @@ TEST(ClientConnectionTest, KnownClientsSurviveARestartWhenPersisted) {
   harness.start();
   {
     auto client = harness.configuredClient(kGlance);
-    // saveState is asynchronous; the listing is made on the same queue after it.
-    ASSERT_TRUE(client->listSessions());
+    // The state is saved once the client's wait for the bag is over, which Configure and the
+    // client's later calls do not wait for.
+    ASSERT_TRUE(testing::eventually([&] {
+      const auto listed = client->listSessions();
+      return listed && listed.value().size() == 1;
+    }));
   }
   ASSERT_EQ(harness.stop(), 0);
   harness.start();
