@@ -213,13 +213,10 @@ TEST(ClientConnectionTest, KnownClientsSurviveARestartWhenPersisted) {
   testing::DaemonHarness harness(kBag, {{"ORVPersistSessions", PlistValue(true)}});
   harness.start();
   {
-    auto client = harness.configuredClient(kGlance);
-    // The state is saved once the client's wait for the bag is over, which Configure and the
-    // client's later calls do not wait for.
-    ASSERT_TRUE(testing::eventually([&] {
-      const auto listed = client->listSessions();
-      return listed && listed.value().size() == 1;
-    }));
+    // The state is saved when the client's wait for the bag ends, before BagDidLoad is sent;
+    // the listing is made on the same queue after it.
+    auto client = harness.clientWithBag(kGlance);
+    ASSERT_TRUE(client->listSessions());
   }
   ASSERT_EQ(harness.stop(), 0);
   harness.start();
