@@ -138,6 +138,9 @@ void ClientState::ensureBag(BagContinuation continuation) {
   std::string agent;
   {
     std::unique_lock lock(mutex_);
+    // Configure binds the user agent just after answering, so the client's first request may
+    // come first: the configuration it was bound with already names the agent.
+    if (userAgent_.empty() && configuration_) userAgent_ = configuration_->userAgent;
     if (userAgent_.empty() || bag_) {
       const bool haveBag = bag_ != nullptr;
       lock.unlock();

@@ -356,6 +356,10 @@ TEST_F(BagControllerTest, AMinuteOfTypingAgainstAGoneBackEndMakesFewBagRequests)
     test.settle();
     test.advance(100ms);
   }
+  // The searches' completions hold the client state, which needs the Assembly.
+  EXPECT_TRUE(
+      testing::eventually([&] { return assembly.urlSession->outstandingTaskCount() == 0; }));
+  test.settle();
   EXPECT_LE(testing::counterValue(kORVCounterBagFetchesFailed), 10);
   EXPECT_GE(testing::counterValue(kORVCounterBagFetchesFailed), 3);
 }
