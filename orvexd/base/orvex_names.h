@@ -76,6 +76,9 @@ inline constexpr char kORVNoQueryCacheKey[] = "ORVNoQueryCache";
 inline constexpr char kORVBagURLKey[] = "ORVBagURL";
 inline constexpr char kORVDebugParametersKey[] = "ORVDebugParameters";
 inline constexpr char kTraceEnabledKey[] = "TraceEnabled";
+// Seconds a bag fetch may take in all before it is abandoned (default: the bag session's
+// request time-out).
+inline constexpr char kORVBagRequestTimeoutKey[] = "ORVBagRequestTimeout";
 // Bounds on client input (InputLimits).
 inline constexpr char kORVMaxIdentifierLengthKey[] = "ORVMaxIdentifierLength";
 inline constexpr char kORVMaxUserAgentLengthKey[] = "ORVMaxUserAgentLength";

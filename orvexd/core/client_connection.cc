@@ -155,6 +155,8 @@ void ClientConnection::configure(ORVSessionConfiguration configuration, Configur
     bagLog().info("sending bag with version: %@ to client: %@ error: %@",
                   bag ? bag->version() : std::string("(null)"), userAgent,
                   error ? error->describe() : std::string("(null)"));
+    // Saved before the client hears of its bag, so that its next call finds it saved.
+    if (self->clientStateManager_) self->clientStateManager_->saveState();
     self->remoteObject_->bagDidLoad(bag, error);
     {
       std::lock_guard lock(self->mutex_);
@@ -166,7 +168,6 @@ void ClientConnection::configure(ORVSessionConfiguration configuration, Configur
             });
       }
     }
-    if (self->clientStateManager_) self->clientStateManager_->saveState();
   });
 }
 

@@ -13,6 +13,7 @@
 #include "orvexd/core/orvex_service.h"
 #include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/feedback/standalone_client_session.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
@@ -138,6 +139,7 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   // Session files before anything records: the sessions open theirs from the first record on.
   assembly->persistentStorage =
       std::make_shared<OrvexPersistentStorage>(*assembly, kORVOrvexdNameVersion);
+  assembly->openStandaloneSession = StandaloneClientSession::opener(*assembly);
   OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
   assembly->bagSession = makeBagSession(*assembly);
 
@@ -150,7 +152,7 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
       std::make_shared<ClientSessionManager>(*assembly, assembly->guidController, "orvex");
 
   // The persisted client states bind to the GUID controller and session manager, and the bag
-  // fetch at start is recorded in that session manager: both start once those exist.
+  // fetch at start reads the GUID: both start once those exist.
   clientStateManager->start();
   bagController->start();
   return assembly;

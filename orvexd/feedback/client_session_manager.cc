@@ -82,7 +82,7 @@ void ClientSessionManager::_addOrvexFeedback(OrvexFeedback feedback) {
   sessionQueue_.assertCurrent("_addOrvexFeedback");
   if (assembly_.bagController) {
     if (auto bag = assembly_.bagController->cachedBagState()) {
-      auto agentBag = ORVBag::initWithDictionary(bag->rawBag(), feedback.userAgent());
+      auto agentBag = ORVBag::initWithBag(*bag, feedback.userAgent());
       if (agentBag && !agentBag->feedbackEnabled()) return;
     }
   }

@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "orvexd/model/input_limits.h"
+#include "orvexd/model/interfaces/standalone_session.h"
 
 namespace orvex {
 
@@ -71,6 +72,9 @@ class Assembly {
   std::shared_ptr<SessionManager> clientSessionManager;
   // The session files; set by start-up once the feedback pipeline is wired.
   std::shared_ptr<PersistentStorage> persistentStorage;
+  // Opens a session outside every session manager (each bag fetch is recorded in one); unset,
+  // such records are not kept.
+  StandaloneSessionOpener openStandaloneSession;
 
   // Value of the defaults key "ORVSharedSession".
   bool sharedSession = false;

@@ -20,26 +20,32 @@ const BagDictionary& nullValue() {
 std::shared_ptr<const ORVBag> ORVBag::initWithDictionary(BagDictionary dictionary,
                                                          std::string userAgent) {
   if (!dictionary.is_object()) return nullptr;
-  BagDictionary effective = dictionary;
-  const auto agents = dictionary.find("agents");
-  if (agents != dictionary.end() && agents->is_object()) {
-    const std::string agent = asciiLowercase(userAgent);
-    for (const auto& [fragment, overrides] : agents->items()) {
-      if (fragment.empty() || !overrides.is_object()) continue;
-      if (agent.find(asciiLowercase(fragment)) == std::string::npos) continue;
-      for (const auto& [key, value] : overrides.items()) effective[key] = value;
-    }
-  }
-  return std::make_shared<const ORVBag>(std::move(dictionary), std::move(userAgent),
-                                        std::move(effective));
+  return std::make_shared<const ORVBag>(
+      std::make_shared<const BagDictionary>(std::move(dictionary)), std::move(userAgent));
 }
 
-ORVBag::ORVBag(BagDictionary raw, std::string userAgent, BagDictionary effective)
-    : rawBag_(std::move(raw)), userAgent_(std::move(userAgent)), effective_(std::move(effective)) {}
+std::shared_ptr<const ORVBag> ORVBag::initWithBag(const ORVBag& bag, std::string userAgent) {
+  return std::make_shared<const ORVBag>(bag.rawBag_, std::move(userAgent));
+}
+
+ORVBag::ORVBag(std::shared_ptr<const BagDictionary> raw, std::string userAgent)
+    : rawBag_(std::move(raw)),
+      userAgent_(std::move(userAgent)),
+      overrides_(BagDictionary::object()) {
+  const auto agents = rawBag_->find("agents");
+  if (agents == rawBag_->end() || !agents->is_object()) return;
+  const std::string agent = asciiLowercase(userAgent_);
+  for (const auto& [fragment, overrides] : agents->items()) {
+    if (fragment.empty() || !overrides.is_object()) continue;
+    if (agent.find(asciiLowercase(fragment)) == std::string::npos) continue;
+    for (const auto& [key, value] : overrides.items()) overrides_[key] = value;
+  }
+}
 
 const BagDictionary& ORVBag::valueForKey(std::string_view key) const {
-  const auto it = effective_.find(key);
-  return it == effective_.end() ? nullValue() : *it;
+  if (const auto it = overrides_.find(key); it != overrides_.end()) return *it;
+  const auto it = rawBag_->find(key);
+  return it == rawBag_->end() ? nullValue() : *it;
 }
 
 std::optional<std::string> ORVBag::stringForKey(std::string_view key) const {

@@ -7,6 +7,11 @@
 // contains applies, in the order of the "agents" object, later ones winning. So the same raw
 // document answers differently for different agents.
 //
+// The parsed document is immutable and shared: every view made from a bag with initWithBag()
+// (one per client, one per feedback check) points at the same document and keeps only its
+// agent's overriding keys, so a client costs a few keys rather than a copy of a bag that may be
+// tens of megabytes.
+//
 // Accessors never fail: a missing key or a value of the wrong type reads as absent (or the
 // documented default).
 #pragma once
@@ -31,9 +36,11 @@ class ORVBag {
   // None when `dictionary` is not a JSON object.
   static std::shared_ptr<const ORVBag> initWithDictionary(BagDictionary dictionary,
                                                           std::string userAgent);
+  // The same document as `bag`, shared rather than copied, seen by `userAgent`.
+  static std::shared_ptr<const ORVBag> initWithBag(const ORVBag& bag, std::string userAgent);
 
-  // The dictionary the bag was made from, unchanged.
-  const BagDictionary& rawBag() const { return rawBag_; }
+  // The dictionary the bag was made from, unchanged; the same object for every view of it.
+  const BagDictionary& rawBag() const { return *rawBag_; }
   const std::string& userAgent() const { return userAgent_; }
 
   // "version": a string, or a number read as its decimal text; empty when absent.
@@ -71,16 +78,17 @@ class ORVBag {
   // The value under `key` after the agent's overrides; null when absent.
   const BagDictionary& valueForKey(std::string_view key) const;
 
-  ORVBag(BagDictionary raw, std::string userAgent, BagDictionary effective);
+  // Use initWithDictionary() or initWithBag(); public for make_shared. `raw` is an object.
+  ORVBag(std::shared_ptr<const BagDictionary> raw, std::string userAgent);
 
  private:
   std::vector<std::string> stringArrayForKey(std::string_view key) const;
   std::optional<double> positiveSecondsForKey(std::string_view key) const;
   bool boolForKey(std::string_view key, bool fallback) const;
 
-  BagDictionary rawBag_;
+  std::shared_ptr<const BagDictionary> rawBag_;  // never null, shared by every view
   std::string userAgent_;
-  BagDictionary effective_;  // rawBag_ with the agent's overrides applied
+  BagDictionary overrides_;  // the agent's keys from "agents", read before rawBag_'s
 };
 
 }  // namespace orvex

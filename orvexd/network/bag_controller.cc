@@ -11,8 +11,7 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/text_util.h"
 #include "orvexd/model/assembly.h"
-#include "orvexd/model/interfaces/feedback_sink.h"
-#include "orvexd/model/interfaces/session_manager.h"
+#include "orvexd/model/interfaces/standalone_session.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/network/flags.h"
 #include "orvexd/network/network_feedback.h"
@@ -50,6 +49,8 @@ double secondsSince1970(WallTime time) {
   return std::chrono::duration<double>(time.time_since_epoch()).count();
 }
 
+double secondsOf(Duration duration) { return std::chrono::duration<double>(duration).count(); }
+
 // How deeply `json` nests, counted without recursion (the document comes from the network).
 size_t nestingDepth(const BagDictionary& json) {
   size_t deepest = 0;
@@ -68,7 +69,7 @@ size_t nestingDepth(const BagDictionary& json) {
 // Whether the bag enables the news client: 0 or 1, and 2 when there is no bag.
 unsigned long newsStatus(const std::shared_ptr<const ORVBag>& bag) {
   if (!bag) return 2;
-  const auto news = ORVBag::initWithDictionary(bag->rawBag(), kORVNewsUserAgent);
+  const auto news = ORVBag::initWithBag(*bag, kORVNewsUserAgent);
   return news && news->isEnabled() ? 1 : 0;
 }
 
@@ -113,7 +114,9 @@ std::shared_ptr<const ORVBag> OrvexBagController::currentBag() {
 
 std::shared_ptr<const ORVBag> OrvexBagController::cachedBagState() {
   auto bag = inMemoryBagCacheAccessQueue_.read([](const auto& held) { return held; });
-  if (bag && _isRefreshRequiredForCachedBag(bag->rawBag())) {
+  // While a fetch runs or the controller backs off after failed ones, no read could start a
+  // fetch: the bag is not even judged.
+  if (bag && fetchMayStart() && _isRefreshRequiredForCachedBag(bag->rawBag())) {
     assembly_.workerPool->post([weak = weak_from_this()] {
       if (auto self = weak.lock()) self->_fetchBagStateWithVersion(std::nullopt);
     });
@@ -298,30 +301,67 @@ void OrvexBagController::cacheBagState(std::shared_ptr<const ORVBag> bag, bool f
 
 void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> version) {
   if (fetchInProgress_.exchange(true)) return;
+  // Checked while holding the flag: a failing fetch counts its failure before it lets go of it.
+  if (const auto wait = backoff_.remaining(assembly_.clock->monotonicNow())) {
+    fetchInProgress_.store(false);
+    bagLog().debug("no bag fetch for another %f s, after failed fetches", secondsOf(*wait));
+    return;
+  }
   _fetchBagStateWithVersion(std::move(version), nullptr);
+}
+
+bool OrvexBagController::fetchMayStart() const {
+  return !fetchInProgress_.load() && !backoff_.remaining(assembly_.clock->monotonicNow());
+}
+
+Duration OrvexBagController::bagRequestTimeout() const {
+  const double configured =
+      assembly_.userDefaults ? assembly_.userDefaults->doubleForKey(kORVBagRequestTimeoutKey) : 0;
+  if (std::isfinite(configured) && configured > 0) {
+    return std::chrono::duration_cast<Duration>(
+        std::chrono::duration<double>(std::min(configured, 3600.0)));
+  }
+  return assembly_.bagSession ? assembly_.bagSession->configuration().requestTimeout
+                              : HttpSessionConfiguration().requestTimeout;
+}
+
+void OrvexBagController::fetchEnded(bool gotBag, const std::optional<HttpResponse>& response) {
+  if (gotBag) {
+    backoff_.fetchSucceeded();
+    return;
+  }
+  const WallTime now = assembly_.clock->wallNow();
+  const auto retryAfter =
+      response ? BagFetchBackoff::retryAfter(*response, now) : std::optional<Duration>();
+  const Duration wait = backoff_.fetchFailed(assembly_.clock->monotonicNow(), retryAfter);
+  bagLog().log("next bag fetch in %f s at the earliest", secondsOf(wait));
 }
 
 void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> version,
                                                    FetchCompletion completion) {
   NetworkRequestFactory& factory = *assembly_.requestFactory;
-  const auto request = factory.bagFetchRequest(bagFetchURLWithCountry(factory.deviceCountryCode()),
-                                               userAgent_, version);
+  auto request = factory.bagFetchRequest(bagFetchURLWithCountry(factory.deviceCountryCode()),
+                                         userAgent_, version);
   if (!request) {
     // Only an unusable endpoint gets here; it fails like an unanswered fetch.
     const OrvexError error = bagFetchError("no request");
     bagLog().log("Error fetching bag: %@", error);
     assembly_.notificationCenter->post(kORVBagChangeNotification, nullptr, {{"bagError", error}});
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetchesFailed);
+    fetchEnded(false, std::nullopt);
     if (completion) completion(nullptr, error);
     fetchInProgress_.store(false);
     return;
   }
+  // The whole fetch, not only each wait for bytes, ends at the deadline: a server that drips
+  // its answer would otherwise hold the one fetch there is for as long as it likes.
+  const Duration deadline = bagRequestTimeout();
+  request->timeout = deadline;
   bagLog().log("Initiating bag fetch attempt with request %@ header %@", request->url,
                describeHeaders(request->headers));
 
-  // The fetch is recorded as the daemon's own feedback: its start now, its end (and error) when
-  // it completes, in the session manager that exists now.
-  std::shared_ptr<FeedbackSink> sessionManager = assembly_.clientSessionManager;
+  // The fetch is recorded in a session of its own: its start now, its end (and error) when it
+  // completes. A client's session would take the records as that client's activity.
   std::optional<std::string> userGuid;
   if (assembly_.guidController)
     userGuid = assembly_.guidController->currentUserGUID().upperString();
@@ -330,15 +370,19 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
   auto record = [userGuid, userAgent = userAgent_](FeedbackRecordPtr feedback) {
     return OrvexFeedback::initWithFeedback(std::move(feedback), 0, userGuid, userAgent);
   };
-  if (sessionManager) sessionManager->addOrvexFeedback(record(start));
+  std::shared_ptr<StandaloneSession> session;
+  if (assembly_.openStandaloneSession) session = assembly_.openStandaloneSession(record(start));
 
   auto transaction = std::make_shared<ProcessTransaction>("bagFetch");
+  auto abandoned = std::make_shared<std::atomic<bool>>(false);
+  auto deadlineTimer = std::make_shared<TimerHandle>();
   auto task = dataTaskWithRetryableRequest(
       assembly_.bagSession,
       ORVRetryableNetworkRequest(*request, /*expiry=*/std::nullopt, /*delay=*/true),
       /*attempt=*/1, /*retriesLeft=*/5,
-      [weak = weak_from_this(), transaction, completion, sessionManager, record, uuid = start->uuid,
-       clock = assembly_.clock](HttpDataResult result) {
+      [weak = weak_from_this(), transaction, completion, session, record, uuid = start->uuid,
+       clock = assembly_.clock, abandoned, deadlineTimer](HttpDataResult result) {
+        deadlineTimer->cancel();
         bagLog().debug("resp: %@",
                        result.response
                            ? formatLog("%lld %@", result.response->statusCode, result.response->url)
@@ -349,31 +393,46 @@ void OrvexBagController::_fetchBagStateWithVersion(std::optional<std::string> ve
         end->responseSize = static_cast<int64_t>(result.data.size());
         end->statusCode = result.response ? result.response->statusCode : 0;
         if (!result.timing.empty()) end->networkTimingData = result.timing;
+        if (session) session->addFeedback(record(end));
         auto self = weak.lock();
         if (!self) {
           bagLog().log(
               "Error fetching bag, bag fetch task completed after BagFetchController was cleaned "
               "up");
+          if (session) session->sessionComplete();
           return;
         }
-        if (sessionManager) sessionManager->addOrvexFeedback(record(end));
+        if (abandoned->load() && result.error) result.error = bagFetchError("timed out");
         std::shared_ptr<const ORVBag> stored;
         const std::optional<OrvexError> error = self->_takeFetchedBag(result, stored);
         if (!error) {
           OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetches);
         } else {
-          if (sessionManager) {
+          if (session) {
             auto failure = std::make_shared<NBErrorFeedback>();
             failure->timestamp = monotonicNanoseconds(clock->monotonicNow());
             failure->error = *error;
-            sessionManager->addOrvexFeedback(record(failure));
+            session->addFeedback(record(failure));
           }
           self->assembly_.notificationCenter->post(kORVBagChangeNotification, nullptr,
                                                    {{"bagError", *error}});
           OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterBagFetchesFailed);
         }
+        if (session) session->sessionComplete();
+        self->fetchEnded(stored != nullptr, result.response);
         if (completion) completion(stored, error);
         self->fetchInProgress_.store(false);
+      });
+  // Set before the task runs, so that its completion always finds the handle to cancel.
+  *deadlineTimer = assembly_.clock->scheduleAfter(
+      deadline, [weakTask = std::weak_ptr<HttpTask>(task), abandoned, pool = assembly_.workerPool] {
+        pool->post([weakTask, abandoned] {
+          if (auto running = weakTask.lock()) {
+            bagLog().log("abandoning the bag fetch: it outlasted its deadline");
+            abandoned->store(true);
+            running->cancel();
+          }
+        });
       });
   task->resume();
 }

@@ -3,11 +3,18 @@
 //
 // OrvexBagController keeps the bag in memory, mirrors it to "bag.plist" in the daemon's cache
 // directory so that a restarted daemon starts with the last bag, decides when it is stale and
-// fetches a new one, one fetch at a time. There is no timer: a stale bag is replaced when
-// somebody asks for it (currentBag, cachedBagState), when the request factory reports that the
-// locale or country changed ("ORVBagRefreshRequired"), or when a search answer announces a
+// fetches a new one, one fetch at a time. There is no refresh timer: a stale bag is replaced
+// when somebody asks for it (currentBag, cachedBagState), when the request factory reports that
+// the locale or country changed ("ORVBagRefreshRequired"), or when a search answer announces a
 // newer version (forceFetchBag). A stale bag stays in use until its successor arrives, and a
 // failed fetch never removes it.
+//
+// After a failed fetch none of those triggers starts another before the back-off has passed
+// (BagFetchBackoff: 1 s doubling to 5 minutes, at least a 429's or 503's Retry-After). A fetch is
+// abandoned, and fails, once it has taken the bag request time-out in all ("ORVBagRequestTimeout"
+// seconds, else the bag session's request time-out), however slowly its answer trickles in. Each
+// fetch is recorded (start, end, error) in a stand-alone session of its own
+// (Assembly::openStandaloneSession), never in a client's.
 //
 // Every stored bag is announced with "ORVBagChangeNotification" {"bag": shared_ptr<const
 // ORVBag>}, every failed fetch with "ORVBagChangeNotification" {"bagError": OrvexError}. Both
@@ -28,6 +35,7 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/interfaces/bag_controller.h"
 #include "orvexd/model/orv_bag.h"
+#include "orvexd/network/bag_fetch_backoff.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/notification_center.h"
 #include "orvexd/platform/reader_writer_queue.h"
@@ -78,8 +86,15 @@ class OrvexBagController final : public BagController,
   BagDictionary _dictionaryToCacheBag(const BagDictionary& dictionary);
   BagDictionary cacheBagDictionary(const BagDictionary& dictionary);
   void cacheBagState(std::shared_ptr<const ORVBag> bag, bool fromDisk);
-  // Starts a fetch unless one is running (the version asked for is then dropped).
+  // Starts a fetch unless one is running or the back-off forbids it (the version asked for is
+  // then dropped).
   void _fetchBagStateWithVersion(std::optional<std::string> version);
+  // Whether a trigger now could start a fetch.
+  bool fetchMayStart() const;
+  // How long one fetch may take in all.
+  Duration bagRequestTimeout() const;
+  // Ends the back-off after a fetch that brought a bag, else lengthens it.
+  void fetchEnded(bool gotBag, const std::optional<HttpResponse>& response);
   // One fetch; `completion`, when given, runs on the bag session's callback queue.
   void _fetchBagStateWithVersion(std::optional<std::string> version, FetchCompletion completion);
   // The outcome of one fetch's answer: the bag stored, or the error to report (neither for a
@@ -98,6 +113,7 @@ class OrvexBagController final : public BagController,
   // Set while a fetch is outstanding; any thread sets it by exchange and the fetch's completion
   // clears it.
   std::atomic<bool> fetchInProgress_{false};
+  BagFetchBackoff backoff_;        // thread-safe on its own
   ObserverToken refreshObserver_;  // written once by start()
 };
 

@@ -1,6 +1,7 @@
 #include "orvexd/query/client_state.h"
 
 #include <array>
+#include <vector>
 
 #include "orvexd/base/json_limits.h"
 #include "orvexd/base/orvex_logging.h"
@@ -21,6 +22,7 @@
 #include "orvexd/platform/notification_center.h"
 #include "orvexd/platform/url_cache.h"
 #include "orvexd/platform/uuid.h"
+#include "orvexd/platform/worker_pool.h"
 #include "orvexd/query/query_cache.h"
 
 namespace orvex {
@@ -60,8 +62,7 @@ std::shared_ptr<ClientState> ClientState::initWithIdentifier(std::string identif
 ClientState::ClientState(std::string identifier, Assembly& assembly)
     : assembly_(assembly),
       identifier_(std::move(identifier)),
-      clientShortName_(extractClientNameFromString(identifier_)),
-      bagFetchSemaphore_(*assembly.clock, 0) {
+      clientShortName_(extractClientNameFromString(identifier_)) {
   if (assembly_.userDefaults && assembly_.userDefaults->boolForKey(kORVNoQueryCacheKey)) {
     cachingLog().info("query cache OFF for %@", identifier_);
   } else {
@@ -118,7 +119,7 @@ void ClientState::bag(const std::string& userAgent, const BagReply& reply) {
     std::lock_guard lock(mutex_);
     if (!userAgent.empty() && userAgent != userAgent_) {
       userAgent_ = userAgent;
-      if (bag_) bag_ = ORVBag::initWithDictionary(bag_->rawBag(), userAgent_);
+      if (bag_) bag_ = ORVBag::initWithBag(*bag_, userAgent_);
       // Answers cached for the old user agent are not answers for the new one.
       if (queryCache_) queryCache_->removeAllObjects();
     }
@@ -128,19 +129,24 @@ void ClientState::bag(const std::string& userAgent, const BagReply& reply) {
     reply(nullptr, bagError("no UserAgent"));
     return;
   }
-  if (ensureBag()) {
-    reply(bag(), std::nullopt);
-  } else {
-    reply(bag(), bagError("timeout"));
-  }
+  ensureBag([self = shared_from_this(), reply](bool haveBag) {
+    reply(self->bag(), haveBag ? std::nullopt : std::optional(bagError("timeout")));
+  });
 }
 
-bool ClientState::ensureBag() {
+void ClientState::ensureBag(BagContinuation continuation) {
   std::string agent;
   {
-    std::lock_guard lock(mutex_);
-    if (userAgent_.empty()) return false;
-    if (bag_) return true;
+    std::unique_lock lock(mutex_);
+    // Configure binds the user agent just after answering, so the client's first request may
+    // come first: the configuration it was bound with already names the agent.
+    if (userAgent_.empty() && configuration_) userAgent_ = configuration_->userAgent;
+    if (userAgent_.empty() || bag_) {
+      const bool haveBag = bag_ != nullptr;
+      lock.unlock();
+      continuation(haveBag);
+      return;
+    }
     agent = userAgent_;
     if (!bagObserver_.active()) {
       std::weak_ptr<ClientState> weakSelf = weak_from_this();
@@ -152,23 +158,80 @@ bool ClientState::ensureBag() {
   }
   cachingLog().info("Warming bag cache for agent: %@", agent);
   if (auto current = assembly_.bagController ? assembly_.bagController->currentBag() : nullptr) {
-    auto view = ORVBag::initWithDictionary(current->rawBag(), agent);
-    std::lock_guard lock(mutex_);
-    bag_ = std::move(view);
-    return bag_ != nullptr;
+    auto view = ORVBag::initWithBag(*current, agent);
+    {
+      std::lock_guard lock(mutex_);
+      bag_ = std::move(view);
+    }
+    continuation(true);
+    return;
   }
   markNetworkRequest();
-  (void)bagFetchSemaphore_.wait(kBagWaitTimeout);
-  return bag() != nullptr;
+  // The observer was in place before the controller was asked, so a bag stored since then has
+  // reached bag_ already, under the same lock that lists the waiter.
+  auto waiter = std::make_shared<BagWaiter>(std::move(continuation));
+  {
+    std::unique_lock lock(mutex_);
+    if (bag_) {
+      lock.unlock();
+      finishBagWait(*waiter, true);
+      return;
+    }
+    bagWaiters_.push_back(waiter);
+  }
+  // The timer only hands the ending on to the pool.
+  TimerHandle deadline = assembly_.clock->scheduleAfter(
+      kBagWaitTimeout, [weakSelf = weak_from_this(), waiter, pool = assembly_.workerPool]() {
+        pool->post([weakSelf, waiter] {
+          if (auto self = weakSelf.lock()) {
+            self->bagWaitTimedOut(waiter);
+          } else {
+            finishBagWait(*waiter, false);
+          }
+        });
+      });
+  std::lock_guard lock(mutex_);
+  if (waiter->finished.load()) {
+    deadline.cancel();
+  } else {
+    waiter->deadline = std::move(deadline);
+  }
+}
+
+void ClientState::finishBagWait(BagWaiter& waiter, bool haveBag) {
+  if (waiter.finished.exchange(true)) return;
+  waiter.continuation(haveBag);
+  waiter.continuation = nullptr;  // what it holds (a reply, the state) goes with it
+}
+
+void ClientState::bagWaitTimedOut(const std::shared_ptr<BagWaiter>& waiter) {
+  bool haveBag = false;
+  {
+    std::lock_guard lock(mutex_);
+    std::erase(bagWaiters_, waiter);
+    haveBag = bag_ != nullptr;
+  }
+  finishBagWait(*waiter, haveBag);
 }
 
 void ClientState::bagChangeNotification(const Notification& notification) {
-  if (auto newBag = notification.userInfoValue<std::shared_ptr<const ORVBag>>("bag");
-      newBag && *newBag) {
+  // Either a bag or a failed fetch: both end every wait, the first with the bag.
+  std::vector<std::shared_ptr<BagWaiter>> waiting;
+  bool haveBag = false;
+  {
     std::lock_guard lock(mutex_);
-    bag_ = ORVBag::initWithDictionary((*newBag)->rawBag(), userAgent_);
+    if (auto newBag = notification.userInfoValue<std::shared_ptr<const ORVBag>>("bag");
+        newBag && *newBag) {
+      bag_ = ORVBag::initWithBag(**newBag, userAgent_);
+    }
+    waiting.swap(bagWaiters_);
+    for (const auto& waiter : waiting) waiter->deadline.cancel();
+    haveBag = bag_ != nullptr;
   }
-  bagFetchSemaphore_.signal();
+  // This runs inside the bag controller's store; the continuations may read the bag again.
+  for (auto& waiter : waiting) {
+    assembly_.workerPool->post([waiter, haveBag] { finishBagWait(*waiter, haveBag); });
+  }
 }
 
 void ClientState::markNetworkRequest() {
@@ -273,13 +336,19 @@ void ClientState::search(const ORVRequest& request, QueryReply reply) {
   if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixKeystrokes)) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
   }
-  if (!ensureBag()) {
+  ensureBag([self = shared_from_this(), request, reply = std::move(reply)](bool haveBag) {
+    self->searchWithBag(haveBag, request, reply);
+  });
+}
+
+void ClientState::searchWithBag(bool haveBag, const ORVRequest& request, QueryReply reply) {
+  const auto bag = this->bag();
+  if (!haveBag || !bag) {
     reply(request.queryId, std::nullopt, bagError("timeout"));
     searchLog().error("Bag fetch failed, can't complete non-cached query %@.", request.queryString);
     recordSkip(ORVSkipSearchFeedback::kBagFetchFailed, request);
     return;
   }
-  const auto bag = this->bag();
   if (!bag->isEnabled()) {
     searchLog().debug("no search, bag disabled");
     reply(request.queryId, std::nullopt, std::nullopt);

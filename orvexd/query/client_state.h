@@ -5,21 +5,25 @@
 // when sessions are not shared), and the time of its last network request. States are made by
 // the ClientStateManager, one per identifier, which drops those left unused for a day.
 //
-// bag() may block its caller for up to a second while the first bag is fetched; it must never
-// run on the thread that posts "ORVBagChangeNotification" (the bag controller's), or it would
-// always time out. Connections call it from their own queues.
+// Waiting for the first bag never holds a thread: a call that needs a bag the state does not
+// have yet (bag(agent, reply), search) leaves a continuation behind and returns. The
+// continuation runs exactly once, on the worker pool, when the bag arrives, when its fetch fails
+// or when kBagWaitTimeout has passed on the Assembly's clock, whichever comes first; however
+// many clients wait, each is answered within that second.
 //
 // Threading: every operation may be called from any thread. The properties are atomic: each
 // read or write takes `mutex_`, which guards configuration_, userAgent_, bag_,
-// lastNetworkRequest_ and bagObserver_; nothing blocks while holding it.
+// lastNetworkRequest_, bagObserver_ and bagWaiters_; nothing blocks while holding it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "orvexd/base/orvex_error.h"
 #include "orvexd/base/orvex_names.h"
@@ -29,7 +33,6 @@
 #include "orvexd/model/orv_request.h"
 #include "orvexd/model/orv_session_configuration.h"
 #include "orvexd/platform/clock.h"
-#include "orvexd/platform/counting_semaphore.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/notification_center.h"
 
@@ -74,8 +77,11 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // Binds the client's user agent (a new one replaces the bag's view and empties the query
   // cache) and answers with the bag, waiting up to kBagWaitTimeout for the first one.
   void bag(const std::string& userAgent, const BagReply& reply);
-  // True once the state holds a bag, fetching (and waiting for) the first one if needed.
-  bool ensureBag();
+  // Calls `continuation` once with whether the state holds a bag: at once when it does (or has
+  // no user agent to want one for), else when the first bag comes, its fetch fails or
+  // kBagWaitTimeout passes. A bag that is missing is asked of the bag controller first.
+  using BagContinuation = std::function<void(bool haveBag)>;
+  void ensureBag(BagContinuation continuation);
   // The client shows its search view: open a connection to the back-end unless one was used
   // within kWarmInterval or the bag is being fetched.
   void warm();
@@ -93,10 +99,21 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
 
  private:
   ClientState(std::string identifier, Assembly& assembly);
+  // One call waiting for the first bag; whichever ending comes first sets `finished`.
+  struct BagWaiter {
+    explicit BagWaiter(BagContinuation then) : continuation(std::move(then)) {}
+    BagContinuation continuation;
+    std::atomic<bool> finished{false};
+    TimerHandle deadline;  // the kBagWaitTimeout firing; written under mutex_
+  };
+  static void finishBagWait(BagWaiter& waiter, bool haveBag);
+  // The waiter's second has passed: it stops waiting, with whatever the state holds now.
+  void bagWaitTimedOut(const std::shared_ptr<BagWaiter>& waiter);
   void bagChangeNotification(const Notification& notification);
   void unsupported(const ORVRequest& request, const QueryReply& reply);
 
-  // The search flow.
+  // The search flow, once the bag is in (or is not coming).
+  void searchWithBag(bool haveBag, const ORVRequest& request, QueryReply reply);
   bool serveFromCache(const ORVRequest& request, const QueryReply& reply);
   void cacheResponse(const nlohmann::json& response, const HttpRequest& request,
                      const std::string& input, const std::string& uuid);
@@ -125,7 +142,6 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   std::shared_ptr<GUIDController> guidController_;
   std::shared_ptr<SessionManager> sessionManager_;
   std::unique_ptr<QueryCache> queryCache_;  // none with "ORVNoQueryCache"
-  CountingSemaphore bagFetchSemaphore_;
 
   mutable std::mutex mutex_;
   std::optional<ORVSessionConfiguration> configuration_;
@@ -133,6 +149,7 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   std::shared_ptr<const ORVBag> bag_;
   std::optional<WallTime> lastNetworkRequest_;
   ObserverToken bagObserver_;  // set once, by the first ensureBag() that needs a bag
+  std::vector<std::shared_ptr<BagWaiter>> bagWaiters_;  // calls waiting for the first bag
 };
 
 }  // namespace orvex

@@ -7,6 +7,7 @@
 
 #include "orvexd/base/json_property_list.h"
 #include "orvexd/base/property_list.h"
+#include "tests/support/collector.h"
 #include "tests/support/daemon_harness.h"
 #include "tests/support/reference_backend.h"
 #include "tests/support/test_environment.h"
@@ -123,6 +124,28 @@ TEST_F(BagIntegrationTest, ManyReadersOfAMissingBagStartOneFetch) {
   EXPECT_EQ(backend->requestCount("bag"), 1u);
 }
 
+// Waiting for the bag holds no thread: twenty clients each hear "timeout" a second after Configure.
+TEST_F(BagIntegrationTest, TwentyClientsWaitingForTheBagAreAllAnsweredWithinASecond) {
+  backend->setFault("bag", {{"delay_ms", 3000}});
+  harness.start();
+  std::vector<std::unique_ptr<OrvexClient>> clients;
+  for (int i = 0; i < 20; ++i) clients.push_back(harness.client());
+  testing::Collector<std::pair<std::string, double>> answers;  // reason, seconds after Configure
+  const auto configured = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i) {
+    clients[i]->onBagDidLoad([&](std::shared_ptr<const ORVBag>, std::optional<OrvexError> error) {
+      const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - configured;
+      answers.add({error ? error->reason : "", waited.count()});
+    });
+    ASSERT_TRUE(clients[i]->configure({"com.zelmor.client" + std::to_string(i), "Glance/1"}));
+  }
+  ASSERT_TRUE(answers.waitForCount(20, 10s));
+  for (const auto& [reason, seconds] : answers.values()) {  // each client's first: no bag yet
+    EXPECT_EQ(reason, "timeout");
+    EXPECT_LT(seconds, 1.5);
+  }
+}
+
 TEST_F(BagIntegrationTest, FailedFetchesKeepTheBagAndAreCounted) {
   harness.start();
   ASSERT_TRUE(eventually([&] { return std::filesystem::exists(bagFile()); }));
@@ -162,6 +185,21 @@ TEST_F(BagIntegrationTest, FailedFetchesKeepTheBagAndAreCounted) {
            std::string::npos;
   }));
   EXPECT_NE(harness.daemonLog().find("https://bag.search.zelmor.com/bag?"), std::string::npos);
+}
+
+// A bag endpoint dripping its answer (a minute's worth) is abandoned at the 1 s deadline.
+TEST(BagDeadlineTest, ADrippingBagEndpointIsAbandonedAtTheDeadline) {
+  testing::DaemonHarness harness(R"({"version": "3", "padding": ")" + std::string(600, 'x') + "\"}",
+                                 PlistDictionary{{"ORVBagRequestTimeout", PlistValue(1.0)}});
+  harness.backend().setFault("bag", {{"drip_ms", 100}});
+  harness.start();
+  const auto started = std::chrono::steady_clock::now();
+  ASSERT_TRUE(testing::eventually(
+      [&] { return harness.counter("com.zelmor.orvexd.bag.fetchesfailed") == 1; }, 10s));
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 3s);
+  const std::string log = harness.daemonLog();
+  EXPECT_NE(log.find("abandoning the bag fetch: it outlasted its deadline"), std::string::npos);
+  EXPECT_NE(log.find("timed out"), std::string::npos);
 }
 
 }  // namespace

@@ -212,8 +212,9 @@ TEST(ClientConnectionTest, KnownClientsSurviveARestartWhenPersisted) {
   testing::DaemonHarness harness(kBag, {{"ORVPersistSessions", PlistValue(true)}});
   harness.start();
   {
-    auto client = harness.configuredClient(kGlance);
-    // saveState is asynchronous; the listing is made on the same queue after it.
+    // The state is saved when the client's wait for the bag ends, before BagDidLoad is sent;
+    // the listing is made on the same queue after it.
+    auto client = harness.clientWithBag(kGlance);
     ASSERT_TRUE(client->listSessions());
   }
   ASSERT_EQ(harness.stop(), 0);

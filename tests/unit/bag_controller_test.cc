@@ -6,8 +6,12 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/text_util.h"
 #include "orvexd/feedback/client_session_manager.h"
+#include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/feedback/standalone_client_session.h"
 #include "orvexd/network/network_request_factory.h"
+#include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
+#include "orvexd/query/client_state.h"
 #include "tests/support/collector.h"
 #include "tests/support/fixed_locale.h"
 #include "tests/support/log_capture.h"
@@ -73,9 +77,11 @@ class BagControllerTest : public ::testing::Test {
 
   ~BagControllerTest() override { test.settle(); }
 
-  void serve(std::string body, int status = 200) {
+  void serve(std::string body, int status = 200,
+             std::vector<std::pair<std::string, std::string>> headers = {}) {
     std::lock_guard lock(mutex);
-    answer = {status, std::move(body), {{"Content-Type", "application/json"}}};
+    headers.emplace_back("Content-Type", "application/json");
+    answer = {status, std::move(body), std::move(headers)};
   }
 
   std::shared_ptr<OrvexBagController> makeController() {
@@ -217,6 +223,7 @@ TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
            {200, "{\"version\": ", "not JSON object"}}) {
     SCOPED_TRACE(reason);
     serve(body, status);
+    test.advance(1min);  // past the back-off of the failure before
     controller->forceFetchBag(BagDictionary{{"bag", version++}});
     drain(events, 1, ++errors);
     const OrvexError error = events.errors.values().back();
@@ -229,6 +236,7 @@ TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
   // A transport failure is reported as the HTTP layer's error, without a retry.
   server.failNextRequests(1);
   const size_t before = bagRequests().size();
+  test.advance(1min);
   controller->forceFetchBag(BagDictionary{{"bag", version++}});
   drain(events, 1, ++errors);
   EXPECT_NE(events.errors.values().back().domain, kORVErrorDomain);
@@ -239,6 +247,7 @@ TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
   deep = "{\"deep\": " + deep + std::string(600, ']') + "}";
   serve(deep);
   LogCapture logs;
+  test.advance(1min);
   controller->forceFetchBag(BagDictionary{{"bag", version++}});
   EXPECT_TRUE(logs.waitForPrefix("error parsing bag json ", kWatchdog));
   test.settle();
@@ -248,33 +257,120 @@ TEST_F(BagControllerTest, FailedFetchesKeepTheBagAndReportTheirError) {
   EXPECT_EQ(testing::counterValue(kORVCounterBagFetches), 2);
 }
 
-TEST_F(BagControllerTest, EachFetchIsRecordedInTheDaemonsSession) {
-  auto manager = std::make_shared<ClientSessionManager>(*test.assembly, nullptr, "orvex");
-  test.assembly->clientSessionManager = manager;
-  serve(R"({"version": "9", "feedback_enabled": true})");
-  BagEvents events(*test.assembly->notificationCenter);
+// Each fetch has a session of its own, kept with feedback off and unseen by the session manager.
+TEST_F(BagControllerTest, EachFetchIsRecordedInAStandaloneSession) {
+  Assembly& assembly = *test.assembly;
+  auto manager = std::make_shared<ClientSessionManager>(assembly, nullptr, "orvex");
+  assembly.clientSessionManager = manager;
+  auto storage = std::make_shared<OrvexPersistentStorage>(assembly, "orvexd/1.0");
+  assembly.persistentStorage = storage;
+  assembly.openStandaloneSession = StandaloneClientSession::opener(assembly);
+  serve(R"({"version": "9", "feedback_enabled": false})");
+  BagEvents events(*assembly.notificationCenter);
   auto controller = startWithBag(events);
   serve("oops", 500);
   controller->forceFetchBag(BagDictionary{{"bag", 10}});
   drain(events, 1, 1);
 
-  const auto records = manager->currentFeedbacksWithRelativeTimestamp();
+  EXPECT_TRUE(manager->currentFeedbacksWithRelativeTimestamp().empty());
+  const auto files = storage->getAvailableSessionHandles();
+  ASSERT_EQ(files.size(), 2u);  // one per fetch
+  const auto records = files[1]->read().value_or(StoredSession()).feedbacks;
   std::vector<NBFeedbackType> types;
   for (const auto& record : records) types.push_back(record.type());
-  EXPECT_EQ(types,
-            (std::vector{NBFeedbackType::kNetworkSearchStart, NBFeedbackType::kNetworkSearchEnd,
-                         NBFeedbackType::kNetworkSearchStart, NBFeedbackType::kNetworkSearchEnd,
-                         NBFeedbackType::kError}));
-  ASSERT_EQ(records.size(), 5u);
-  const auto& start = dynamic_cast<const NBStartNetworkSearchFeedback&>(*records[2].feedback());
-  ASSERT_TRUE(start.url);
-  EXPECT_EQ(start.url->rfind(server.baseUrl() + bagRequests().back().path, 0), 0u);
+  ASSERT_EQ(types, (std::vector{NBFeedbackType::kNetworkSearchStart,
+                                NBFeedbackType::kNetworkSearchEnd, NBFeedbackType::kError}));
+  const auto& start = dynamic_cast<const NBStartNetworkSearchFeedback&>(*records[0].feedback());
+  EXPECT_EQ(start.url.value_or("").rfind(server.baseUrl() + bagRequests().back().path, 0), 0u);
   EXPECT_EQ(start.triggerEvent, 16u);
   EXPECT_EQ(start.endpoint, 10u);
-  const auto& end = dynamic_cast<const NBEndNetworkSearchFeedback&>(*records[3].feedback());
+  const auto& end = dynamic_cast<const NBEndNetworkSearchFeedback&>(*records[1].feedback());
   EXPECT_EQ(end.uuid, start.uuid);
   EXPECT_EQ(end.statusCode, 500);
-  EXPECT_EQ(records[4].userAgent(), "orvexd/1.0");
+  EXPECT_EQ(records[2].userAgent(), "orvexd/1.0");
+}
+
+// A 503's Retry-After of 30 s holds off every read of the stale bag until it has passed.
+TEST_F(BagControllerTest, AFetchRefusedWithRetryAfterHoldsOffReadsOfTheStaleBag) {
+  BagEvents events(*test.assembly->notificationCenter);
+  auto controller = startWithBag(events);
+  test.platform.clock->setWallTime(test.platform.clock->wallNow() +
+                                   OrvexBagController::kBagLifetime);
+  serve("busy", 503, {{"Retry-After", "30"}});
+  (void)controller->cachedBagState();
+  drain(events, 1, 1);
+  for (int read = 0; read < 299; ++read) {
+    test.advance(100ms);
+    (void)controller->cachedBagState();
+  }
+  test.settle();
+  EXPECT_EQ(bagRequests().size(), 2u);
+  serve(R"({"version": "10"})");
+  test.advance(100ms);
+  (void)controller->cachedBagState();
+  drain(events, 2, 1);
+  EXPECT_EQ(bagRequests().size(), 3u);
+}
+
+// Every keystroke reads the stale disk bag (its search's records do); the refused back-end is
+// asked for the bag only as the back-off allows (at 0, 1, 3, 7, 15 and 31 s).
+TEST_F(BagControllerTest, AMinuteOfTypingAgainstAGoneBackEndMakesFewBagRequests) {
+  const std::string gone = [] { return LoopbackHttpServer().baseUrl(); }();  // closed again
+  serve(R"({"version": "9", "enabled": true, "feedback_enabled": true, "search_url": ")" + gone +
+        R"(/search"})");
+  {
+    BagEvents events(*test.assembly->notificationCenter);
+    startWithBag(events);  // and its disk copy
+  }
+  Assembly& assembly = *test.assembly;
+  assembly.userDefaults->setObject(kORVBagURLKey, PlistValue(gone + "/bag"));
+  assembly.sharedSession = true;
+  assembly.urlSession = assembly.bagSession;
+  assembly.guidController = std::make_shared<OrvexUserGUIDController>(assembly);
+  assembly.clientSessionManager =
+      std::make_shared<ClientSessionManager>(assembly, assembly.guidController, "orvex");
+  auto controller = makeController();
+  auto client = ClientState::initWithIdentifier("com.zelmor.glance", assembly);
+  client->setUserAgent("Glance/1");
+  ORVRequest keystroke;
+  for (int key = 1; key <= 600; ++key) {
+    keystroke.queryId = key;
+    client->search(keystroke, [](int64_t, std::optional<ORVReply>, std::optional<OrvexError>) {});
+    test.settle();
+    test.advance(100ms);
+  }
+  // The searches' completions hold the client state, which needs the Assembly.
+  EXPECT_TRUE(
+      testing::eventually([&] { return assembly.urlSession->outstandingTaskCount() == 0; }));
+  EXPECT_LE(testing::counterValue(kORVCounterBagFetchesFailed), 10);
+}
+
+TEST(BagFetchBackoffTest, DoublesToFiveMinutesTakesRetryAfterAndEndsWithASuccess) {
+  BagFetchBackoff backoff;
+  const MonotonicTime now{};
+  std::vector<int64_t> waits;
+  for (int failure = 0; failure < 11; ++failure) {
+    waits.push_back(
+        std::chrono::duration_cast<std::chrono::seconds>(backoff.fetchFailed(now, {})).count());
+  }
+  EXPECT_EQ(waits, (std::vector<int64_t>{1, 2, 4, 8, 16, 32, 64, 128, 256, 300, 300}));
+  backoff.fetchSucceeded();  // else the next wait would be 300 s
+  EXPECT_EQ(backoff.fetchFailed(now, Duration(30s)), Duration(30s));
+  EXPECT_EQ(backoff.fetchFailed(now, Duration(10h)), Duration(4h));
+
+  const WallTime date = BagFetchBackoff::parseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT").value();
+  HttpResponse busy{.url = "", .statusCode = 429, .headers = {{"retry-after", " 30 "}}};
+  EXPECT_EQ(BagFetchBackoff::retryAfter(busy, date), Duration(30s));
+  busy.headers = {{"Retry-After", "Sun, 06 Nov 1994 08:51:37 GMT"}};
+  EXPECT_EQ(BagFetchBackoff::retryAfter(busy, date), Duration(120s));
+  for (const char* bad : {"soon", "-5", "Sun, 06 Nov 1994 08:49:37 UTC",
+                          "Sun, 06 Foo 1994 08:49:37 GMT", "Sun, 06 Nov 1994 25:49:37 GMT"}) {
+    busy.headers = {{"Retry-After", bad}};
+    EXPECT_FALSE(BagFetchBackoff::retryAfter(busy, date)) << bad;
+  }
+  busy.headers = {{"Retry-After", "30"}};
+  busy.statusCode = 500;
+  EXPECT_FALSE(BagFetchBackoff::retryAfter(busy, date));
 }
 
 // A server-announced version is fetched only when it is newer, numerically, than the bag held;

@@ -26,8 +26,10 @@ TEST(ORVBag, AgentFragmentsOverrideKeysInTheirOrderLaterOnesWinning) {
   EXPECT_EQ(glance->searchURL(), "https://search.example/search");
   EXPECT_EQ(glance->userAgent(), "Glance/1");
 
-  // Both fragments apply; "roamer" comes later in the object and wins.
-  auto both = ORVBag::initWithDictionary(raw, "Glance/1 ROAMER/3");
+  // Both fragments apply; "roamer" comes later in the object and wins. A view of another view
+  // shares its document rather than copying it.
+  auto both = ORVBag::initWithBag(*glance, "Glance/1 ROAMER/3");
+  EXPECT_EQ(&both->rawBag(), &glance->rawBag());
   EXPECT_TRUE(both->isEnabled());
   EXPECT_EQ(both->minimumQueryLength(), 4);
   EXPECT_EQ(both->searchURL(), "https://roamer.example/search");

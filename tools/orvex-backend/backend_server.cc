@@ -145,8 +145,10 @@ struct BackendServer::Impl {
 
   void serve(const httplib::Request& request, httplib::Response& response);
   EndpointReply run(const Endpoint& endpoint, const EndpointRequest& request);
-  void send(const EndpointReply& reply, bool drop, httplib::Response& response);
-  void waitUnlessStopping(std::chrono::milliseconds delay);
+  void send(const EndpointReply& reply, bool drop, httplib::Response& response,
+            std::chrono::milliseconds drip = std::chrono::milliseconds(0));
+  // Waits `delay`, or less when the server stops; true when it is stopping.
+  bool waitUnlessStopping(std::chrono::milliseconds delay);
   std::string baseUrlFor(const httplib::Request& request) const;
 
   const Options options;
@@ -215,7 +217,7 @@ void BackendServer::Impl::serve(const httplib::Request& request, httplib::Respon
   // Logged on arrival, so that a test sees a delayed request while it waits.
   log.record(std::move(logged));
   if (fault && fault->delay.count() > 0) waitUnlessStopping(fault->delay);
-  send(reply, fault && fault->drop, response);
+  send(reply, fault && fault->drop, response, fault ? fault->drip : std::chrono::milliseconds(0));
 }
 
 EndpointReply BackendServer::Impl::run(const Endpoint& endpoint, const EndpointRequest& request) {
@@ -227,7 +229,8 @@ EndpointReply BackendServer::Impl::run(const Endpoint& endpoint, const EndpointR
   }
 }
 
-void BackendServer::Impl::send(const EndpointReply& reply, bool drop, httplib::Response& response) {
+void BackendServer::Impl::send(const EndpointReply& reply, bool drop, httplib::Response& response,
+                               std::chrono::milliseconds drip) {
   response.status = reply.status;
   std::string contentType = reply.contentType;
   for (const auto& [name, value] : reply.headers) {
@@ -249,14 +252,22 @@ void BackendServer::Impl::send(const EndpointReply& reply, bool drop, httplib::R
           if (offset == 0) sink.write(body.data(), body.size() / 2);
           return false;
         });
+  } else if (drip.count() > 0 && mayHaveBody(reply.status)) {
+    // One byte, then a pause, until the body is out or the server stops.
+    response.set_content_provider(
+        reply.body.size(), contentType,
+        [this, body = reply.body, drip](size_t offset, size_t, httplib::DataSink& sink) {
+          if (offset > 0 && waitUnlessStopping(drip)) return false;
+          return sink.write(body.data() + offset, 1);
+        });
   } else if (mayHaveBody(reply.status)) {
     response.set_content(reply.body, contentType);
   }
 }
 
-void BackendServer::Impl::waitUnlessStopping(std::chrono::milliseconds delay) {
+bool BackendServer::Impl::waitUnlessStopping(std::chrono::milliseconds delay) {
   std::unique_lock lock(stopMutex);
-  stopChanged.wait_for(lock, delay, [this] { return stopping; });
+  return stopChanged.wait_for(lock, delay, [this] { return stopping; });
 }
 
 std::string BackendServer::Impl::baseUrlFor(const httplib::Request& request) const {

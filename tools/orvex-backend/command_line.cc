@@ -41,6 +41,7 @@ the status answered, then its headers.
 A fault is a JSON object; every key is optional:
   "status": N         answer with status N and a short text body
   "delay_ms": N       wait N milliseconds before answering
+  "drip_ms": N        send the body one byte at a time, N milliseconds apart
   "drop": true        close the connection halfway through the body
   "garbage": true     answer 200 application/json with bytes that are not JSON
   "body": "TEXT"      answer TEXT instead of the real body (application/json)

@@ -53,6 +53,8 @@ Fault Fault::fromJson(const nlohmann::json& json) {
       fault.status = static_cast<int>(integerIn(value, key, 100, 599));
     } else if (key == "delay_ms") {
       fault.delay = std::chrono::milliseconds(integerIn(value, key, 0, kMaxDelayMs));
+    } else if (key == "drip_ms") {
+      fault.drip = std::chrono::milliseconds(integerIn(value, key, 0, kMaxDelayMs));
     } else if (key == "drop") {
       fault.drop = boolean(value, key);
     } else if (key == "garbage") {
@@ -78,8 +80,8 @@ Fault Fault::fromJson(const nlohmann::json& json) {
       fault.count = integerIn(value, key, 1, std::numeric_limits<int64_t>::max());
     } else {
       throw std::invalid_argument("unknown fault key \"" + key +
-                                  "\" (known: status, delay_ms, drop, garbage, body, headers, "
-                                  "count)");
+                                  "\" (known: status, delay_ms, drip_ms, drop, garbage, body, "
+                                  "headers, count)");
     }
   }
   return fault;
@@ -89,6 +91,7 @@ nlohmann::json Fault::toJson() const {
   nlohmann::json json = nlohmann::json::object();
   if (status) json["status"] = *status;
   if (delay.count() > 0) json["delay_ms"] = delay.count();
+  if (drip.count() > 0) json["drip_ms"] = drip.count();
   if (drop) json["drop"] = true;
   if (garbage) json["garbage"] = true;
   if (body) json["body"] = *body;

@@ -1,6 +1,6 @@
 // A fault to inject into the answers of one endpoint, and its JSON form:
-//   {"status": 503, "delay_ms": 250, "drop": true, "garbage": true, "body": "[]",
-//    "headers": {"X-Name": "value"}, "count": 2}
+//   {"status": 503, "delay_ms": 250, "drip_ms": 1000, "drop": true, "garbage": true,
+//    "body": "[]", "headers": {"X-Name": "value"}, "count": 2}
 // Every key is optional. "count" limits the fault to that many requests; without it the fault
 // stays until cleared.
 #pragma once
@@ -23,6 +23,8 @@ struct Fault {
 
   std::optional<int> status;
   std::chrono::milliseconds delay{0};
+  // Sends the body one byte at a time, this far apart: an answer that never quite stalls.
+  std::chrono::milliseconds drip{0};
   bool drop = false;
   bool garbage = false;
   std::optional<std::string> body;
