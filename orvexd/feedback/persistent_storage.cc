@@ -1,7 +1,5 @@
 #include "orvexd/feedback/persistent_storage.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
