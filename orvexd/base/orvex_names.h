@@ -108,6 +108,12 @@ inline constexpr char kORVCounterSessionsRoamer[] = "com.zelmor.orvexd.sessions.
 inline constexpr char kORVCounterFileSizeExceeded[] = "com.zelmor.orvexd.filesizeexceeded";
 inline constexpr char kORVCounterFileTooLarge[] = "com.zelmor.orvexd.filetoolarge";
 inline constexpr char kORVCounterFileTooOld[] = "com.zelmor.orvexd.filetooold";
+// Attempts to write a session file that failed (full disk, missing or read-only directory); the
+// records stay in memory and the write is tried again with the next record.
+inline constexpr char kORVCounterSessionWriteFailures[] = "com.zelmor.orvexd.session.writefailures";
+// Records that never reached a session file: larger than a whole file, or given up on after
+// writes kept failing.
+inline constexpr char kORVCounterRecordsDropped[] = "com.zelmor.orvexd.records.dropped";
 // Feedback records a client sent that were refused: over the size bound, or not a record.
 inline constexpr char kORVCounterRecordsRefused[] = "com.zelmor.orvexd.records.refused";
 inline constexpr char kORVCounterDPSubmit[] = "com.zelmor.orvexd.dp.submit";

@@ -135,13 +135,35 @@ std::optional<std::string> systemdApplicationId(const std::filesystem::path& pro
   return found;
 }
 
+// The Feedback reply stays well under what the bus carries in one message, however large the
+// session: it holds the newest records whose JSON fits in this many bytes.
+constexpr size_t kFeedbackReplyBytes = 16 * 1024 * 1024;
+
+// The records as a JSON array, in their order, leaving out the oldest when they do not all fit
+// in kFeedbackReplyBytes.
 std::string feedbacksAsJson(const std::vector<OrvexFeedback>& feedbacks) {
-  std::string text = "[";
-  for (const auto& feedback : feedbacks) {
-    if (text.size() > 1) text += ',';
-    text += feedback.dictionary().dump();
+  std::vector<std::string> newestFirst;
+  size_t size = 2;  // the brackets
+  for (auto feedback = feedbacks.rbegin(); feedback != feedbacks.rend(); ++feedback) {
+    std::string record = feedback->dictionary().dump();
+    if (size + record.size() + 1 > kFeedbackReplyBytes) break;
+    size += record.size() + 1;
+    newestFirst.push_back(std::move(record));
   }
-  return text + "]";
+  if (newestFirst.size() < feedbacks.size()) {
+    feedbackLog().info("Feedback reply holds the newest %lu of %lu records",
+                       static_cast<unsigned long>(newestFirst.size()),
+                       static_cast<unsigned long>(feedbacks.size()));
+  }
+  std::string text;
+  text.reserve(size);
+  text.append("[");
+  for (auto record = newestFirst.rbegin(); record != newestFirst.rend(); ++record) {
+    if (text.size() > 1) text.append(",");
+    text.append(*record);
+  }
+  text.append("]");
+  return text;
 }
 
 }  // namespace

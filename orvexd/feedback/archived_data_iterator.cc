@@ -7,6 +7,12 @@
 namespace orvex {
 
 std::optional<PlistValue> ArchivedDataIterator::readNextObject() {
+  const auto archive = nextArchive();
+  if (!archive) return std::nullopt;
+  return parsePropertyList(*archive);
+}
+
+std::optional<std::span<const uint8_t>> ArchivedDataIterator::nextArchive() {
   const OrvexLog& log = OrvexLogForCategory(kOrvexLogFeedbackStorage);
   const uint64_t size = data_.size();
   if (position_ + kLengthSize >= size) {
@@ -26,7 +32,7 @@ std::optional<PlistValue> ArchivedDataIterator::readNextObject() {
   }
   const auto archive = data_.subspan(position_ + kLengthSize, length);
   position_ += kLengthSize + length;
-  return parsePropertyList(archive);
+  return archive;
 }
 
 }  // namespace orvex

@@ -29,6 +29,8 @@ class ArchivedDataIterator {
   // and leaves the position; an archive that does not parse gives nothing after the position
   // has moved past it.
   std::optional<PlistValue> readNextObject();
+  // The same without parsing: the next record's archive bytes, in place.
+  std::optional<std::span<const uint8_t>> nextArchive();
 
   uint64_t position() const { return position_; }
   std::span<const uint8_t> data() const { return data_; }

@@ -98,8 +98,19 @@ ClientSession::ClientSession(Assembly& assembly, const OrvexFeedback& feedback,
   if (assembly_.persistentStorage) {
     storageHandle_ = assembly_.persistentStorage->createFileContainerForWriting();
   }
-  if (storageHandle_) storageHandle_->writeSessionHeader(archiveForm());
-  addFeedback(feedback);
+  if (storageHandle_) {
+    maxFileSize_ = storageHandle_->maxFileSize();
+    headerBytes_ = storageHandle_->writeSessionHeader(archiveForm());
+  } else {
+    maxFileSize_ = OrvexPersistentStorage::kDefaultMaxFileSize;
+    headerBytes_ = FileContainer::recordSize(
+        serializePropertyList(archiveForm(), PlistFormat::kBinary).size());
+  }
+  // The largest closing record this session can have.
+  endReserve_ = FileContainer::recordSize(
+      sessionEnd(kOrvexSessionEndFileSizeLimit, UINT64_MAX).archiveData().size());
+  fileBytes_ = headerBytes_;
+  (void)addFeedback(feedback);
 }
 
 bool ClientSession::checkFirstUseOfTheDay(const std::optional<std::string>& key) {
@@ -123,22 +134,59 @@ bool ClientSession::checkFirstUseOfTheDay(const std::optional<std::string>& key)
   return true;
 }
 
-void ClientSession::addFeedback(const OrvexFeedback& feedback) {
+FeedbackSession::AddResult ClientSession::addFeedback(const OrvexFeedback& feedback) {
+  return add(feedback, endReserve_);
+}
+
+void ClientSession::addSessionEnd(uint32_t reason, uint64_t timestamp) {
+  (void)add(sessionEnd(reason, timestamp), 0);
+}
+
+OrvexFeedback ClientSession::sessionEnd(uint32_t reason, uint64_t timestamp) const {
+  auto end = std::make_shared<OrvexSessionEndFeedback>();
+  end->timestamp = timestamp;
+  end->reason = reason;
+  return OrvexFeedback::initWithFeedback(end, 0, userGuid_, agent_);
+}
+
+FeedbackSession::AddResult ClientSession::add(const OrvexFeedback& feedback, uint64_t keepFree) {
   if (!feedback.feedback()) {
     sessionLog().debug("attempted to add a nil feedback");
-    return;
+    return AddResult::kAdded;
   }
-  std::lock_guard lock(mutex_);
-  sessionFeedbacks_.push_back(feedback);
-  if (storageHandle_) storageHandle_->writeFeedback(feedback);
+  std::vector<OrvexFeedback> records{feedback};
   if (userGuid_ && feedback.userGuid() != userGuid_) {
     auto record = std::make_shared<NBErrorFeedback>();
     record->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
     record->error = OrvexError(kORVErrorDomain, 500, "different guid in session");
-    auto error = OrvexFeedback::initWithFeedback(record, 0, std::nullopt, feedback.userAgent());
-    sessionFeedbacks_.push_back(error);
-    if (storageHandle_) storageHandle_->writeFeedback(error);
+    records.push_back(
+        OrvexFeedback::initWithFeedback(record, 0, std::nullopt, feedback.userAgent()));
   }
+  std::vector<std::vector<uint8_t>> archives;
+  uint64_t size = 0;
+  for (const auto& record : records) {
+    archives.push_back(record.archiveData());
+    size += FileContainer::recordSize(archives.back().size());
+  }
+
+  std::lock_guard lock(mutex_);
+  if (fileBytes_ + size + keepFree >= maxFileSize_) {
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterFileSizeExceeded);
+    OrvexLogForCategory(kOrvexLogFeedbackStorage)
+        .error("bytes written (%llu) + feedback (%lu) exceeds max session size (%lu)", fileBytes_,
+               size, maxFileSize_);
+    if (keepFree > 0 && headerBytes_ + size + keepFree < maxFileSize_) return AddResult::kFull;
+    OrvexDiagnosticDataReporter::addValueForScalarKey(static_cast<int64_t>(records.size()),
+                                                      kORVCounterRecordsDropped);
+    return AddResult::kTooLarge;
+  }
+  fileBytes_ += size;
+  if (storageHandle_) {
+    for (auto& archive : archives) storageHandle_->writeArchive(std::move(archive));
+  } else {
+    unstored_.insert(unstored_.end(), records.begin(), records.end());
+  }
+  return AddResult::kAdded;
 }
 
 void ClientSession::enumerateSessions(const SessionVisitor& visit) { visit(*this, true); }
@@ -149,13 +197,15 @@ uint64_t ClientSession::relativeTimestamp(const OrvexFeedback& feedback) const {
   return at > start ? (at - start) / 1000000 : 0;
 }
 
-std::vector<OrvexFeedback> ClientSession::getSessionFeedbacks() const {
+std::vector<OrvexFeedback> ClientSession::getSessionFeedbacks(uint64_t budget) const {
+  // The file's queue runs every write posted before the read first.
+  if (storageHandle_) return storageHandle_->readRecords(budget);
   std::lock_guard lock(mutex_);
-  return sessionFeedbacks_;
+  return unstored_;  // bounded by the file size like a file
 }
 
-std::vector<OrvexFeedback> ClientSession::feedbacksWithRelativeTimestamp() const {
-  std::vector<OrvexFeedback> feedbacks = getSessionFeedbacks();
+std::vector<OrvexFeedback> ClientSession::feedbacksWithRelativeTimestamp(uint64_t budget) const {
+  std::vector<OrvexFeedback> feedbacks = getSessionFeedbacks(budget);
   for (auto& feedback : feedbacks) feedback.setRelTimestamp(relativeTimestamp(feedback));
   return feedbacks;
 }
@@ -163,7 +213,7 @@ std::vector<OrvexFeedback> ClientSession::feedbacksWithRelativeTimestamp() const
 std::vector<OrvexFeedback> ClientSession::privacyFilteredFeedbacksWithRelativeTimestamp(
     SessionProcessingHelper& helper) const {
   std::vector<OrvexFeedback> processed;
-  for (const auto& feedback : feedbacksWithRelativeTimestamp()) {
+  for (const auto& feedback : feedbacksWithRelativeTimestamp(UINT64_MAX)) {
     processed.push_back(feedback.process(helper));
   }
   // What was shown and never engaged goes first, as of the session's start.
@@ -212,6 +262,12 @@ nlohmann::json ClientSession::getFeedbacksToSend() const {
 void ClientSession::sessionComplete() {
   if (!storageHandle_ || !assembly_.persistentStorage) {
     sessionLog().error("Storage Handle nil major error");
+    std::lock_guard lock(mutex_);
+    if (!unstored_.empty()) {
+      OrvexDiagnosticDataReporter::addValueForScalarKey(static_cast<int64_t>(unstored_.size()),
+                                                        kORVCounterRecordsDropped);
+    }
+    unstored_.clear();
     return;
   }
   // Under the lock, so the close is queued after every write already posted.

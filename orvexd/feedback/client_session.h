@@ -10,14 +10,22 @@
 // guid in session"). sessionComplete() closes the file and hands it to the storage for upload;
 // the session must not be added to afterwards.
 //
+// The session keeps no records in memory: they are read back from its file when asked for.
+// It measures each record against the room left in its file, always keeping room for its
+// closing record (addSessionEnd()). A record that does not fit is not added (kFull; the session
+// manager ends the session and opens the next with it), and one that would not fit even in an
+// empty file is dropped and counted ("com.zelmor.orvexd.records.dropped"). Both are counted in
+// "com.zelmor.orvexd.filesizeexceeded". A session without storage (no cache directory) keeps its
+// records in memory, bounded the same way, and counts them as dropped when it completes.
+//
 // For upload, getFeedbacksToSend() gives the session's JSON object, with the records filtered
 // by a SessionPrivacyFilter: private identifiers replaced, and results and suggestions shown but
 // never engaged reported in two records at the start of the list.
 //
-// Threading: a session may be read and added to from any thread; mutex_ guards the record list
-// and keeps file writes in the order records were added. Everything else is fixed when the
-// session is made. The first-use date of each client is shared by all sessions through the
-// defaults store, under one process-wide lock.
+// Threading: a session may be read and added to from any thread; mutex_ guards the size and
+// the records kept without storage, and keeps file writes in the order records were added.
+// Everything else is fixed when the session is made. The first-use date of each client is shared by
+// all sessions through the defaults store, under one process-wide lock.
 #pragma once
 
 #include <cstdint>
@@ -62,12 +70,15 @@ class ClientSession final : public FeedbackSession,
   ClientSession(Assembly& assembly, const OrvexFeedback& feedback,
                 uint32_t previousSessionEndReason);
 
-  void addFeedback(const OrvexFeedback& feedback) override;
+  AddResult addFeedback(const OrvexFeedback& feedback) override;
   void enumerateSessions(const SessionVisitor& visit) override;
-  std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
+  std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp(uint64_t budget) const override;
+  // Adds the session's closing record, an OrvexSessionEndFeedback with `reason`, for which room
+  // is always kept.
+  void addSessionEnd(uint32_t reason, uint64_t timestamp);
 
-  // The records as added.
-  std::vector<OrvexFeedback> getSessionFeedbacks() const;
+  // The records as added, the newest whose archives take at most `budget` bytes.
+  std::vector<OrvexFeedback> getSessionFeedbacks(uint64_t budget = UINT64_MAX) const;
   // The records with relative times, processed by `helper`, with the records of what the
   // helper finds missing first.
   std::vector<OrvexFeedback> privacyFilteredFeedbacksWithRelativeTimestamp(
@@ -92,6 +103,9 @@ class ClientSession final : public FeedbackSession,
   bool checkFirstUseOfTheDay(const std::optional<std::string>& key);
   // The time of `feedback` in milliseconds after the session start, 0 for earlier records.
   uint64_t relativeTimestamp(const OrvexFeedback& feedback) const;
+  // Adds `feedback` if it leaves `keepFree` bytes of the file's room.
+  AddResult add(const OrvexFeedback& feedback, uint64_t keepFree);
+  OrvexFeedback sessionEnd(uint32_t reason, uint64_t timestamp) const;
 
   // Fixed at creation.
   const std::string agent_;
@@ -102,9 +116,13 @@ class ClientSession final : public FeedbackSession,
   bool firstUseOfTheDay_ = false;
   PlistDictionary resourceVersions_;
   std::shared_ptr<FileContainer> storageHandle_;
+  uint64_t maxFileSize_ = 0;
+  uint64_t headerBytes_ = 0;  // the file's version and session records
+  uint64_t endReserve_ = 0;   // room kept for the closing record
 
   mutable std::mutex mutex_;
-  std::vector<OrvexFeedback> sessionFeedbacks_;  // guarded by mutex_
+  uint64_t fileBytes_ = 0;               // guarded by mutex_: the file's size once written
+  std::vector<OrvexFeedback> unstored_;  // guarded by mutex_: records without storage
 };
 
 }  // namespace orvex

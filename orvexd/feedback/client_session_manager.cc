@@ -125,7 +125,8 @@ void ClientSessionManager::flushSessionInvalidationWithAgent(
 
 std::vector<OrvexFeedback> ClientSessionManager::currentFeedbacksWithRelativeTimestamp() {
   auto current = session();
-  return current ? current->feedbacksWithRelativeTimestamp() : std::vector<OrvexFeedback>();
+  return current ? current->feedbacksWithRelativeTimestamp(kFeedbackReadBudget)
+                 : std::vector<OrvexFeedback>();
 }
 
 std::shared_ptr<FeedbackSession> ClientSessionManager::session() {
@@ -144,7 +145,7 @@ void ClientSessionManager::_updateState(Event event, const OrvexFeedback* feedba
   switch (event) {
     case Event::kFeedback:
       if (hasOpenSession(currentState_)) {
-        session_->addFeedback(*feedback);
+        _addToSession(*feedback);
       } else {
         _setNewSession(*feedback);
         currentState_ = State::kOpen;
@@ -190,7 +191,7 @@ void ClientSessionManager::_updateState(Event event, const OrvexFeedback* feedba
       break;
     case Event::kEngagementPastSoftLimit:
       if (isPastSoftLimit(currentState_)) {
-        session_->addFeedback(*feedback);
+        _addToSession(*feedback);  // may go to a new session, which it then ends the same way
         _flushSessionWithReason(kOrvexSessionEndEngagementReceived, nullptr);
         sessionLog().info(
             "session flushed because soft limit reached and sentinel feedback received");
@@ -199,6 +200,16 @@ void ClientSessionManager::_updateState(Event event, const OrvexFeedback* feedba
       }
       break;
   }
+}
+
+void ClientSessionManager::_addToSession(const OrvexFeedback& feedback) {
+  sessionQueue_.assertCurrent("_addToSession");
+  if (session_->addFeedback(feedback) != FeedbackSession::AddResult::kFull) return;
+  // The session's file is full: the session ends and the next one goes on with the record.
+  _flushSessionWithReason(kOrvexSessionEndFileSizeLimit, nullptr);
+  sessionLog().info("session flushed because its file reached the size limit %@", identifier_);
+  _setNewSession(feedback);
+  currentState_ = State::kOpen;
 }
 
 void ClientSessionManager::_setNewSession(const OrvexFeedback& feedback) {
@@ -244,11 +255,7 @@ void ClientSessionManager::_flushSessionWithReason(uint32_t reason,
   flushReason_ = reason;
   const uint64_t now = nowNanoseconds(*assembly_.clock);
   session_->enumerateSessions([&](ClientSession& session, bool last) {
-    auto end = std::make_shared<OrvexSessionEndFeedback>();
-    end->timestamp = now;
-    end->reason = reason;
-    session.addFeedback(
-        OrvexFeedback::initWithFeedback(end, 0, session.userGuid(), session.agent()));
+    session.addSessionEnd(reason, now);
     session.sessionComplete();
     if (last && callback) callback();
   });

@@ -9,9 +9,11 @@
 // after the previous one ends it and opens the next session ("session idle", also rotating the
 // GUID). A record under another user GUID than the session's (the GUID rotates on its own
 // every 15 minutes) ends the session and opens the next ("guid changed"). flushSession() ends
-// it on request ("external request"). An ended session gets an OrvexSessionEndFeedback with the
-// reason as its last record and its file is handed to the storage for upload; the next session
-// records that reason as its previous end reason.
+// it on request ("external request"). A session whose file has no room left for the next record
+// ends ("file size limit") and the next session, under the same GUID, begins with that record,
+// so a busy client's records go on into a new file. An ended session gets an
+// OrvexSessionEndFeedback with the reason as its last record and its file is handed to the storage
+// for upload; the next session records that reason as its previous end reason.
 //
 // Records are stamped with the current user GUID; when the bag disables feedback for a record's
 // user agent, the record is dropped.
@@ -56,6 +58,9 @@ class ClientSessionManager final : public SessionManager,
   static constexpr Duration kSoftLimit = std::chrono::seconds(600);
   static constexpr Duration kMaxTimeAfterSoftLimit = std::chrono::seconds(300);
   static constexpr Duration kIdleTime = std::chrono::seconds(180);
+  // currentFeedbacksWithRelativeTimestamp() reads at most the newest records whose archives
+  // take this many bytes, of each client's session.
+  static constexpr uint64_t kFeedbackReadBudget = 16 * 1024 * 1024;
 
   // Must be owned by a shared_ptr before the first record arrives (its timers hold it weakly).
   ClientSessionManager(Assembly& assembly, std::shared_ptr<GUIDController> guidController,
@@ -89,6 +94,8 @@ class ClientSessionManager final : public SessionManager,
   };
 
   void _addOrvexFeedback(OrvexFeedback feedback);
+  // Adds the record to the open session, or to the next one when the session's file is full.
+  void _addToSession(const OrvexFeedback& feedback);
   void _updateState(Event event, const OrvexFeedback* feedback, std::function<void()> callback);
   void _setNewSession(const OrvexFeedback& feedback);
   void _onUserGuidSoftLimitReached();

@@ -8,10 +8,10 @@ namespace orvex {
 ClientSessionShared::ClientSessionShared(Assembly& assembly, const OrvexFeedback& feedback,
                                          uint32_t previousSessionEndReason)
     : FeedbackSession(assembly, feedback, previousSessionEndReason) {
-  addFeedback(feedback);
+  (void)addFeedback(feedback);
 }
 
-void ClientSessionShared::addFeedback(const OrvexFeedback& feedback) {
+FeedbackSession::AddResult ClientSessionShared::addFeedback(const OrvexFeedback& feedback) {
   std::shared_ptr<ClientSession> session;
   {
     std::lock_guard lock(mutex_);
@@ -21,11 +21,11 @@ void ClientSessionShared::addFeedback(const OrvexFeedback& feedback) {
       sessionMap_.emplace(
           feedback.userAgent(),
           ClientSession::initWithAssembly(assembly_, feedback, previousSessionEndReason_));
-      return;
+      return AddResult::kAdded;
     }
     session = found->second;
   }
-  session->addFeedback(feedback);
+  return session->addFeedback(feedback);
 }
 
 void ClientSessionShared::enumerateSessions(const SessionVisitor& visit) {
@@ -37,12 +37,13 @@ void ClientSessionShared::enumerateSessions(const SessionVisitor& visit) {
   for (size_t i = 0; i < sessions.size(); ++i) visit(*sessions[i], i + 1 == sessions.size());
 }
 
-std::vector<OrvexFeedback> ClientSessionShared::feedbacksWithRelativeTimestamp() const {
+std::vector<OrvexFeedback> ClientSessionShared::feedbacksWithRelativeTimestamp(
+    uint64_t budget) const {
   std::vector<OrvexFeedback> all;
   {
     std::lock_guard lock(mutex_);
     for (const auto& [agent, session] : sessionMap_) {
-      auto feedbacks = session->feedbacksWithRelativeTimestamp();
+      auto feedbacks = session->feedbacksWithRelativeTimestamp(budget);
       all.insert(all.end(), feedbacks.begin(), feedbacks.end());
     }
   }

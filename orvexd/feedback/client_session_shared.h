@@ -26,12 +26,13 @@ class ClientSessionShared final : public FeedbackSession {
   ClientSessionShared(Assembly& assembly, const OrvexFeedback& feedback,
                       uint32_t previousSessionEndReason);
 
-  // Adds the record to the session of its user agent, opening that session if needed.
-  void addFeedback(const OrvexFeedback& feedback) override;
+  // Adds the record to the session of its user agent, opening that session if needed. When
+  // that session's file is full, the whole shared session is (kFull).
+  AddResult addFeedback(const OrvexFeedback& feedback) override;
   // In the order of the agents' names.
   void enumerateSessions(const SessionVisitor& visit) override;
   // Every agent's records, ordered by their own timestamps.
-  std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp() const override;
+  std::vector<OrvexFeedback> feedbacksWithRelativeTimestamp(uint64_t budget) const override;
 
  private:
   mutable std::mutex mutex_;

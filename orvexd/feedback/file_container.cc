@@ -5,12 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <system_error>
 #include <utility>
 
 #include "orvexd/base/orvex_logging.h"
+#include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/archived_data_iterator.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/process_transaction.h"
@@ -48,15 +50,45 @@ class MappedFile {
   std::size_t length_ = 0;
 };
 
-// Writes all of `bytes` at the current offset; false (with errno set) on a failure.
-bool writeAll(int fd, std::span<const uint8_t> bytes) {
+// Writes all of `bytes` at `offset`; false (with errno set) on a failure.
+bool writeAllAt(int fd, std::span<const uint8_t> bytes, uint64_t offset) {
   while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    const ssize_t written = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
     if (written < 0) {
       if (errno == EINTR) continue;
       return false;
     }
     bytes = bytes.subspan(static_cast<std::size_t>(written));
+    offset += static_cast<uint64_t>(written);
+  }
+  return true;
+}
+
+// Writes one record, its length and then its archive, at `offset`.
+bool writeRecordAt(int fd, std::span<const uint8_t> archive, uint64_t offset) {
+  const uint64_t length = archive.size();
+  const auto* lengthBytes = reinterpret_cast<const uint8_t*>(&length);
+  return writeAllAt(fd, std::span(lengthBytes, ArchivedDataIterator::kLengthSize), offset) &&
+         writeAllAt(fd, archive, offset + ArchivedDataIterator::kLengthSize);
+}
+
+// Copies the first `length` bytes of `from` to the start of `to`; false (with errno set) on a
+// failure.
+bool copyFile(int from, int to, uint64_t length) {
+  std::vector<uint8_t> buffer(64 * 1024);
+  for (uint64_t offset = 0; offset < length;) {
+    const std::size_t chunk =
+        static_cast<std::size_t>(std::min<uint64_t>(buffer.size(), length - offset));
+    const ssize_t got = ::pread(from, buffer.data(), chunk, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      if (got == 0) errno = EIO;  // shorter than what was written to it
+      return false;
+    }
+    if (!writeAllAt(to, std::span(buffer).first(static_cast<std::size_t>(got)), offset)) {
+      return false;
+    }
+    offset += static_cast<uint64_t>(got);
   }
   return true;
 }
@@ -74,92 +106,155 @@ std::shared_ptr<FileContainer> FileContainer::initWithUrl(std::filesystem::path 
                                                           std::shared_ptr<SerialQueue> queue,
                                                           uint64_t maxFileSize) {
   return std::make_shared<FileContainer>(std::move(fileUrl), std::move(version), std::move(queue),
-                                         maxFileSize, UniqueFd());
+                                         maxFileSize, false, nullptr);
 }
 
-std::shared_ptr<FileContainer> FileContainer::initForWritingWithFileHandle(
-    UniqueFd fileHandle, std::filesystem::path fileUrl, std::string version,
-    std::shared_ptr<SerialQueue> queue, uint64_t maxFileSize) {
+std::shared_ptr<FileContainer> FileContainer::initForWriting(std::filesystem::path fileUrl,
+                                                             std::string version,
+                                                             std::shared_ptr<SerialQueue> queue,
+                                                             uint64_t maxFileSize,
+                                                             std::function<void()> afterWrite) {
   return std::make_shared<FileContainer>(std::move(fileUrl), std::move(version), std::move(queue),
-                                         maxFileSize, std::move(fileHandle));
+                                         maxFileSize, true, std::move(afterWrite));
 }
 
 FileContainer::FileContainer(std::filesystem::path fileUrl, std::string version,
                              std::shared_ptr<SerialQueue> queue, uint64_t maxFileSize,
-                             UniqueFd fileHandle)
+                             bool writable, std::function<void()> afterWrite)
     : fileUrl_(std::move(fileUrl)),
       version_(std::move(version)),
       queue_(std::move(queue)),
       maxFileSize_(maxFileSize),
-      fileHandle_(std::move(fileHandle)) {}
+      afterWrite_(std::move(afterWrite)),
+      writable_(writable) {}
 
-void FileContainer::writeSessionHeader(PlistDictionary session) {
-  queue_->async([self = shared_from_this(), session = std::move(session)] {
-    const auto versionArchive = serializePropertyList(self->version_, PlistFormat::kBinary);
-    if (!self->_archiveObject(versionArchive)) {
-      storageLog().error("Could not write version string");
-      self->_close();
+uint64_t FileContainer::recordSize(uint64_t archiveSize) {
+  return ArchivedDataIterator::kLengthSize + archiveSize;
+}
+
+uint64_t FileContainer::writeSessionHeader(const PlistDictionary& session) {
+  auto versionArchive = serializePropertyList(version_, PlistFormat::kBinary);
+  auto rootArchive = serializePropertyList(session, PlistFormat::kBinary);
+  const uint64_t size = recordSize(versionArchive.size()) + recordSize(rootArchive.size());
+  queue_->async([self = shared_from_this(), versionArchive = std::move(versionArchive),
+                 rootArchive = std::move(rootArchive)]() mutable {
+    if (!self->writable_) return;
+    self->versionArchive_ = std::move(versionArchive);
+    self->rootArchive_ = std::move(rootArchive);
+    if (!self->_ensureFile()) {
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterSessionWriteFailures);
     }
-    // Tried even after a failed version record: the container is closed then and refuses it.
-    const auto rootArchive = serializePropertyList(session, PlistFormat::kBinary);
-    if (!self->_archiveObject(rootArchive)) {
-      storageLog().error("Could not write root object");
-      self->_close();
-    }
+  });
+  return size;
+}
+
+void FileContainer::writeArchive(std::vector<uint8_t> archive) {
+  // An empty archive was not made (its encoder has logged why); a record is never empty.
+  if (archive.empty()) return;
+  queue_->async([self = shared_from_this(), archive = std::move(archive)]() mutable {
+    if (!self->writable_) return;
+    self->pending_.push_back(std::move(archive));
+    (void)self->_drain();
+    if (self->afterWrite_) self->afterWrite_();
   });
 }
 
-void FileContainer::writeFeedback(const OrvexFeedback& feedback, WriteDone done) {
-  queue_->async([self = shared_from_this(), feedback, done = std::move(done)] {
-    if (!self->fileHandle_) return;
-    (void)self->_archiveObject(feedback.archiveData());
-    if (done) done();
-  });
+bool FileContainer::_drain() {
+  queue_->assertCurrent("FileContainer::_drain");
+  if (pending_.empty()) return true;
+  if (_ensureFile()) {
+    while (!pending_.empty() && _appendRecord(pending_.front())) pending_.pop_front();
+    if (pending_.empty()) return true;
+  }
+  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterSessionWriteFailures);
+  return false;
 }
 
-bool FileContainer::_archiveObject(std::span<const uint8_t> archive) {
-  queue_->assertCurrent("FileContainer::_archiveObject");
-  if (!fileHandle_) return false;
-  // An empty archive was not written (its encoder has logged why); a record is never empty.
-  if (archive.empty()) return false;
-  ProcessTransaction transaction("archiveObject");
-
-  const int fd = fileHandle_.get();
-  const off_t end = ::lseek(fd, 0, SEEK_END);
-  if (end < 0) {
-    storageLog().error("Could not seek in %@: %@", fileUrl_.string(), errnoText(errno));
-    _close();
+bool FileContainer::_ensureFile() {
+  queue_->assertCurrent("FileContainer::_ensureFile");
+  const OrvexLog& log = storageLog();
+  if (fileHandle_) {
+    struct stat attributes {};
+    if (::fstat(fileHandle_.get(), &attributes) == 0 && attributes.st_nlink > 0) return true;
+    log.error("session file %@ was removed, making it again", fileUrl_.string());
+  }
+  if (fileUrl_.empty()) return false;
+  // The directory may have gone with the file (caches cleared); a failure shows at the open.
+  (void)::mkdir(fileUrl_.parent_path().c_str(), 0700);
+  // Never over an existing file: that would lose a session still waiting for upload.
+  UniqueFd created(::open(fileUrl_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!created) {
+    log.error("Could not create %@: %@", fileUrl_.string(), errnoText(errno));
     return false;
   }
-  const uint64_t position = static_cast<uint64_t>(end);
-  const uint64_t recordSize = ArchivedDataIterator::kLengthSize + archive.size();
-  if (position + recordSize >= maxFileSize_) {
+  // The mode exactly, whatever the umask.
+  (void)::fchmod(created.get(), 0600);
+  // A half-made file goes again, so that the next try starts it afresh.
+  const auto fail = [&](std::string_view what) {
+    const int error = errno;
+    (void)::unlink(fileUrl_.c_str());
+    if (!what.empty()) log.error(what);
+    log.error("Could not write to %@: %@", fileUrl_.string(), errnoText(error));
+    return false;
+  };
+  if (fileHandle_) {
+    // The removed file is still readable through the old handle: what it held comes first.
+    if (!copyFile(fileHandle_.get(), created.get(), writtenBytes_)) return fail({});
+  } else {
+    writtenBytes_ = 0;
+    if (!versionArchive_.empty() && !writeRecordAt(created.get(), versionArchive_, 0)) {
+      return fail("Could not write version string");
+    }
+    const uint64_t rootAt = versionArchive_.empty() ? 0 : recordSize(versionArchive_.size());
+    if (!rootArchive_.empty() && !writeRecordAt(created.get(), rootArchive_, rootAt)) {
+      return fail("Could not write root object");
+    }
+    writtenBytes_ = rootAt + (rootArchive_.empty() ? 0 : recordSize(rootArchive_.size()));
+  }
+  fileHandle_ = std::move(created);
+  return true;
+}
+
+bool FileContainer::_appendRecord(std::span<const uint8_t> archive) {
+  queue_->assertCurrent("FileContainer::_appendRecord");
+  const uint64_t size = recordSize(archive.size());
+  if (writtenBytes_ + size >= maxFileSize_) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterFileSizeExceeded);
+    OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterRecordsDropped);
     storageLog().error("bytes written (%llu) + feedback (%lu) exceeds max session size (%lu)",
-                       position, recordSize, maxFileSize_);
-    _close();
-    return false;
+                       writtenBytes_, size, maxFileSize_);
+    return true;  // the record is gone, not waiting
   }
-
-  // One write of the whole record, so that it reaches the file in one piece or not at all as
-  // far as the writer can help it.
-  const uint64_t length = archive.size();
-  const auto* lengthBytes = reinterpret_cast<const uint8_t*>(&length);
-  std::vector<uint8_t> record;
-  record.reserve(recordSize);
-  record.insert(record.end(), lengthBytes, lengthBytes + ArchivedDataIterator::kLengthSize);
-  record.insert(record.end(), archive.begin(), archive.end());
-  if (!writeAll(fd, record)) {
+  ProcessTransaction transaction("archiveObject");
+  const int fd = fileHandle_.get();
+  if (!writeRecordAt(fd, archive, writtenBytes_)) {
     const int error = errno;
     // Cut off what part of the record got there, so later readers find a clean end.
-    if (::ftruncate(fd, end) != 0) {
+    if (::ftruncate(fd, static_cast<off_t>(writtenBytes_)) != 0) {
       storageLog().error("Could not cut off a partial record in %@", fileUrl_.string());
     }
     storageLog().error("Could not write to %@: %@", fileUrl_.string(), errnoText(error));
-    _close();
     return false;
   }
+  writtenBytes_ += size;
   return true;
+}
+
+bool FileContainer::_finish() {
+  queue_->assertCurrent("FileContainer::_finish");
+  writable_ = false;
+  if (!_drain()) return false;
+  _close();
+  return true;
+}
+
+size_t FileContainer::_abandon() {
+  queue_->assertCurrent("FileContainer::_abandon");
+  writable_ = false;
+  const size_t abandoned = pending_.size();
+  pending_.clear();
+  _close();
+  return abandoned;
 }
 
 void FileContainer::close() {
@@ -168,6 +263,7 @@ void FileContainer::close() {
 
 void FileContainer::_close() {
   queue_->assertCurrent("FileContainer::_close");
+  writable_ = false;
   if (!fileHandle_) return;
   // A finished file goes to the disk before anyone is told it is complete.
   if (::fdatasync(fileHandle_.get()) != 0 && errno != EINVAL && errno != EBADF) {
@@ -184,13 +280,73 @@ std::optional<StoredSession> FileContainer::read() {
   return std::move(*result);
 }
 
+std::vector<OrvexFeedback> FileContainer::readRecords(uint64_t budget) {
+  auto result = queue_->syncResult([this, budget] { return _readRecords(budget); });
+  return result ? std::move(*result) : std::vector<OrvexFeedback>();
+}
+
+std::vector<OrvexFeedback> FileContainer::_readRecords(uint64_t budget) {
+  queue_->assertCurrent("FileContainer::_readRecords");
+  const OrvexLog& log = storageLog();
+  // While the file is written its handle reads it, even when its name has gone; afterwards its
+  // path does.
+  UniqueFd reading;
+  int fd = fileHandle_.get();
+  uint64_t length = writtenBytes_;
+  if (!fileHandle_ && !fileUrl_.empty()) {
+    reading = UniqueFd(::open(fileUrl_.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat attributes {};
+    fd = reading.get();
+    length =
+        reading && ::fstat(fd, &attributes) == 0 ? static_cast<uint64_t>(attributes.st_size) : 0;
+  }
+  MappedFile mapping;
+  if (length > maxFileSize_) {
+    log.error("Session too big to process");
+    length = 0;
+  }
+  if (length > 0) {
+    if (const int error = mapping.map(fd, static_cast<std::size_t>(length)); error != 0) {
+      log.error("mmap: %@", errnoText(error));
+    }
+  }
+
+  // The archives in order: the file's after its version and session records, then those that
+  // wait. Only the newest within the budget are decoded.
+  std::vector<std::span<const uint8_t>> archives;
+  ArchivedDataIterator iterator(mapping.bytes());
+  for (int leading = 0; iterator.hasMore(); ++leading) {
+    const auto archive = iterator.nextArchive();
+    if (!archive) break;
+    if (leading >= 2) archives.push_back(*archive);
+  }
+  for (const auto& archive : pending_) archives.emplace_back(archive);
+  size_t first = archives.size();
+  for (uint64_t used = 0; first > 0 && used + archives[first - 1].size() <= budget; --first) {
+    used += archives[first - 1].size();
+  }
+  std::vector<OrvexFeedback> records;
+  records.reserve(archives.size() - first);
+  for (size_t i = first; i < archives.size(); ++i) {
+    const auto form = parsePropertyList(archives[i]);
+    if (!form) continue;  // the parser has logged why
+    auto feedback = OrvexFeedback::fromArchiveForm(*form);
+    if (!feedback) {
+      log.error("orvex feedback expected");
+      continue;
+    }
+    records.push_back(std::move(feedback).value());
+  }
+  return records;
+}
+
 std::optional<StoredSession> FileContainer::_unarchiveObject() {
   queue_->assertCurrent("FileContainer::_unarchiveObject");
   const OrvexLog& log = storageLog();
   log.info("reading file url %@", fileUrl_.string());
   if (fileHandle_) {
     log.info("file is already open closing it %@", fileUrl_.string());
-    _close();
+    _close();  // and nothing more is written to it
   }
   if (fileUrl_.empty()) {
     log.error("No file url available");

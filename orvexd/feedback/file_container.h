@@ -8,18 +8,29 @@
 // append is cut off again, so whatever ends the file, every whole record before the end stays
 // readable.
 //
-// A container never grows its file to `maxFileSize` or beyond: the append that would reach the
-// limit is refused, counted ("com.zelmor.orvexd.filesizeexceeded") and closes the file, and the
-// container writes nothing after that. A file larger than the limit is not read at all; one of
-// exactly the limit is.
+// A container never grows its file to `maxFileSize` or beyond: a record that would reach the
+// limit is refused, counted ("com.zelmor.orvexd.filesizeexceeded" and
+// "com.zelmor.orvexd.records.dropped") and logged, and the records after it are still written.
+// Sessions measure their records before they hand them over and go on in a new file instead, so
+// they never meet this. A file larger than the limit is not read at all; one of exactly the
+// limit is.
 //
-// Threading: all file work runs on the storage's serial queue `queue`, which owns `fileHandle`.
-// writeSessionHeader(), writeFeedback() and close() post to it and return at once; read() runs
-// on it synchronously and so must not be called from it. Posted work holds the container, so a
-// caller may drop its reference right after a write.
+// Writing never gives up on a record. The file is made with the first write, not before. Records
+// are queued in memory and written in order; a write that fails (full disk, missing or read-only
+// directory) is cut off again, counted ("com.zelmor.orvexd.session.writefailures") and tried
+// again, with everything queued after it, the next time a record is written. A file whose name
+// has gone (the directory was removed or replaced) is made again at its place, with what the old
+// one held copied over from the handle still open on it. Once the session is finished, the file
+// is closed as soon as nothing waits to be written.
+//
+// Threading: all file work runs on the storage's serial queue `queue`, which owns every field
+// below it. writeSessionHeader(), writeFeedback() and close() post to it and return at once;
+// read() and readRecords() run on it synchronously and so must not be called from it. Posted work
+// holds the container, so a caller may drop its reference right after a write.
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -44,8 +55,6 @@ struct StoredSession {
 
 class FileContainer : public std::enable_shared_from_this<FileContainer> {
  public:
-  using WriteDone = std::function<void()>;
-
   static constexpr std::string_view kClientSessionClassName = "ClientSession";
 
   // A container for a file that is only read (a finished session).
@@ -53,44 +62,73 @@ class FileContainer : public std::enable_shared_from_this<FileContainer> {
                                                     std::string version,
                                                     std::shared_ptr<SerialQueue> queue,
                                                     uint64_t maxFileSize);
-  // A container for a new file, open for writing through `fileHandle`.
-  static std::shared_ptr<FileContainer> initForWritingWithFileHandle(
-      UniqueFd fileHandle, std::filesystem::path fileUrl, std::string version,
-      std::shared_ptr<SerialQueue> queue, uint64_t maxFileSize);
+  // A container for a new file at `fileUrl`, made with the first write. `afterWrite` runs on the
+  // queue after each record has been handled (the storage retries other files then).
+  static std::shared_ptr<FileContainer> initForWriting(std::filesystem::path fileUrl,
+                                                       std::string version,
+                                                       std::shared_ptr<SerialQueue> queue,
+                                                       uint64_t maxFileSize,
+                                                       std::function<void()> afterWrite = nullptr);
 
   FileContainer(std::filesystem::path fileUrl, std::string version,
-                std::shared_ptr<SerialQueue> queue, uint64_t maxFileSize, UniqueFd fileHandle);
+                std::shared_ptr<SerialQueue> queue, uint64_t maxFileSize, bool writable,
+                std::function<void()> afterWrite);
   FileContainer(const FileContainer&) = delete;
   FileContainer& operator=(const FileContainer&) = delete;
 
   const std::filesystem::path& fileUrl() const { return fileUrl_; }
   const std::string& version() const { return version_; }
   uint64_t maxFileSize() const { return maxFileSize_; }
+  // The bytes a record of `archiveSize` bytes takes in a file.
+  static uint64_t recordSize(uint64_t archiveSize);
 
-  // Appends the version record and then `session` (its archive form) as the root record.
-  void writeSessionHeader(PlistDictionary session);
-  // Appends one record if the file is open, then calls `done` (also when the append was refused
-  // for size), on the queue. Nothing is called when the file was closed already.
-  void writeFeedback(const OrvexFeedback& feedback, WriteDone done = nullptr);
+  // Makes the file with the version record and then `session` (its archive form) as the root
+  // record. Returns the bytes the two take in the file.
+  uint64_t writeSessionHeader(const PlistDictionary& session);
+  // Appends one record (an OrvexFeedback archive) after those written before it. Nothing is
+  // written once the container has been closed.
+  void writeArchive(std::vector<uint8_t> archive);
+  void writeFeedback(const OrvexFeedback& feedback) { writeArchive(feedback.archiveData()); }
   // The session read back with every record that could be read, or nothing when the file is
   // missing, too large, of another version or without its two leading records. A file still
   // open for writing is closed first. Must not be called on the queue.
   std::optional<StoredSession> read();
+  // The records of the file as far as it has been written, and those still waiting to be
+  // written, in order: the newest whose archives take at most `budget` bytes together. The file
+  // stays open for writing. Must not be called on the queue.
+  std::vector<OrvexFeedback> readRecords(uint64_t budget);
   // Flushes and closes the file if it is open.
   void close();
 
-  // The same, for callers already on the queue.
+  // For the storage, on the queue. _finish() ends the writing: the waiting records are written
+  // and the file closed; false while some could not be written (call it again later).
+  bool _finish();
+  // Gives up on the records still waiting and closes the file; returns how many there were.
+  size_t _abandon();
   void _close();
 
  private:
-  bool _archiveObject(std::span<const uint8_t> archive);
+  // Writes what waits; false when a write failed (and was counted).
+  bool _drain();
+  // An open file at fileUrl_, made (again) when needed; false when that failed.
+  bool _ensureFile();
+  // Writes one record at the end of the file; false when the write failed and was cut off.
+  bool _appendRecord(std::span<const uint8_t> archive);
   std::optional<StoredSession> _unarchiveObject();
+  std::vector<OrvexFeedback> _readRecords(uint64_t budget);
 
   const std::filesystem::path fileUrl_;
   const std::string version_;
   const std::shared_ptr<SerialQueue> queue_;
   const uint64_t maxFileSize_;
-  UniqueFd fileHandle_;  // owned by queue_
+  const std::function<void()> afterWrite_;
+  // Owned by queue_.
+  UniqueFd fileHandle_;
+  bool writable_;                             // records are still taken
+  std::vector<uint8_t> versionArchive_;       // what a new file starts with
+  std::vector<uint8_t> rootArchive_;          //
+  uint64_t writtenBytes_ = 0;                 // whole records in the file
+  std::deque<std::vector<uint8_t>> pending_;  // records not written yet, in order
 };
 
 }  // namespace orvex

@@ -1,7 +1,5 @@
 #include "orvexd/feedback/persistent_storage.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,8 +22,6 @@ namespace orvex {
 namespace {
 
 const OrvexLog& storageLog() { return OrvexLogForCategory(kOrvexLogFeedbackStorage); }
-
-std::string errnoText(int error) { return std::generic_category().message(error); }
 
 }  // namespace
 
@@ -93,20 +89,7 @@ void OrvexPersistentStorage::_scanDirectory() {
 std::filesystem::path OrvexPersistentStorage::_newFileUrl() {
   if (cachesUrl_.empty()) return {};
   const int32_t handle = handleId_.fetch_add(1);
-  std::filesystem::path fileUrl =
-      cachesUrl_ / (std::string(kFileNamePrefix) + std::to_string(handle));
-  // On a first start, or after the user cleared the caches, the directory is not there yet. An
-  // error shows when the file is created.
-  (void)assembly_.fileManager->ensureDirectory(cachesUrl_, 0700);
-  // Never over an existing file: that would lose a session still waiting for upload.
-  UniqueFd created(::open(fileUrl.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (!created) {
-    storageLog().error("Could not create %@: %@", fileUrl.string(), errnoText(errno));
-    return {};
-  }
-  // The mode exactly, whatever the umask.
-  (void)::fchmod(created.get(), 0600);
-  return fileUrl;
+  return cachesUrl_ / (std::string(kFileNamePrefix) + std::to_string(handle));
 }
 
 std::shared_ptr<FileContainer> OrvexPersistentStorage::createFileContainerForWriting() {
@@ -117,13 +100,13 @@ std::shared_ptr<FileContainer> OrvexPersistentStorage::createFileContainerForWri
     return nullptr;
   }
   log.info("new file url %@", fileUrl.string());
-  UniqueFd fileHandle(::open(fileUrl.c_str(), O_WRONLY | O_CLOEXEC));
-  if (!fileHandle) {
-    log.error("Could not open file for writing %@", fileUrl.string());
-    return nullptr;
-  }
-  return FileContainer::initForWritingWithFileHandle(std::move(fileHandle), std::move(fileUrl),
-                                                     version_, queue_, maxFileSize_);
+  // On a first start, or after the user cleared the caches, the directory is not there yet. The
+  // container makes the file with its first write, and again after any failure.
+  (void)assembly_.fileManager->ensureDirectory(cachesUrl_, 0700);
+  return FileContainer::initForWriting(std::move(fileUrl), version_, queue_, maxFileSize_,
+                                       [weakSelf = weak_from_this()] {
+                                         if (auto self = weakSelf.lock()) self->_retryUnfinished();
+                                       });
 }
 
 std::vector<std::shared_ptr<FileContainer>> OrvexPersistentStorage::getAvailableSessionHandles() {
@@ -140,9 +123,36 @@ void OrvexPersistentStorage::closeSessionWithFileContainer(
     std::shared_ptr<FileContainer> container) {
   if (!container) return;
   queue_->async([weakSelf = weak_from_this(), container = std::move(container)] {
-    container->_close();
-    if (auto self = weakSelf.lock()) self->fileContainers_.push_back(container);
+    auto self = weakSelf.lock();
+    if (!self) {
+      container->_close();
+      return;
+    }
+    if (container->_finish()) {
+      self->fileContainers_.push_back(container);
+      return;
+    }
+    self->unfinished_.push_back(container);
+    if (self->unfinished_.size() <= kMaxUnfinishedSessions) return;
+    // Writes have failed for a long time: the oldest session waits no longer.
+    const auto oldest = self->unfinished_.front();
+    self->unfinished_.erase(self->unfinished_.begin());
+    const size_t dropped = oldest->_abandon();
+    OrvexDiagnosticDataReporter::addValueForScalarKey(static_cast<int64_t>(dropped),
+                                                      kORVCounterRecordsDropped);
+    storageLog().error("gave up writing %lu records to %@", static_cast<unsigned long>(dropped),
+                       oldest->fileUrl().string());
+    self->fileContainers_.push_back(oldest);
   });
+}
+
+void OrvexPersistentStorage::_retryUnfinished() {
+  queue_->assertCurrent("OrvexPersistentStorage::_retryUnfinished");
+  // Oldest first, so that files are listed in the order their sessions ended.
+  while (!unfinished_.empty() && unfinished_.front()->_finish()) {
+    fileContainers_.push_back(unfinished_.front());
+    unfinished_.erase(unfinished_.begin());
+  }
 }
 
 void OrvexPersistentStorage::deleteSessionWithFileContainer(

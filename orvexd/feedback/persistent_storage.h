@@ -9,6 +9,13 @@
 // its file exists. A session's file is listed only once the session closes it, so the uploader
 // never reads a file that is still being written.
 //
+// Writing never gives up on a record while the daemon runs: a finished session whose file could
+// not take all its records (full disk, missing directory) stays with the storage, and its
+// records are tried again whenever any session file is written to; it is listed once they are
+// all in. At most kMaxUnfinishedSessions wait like that: beyond them the oldest one's waiting
+// records are given up, counted ("com.zelmor.orvexd.records.dropped"), and it is listed with
+// what its file holds.
+//
 // Threading: the storage's serial queue "com.zelmor.orvexd.persistentStorageQueue" owns
 // `fileContainers` and every container's file. getAvailableSessionHandles() runs on it
 // synchronously (not to be called from it); closing and deleting are posted to it. Names are
@@ -38,6 +45,7 @@ class OrvexPersistentStorage final : public PersistentStorage,
   static constexpr uint64_t kDefaultMaxFileSize = 4194304;  // 4 MiB
   static constexpr double kDefaultMaxFileAge = 172800;      // 48 hours, in seconds
   static constexpr std::string_view kFileNamePrefix = "session.";
+  static constexpr size_t kMaxUnfinishedSessions = 2;
 
   // Reads the limits, resolves the directory and scans it; files are written with `version` as
   // their first record, and only files that start with it are read back.
@@ -58,6 +66,8 @@ class OrvexPersistentStorage final : public PersistentStorage,
   std::filesystem::path _newFileUrl();
   void _scanDirectory();
   void _deleteSessionFile(const std::filesystem::path& fileUrl);
+  // Writes what finished sessions still hold; lists those that are complete now.
+  void _retryUnfinished();
 
   Assembly& assembly_;
   const std::shared_ptr<SerialQueue> queue_;  // "com.zelmor.orvexd.persistentStorageQueue"
@@ -68,6 +78,7 @@ class OrvexPersistentStorage final : public PersistentStorage,
   double maxFileAge_ = kDefaultMaxFileAge;
   // Owned by queue_ (filled by the constructor before any other use).
   std::vector<std::shared_ptr<FileContainer>> fileContainers_;
+  std::vector<std::shared_ptr<FileContainer>> unfinished_;  // finished, records still unwritten
   std::atomic<int32_t> handleId_{0};
 };
 

@@ -125,9 +125,9 @@ inline constexpr std::array<NBFeedbackType, 4> kCustomFeedbackTypes = {
     NBFeedbackType::kCustomGlanceResultFeatures,
 };
 
-inline constexpr std::array<std::string_view, 7> kSessionEndReasons = {
+inline constexpr std::array<std::string_view, 8> kSessionEndReasons = {
     "no previous session", "external request", "session idle",        "max session time passed",
-    "guid changed",        "critical memory",  "engagement received",
+    "guid changed",        "critical memory",  "engagement received", "file size limit",
 };
 
 inline constexpr std::array<std::string_view, 27> kSearchViewAppearEvents = {

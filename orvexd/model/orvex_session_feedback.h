@@ -22,6 +22,7 @@ enum OrvexSessionEndReason : uint32_t {
   kOrvexSessionEndGuidChanged = 4,
   kOrvexSessionEndCriticalMemory = 5,
   kOrvexSessionEndEngagementReceived = 6,
+  kOrvexSessionEndFileSizeLimit = 7,  // its file reached the size limit; the next one goes on
 };
 
 // The last record of a session that was ended by the daemon.

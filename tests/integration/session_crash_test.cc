@@ -1,6 +1,8 @@
 // Session files through the real daemon: records it has reported back survive a SIGKILL at any
 // moment, whatever reaches the disk reads back intact and in order, a file cut inside a record
 // reads back to its last whole record, and new files are numbered after the ones that survive.
+// A session that fills its file goes on in the next one, a write that fails is made later, and
+// Feedback answers with what fits in its reply.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -98,12 +100,10 @@ NBStartSearchFeedback searchStart(const std::string& input) {
   return record;
 }
 
-// The inputs of the test's records among what the daemon answers Feedback with, in its order.
-std::vector<std::string> reportedInputs(OrvexClient& client) {
-  auto answer = client.feedback();
-  if (!answer) return {};
+// The inputs of the test's records in a Feedback answer, in its order.
+std::vector<std::string> inputsIn(const std::string& answer) {
   std::vector<std::string> inputs;
-  for (const auto& record : nlohmann::json::parse(answer.value())) {
+  for (const auto& record : nlohmann::json::parse(answer)) {
     const auto input = record.find("input");
     if (input != record.end() && input->is_string() &&
         input->get<std::string>().starts_with(kInputPrefix)) {
@@ -111,6 +111,10 @@ std::vector<std::string> reportedInputs(OrvexClient& client) {
     }
   }
   return inputs;
+}
+std::vector<std::string> reportedInputs(OrvexClient& client) {
+  auto answer = client.feedback();
+  return answer ? inputsIn(answer.value()) : std::vector<std::string>();
 }
 
 // Streams records in batches, each batch followed by a Feedback round trip, and kills the
@@ -302,6 +306,120 @@ TEST(SessionCrashTest, FileCutInsideARecordReadsBackItsWholeRecords) {
   }
   ASSERT_TRUE(after);
   EXPECT_EQ(*after, std::vector<std::string>{"crash-after"});
+}
+
+// The records sent, once each and in order, across every file in the directory, and the end
+// reasons of those files' sessions.
+struct Collected {
+  std::vector<std::string> inputs;
+  std::vector<std::string> endReasons;
+};
+Collected collect(SessionReader& reader, const fs::path& directory) {
+  Collected collected;
+  for (const fs::path& file : sessionFiles(directory)) {
+    auto stored = reader.read(file);
+    if (!stored) continue;
+    for (const auto& feedback : stored->feedbacks) {
+      const auto* start = dynamic_cast<const NBStartSearchFeedback*>(feedback.feedback().get());
+      if (start != nullptr && start->input && start->input->starts_with(kInputPrefix)) {
+        collected.inputs.push_back(*start->input);
+      }
+      if (feedback.type() == NBFeedbackType::kSessionEnd) {
+        collected.endReasons.push_back(feedback.dictionary().toJson().value("reason", ""));
+      }
+    }
+  }
+  return collected;
+}
+
+std::vector<std::string> numbered(std::string_view stem, int from, int to) {
+  std::vector<std::string> inputs;
+  for (int i = from; i < to; ++i) inputs.push_back(std::string(stem) + std::to_string(i));
+  return inputs;
+}
+
+// 30 000 records are more than one 4 MiB file holds: each full file ends its session with
+// "file size limit", the next session goes on, and every record is in a file once, in order.
+TEST(SessionCrashTest, EveryRecordOfABusyClientReachesAFile) {
+  testing::DaemonHarness harness(kBag);
+  harness.logLevel = "error";
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+  const auto sent = numbered("crash-", 0, 30000);
+  for (const auto& input : sent)
+    ASSERT_TRUE(client->reportEvent("searchStarted", 0, searchStart(input)));
+  const auto reported = reportedInputs(*client);  // the open session's records only
+  ASSERT_FALSE(reported.empty());
+  EXPECT_EQ(reported.back(), sent.back());
+  EXPECT_GT(harness.counter(kORVCounterFileSizeExceeded), 0);
+  ASSERT_EQ(harness.stop(), 0);
+
+  SessionReader reader;
+  const auto collected = collect(reader, sessionDirectory(harness));
+  EXPECT_EQ(collected.inputs, sent);
+  ASSERT_GE(collected.endReasons.size(), 2u);
+  EXPECT_EQ(collected.endReasons[0], "file size limit");
+}
+
+// The session directory is removed and a plain file put in its place: the open session's file
+// is gone and cannot be made again, so writes fail and are counted while Feedback still has
+// every record. Once the directory is back, the next record brings the file back with all of
+// them, without a restart.
+TEST(SessionCrashTest, AFailedWriteIsMadeOnceTheDirectoryIsBack) {
+  testing::DaemonHarness harness(kBag);
+  const fs::path directory = sessionDirectory(harness);
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+  const auto send = [&](const std::vector<std::string>& inputs) {
+    for (const auto& input : inputs) {
+      ASSERT_TRUE(client->reportEvent("searchStarted", 0, searchStart(input)));
+    }
+  };
+  auto expected = numbered("crash-before-", 0, 5);
+  send(expected);
+  ASSERT_EQ(reportedInputs(*client), expected);
+
+  fs::remove_all(directory);
+  testing::writeBytes(directory, std::vector<uint8_t>{1});
+  const auto failing = numbered("crash-failing-", 0, 5);
+  send(failing);
+  expected.insert(expected.end(), failing.begin(), failing.end());
+  EXPECT_EQ(reportedInputs(*client), expected);
+  EXPECT_GE(harness.counter(kORVCounterSessionWriteFailures), 5);
+
+  fs::remove(directory);
+  fs::create_directory(directory);
+  send({"crash-after"});
+  expected.push_back("crash-after");
+  EXPECT_EQ(reportedInputs(*client), expected);
+  ASSERT_EQ(harness.stop(), 0);
+  SessionReader reader;
+  EXPECT_EQ(collect(reader, directory).inputs, expected);
+  EXPECT_TRUE(harness.daemonLog().find("was removed, making it again") != std::string::npos);
+}
+
+// A session larger than the bus carries in one reply: Feedback answers with the newest records
+// that fit in 16 MiB, in their order.
+TEST(SessionCrashTest, FeedbackAnswersWithTheNewestRecordsThatFit) {
+  testing::DaemonHarness harness(
+      kBag, {{"ORVMaxRecordBytes", int64_t{8} << 20}, {"ORVSessionSizeLimit", int64_t{64} << 20}});
+  harness.logLevel = "error";
+  harness.start();
+  auto client = harness.client();
+  ASSERT_TRUE(client->configure(kGlance));
+  // Five records of 7 MiB: 35 MiB, more than a 32 MiB reply.
+  for (int i = 0; i < 5; ++i) {
+    const std::string input = "crash-" + std::to_string(i) + std::string(size_t{7} << 20, 'x');
+    ASSERT_TRUE(client->reportEvent("searchStarted", 0, searchStart(input)));
+  }
+  auto answer = client->feedback();
+  ASSERT_TRUE(answer);
+  EXPECT_LE(answer.value().size(), size_t{16} << 20);
+  const auto inputs = inputsIn(answer.value());
+  ASSERT_EQ(inputs.size(), 2u);
+  EXPECT_TRUE(inputs[0].starts_with("crash-3") && inputs[1].starts_with("crash-4"));
 }
 
 }  // namespace

@@ -85,7 +85,7 @@ TEST_F(SessionTest, PrivacyFilteringHidesLocalIdentifiersAndReportsWhatWasNeverE
   const auto& engaged = dynamic_cast<const NBResultEngagementFeedback&>(*filtered[4].feedback());
   EXPECT_EQ(engaged.result->identifier, "local-1");  // the same document, the same pseudonym
   // The session's own records are untouched.
-  EXPECT_EQ(session->getSessionFeedbacks()[0].feedback(), visible);
+  EXPECT_EQ(session->getSessionFeedbacks()[0].archiveData(), wrap(visible).archiveData());
 
   const auto upload = session->getFeedbacksToSend();
   EXPECT_EQ(upload["fb"].size(), 5u);
