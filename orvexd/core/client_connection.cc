@@ -88,11 +88,6 @@ std::shared_ptr<ClientState> ClientConnection::state() const {
   return state_;
 }
 
-bool ClientConnection::answersWithoutWaiting() const {
-  auto state = this->state();
-  return state && state->bag() != nullptr;
-}
-
 void ClientConnection::dropRequest() { ensureState(); }
 
 void ClientConnection::ensureState() {

@@ -7,10 +7,10 @@
 // keeps a search from being answered after a newer one was accepted, and routes the client's
 // feedback into its session.
 //
-// Threading: the service runs every call of one client on that client's queue (callQueue(), so
-// its feedback keeps its order), except queries: they run side by side on the call pool (a
-// search waiting for the first bag must not hold up a newer one), or at once on the bus thread
-// when nothing can make them wait. Replies are callbacks, which may run on any thread.
+// Threading: the service runs every call of one client, queries included, on that client's queue
+// (callQueue()), in the order the bus delivered them. A query is only started there: waiting for
+// the bag or the back-end holds no thread, so a newer search is not held up by an older one.
+// Replies are callbacks, which may run on any thread.
 // currentQueryId_ is atomic and only grows; configuration_ and state_ are atomic properties
 // guarded by mutex_.
 #pragma once
@@ -78,12 +78,8 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
 
   const ClientPeer& peer() const { return peer_; }
   const SerialQueue& callQueue() const { return callQueue_; }
-  WorkerPool& callPool() const { return callPool_; }
   std::optional<ORVSessionConfiguration> configuration() const;
   std::shared_ptr<ClientState> state() const;
-  // Whether a query can be handled without waiting for anything: the connection is bound and
-  // its state holds a bag (so no bag fetch can block it).
-  bool answersWithoutWaiting() const;
 
   // The client's calls.
   void configure(ORVSessionConfiguration configuration, ConfigureReply reply);

@@ -282,7 +282,11 @@ void OrvexService::exportDaemonInterface() {
   auto* object = object_.get();
   BusConnection& bus = bus_;
 
-  // Finds (or accepts) the caller's connection and runs `job` with it on the client's queue.
+  // Finds (or accepts) the caller's connection and runs `job` with it on the client's queue, so
+  // that one client's calls are handled in the order it sent them (a Request right behind its
+  // Configure finds the client configured). Queries are only started there: nothing on that
+  // queue waits for a bag or an answer, so their replies still come in parallel, and a slow step
+  // of one client never holds up the bus thread or another client.
   auto dispatch = [weakSelf, object](auto job) {
     auto self = weakSelf.lock();
     if (!self) return;
@@ -292,23 +296,6 @@ void OrvexService::exportDaemonInterface() {
       runBusHandler("client call", [&] { job(*connection); });
     });
   };
-  // Queries run side by side on the call pool, or here on the bus thread when nothing can make
-  // them wait (ClientConnection::answersWithoutWaiting): a search answered from the cache then
-  // costs no thread hop at all.
-  auto dispatchQuery = [weakSelf, object](auto job) {
-    auto self = weakSelf.lock();
-    if (!self) return;
-    const auto* message = object->getCurrentlyProcessedMessage();
-    auto connection = self->connectionForCall(static_cast<const sdbus::MethodCall&>(*message));
-    if (connection->answersWithoutWaiting()) {
-      runBusHandler("client query", [&] { job(*connection); });
-      return;
-    }
-    connection->callPool().post([connection, job = std::move(job)]() mutable {
-      runBusHandler("client query", [&] { job(*connection); });
-    });
-  };
-
   object_->registerMethod("Configure")
       .onInterface(kOrvexDaemonInterface)
       .withInputParamNames("configuration")
@@ -359,8 +346,7 @@ void OrvexService::exportDaemonInterface() {
   // call a front-end makes on every keystroke.
   object_->registerMethod(
       kOrvexDaemonInterface, "Request", "a{sv}", {"request"}, "xa{sv}a{sv}",
-      {"query_id", "reply", "error"},
-      [dispatch, dispatchQuery, &bus, limits = limits_](sdbus::MethodCall call) {
+      {"query_id", "reply", "error"}, [dispatch, &bus, limits = limits_](sdbus::MethodCall call) {
         runBusHandler("Request", [&] {
           auto parsed = dbus::readRequest(call);
           BusCall reply(bus, std::move(call));
@@ -377,7 +363,7 @@ void OrvexService::exportDaemonInterface() {
             dispatch([](ClientConnection& c) { c.dropRequest(); });
             return;
           }
-          dispatchQuery([reply, request = std::move(*parsed.request)](ClientConnection& c) {
+          dispatch([reply, request = std::move(*parsed.request)](ClientConnection& c) {
             c.request(request, [reply](int64_t queryId, std::optional<ORVReply> answer,
                                        std::optional<OrvexError> error) {
               reply.sendWith(

@@ -176,6 +176,23 @@ TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClient
 TEST(ClientConnectionTest, ASearchThatIsNotNewerIsAnsweredEmptyWithoutReachingTheState) {
   testing::DaemonHarness harness(kBag);
   harness.start();
+  // A Request sent right behind Configure, without waiting for its reply, is handled after it.
+  {
+    auto connection = harness.bus().connect();
+    auto proxy = sdbus::createProxy(*connection, "com.zelmor.orvexd", "/com/zelmor/orvexd");
+    proxy->callMethodAsync("Configure")
+        .onInterface("com.zelmor.orvexd.Daemon")
+        .withArguments(dbus::toDBus(kGlance))
+        .uponReplyInvoke([](const sdbus::Error*, sdbus::ObjectPath) {});
+    int64_t queryId = 0;
+    dbus::Dict reply, error;
+    proxy->callMethod("Request")
+        .onInterface("com.zelmor.orvexd.Daemon")
+        .withArguments(dbus::toDBus(searchRequest(1)))
+        .storeResultsTo(queryId, reply, error);
+    EXPECT_FALSE(error.contains("reason") &&
+                 error.at("reason").get<std::string>() == "client state nil");
+  }
   auto client = harness.configuredClient(kGlance);
 
   auto first = client->request(searchRequest(5));
