@@ -150,7 +150,11 @@ void OrvexBagController::forceFetchBag(const BagDictionary& response) {
   if (found->is_number_float()) {
     const double value = found->get<double>();
     if (!std::isfinite(value)) return;
-    announced = std::to_string(saturatingInt64(value));
+    // A whole number reads as an integer ("10", not "10.0"); "10.5" keeps its fraction, in the
+    // shortest text that reads back as the same number.
+    announced = value == std::trunc(value) && std::abs(value) < 9.0e15
+                    ? std::to_string(saturatingInt64(value))
+                    : found->dump();
   } else {
     announced = found->dump();  // integers print as their decimal text
   }

@@ -269,8 +269,9 @@ TEST_F(BagControllerTest, EachFetchIsRecordedInAStandaloneSession) {
   BagEvents events(*assembly.notificationCenter);
   auto controller = startWithBag(events);
   serve("oops", 500);
-  controller->forceFetchBag(BagDictionary{{"bag", 10}});
+  controller->forceFetchBag(BagDictionary{{"bag", 9.5}});
   drain(events, 1, 1);
+  EXPECT_NE(bagRequests().back().rawQuery.find("version=9.5"), std::string::npos);  // not "9"
 
   EXPECT_TRUE(manager->currentFeedbacksWithRelativeTimestamp().empty());
   const auto files = storage->getAvailableSessionHandles();
