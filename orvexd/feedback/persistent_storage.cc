@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -58,6 +59,9 @@ void OrvexPersistentStorage::_scanDirectory() {
   }
   const WallTime now = assembly_.clock->wallNow();
   int64_t greatest = 0;  // numbering starts at 1
+  // Files in the order they were made, which is their number's ("session.9" before
+  // "session.10"); a name without a number comes last.
+  std::vector<std::pair<int64_t, std::shared_ptr<FileContainer>>> found;
   for (const auto& entry : *entries) {
     const std::string name = entry.filename().string();
     if (name.starts_with('.') || !name.starts_with(kFileNamePrefix)) continue;
@@ -77,12 +81,16 @@ void OrvexPersistentStorage::_scanDirectory() {
     const std::string_view number = std::string_view(name).substr(kFileNamePrefix.size());
     int32_t handle = 0;
     const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), handle);
-    if (error == std::errc() && end == number.data() + number.size() && handle >= 0) {
-      greatest = std::max<int64_t>(greatest, handle);
-    }
-    // No other component runs yet, but the list belongs to the queue all the same.
-    fileContainers_.push_back(FileContainer::initWithUrl(entry, version_, queue_, maxFileSize_));
+    const bool numbered =
+        error == std::errc() && end == number.data() + number.size() && handle >= 0;
+    if (numbered) greatest = std::max<int64_t>(greatest, handle);
+    found.emplace_back(numbered ? handle : std::numeric_limits<int64_t>::max(),
+                       FileContainer::initWithUrl(entry, version_, queue_, maxFileSize_));
   }
+  std::stable_sort(found.begin(), found.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  // No other component runs yet, but the list belongs to the queue all the same.
+  for (auto& entry : found) fileContainers_.push_back(std::move(entry.second));
   handleId_.store(static_cast<int32_t>(greatest + 1));
 }
 

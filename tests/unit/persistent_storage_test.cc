@@ -247,9 +247,16 @@ TEST_F(StorageTest, StartUpScanExpiresOldFilesAndNumbersAfterTheSurvivors) {
   EXPECT_EQ(storage->createFileContainerForWriting()->fileUrl(), directory / "session.4");
   EXPECT_EQ(storage->createFileContainerForWriting()->fileUrl(), directory / "session.5");
 
-  // A restart numbers after the greatest survivor, never over it.
+  // A restart numbers after the greatest survivor, never over it, and lists the files by number.
   fs::copy_file(directory / "session.3", directory / "session.9");
-  EXPECT_EQ(makeStorage()->createFileContainerForWriting()->fileUrl(), directory / "session.10");
+  fs::copy_file(directory / "session.3", directory / "session.10");
+  auto restarted = makeStorage();
+  std::vector<std::string> names;
+  for (const auto& file : restarted->getAvailableSessionHandles()) {
+    names.push_back(file->fileUrl().filename().string());
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"session.3", "session.9", "session.10"}));
+  EXPECT_EQ(restarted->createFileContainerForWriting()->fileUrl(), directory / "session.11");
 
   // A directory that cannot be listed leaves the counter at 0.
   fs::remove_all(directory);
