@@ -182,7 +182,8 @@ bool FileContainer::_ensureFile() {
   // The directory may have gone with the file (caches cleared); a failure shows at the open.
   (void)::mkdir(fileUrl_.parent_path().c_str(), 0700);
   // Never over an existing file: that would lose a session still waiting for upload.
-  UniqueFd created(::open(fileUrl_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  UniqueFd created(
+      ::open(fileUrl_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!created) {
     log.error("Could not create %@: %@", fileUrl_.string(), errnoText(errno));
     return false;
@@ -294,7 +295,7 @@ std::vector<OrvexFeedback> FileContainer::_readRecords(uint64_t budget) {
   int fd = fileHandle_.get();
   uint64_t length = writtenBytes_;
   if (!fileHandle_ && !fileUrl_.empty()) {
-    reading = UniqueFd(::open(fileUrl_.c_str(), O_RDONLY | O_CLOEXEC));
+    reading = UniqueFd(::open(fileUrl_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     struct stat attributes {};
     fd = reading.get();
     length =
@@ -364,7 +365,7 @@ std::optional<StoredSession> FileContainer::_unarchiveObject() {
     return std::nullopt;
   }
 
-  fileHandle_ = UniqueFd(::open(fileUrl_.c_str(), O_RDONLY | O_CLOEXEC));
+  fileHandle_ = UniqueFd(::open(fileUrl_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!fileHandle_) {
     log.error("Could not open file for reading %@", errnoText(errno));
     return std::nullopt;
