@@ -370,8 +370,8 @@ TEST(SessionCrashTest, AFailedWriteIsMadeOnceTheDirectoryIsBack) {
   testing::DaemonHarness harness(kBag);
   const fs::path directory = sessionDirectory(harness);
   harness.start();
-  auto client = harness.client();
-  ASSERT_TRUE(client->configure(kGlance));
+  // With the bag in, no bag fetch writes its own session file while the directory goes away.
+  auto client = harness.clientWithBag(kGlance);
   const auto send = [&](const std::vector<std::string>& inputs) {
     for (const auto& input : inputs) {
       ASSERT_TRUE(client->reportEvent("searchStarted", 0, searchStart(input)));
@@ -381,7 +381,11 @@ TEST(SessionCrashTest, AFailedWriteIsMadeOnceTheDirectoryIsBack) {
   send(expected);
   ASSERT_EQ(reportedInputs(*client), expected);
 
-  fs::remove_all(directory);
+  ASSERT_TRUE(testing::eventually([&] {
+    std::error_code error;
+    fs::remove_all(directory, error);
+    return !error;
+  }));
   testing::writeBytes(directory, std::vector<uint8_t>{1});
   const auto failing = numbered("crash-failing-", 0, 5);
   send(failing);
