@@ -387,10 +387,13 @@ void ClientConnection::handleCustomFeedback(const NBCustomFeedback& custom,
       break;
     }
     case 2:
-      // Crowdsourcing records go to their own flusher, which this daemon does not have yet:
-      // they are counted and dropped, and the callback (the flusher's) never runs.
+      // Crowdsourcing records are uploaded on their own, as the client's JSON object: they wait
+      // on disk for that upload.
       OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterDPSubmit);
-      feedbackLog().error("crowdsourcing feedback dropped: no crowdsourcing flusher");
+      if (assembly_.persistentStorage) {
+        assembly_.persistentStorage->keepCrowdsourcingRecord(custom.jsonFeedback.dump());
+      }
+      callback();
       break;
     default:
       break;

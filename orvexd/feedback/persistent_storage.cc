@@ -1,17 +1,21 @@
 #include "orvexd/feedback/persistent_storage.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstring>
 #include <limits>
 #include <system_error>
 #include <utility>
 
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
+#include "orvexd/base/unique_fd.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/defaults_store.h"
@@ -192,6 +196,35 @@ void OrvexPersistentStorage::_deleteSessionFile(const std::filesystem::path& fil
   if (::unlink(fileUrl.c_str()) != 0 && errno != ENOENT) {
     log.error("File %@ delete failed", fileUrl.string());
   }
+}
+
+void OrvexPersistentStorage::keepCrowdsourcingRecord(std::string json) {
+  queue_->async([weakSelf = weak_from_this(), json = std::move(json)] {
+    auto self = weakSelf.lock();
+    if (!self) return;
+    const auto dropped = [&](const char* why) {
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterRecordsDropped);
+      storageLog().error("crowdsourcing record dropped: %s", why);
+    };
+    if (self->cachesUrl_.empty()) return dropped("no cache directory");
+    (void)self->assembly_.fileManager->ensureDirectory(self->cachesUrl_, 0700);
+    const std::filesystem::path path = self->cachesUrl_ / kCrowdsourcingFileName;
+    UniqueFd file(
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    struct stat attributes {};
+    if (!file || ::fstat(file.get(), &attributes) != 0) return dropped(std::strerror(errno));
+    std::string line = std::move(json);
+    line.push_back('\n');
+    if (static_cast<uint64_t>(attributes.st_size) + line.size() > self->maxFileSize_) {
+      return dropped("the pending file is full");
+    }
+    if (::write(file.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+      const int error = errno;
+      // A part of a line would spoil the lines after it.
+      (void)::ftruncate(file.get(), attributes.st_size);
+      return dropped(std::strerror(error));
+    }
+  });
 }
 
 }  // namespace orvex

@@ -16,6 +16,10 @@
 // records are given up, counted ("com.zelmor.orvexd.records.dropped"), and it is listed with
 // what its file holds.
 //
+// Crowdsourcing records are no session's: they wait for their own upload in
+// "crowdsourcing.pending" in the same directory, one JSON object a line, up to the session file
+// size; records past it are counted as dropped.
+//
 // Threading: the storage's serial queue "com.zelmor.orvexd.persistentStorageQueue" owns
 // `fileContainers` and every container's file. getAvailableSessionHandles() runs on it
 // synchronously (not to be called from it); closing and deleting are posted to it. Names are
@@ -46,6 +50,7 @@ class OrvexPersistentStorage final : public PersistentStorage,
   static constexpr double kDefaultMaxFileAge = 172800;      // 48 hours, in seconds
   static constexpr std::string_view kFileNamePrefix = "session.";
   static constexpr size_t kMaxUnfinishedSessions = 2;
+  static constexpr std::string_view kCrowdsourcingFileName = "crowdsourcing.pending";
 
   // Reads the limits, resolves the directory and scans it; files are written with `version` as
   // their first record, and only files that start with it are read back.
@@ -56,6 +61,7 @@ class OrvexPersistentStorage final : public PersistentStorage,
   void closeSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
   void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
   void afterPendingWrites(std::function<void()> done) override;
+  void keepCrowdsourcingRecord(std::string json) override;
 
   const std::string& version() const { return version_; }
   uint64_t maxFileSize() const { return maxFileSize_; }

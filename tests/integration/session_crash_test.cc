@@ -349,6 +349,11 @@ TEST(SessionCrashTest, EveryRecordOfABusyClientReachesAFile) {
   const auto sent = numbered("crash-", 0, 30000);
   for (const auto& input : sent)
     ASSERT_TRUE(client->reportEvent("searchStarted", 0, searchStart(input)));
+  // A crowdsourcing record is no session's: it waits on disk for its own upload.
+  NBCustomFeedback crowdsourced;
+  crowdsourced.customType = 2;
+  crowdsourced.jsonFeedback = {{"app", "com.zelmor.maps"}};
+  ASSERT_TRUE(client->reportEvent("custom", 7, crowdsourced));
   const auto reported = reportedInputs(*client);  // the open session's records only
   ASSERT_FALSE(reported.empty());
   EXPECT_EQ(reported.back(), sent.back());
@@ -360,6 +365,8 @@ TEST(SessionCrashTest, EveryRecordOfABusyClientReachesAFile) {
   EXPECT_EQ(collected.inputs, sent);
   ASSERT_GE(collected.endReasons.size(), 2u);
   EXPECT_EQ(collected.endReasons[0], "file size limit");
+  EXPECT_EQ(testing::readTextFile(sessionDirectory(harness) / "crowdsourcing.pending"),
+            "{\"app\":\"com.zelmor.maps\"}\n");
 }
 
 // The session directory is removed and a plain file put in its place: the open session's file

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace orvex {
@@ -24,6 +25,9 @@ class PersistentStorage {
   // Calls `done` once every write posted to the files before this call has been made, so that
   // what those writes carried is in the files and survives the daemon being killed.
   virtual void afterPendingWrites(std::function<void()> done) = 0;
+  // Keeps one crowdsourcing record (its JSON text) on disk until the crowdsourcing upload takes
+  // it; a record that cannot be kept is counted as dropped.
+  virtual void keepCrowdsourcingRecord(std::string json) = 0;
 };
 
 }  // namespace orvex
