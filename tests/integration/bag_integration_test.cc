@@ -87,16 +87,13 @@ TEST_F(BagIntegrationTest, FetchedOnceThenTheDiskCopyServesRestartsUntilNearItsE
   ASSERT_EQ(stat(bagFile().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
-  // Restarted with hours left, the daemon holds the copy and asks for nothing. Every read of
-  // the bag (GetBag here, as job A at start-up) judges it before answering, and counts and logs
-  // a stale one at once: none by the time GetBag answers means no fetch was started.
+  // Restarted with hours left, the daemon holds the copy and asks for nothing. Every read of the
+  // bag judges it and counts a stale one before answering: none by now means no fetch started.
   writeBag(R"({"version": "4", "enabled": true})");
   stopDaemon();
   harness.start();
   EXPECT_EQ(heldBag()["version"], "3");
   EXPECT_EQ(harness.counter("com.zelmor.orvexd.bag.expired"), 0);
-  EXPECT_EQ(harness.daemonLog().find("bag url changed"), std::string::npos);
-  EXPECT_EQ(harness.daemonLog().find("no bag URL found"), std::string::npos);
   EXPECT_EQ(harness.daemonLog().find("Initiating bag fetch"), std::string::npos);
   EXPECT_EQ(backend->requestCount("bag"), 1u);
 

@@ -24,8 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// ---- introspection XML, read with expat ----
-
 // One interface as comparable lines, by member: "method Request" -> its arguments and
 // annotations in order ("arg in a{sv} request", "annotation org...NoReply=true").
 using InterfaceShape = std::map<std::string, std::vector<std::string>>;
@@ -88,8 +86,6 @@ std::map<std::string, NodeShape> shapesOf(const std::string& text) {
   return std::move(reader.shapes);
 }
 
-// ---- the daemon with the reference back-end on a private bus ----
-
 class RunningDaemonTest : public ::testing::Test {
  protected:
   RunningDaemonTest()
@@ -127,8 +123,6 @@ TEST_F(RunningDaemonTest, ShippedInterfaceXmlMatchesWhatTheDaemonServes) {
   EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd"))[""], shipped[""]);
   EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd/Endpoint"))[""], shipped["Endpoint"]);
 }
-
-// ---- orvexctl ----
 
 struct CtlRun {
   int status = -1;

@@ -238,7 +238,6 @@ TEST_F(ManagerTest, AnInvalidatedPrivateSessionIsFlushedAndErrorsGoToTheDaemonsS
   auto session = std::dynamic_pointer_cast<ClientSession>(manager->session());
   ASSERT_TRUE(session);
   EXPECT_EQ(session->agent(), "orvexd/1.0");
-  EXPECT_EQ(ClientSessionManager::orvexdUserAgent(), "orvexd/1.0");
 
   std::atomic<int> answer{-1};
   manager->flushSessionInvalidationWithAgent("news/1.0", [&](bool flushed) { answer = flushed; });

@@ -20,6 +20,11 @@ std::vector<std::uint8_t> bytesOf(std::string_view text) {
 
 using testing::readTextFile;
 
+struct FileManagerTest : ::testing::Test {
+  testing::TempDir dir;
+  const FileManager files{{dir.path().string(), "", "", ""}};
+};
+
 TEST(FileManager, ResolvesDirectoriesByTheXdgRules) {
   // Absolute values are used as they are (the daemon's tests run on them); empty and relative
   // ones are ignored.
@@ -38,9 +43,7 @@ TEST(FileManager, ResolvesDirectoriesByTheXdgRules) {
   EXPECT_EQ(process.temporaryDirectory(), "/scratch");
 }
 
-TEST(FileManager, CreatesDirectoriesAndListsRemovesAndDescribesItems) {
-  testing::TempDir dir;
-  const FileManager files({dir.path().string(), "", "", ""});
+TEST_F(FileManagerTest, CreatesDirectoriesAndListsRemovesAndDescribesItems) {
   const auto nested = dir / "a/b/c";
   EXPECT_FALSE(files.ensureDirectory(nested, 0700));
   EXPECT_FALSE(files.ensureDirectory(nested, 0700));                  // already there
@@ -67,9 +70,7 @@ TEST(FileManager, CreatesDirectoriesAndListsRemovesAndDescribesItems) {
   EXPECT_FALSE(files.removeItem(dir / "a"));  // missing is fine
 }
 
-TEST(FileManager, WritesAtomicallyWithTheModeAndKeepsOldContentOnFailure) {
-  testing::TempDir dir;
-  const FileManager files({dir.path().string(), "", "", ""});
+TEST_F(FileManagerTest, WritesAtomicallyWithTheModeAndKeepsOldContentOnFailure) {
   const auto file = dir / "state.plist";
   ASSERT_FALSE(files.writeFileAtomically(file, bytesOf("first"), 0640));
   EXPECT_EQ(readTextFile(file), "first");
@@ -115,9 +116,7 @@ TEST(FileManager, WritesAtomicallyWithTheModeAndKeepsOldContentOnFailure) {
   }
 }
 
-TEST(FileManager, ReadsWholeFilesUpToTheLimit) {
-  testing::TempDir dir;
-  const FileManager files({dir.path().string(), "", "", ""});
+TEST_F(FileManagerTest, ReadsWholeFilesUpToTheLimit) {
   const auto file = dir / "data";
   const std::vector<std::uint8_t> content(100000, 7);
   ASSERT_FALSE(files.writeFileAtomically(file, content));
@@ -144,9 +143,7 @@ TEST(FileManager, ReadsWholeFilesUpToTheLimit) {
   EXPECT_EQ(error, std::errc::file_too_large);
 }
 
-TEST(FileManager, RefusesToReadWhatIsNotARegularFileWithoutWaiting) {
-  testing::TempDir dir;
-  const FileManager files({dir.path().string(), "", "", ""});
+TEST_F(FileManagerTest, RefusesToReadWhatIsNotARegularFileWithoutWaiting) {
   const auto fifo = dir / "defaults.plist";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "orvexd/model/nb_search_feedback.h"
 #include "orvexd/platform/http_timing.h"
 
 namespace orvex {
@@ -36,24 +35,7 @@ TEST(NetworkTimingFormatter, TimesStatisticsAndPeerAddresses) {
                   timing({{"connectionReused", true}, {"other", 5}, {"fetchStart", "soon"}}))
                   .isNull());
 
-  // What the HTTP layer makes of a fresh TLS transfer, as the end-of-search record uploads it.
-  CurlTransferMetrics metrics;
-  metrics.connectUs = 3000;
-  metrics.startTransferUs = 20000;
-  metrics.totalUs = 25000;
-  metrics.numConnects = 1;
-  metrics.primaryIp = "2001:db8::1";
-  metrics.primaryPort = 443;
-  NBEndNetworkSearchFeedback end;
-  end.networkTimingData =
-      makeTaskTimingData(WallTime(std::chrono::seconds(1'700'000'000)), metrics);
-  const json upload = end.dictionary().toJson();
-  EXPECT_EQ(upload["network_timing_data"],
-            json::parse(R"([["connectStart",0],["fetchStart",0],["connectEnd",3],)"
-                        R"(["responseStart",20],["responseEnd",25]])"));
-  EXPECT_EQ(upload["connection_reused"], false);
-  EXPECT_EQ(upload["peer_address"], "[2001:db8::1]:443");
-
+  // What the HTTP layer makes of a transfer: the session test; its upload: the records' test.
   const auto ipv4 = *encodeBsdSocketAddress("192.0.2.7", 443);
   const auto ipv6 = *encodeBsdSocketAddress("2001:db8::1", 443);
   EXPECT_EQ(formatPeerAddress(ipv4), "192.0.2.7:443");

@@ -24,7 +24,6 @@ TEST(ORVBag, AgentFragmentsOverrideKeysInTheirOrderLaterOnesWinning) {
   EXPECT_TRUE(glance->isEnabled());
   EXPECT_EQ(glance->minimumQueryLength(), 1);
   EXPECT_EQ(glance->searchURL(), "https://search.example/search");
-  EXPECT_EQ(glance->userAgent(), "Glance/1");
 
   // Both fragments apply; "roamer" comes later in the object and wins. A view of another view
   // shares its document rather than copying it.

@@ -27,7 +27,6 @@ TEST(OrvexUserGUIDController, RotatesLazilyAfterFifteenMinutesAndOnReset) {
 
   const Uuid first = controller->currentUserGUID();
   EXPECT_FALSE(first.isNil());
-  EXPECT_EQ(first.upperString().size(), 36u);
   test.advance(14min + 59s);
   EXPECT_EQ(controller->currentUserGUID(), first);
 
