@@ -1,6 +1,9 @@
 // Feeds arbitrary bytes to what the daemon does with a search answer off the network: reading it
-// within the answer limits, writing it back as the reply's raw response, and storing it in a
-// query cache, which must then hand it back for its own completed query.
+// within the answer limits, writing it back as the reply's raw response (which a D-Bus string
+// must carry), and storing it in a query cache, which must then hand it back for its own
+// completed query.
+#include <sdbus-c++/Message.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -14,6 +17,12 @@
 #include "orvexd/platform/worker_pool.h"
 #include "orvexd/query/cached_result_set.h"
 #include "orvexd/query/query_cache.h"
+
+// Exported by sdbus-c++ but declared only in its internal headers: a message on a connection to
+// no bus.
+namespace sdbus {
+PlainMessage createPlainMessage();
+}
 
 namespace {
 
@@ -50,10 +59,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto answer = orvex::parseJsonWithinLimits(text, {size_t{16} << 20, orvex::kJsonMaxDepth});
   if (answer.is_discarded()) return 0;
 
-  // The raw response a client gets reads back as what it was made from.
-  const std::string raw = answer.dump();
+  // The raw response a client gets reads back as what it was made from, and the bus carries it.
+  const std::string raw = orvex::jsonTextForBus(answer.dump());
   const auto again = orvex::parseJsonWithinLimits(raw, {size_t{16} << 20, orvex::kJsonMaxDepth});
-  check(!again.is_discarded() && again.dump() == raw);
+  check(!again.is_discarded() && again.dump() == answer.dump());
+  auto message = sdbus::createPlainMessage();
+  message << raw;
 
   if (!answer.is_object()) return 0;
   const auto query = answer.find("query");
