@@ -30,6 +30,12 @@ size_t jsonNestingDepth(std::string_view text, size_t stopAbove);
 // 512"), or none when it is within them.
 std::optional<std::string> jsonLimitProblem(std::string_view text, const JsonLimits& limits);
 
+// JSON text (as nlohmann writes it: valid UTF-8) that any D-Bus string can carry. sd-bus refuses
+// strings holding a noncharacter (U+FDD0-U+FDEF, and U+FFFE and U+FFFF of every plane), which
+// JSON from outside may hold; each is written as its \u escape instead, which reads back as the
+// same value. Text without one comes back unchanged.
+std::string jsonTextForBus(std::string text);
+
 // Parses `text` as JSON (nlohmann::json or nlohmann::ordered_json) within `limits`. Text that is
 // refused or not JSON gives a discarded value and, in `problem`, why.
 template <class Json = nlohmann::json>

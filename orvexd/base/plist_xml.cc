@@ -122,24 +122,35 @@ void writeXmlValue(const PlistValue& root, std::string& out) {
 // ---- Reading -------------------------------------------------------------------------------
 //
 // XML 1.0 has no place for the control characters U+0001-U+001F other than tab, line feed and
-// carriage return, neither raw nor as references, and expat refuses them. Property lists hold
-// them all the same: libplist writes them raw, the writer above as references. So before expat
-// sees a document that has any, each is replaced by a stand-in, the private-use character
-// U+F0000 plus its code; a private-use character of that range that is in the document already
-// is kept behind the stand-in of code 0. The text of leaves is turned back afterwards. Line ends
-// are not touched, so expat counts the same lines.
+// carriage return, nor for the noncharacters U+FFFE and U+FFFF, neither raw nor as references,
+// and expat refuses them. Property lists hold them all the same: libplist writes them raw, the
+// writer above control characters as references. So before expat sees a document that has any,
+// each is replaced by a stand-in, the private-use character U+F0000 plus its code (the control
+// character's own, kNonCharacterCode plus 0 or 1 for U+FFFE and U+FFFF); a private-use character
+// of that range that is in the document already is kept behind the stand-in of code 0. The text
+// of leaves is turned back afterwards. Line ends are not touched, so expat counts the same lines.
 
 constexpr std::string_view kStandInPrefix = "\xF3\xB0\x80";  // U+F0000-U+F003F in UTF-8
+constexpr unsigned kNonCharacterCode = 0x20;
+constexpr std::string_view kNonCharacters[] = {"\xEF\xBF\xBE", "\xEF\xBF\xBF"};  // U+FFFE, U+FFFF
 
 bool isControlCharacter(std::uint32_t c) {
   return c >= 1 && c < 0x20 && c != '\t' && c != '\n' && c != '\r';
 }
 
-// Whether text[at] starts a private-use character U+F0000-U+F001F: the ones that need escaping.
+// Whether text[at] starts a private-use character U+F0000-U+F0021: the ones that need escaping.
 bool isStandIn(std::string_view text, std::size_t at) {
   return text.substr(at).starts_with(kStandInPrefix) && at + 3 < text.size() &&
          static_cast<unsigned char>(text[at + 3]) >= 0x80 &&
-         static_cast<unsigned char>(text[at + 3]) < 0xA0;
+         static_cast<unsigned char>(text[at + 3]) < 0x80 + kNonCharacterCode + 2;
+}
+
+// 0 or 1 when text[at] starts U+FFFE or U+FFFF, else -1.
+int nonCharacterAt(std::string_view text, std::size_t at) {
+  for (int which = 0; which < 2; ++which) {
+    if (text.substr(at).starts_with(kNonCharacters[which])) return which;
+  }
+  return -1;
 }
 
 void appendStandIn(unsigned code, std::string& out) {
@@ -151,6 +162,8 @@ void appendStandIn(unsigned code, std::string& out) {
 std::optional<std::string> escapeControlCharacters(std::string_view text) {
   const bool needed = text.find("&#") != std::string_view::npos ||
                       text.find(kStandInPrefix) != std::string_view::npos ||
+                      text.find(kNonCharacters[0]) != std::string_view::npos ||
+                      text.find(kNonCharacters[1]) != std::string_view::npos ||
                       std::any_of(text.begin(), text.end(), [](char c) {
                         return isControlCharacter(static_cast<unsigned char>(c));
                       });
@@ -197,7 +210,12 @@ std::optional<std::string> escapeControlCharacters(std::string_view text) {
             i += end + 1;
             continue;
           }
-          if (code >= 0xF0000 && code < 0xF0020) {
+          if (code == 0xFFFE || code == 0xFFFF) {
+            appendStandIn(kNonCharacterCode + (code - 0xFFFE), out);
+            i += end + 1;
+            continue;
+          }
+          if (code >= 0xF0000 && code < 0xF0000 + kNonCharacterCode + 2) {
             appendStandIn(0, out);
             appendStandIn(code - 0xF0000, out);
             i += end + 1;
@@ -209,6 +227,9 @@ std::optional<std::string> escapeControlCharacters(std::string_view text) {
     if (isControlCharacter(static_cast<unsigned char>(rest.front()))) {
       appendStandIn(static_cast<unsigned char>(rest.front()), out);
       ++i;
+    } else if (const int which = nonCharacterAt(text, i); which >= 0) {
+      appendStandIn(kNonCharacterCode + static_cast<unsigned>(which), out);
+      i += kNonCharacters[which].size();
     } else if (isStandIn(text, i)) {
       appendStandIn(0, out);
       copy(4);
@@ -229,7 +250,10 @@ std::string restoreControlCharacters(std::string_view text) {
       continue;
     }
     const unsigned code = static_cast<unsigned char>(text[i + 3]) - 0x80;
-    if (code != 0) {
+    if (code >= kNonCharacterCode) {
+      out += kNonCharacters[code - kNonCharacterCode];
+      i += 4;
+    } else if (code != 0) {
       out += static_cast<char>(code);
       i += 4;
     } else {

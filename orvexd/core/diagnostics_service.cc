@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 
+#include "orvexd/base/json_limits.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/network/bag_controller.h"
@@ -35,7 +36,7 @@ DiagnosticsService::DiagnosticsService(sdbus::IConnection& connection, Assembly&
       .implementedAs([&assembly]() -> std::string {
         return runBusHandler("GetBag", [&assembly] {
           const auto bag = assembly.bagController ? assembly.bagController->currentBag() : nullptr;
-          return bag ? bag->rawBag().dump() : std::string();
+          return bag ? jsonTextForBus(bag->rawBag().dump()) : std::string();
         });
       });
   object_->finishRegistration();

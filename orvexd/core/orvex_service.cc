@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "orvexd/base/json_limits.h"
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/text_util.h"
@@ -39,7 +40,7 @@ class BusClientIpc final : public ClientIpc {
       : bus_(bus), object_(std::move(object)), client_(std::move(client)), pid_(pid) {}
 
   void bagDidLoad(std::shared_ptr<const ORVBag> bag, std::optional<OrvexError> error) override {
-    std::string text = bag ? bag->rawBag().dump() : std::string();
+    std::string text = bag ? jsonTextForBus(bag->rawBag().dump()) : std::string();
     bus_.post([object = object_, client = client_, pid = pid_, text = std::move(text), error] {
       try {
         auto signal = object->createSignal(kOrvexDaemonInterface, "BagDidLoad");
@@ -163,7 +164,7 @@ std::string feedbacksAsJson(const std::vector<OrvexFeedback>& feedbacks) {
     text.append(*record);
   }
   text.append("]");
-  return text;
+  return jsonTextForBus(text);
 }
 
 }  // namespace
@@ -334,9 +335,8 @@ void OrvexService::exportDaemonInterface() {
           BusReply<std::string, Dict> reply(bus, std::move(result));
           dispatch([reply](ClientConnection& c) {
             c.bag([reply](std::shared_ptr<const ORVBag> bag, std::optional<OrvexError> error) {
-              reply.sendFrom([text = bag ? bag->rawBag().dump() : std::string(), error] {
-                return std::make_tuple(text, dbus::toDBus(error));
-              });
+              reply.sendFrom([text = bag ? jsonTextForBus(bag->rawBag().dump()) : std::string(),
+                              error] { return std::make_tuple(text, dbus::toDBus(error)); });
             });
           });
         });

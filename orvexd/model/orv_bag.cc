@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <limits>
 
 #include "orvexd/base/text_util.h"
 
@@ -38,7 +39,11 @@ ORVBag::ORVBag(std::shared_ptr<const BagDictionary> raw, std::string userAgent)
   for (const auto& [fragment, overrides] : agents->items()) {
     if (fragment.empty() || !overrides.is_object()) continue;
     if (agent.find(asciiLowercase(fragment)) == std::string::npos) continue;
-    for (const auto& [key, value] : overrides.items()) overrides_[key] = value;
+    // A null override is no override: the bag's disk copy (a property list) cannot hold null
+    // and leaves it out, and the bag read back from it must answer as the fetched one did.
+    for (const auto& [key, value] : overrides.items()) {
+      if (!value.is_null()) overrides_[key] = value;
+    }
   }
 }
 
@@ -78,7 +83,7 @@ std::optional<double> ORVBag::positiveSecondsForKey(std::string_view key) const 
   if (!value.is_number()) return std::nullopt;
   const double seconds = value.get<double>();
   if (!std::isfinite(seconds) || seconds <= 0) return std::nullopt;
-  return seconds;
+  return std::min(seconds, kLongestSeconds);
 }
 
 std::string ORVBag::version() const {
@@ -117,9 +122,16 @@ std::optional<double> ORVBag::searchRenderTimeout() const {
 
 int64_t ORVBag::minimumQueryLength() const {
   const BagDictionary& value = valueForKey("min_query_length");
+  // Clamped to 0 ... INT64_MAX: the document may hold any number.
+  constexpr int64_t kLongest = std::numeric_limits<int64_t>::max();
+  if (value.is_number_unsigned()) {
+    return static_cast<int64_t>(std::min<uint64_t>(value.get<uint64_t>(), kLongest));
+  }
   if (value.is_number_integer()) return std::max<int64_t>(0, value.get<int64_t>());
   if (value.is_number_float() && std::isfinite(value.get<double>())) {
-    return std::max<int64_t>(0, static_cast<int64_t>(value.get<double>()));
+    const double length = value.get<double>();
+    if (length <= 0) return 0;
+    return length >= 0x1p63 ? kLongest : static_cast<int64_t>(length);
   }
   return 0;
 }

@@ -3,9 +3,9 @@
 // Made from the bag's JSON object and a user agent; read-only once made (a new bag replaces the
 // old one as a whole, so a bag is shared as std::shared_ptr<const ORVBag>). Keys may be
 // overridden per client by "agents": an object whose keys are lower-case fragments of a user
-// agent and whose values hold overriding keys; every fragment that the lower-cased user agent
-// contains applies, in the order of the "agents" object, later ones winning. So the same raw
-// document answers differently for different agents.
+// agent and whose values hold overriding keys (a key overridden with null keeps its value);
+// every fragment that the lower-cased user agent contains applies, in the order of the "agents"
+// object, later ones winning. So the same raw document answers differently for different agents.
 //
 // The parsed document is immutable and shared: every view made from a bag with initWithBag()
 // (one per client, one per feedback check) points at the same document and keeps only its
@@ -33,6 +33,10 @@ using BagDictionary = nlohmann::ordered_json;
 
 class ORVBag {
  public:
+  // Durations read from the document are capped here (about 31 years), so that a consumer can
+  // turn them into a Duration in nanoseconds whatever the document says.
+  static constexpr double kLongestSeconds = 1e9;
+
   // None when `dictionary` is not a JSON object.
   static std::shared_ptr<const ORVBag> initWithDictionary(BagDictionary dictionary,
                                                           std::string userAgent);
@@ -54,9 +58,10 @@ class ORVBag {
   std::optional<std::string> feedbackURL() const;       // "feedback_url"
   std::optional<std::string> crowdsourcingURL() const;  // "crowdsourcing_url"
 
-  bool feedbackEnabled() const;                             // "feedback_enabled", default false
-  std::vector<std::string> feedbackTypes() const;           // "feedback_types"
-  std::optional<double> timeoutIntervalForRequest() const;  // "request_timeout", seconds > 0
+  bool feedbackEnabled() const;                    // "feedback_enabled", default false
+  std::vector<std::string> feedbackTypes() const;  // "feedback_types"
+  // Durations: seconds > 0, at most kLongestSeconds.
+  std::optional<double> timeoutIntervalForRequest() const;  // "request_timeout", seconds
   std::optional<double> searchRenderTimeout() const;        // "search_render_timeout", seconds
   int64_t minimumQueryLength() const;                       // "min_query_length", default 0
 

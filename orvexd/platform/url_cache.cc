@@ -97,7 +97,9 @@ std::optional<WallTime> parseHttpDate(const HttpHeaderMap& headers, std::string_
   if (found == headers.end()) return std::nullopt;
   const time_t seconds = curl_getdate(found->second.c_str(), nullptr);
   if (seconds == -1) return std::nullopt;
-  return std::chrono::system_clock::from_time_t(seconds);
+  // Clamped to 1970-2096, so that the sums and differences made of dates cannot overflow.
+  constexpr time_t kLatest = 4'000'000'000;
+  return std::chrono::system_clock::from_time_t(std::clamp<time_t>(seconds, 0, kLatest));
 }
 
 bool hasValidator(const HttpHeaderMap& headers) {
@@ -107,7 +109,11 @@ bool hasValidator(const HttpHeaderMap& headers) {
 int64_t toMicros(WallTime time) {
   return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
 }
-WallTime fromMicros(int64_t micros) {
+// None for a count a WallTime cannot hold (only a damaged file has one).
+std::optional<WallTime> fromMicros(int64_t micros) {
+  constexpr int64_t kLimit =
+      std::chrono::duration_cast<std::chrono::microseconds>(WallTime::duration::max()).count();
+  if (micros > kLimit || micros < -kLimit) return std::nullopt;
   return WallTime(
       std::chrono::duration_cast<WallTime::duration>(std::chrono::microseconds(micros)));
 }
@@ -284,8 +290,14 @@ std::optional<CachedResponse> decodeEntry(std::string_view data, const std::stri
     why = "truncated or overlong body";
     return std::nullopt;
   }
-  entry.storedAt = fromMicros(storedAt);
-  if (hasFreshUntil != 0) entry.freshUntil = fromMicros(freshUntil);
+  const auto stored = fromMicros(storedAt);
+  const auto fresh = fromMicros(freshUntil);
+  if (!stored || !fresh) {
+    why = "time out of range";
+    return std::nullopt;
+  }
+  entry.storedAt = *stored;
+  if (hasFreshUntil != 0) entry.freshUntil = *fresh;
   entry.body = std::string(body);
   entry.response.fromCache = true;
   return entry;
@@ -492,6 +504,15 @@ struct UrlCache::Impl {
   LruIndex<OnDisk> disk;            // by file name
   bool directoryReady = false;
 };
+
+std::string encodeUrlCacheEntry(const std::string& key, const CachedResponse& entry) {
+  return encodeEntry(key, entry);
+}
+
+std::optional<CachedResponse> decodeUrlCacheEntry(std::string_view data, const std::string& key,
+                                                  std::string& why) {
+  return decodeEntry(data, key, why);
+}
 
 UrlCache::UrlCache(uint64_t memoryCapacity, uint64_t diskCapacity, std::string directory,
                    Clock& clock)

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "orvexd/base/http_types.h"
 #include "orvexd/platform/clock.h"
@@ -24,6 +25,12 @@ struct CachedResponse {
   // When the answer stops being fresh; none means it must be revalidated before each use.
   std::optional<WallTime> freshUntil;
 };
+
+// The file an entry is kept in on disk, and its reader, which checks every length against the
+// bytes and gives none, with a reason in `why`, for a damaged file or one stored for another key.
+std::string encodeUrlCacheEntry(const std::string& key, const CachedResponse& entry);
+std::optional<CachedResponse> decodeUrlCacheEntry(std::string_view data, const std::string& key,
+                                                  std::string& why);
 
 class UrlCache {
  public:

@@ -434,7 +434,7 @@ void ClientState::searchCompleted(const ORVRequest& request, const HttpRequest& 
     }
   } else {
     cacheResponse(parsed, sent, request.queryString, start->uuid.value_or(""));
-    answer.rawResponse = parsed.dump();
+    answer.rawResponse = jsonTextForBus(parsed.dump());
   }
   reply(request.queryId, std::move(answer), parseError);
   endNetworkFeedback(start, parsed.is_discarded() ? nullptr : &parsed,
@@ -499,7 +499,7 @@ bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& re
   if (!cached) return false;
   ORVReply answer = makeReply(request, &cached->request(), nullptr);
   // An array holding the cached answer; written out without copying the answer first.
-  answer.rawResponse = "[" + cached->resultSet().dump() + "]";
+  answer.rawResponse = jsonTextForBus("[" + cached->resultSet().dump() + "]");
   reply(request.queryId, std::move(answer), std::nullopt);
   if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixOnDeviceCacheHits)) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
