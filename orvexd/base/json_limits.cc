@@ -23,10 +23,11 @@ std::pair<uint32_t, size_t> codePointAt(std::string_view text, size_t at) {
   return {code, length};
 }
 
+// `unit` is one UTF-16 code unit (at most 0xFFFF).
 void appendEscape(uint32_t unit, std::string& out) {
-  char escaped[8];
-  std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(unit));
-  out += escaped;
+  constexpr char kHex[] = "0123456789abcdef";
+  out.append("\\u");
+  for (int shift = 12; shift >= 0; shift -= 4) out.push_back(kHex[(unit >> shift) & 0xF]);
 }
 
 }  // namespace
