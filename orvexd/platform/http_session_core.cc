@@ -17,6 +17,11 @@ namespace {
 
 // The network thread wakes at least this often even when libcurl has nothing due.
 constexpr int kPollIntervalMs = 1000;
+// Connections a session opens to one host; further transfers wait for one of them. Without a
+// bound, a burst of searches from many clients opens a connection each, and a server that gives
+// every kept-alive connection a worker of its own may leave the ones beyond its workers unserved
+// for as long as the others stay busy.
+constexpr long kMaxConnectionsPerHost = 6;
 
 const OrvexLog& httpLog() { return OrvexLogForCategory(kOrvexLogConnection); }
 
@@ -48,6 +53,7 @@ void HttpSessionCore::startNetworkThread() {
   }
   curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING,
                     config_.multiplexing ? CURLPIPE_MULTIPLEX : CURLPIPE_NOTHING);
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
   thread_ = std::thread([this] { run(); });
   pthread_setname_np(thread_.native_handle(), "orvex-http");
 }

@@ -5,8 +5,6 @@
 // Feedback answers with what fits in its reply.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <charconv>
 #include <cstdlib>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -15,81 +13,24 @@
 
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/archived_data_iterator.h"
-#include "orvexd/feedback/file_container.h"
-#include "orvexd/feedback/persistent_storage.h"
-#include "tests/support/daemon_harness.h"
+#include "tests/support/session_files.h"
 
 namespace orvex {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using testing::sessionDirectory, testing::sessionFiles, testing::sessionNumber,
+    testing::SessionReader;
 
 constexpr const char* kBag = R"({"version": "1", "enabled": true, "feedback_enabled": true})";
 const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
 constexpr std::string_view kInputPrefix = "crash-";
 
-fs::path sessionDirectory(const testing::DaemonHarness& harness) {
-  return harness.cacheDirectory() / "com.zelmor.orvexd";
-}
-
-// The number of a "session.<N>" file, or -1.
-int sessionNumber(const fs::path& file) {
-  const std::string name = file.filename().string();
-  if (!name.starts_with(OrvexPersistentStorage::kFileNamePrefix)) return -1;
-  const std::string_view digits =
-      std::string_view(name).substr(OrvexPersistentStorage::kFileNamePrefix.size());
-  int number = -1;
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  return error == std::errc() && end == digits.data() + digits.size() ? number : -1;
-}
-
-// The session files in the directory, by number.
-std::vector<fs::path> sessionFiles(const fs::path& directory) {
-  std::vector<fs::path> files;
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(directory, error)) {
-    if (sessionNumber(entry.path()) >= 0) files.push_back(entry.path());
-  }
-  std::sort(files.begin(), files.end(), [](const fs::path& a, const fs::path& b) {
-    return sessionNumber(a) < sessionNumber(b);
-  });
-  return files;
-}
-
 int greatestNumber(const fs::path& directory) {
   const auto files = sessionFiles(directory);
   return files.empty() ? 0 : sessionNumber(files.back());
 }
-
-// Reads session files the way the daemon does, on a queue of its own.
-class SessionReader {
- public:
-  std::optional<StoredSession> read(const fs::path& file) {
-    return FileContainer::initWithUrl(file, kORVOrvexdNameVersion, queue_,
-                                      OrvexPersistentStorage::kDefaultMaxFileSize)
-        ->read();
-  }
-  // The inputs of the test's own search-start records in the file, in file order; nothing when
-  // the file does not read back.
-  std::optional<std::vector<std::string>> inputs(const fs::path& file) {
-    auto stored = read(file);
-    if (!stored) return std::nullopt;
-    std::vector<std::string> found;
-    for (const auto& feedback : stored->feedbacks) {
-      const auto* start = dynamic_cast<const NBStartSearchFeedback*>(feedback.feedback().get());
-      if (start != nullptr && start->input && start->input->starts_with(kInputPrefix)) {
-        found.push_back(*start->input);
-      }
-    }
-    return found;
-  }
-
- private:
-  testing::VirtualPlatform platform_{1};
-  std::shared_ptr<SerialQueue> queue_ =
-      std::make_shared<SerialQueue>("session reader", *platform_.pool, *platform_.clock);
-};
 
 NBStartSearchFeedback searchStart(const std::string& input) {
   NBStartSearchFeedback record;
@@ -180,7 +121,7 @@ TEST(SessionCrashTest, RecordsReportedBackSurviveSigkillAtAnyMoment) {
     bool roundFileChecked = false;
     for (const fs::path& file : sessionFiles(directory)) {
       SCOPED_TRACE(file.filename().string());
-      const auto inputs = reader.inputs(file);
+      const auto inputs = reader.inputs(file, kInputPrefix);
       // A file without its two leading records was cut off before its session's first record
       // was out; that nothing confirmed is lost with it is checked below.
       if (!inputs) continue;
@@ -236,7 +177,8 @@ TEST(SessionCrashTest, FileCutInsideARecordReadsBackItsWholeRecords) {
   ASSERT_FALSE(files.empty());
   fs::path original;
   for (const auto& file : files) {
-    if (auto inputs = reader.inputs(file); inputs && inputs->size() == 5) original = file;
+    if (auto inputs = reader.inputs(file, kInputPrefix); inputs && inputs->size() == 5)
+      original = file;
   }
   ASSERT_FALSE(original.empty()) << "no file holds the five records";
   const std::vector<uint8_t> bytes = testing::readBytes(original);
@@ -300,9 +242,9 @@ TEST(SessionCrashTest, FileCutInsideARecordReadsBackItsWholeRecords) {
   }
   // The client's session is the first new file, or the second when a bag fetch at start took
   // the first for its own session.
-  auto after = reader.inputs(directory / ("session." + std::to_string(greatest + 1)));
+  auto after = reader.inputs(directory / ("session." + std::to_string(greatest + 1)), kInputPrefix);
   if (after && after->empty()) {
-    after = reader.inputs(directory / ("session." + std::to_string(greatest + 2)));
+    after = reader.inputs(directory / ("session." + std::to_string(greatest + 2)), kInputPrefix);
   }
   ASSERT_TRUE(after);
   EXPECT_EQ(*after, std::vector<std::string>{"crash-after"});

@@ -339,6 +339,9 @@ BackendServer::BackendServer(Options options, EndpointRegistry endpoints)
     const int on = 1;
     ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   });
+  // An answer is written in more than one piece: with Nagle's algorithm the last piece waits for
+  // the client's delayed ACK, some 40 ms on every request of a kept-alive connection.
+  impl.server->set_tcp_nodelay(true);
   impl.server->set_payload_max_length(kMaxRequestBody);
   impl.server->set_keep_alive_timeout(kKeepAliveSeconds);
   impl.server->set_keep_alive_max_count(kKeepAliveRequests);
