@@ -10,8 +10,8 @@
 #include <memory>
 #include <string_view>
 
+#include "fuzz/fuzz_support.h"
 #include "orvexd/base/json_limits.h"
-#include "orvexd/base/orvex_logging.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/platform/virtual_clock.h"
 #include "orvexd/platform/worker_pool.h"
@@ -26,9 +26,7 @@ PlainMessage createPlainMessage();
 
 namespace {
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::fuzz::check;
 
 struct NoPressure final : orvex::MemoryPressureSource {};
 
@@ -48,7 +46,6 @@ Cache* g_cache = nullptr;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  orvex::setLogThreshold(orvex::LogLevel::kFault);
   static Cache cache;
   g_cache = &cache;
   return 0;

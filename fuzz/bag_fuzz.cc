@@ -9,18 +9,16 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/fuzz_support.h"
 #include "orvexd/base/json_limits.h"
 #include "orvexd/base/json_property_list.h"
-#include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/time_types.h"
 #include "orvexd/model/orv_bag.h"
 
 namespace {
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::fuzz::check;
 
 // Everything the daemon asks a bag, in one text.
 std::string answers(const orvex::ORVBag& bag) {
@@ -79,11 +77,6 @@ const char* const kAgents[] = {"Glance/1", orvex::kORVNewsUserAgent, orvex::kORV
                                "messages/2", ""};
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  orvex::setLogThreshold(orvex::LogLevel::kFault);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;

@@ -13,16 +13,15 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_support.h"
 #include "orvexd/query/critbit.h"
 #include "orvexd/query/critbit_tree.h"
 
 namespace {
 
-using orvex::critbit_tree;
+using orvex::fuzz::check;
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::critbit_tree;
 
 std::map<uintptr_t, int> g_live;  // values held by the tree, with their count
 

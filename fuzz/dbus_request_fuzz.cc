@@ -18,7 +18,7 @@
 #include <string>
 #include <tuple>
 
-#include "orvexd/base/orvex_logging.h"
+#include "fuzz/fuzz_support.h"
 #include "orvexd/client/dbus_forms.h"
 #include "orvexd/model/input_limits.h"
 
@@ -30,9 +30,7 @@ PlainMessage createPlainMessage();
 
 namespace {
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::fuzz::check;
 
 const char* const kKeys[] = {
     "kind",         "queryString",   "queryId",           "clientQueryId",
@@ -71,28 +69,24 @@ void appendValue(sdbus::Message& message, Input& in, bool nested) {
     write();
     message.closeVariant();
   };
+  const auto scalar = [&](const char* signature, auto value) {
+    variant(signature, [&] { message << value; });
+  };
   switch (type) {
     case 0:
-      variant("s", [&] { message << in.text(); });
-      break;
+      return scalar("s", in.text());
     case 1:
-      variant("x", [&] { message << static_cast<int64_t>(in.number()); });
-      break;
+      return scalar("x", static_cast<int64_t>(in.number()));
     case 2:
-      variant("t", [&] { message << in.number(); });
-      break;
+      return scalar("t", in.number());
     case 3:
-      variant("u", [&] { message << static_cast<uint32_t>(in.number()); });
-      break;
+      return scalar("u", static_cast<uint32_t>(in.number()));
     case 4:
-      variant("i", [&] { message << static_cast<int32_t>(in.number()); });
-      break;
+      return scalar("i", static_cast<int32_t>(in.number()));
     case 5:
-      variant("d", [&] { message << std::bit_cast<double>(in.number()); });
-      break;
+      return scalar("d", std::bit_cast<double>(in.number()));
     case 6:
-      variant("b", [&] { message << (in.byte() % 2 == 1); });
-      break;
+      return scalar("b", in.byte() % 2 == 1);
     case 7:
     case 8:
     case 9: {
@@ -149,11 +143,6 @@ orvex::dbus::RequestForm throughMessage(const orvex::ORVRequest& request) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  orvex::setLogThreshold(orvex::LogLevel::kFault);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Input in{data, size};

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "orvexd/base/orvex_logging.h"
+#include "fuzz/fuzz_support.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/property_list.h"
 #include "orvexd/platform/defaults_store.h"
@@ -19,9 +19,7 @@
 
 namespace {
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::fuzz::check;
 
 std::filesystem::path g_directory;
 std::shared_ptr<orvex::FileManager> g_files;
@@ -51,7 +49,6 @@ const char* const kDaemonKeys[] = {"ORVSharedSession",   "ORVSessionSizeLimit",
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  orvex::setLogThreshold(orvex::LogLevel::kFault);
   // In memory when the machine has it: the store syncs every file it writes.
   const std::filesystem::path base = std::filesystem::is_directory("/dev/shm")
                                          ? "/dev/shm"

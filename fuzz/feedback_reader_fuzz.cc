@@ -10,16 +10,14 @@
 #include <span>
 #include <string_view>
 
-#include "orvexd/base/orvex_logging.h"
+#include "fuzz/fuzz_support.h"
 #include "orvexd/model/orvex_feedback.h"
 
 namespace {
 
-using orvex::OrvexFeedback;
+using orvex::fuzz::check;
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::OrvexFeedback;
 
 void checkUpload(const OrvexFeedback& envelope) {
   const auto upload = envelope.dictionary();
@@ -40,11 +38,6 @@ void checkRecordFromClient(const orvex::FeedbackRecordPtr& record) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  orvex::setLogThreshold(orvex::LogLevel::kFault);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::span<const uint8_t> bytes(data, size);

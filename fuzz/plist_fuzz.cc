@@ -10,17 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_support.h"
 #include "orvexd/base/json_property_list.h"
-#include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/property_list.h"
 
 namespace {
 
-using orvex::PlistFormat;
+using orvex::fuzz::check;
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::PlistFormat;
 
 // Values are compared through their XML form, which is exact and in which NaN equals itself.
 std::vector<uint8_t> xml(const orvex::PlistValue& value) {
@@ -39,11 +37,6 @@ void checkRoundTrip(const orvex::PlistValue& value, PlistFormat format) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  orvex::setLogThreshold(orvex::LogLevel::kFault);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::span<const uint8_t> bytes(data, size);

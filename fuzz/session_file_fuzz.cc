@@ -13,7 +13,7 @@
 #include <span>
 #include <string>
 
-#include "orvexd/base/orvex_logging.h"
+#include "fuzz/fuzz_support.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/archived_data_iterator.h"
 #include "orvexd/feedback/file_container.h"
@@ -23,9 +23,7 @@
 
 namespace {
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::fuzz::check;
 
 constexpr uint64_t kMaxFileSize = 1 << 20;
 
@@ -55,7 +53,6 @@ size_t recordsReadable(std::span<const uint8_t> bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  orvex::setLogThreshold(orvex::LogLevel::kFault);
   static Platform platform;
   const std::filesystem::path base = std::filesystem::is_directory("/dev/shm")
                                          ? "/dev/shm"

@@ -8,24 +8,17 @@
 #include <string>
 #include <string_view>
 
-#include "orvexd/base/orvex_logging.h"
+#include "fuzz/fuzz_support.h"
 #include "orvexd/platform/url_cache.h"
 #include "orvexd/platform/virtual_clock.h"
 
 namespace {
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
+using orvex::fuzz::check;
 
 const std::string kKey = "https://search.example/search?q=wea";
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  orvex::setLogThreshold(orvex::LogLevel::kFault);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view file(reinterpret_cast<const char*>(data), size);
