@@ -6,13 +6,11 @@
 #include <httplib.h>
 
 #include <fstream>
-#include <future>
 
 namespace orvex {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 httplib::Client clientFor(const testing::ReferenceBackend& backend) {
   httplib::Client client(backend.baseUrl());
@@ -100,15 +98,6 @@ TEST_F(ReferenceBackendTest, LogsEachRequestAsSentWithTheStatusItGot) {
   EXPECT_EQ(logged[2].endpoint, "search");
   EXPECT_EQ(logged[2].status, 503);
   EXPECT_EQ(backend.requestCount("search"), 1u);
-
-  EXPECT_EQ(backend.requests(1).size(), 2u);
-  backend.clearRequests();
-  EXPECT_TRUE(backend.requests().empty());
-  ASSERT_TRUE(client.Get("/warm"));
-  logged = backend.requests();
-  ASSERT_EQ(logged.size(), 1u);
-  EXPECT_EQ(logged[0].seq, 4);  // numbers keep counting across a clear
-  EXPECT_EQ(backend.requestCount("bag"), 0u);
 }
 
 TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultAndRemovesCountedOnes) {
@@ -129,26 +118,8 @@ TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultAndRemovesCountedOnes) {
   EXPECT_FALSE(client.Get("/bag"));
   EXPECT_EQ(nlohmann::json::parse(get(client, "/bag").second).at("version"), "1");
 
-  // A delayed answer holds up neither other requests nor its own entry in the log.
-  backend.setFault("bag", {{"delay_ms", 400}, {"count", 1}});
-  const size_t bagsBefore = backend.requestCount("bag");
-  auto delayed = std::async(std::launch::async, [&] {
-    auto ownClient = clientFor(backend);
-    const auto start = Clock::now();
-    auto result = ownClient.Get("/bag");
-    return std::make_pair(result ? result->status : -1, Clock::now() - start);
-  });
-  ASSERT_TRUE(backend.waitForRequests("bag", bagsBefore + 1, 5s));
-  EXPECT_EQ(get(client, "/warm").first, 204);
-  EXPECT_EQ(delayed.wait_for(0s), std::future_status::timeout);
-  const auto [delayedStatus, elapsed] = delayed.get();
-  EXPECT_EQ(delayedStatus, 200);
-  EXPECT_GE(elapsed, 400ms);
-
+  // Delays are checked through the daemon (the bag tests).
   backend.setFault("bag", {{"status", 500}});
-  backend.setFault("warm", {{"status", 500}});
-  backend.clearFault("warm");
-  EXPECT_EQ(backend.faults(), nlohmann::json::parse(R"({"bag": {"status": 500}})"));
   backend.clearFaults();
   EXPECT_EQ(get(client, "/bag").first, 200);
   // A fault the server refuses is an exception here, and changes nothing.
