@@ -21,6 +21,10 @@ namespace {
 constexpr int kSearches = 40;
 // Freed memory waits in quarantine (up to 256 MiB) before it is reused, and every block is padded.
 constexpr long kGrowthBoundKb = 640 << 10;
+#elif defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
+constexpr int kSearches = 200;
+// Every byte the daemon touches has its shadow, and freed memory keeps its access history.
+constexpr long kGrowthBoundKb = 256 << 10;
 #else
 constexpr int kSearches = 200;
 // Records go to files, not memory; the query cache empties itself at 2 MiB of answers; the
