@@ -296,6 +296,8 @@ TEST(SessionCrashTest, EveryRecordOfABusyClientReachesAFile) {
   crowdsourced.customType = 2;
   crowdsourced.jsonFeedback = {{"app", "com.zelmor.maps"}};
   ASSERT_TRUE(client->reportEvent("custom", 7, crowdsourced));
+  // Feedback comes after all 30 000 records, which take a while under the sanitizers.
+  client->setTimeout(std::chrono::minutes(3));
   const auto reported = reportedInputs(*client);  // the open session's records only
   ASSERT_FALSE(reported.empty());
   EXPECT_EQ(reported.back(), sent.back());
