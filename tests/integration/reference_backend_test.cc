@@ -1,5 +1,4 @@
-// The built reference back-end, through what the daemon's tests rely on: the bag and search
-// routes, the faults it injects and its request log.
+// The reference back-end's routes, faults and request log, as the daemon's tests rely on them.
 #include "tests/support/reference_backend.h"
 
 #include <gtest/gtest.h>
@@ -111,14 +110,12 @@ TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultAndRemovesCountedOnes) {
   EXPECT_EQ(backend.faults(), nlohmann::json::object());
   EXPECT_EQ(get(client, "/bag").first, 200);
 
-  // Bodies, headers and garbage are checked through the daemon (bag and search tests). A
-  // dropped answer is a transport error; the fault replaces the one before it.
+  // A dropped answer is a transport error; the fault replaces the one before it.
   backend.setFault("bag", {{"garbage", true}});
   backend.setFault("bag", {{"drop", true}, {"count", 1}});
   EXPECT_FALSE(client.Get("/bag"));
   EXPECT_EQ(nlohmann::json::parse(get(client, "/bag").second).at("version"), "1");
 
-  // Delays are checked through the daemon (the bag tests).
   backend.setFault("bag", {{"status", 500}});
   backend.clearFaults();
   EXPECT_EQ(get(client, "/bag").first, 200);
