@@ -227,4 +227,35 @@ void OrvexPersistentStorage::keepCrowdsourcingRecord(std::string json) {
   });
 }
 
+std::vector<std::string> OrvexPersistentStorage::takeCrowdsourcingRecords() {
+  auto records = queue_->syncResult([this] {
+    std::vector<std::string> taken;
+    if (cachesUrl_.empty()) return taken;
+    const std::filesystem::path path = cachesUrl_ / kCrowdsourcingFileName;
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file) return taken;
+    // The file never grows past the session file size; a larger one was not written by us.
+    struct stat attributes {};
+    std::string text;
+    if (::fstat(file.get(), &attributes) == 0 && S_ISREG(attributes.st_mode) &&
+        static_cast<uint64_t>(attributes.st_size) <= maxFileSize_) {
+      text.resize(static_cast<size_t>(attributes.st_size));
+      const ssize_t got = ::read(file.get(), text.data(), text.size());
+      text.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    } else {
+      storageLog().error("crowdsourcing records unreadable, dropped: %@", path.string());
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterRecordsDropped);
+    }
+    for (size_t start = 0; start < text.size();) {
+      size_t end = text.find('\n', start);
+      if (end == std::string::npos) end = text.size();
+      if (end > start) taken.emplace_back(text, start, end - start);
+      start = end + 1;
+    }
+    (void)::unlink(path.c_str());
+    return taken;
+  });
+  return records ? std::move(*records) : std::vector<std::string>{};
+}
+
 }  // namespace orvex

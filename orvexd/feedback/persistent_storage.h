@@ -62,6 +62,7 @@ class OrvexPersistentStorage final : public PersistentStorage,
   void deleteSessionWithFileContainer(std::shared_ptr<FileContainer> container) override;
   void afterPendingWrites(std::function<void()> done) override;
   void keepCrowdsourcingRecord(std::string json) override;
+  std::vector<std::string> takeCrowdsourcingRecords() override;
 
   const std::string& version() const { return version_; }
   uint64_t maxFileSize() const { return maxFileSize_; }

@@ -25,7 +25,11 @@ class FileManager;
 class NotificationCenter;
 class SystemNotifier;
 class WorkerPool;
+class ActivityScheduler;
 class AppWhitelistController;
+class BackgroundFlusher;
+class FeedbackFlusher;
+class FlusherListener;
 class BagController;
 class ClientStateManager;
 class GUIDController;
@@ -56,10 +60,13 @@ class Assembly {
   // System-wide notify names; none when the daemon has no bus (tests of single components).
   std::shared_ptr<SystemNotifier> systemNotifier;
 
-  // HTTP sessions, set by start-up: the main session for queries (with the URL cache) and the
-  // bag session.
+  // HTTP sessions, set by start-up: the main session for queries (with the URL cache), the bag
+  // session and the background upload session the flushers send on.
   std::shared_ptr<HttpSession> urlSession;
   std::shared_ptr<HttpSession> bagSession;
+  std::shared_ptr<HttpSession> uploadSession;
+  // Repeating background jobs (the periodic upload).
+  std::shared_ptr<ActivityScheduler> activityScheduler;
 
   // Components, in the order start-up creates them.
   std::shared_ptr<NetworkRequestFactory> requestFactory;
@@ -75,6 +82,13 @@ class Assembly {
   // Opens a session outside every session manager (each bag fetch is recorded in one); unset,
   // such records are not kept.
   StandaloneSessionOpener openStandaloneSession;
+  // Uploads crowdsourcing records (identifier 0); the feedback flusher is the background
+  // flusher's own.
+  std::shared_ptr<FeedbackFlusher> crowdsourcingFeedbackFlusher;
+  // Runs the flush activity, on its schedule and on demand.
+  std::shared_ptr<BackgroundFlusher> backgroundFlusher;
+  // The flusher control channel (D-Bus object /com/zelmor/orvexd/Flusher); none without a bus.
+  std::shared_ptr<FlusherListener> flusherIpcListener;
 
   // Value of the defaults key "ORVSharedSession".
   bool sharedSession = false;

@@ -28,6 +28,8 @@ class PersistentStorage {
   // Keeps one crowdsourcing record (its JSON text) on disk until the crowdsourcing upload takes
   // it; a record that cannot be kept is counted as dropped.
   virtual void keepCrowdsourcingRecord(std::string json) = 0;
+  // The crowdsourcing records kept so far (their JSON texts, oldest first), taken off the disk.
+  virtual std::vector<std::string> takeCrowdsourcingRecords() = 0;
 };
 
 }  // namespace orvex
