@@ -96,6 +96,22 @@ void appendUtf8(std::string& out, char32_t codePoint) {
   }
 }
 
+std::string toValidUtf8(std::string_view text) {
+  if (isValidUtf8(text)) return std::string(text);
+  std::string out;
+  out.reserve(text.size() + 8);
+  for (std::size_t at = 0; at < text.size();) {
+    if (const std::size_t length = utf8SequenceLength(text, at); length > 0) {
+      out.append(text.substr(at, length));
+      at += length;
+    } else {
+      appendUtf8(out, U'\uFFFD');
+      ++at;
+    }
+  }
+  return out;
+}
+
 std::size_t utf8SequenceLength(std::string_view text, std::size_t at) {
   if (at >= text.size()) return 0;
   const auto lead = static_cast<unsigned char>(text[at]);

@@ -34,6 +34,8 @@ bool isValidUtf8(std::string_view text);
 // The length of the well-formed UTF-8 sequence that starts at `text[at]`, or 0 when the bytes
 // there do not begin one.
 std::size_t utf8SequenceLength(std::string_view text, std::size_t at);
+// `text` with every byte that does not begin a well-formed UTF-8 sequence replaced by U+FFFD.
+std::string toValidUtf8(std::string_view text);
 
 // Standard base64 with padding.
 std::string encodeBase64(std::span<const uint8_t> bytes);

@@ -312,15 +312,23 @@ ORVReply ClientState::makeReply(const ORVRequest& request, const HttpRequest* ht
   ORVReply reply;
   reply.scale = request.scale;
   if (request.verboseReply) {
+    // D-Bus strings must be UTF-8, and a back-end may send any bytes in its headers: those that
+    // are not UTF-8 are shown as U+FFFD rather than making the whole reply unsendable.
+    const auto busHeaders = [](const auto& headers) {
+      ORVHeaderList list;
+      for (const auto& [name, value] : headers) {
+        list.emplace_back(toValidUtf8(name), toValidUtf8(value));
+      }
+      return list;
+    };
     if (httpRequest != nullptr) {
-      reply.httpRequest = ORVHttpRequestInfo{
-          httpRequest->url, httpRequest->method,
-          ORVHeaderList(httpRequest->headers.begin(), httpRequest->headers.end())};
+      reply.httpRequest = ORVHttpRequestInfo{toValidUtf8(httpRequest->url), httpRequest->method,
+                                             busHeaders(httpRequest->headers)};
     }
     if (httpResponse != nullptr) {
-      reply.httpResponse = ORVHttpResponseInfo{
-          httpResponse->url, httpResponse->statusCode,
-          ORVHeaderList(httpResponse->headers.begin(), httpResponse->headers.end())};
+      reply.httpResponse =
+          ORVHttpResponseInfo{toValidUtf8(httpResponse->url), httpResponse->statusCode,
+                              busHeaders(httpResponse->headers)};
     }
   }
   if (assembly_.requestFactory) {

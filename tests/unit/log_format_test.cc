@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <limits>
 
+#include "orvexd/base/text_util.h"
+
 namespace orvex {
 namespace {
 
@@ -96,6 +98,9 @@ TEST(LogFormatTest, LogLinesEscapeControlCharactersAndAreCutOnACharacterBoundary
   const auto cut = sanitizedLogLine(huge);
   ASSERT_TRUE(cut);
   EXPECT_EQ(*cut, std::string(kMaxLogLineBytes, 'x').append("... [8192 bytes cut]"));
+  // Header text a back-end sent, made fit for a D-Bus string: stray and overlong bytes replaced.
+  EXPECT_EQ(toValidUtf8("caf\xC3\xA9"), "caf\xC3\xA9");
+  EXPECT_EQ(toValidUtf8("a\xFF\xC0\xAFz\xE2\x82"), "a\uFFFD\uFFFD\uFFFDz\uFFFD\uFFFD");
 }
 
 }  // namespace
