@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "orvexd/base/json_limits.h"
 #include "orvexd/base/json_property_list.h"
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
@@ -51,20 +52,9 @@ double secondsSince1970(WallTime time) {
 
 double secondsOf(Duration duration) { return std::chrono::duration<double>(duration).count(); }
 
-// How deeply `json` nests, counted without recursion (the document comes from the network).
-size_t nestingDepth(const BagDictionary& json) {
-  size_t deepest = 0;
-  std::vector<std::pair<const BagDictionary*, size_t>> pending{{&json, 1}};
-  while (!pending.empty()) {
-    const auto [value, depth] = pending.back();
-    pending.pop_back();
-    deepest = std::max(deepest, depth);
-    if (value->is_structured()) {
-      for (const auto& child : *value) pending.emplace_back(&child, depth + 1);
-    }
-  }
-  return deepest;
-}
+// The largest bag document read from the network. Bags are a few kilobytes; the bound keeps a
+// broken back-end from making the daemon build a huge tree.
+constexpr size_t kMaxBagBytes = size_t{8} << 20;  // 8 MiB
 
 // Whether the bag enables the news client: 0 or 1, and 2 when there is no bag.
 unsigned long newsStatus(const std::shared_ptr<const ORVBag>& bag) {
@@ -455,15 +445,17 @@ std::optional<OrvexError> OrvexBagController::_takeFetchedBag(
     bagLog().log("Error fetching bag status code: %ld", status);
     return bagFetchError(formatLog("statusCode %ld", status));
   }
+  // Size and depth are checked before anything is built; a document nested deeper than the disk
+  // copy can hold is refused without an error, like one the disk copy could not be written from.
+  const JsonLimits limits{kMaxBagBytes, static_cast<size_t>(kPlistMaxDepth)};
+  if (auto problem = jsonLimitProblem(result.data, limits)) {
+    bagLog().log("error parsing bag json %@", *problem);
+    return std::nullopt;
+  }
   BagDictionary json = BagDictionary::parse(result.data, nullptr, /*allow_exceptions=*/false);
   if (!json.is_object()) {
     bagLog().log("Error fetching bag: returned data was not of the expected type.");
     return bagFetchError("not JSON object");
-  }
-  if (const size_t depth = nestingDepth(json); depth > static_cast<size_t>(kPlistMaxDepth)) {
-    bagLog().log("error parsing bag json %@",
-                 formatLog("nested %zu levels deep, more than %d", depth, kPlistMaxDepth));
-    return std::nullopt;
   }
   bagLog().info("Got bag: %@", json.dump());
   BagDictionary augmented = cacheBagDictionary(json);
