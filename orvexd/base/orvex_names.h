@@ -31,6 +31,8 @@ inline constexpr char kOrvexErrorLimitsExceeded[] = "com.zelmor.orvexd.Error.Lim
 
 // The error domain of the daemon's own errors in error dictionaries.
 inline constexpr char kORVErrorDomain[] = "ORVErrorDomain";
+// The domain of errors that carry an errno value (0 when there is none).
+inline constexpr char kPOSIXErrorDomain[] = "POSIXErrorDomain";
 
 // The log subsystem every category is under.
 inline constexpr char kOrvexLogSubsystem[] = "com.zelmor.orvexd";
