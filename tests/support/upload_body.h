@@ -4,17 +4,16 @@
 #include <openssl/sha.h>
 #include <zlib.h>
 
-#include <span>
 #include <string>
 #include <string_view>
 
 namespace orvex::testing {
 
 // The text raw-deflated `body` inflates to; "<corrupt>" when it does not inflate to its end.
-inline std::string inflateRaw(std::span<const uint8_t> body) {
+inline std::string inflateRaw(std::string_view body) {
   z_stream stream{};
   if (inflateInit2(&stream, -15) != Z_OK) return "<corrupt>";
-  stream.next_in = const_cast<Bytef*>(body.data());
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(body.data()));
   stream.avail_in = static_cast<uInt>(body.size());
   std::string text;
   int result = Z_OK;
@@ -27,9 +26,6 @@ inline std::string inflateRaw(std::span<const uint8_t> body) {
   }
   inflateEnd(&stream);
   return result == Z_STREAM_END ? text : "<corrupt>";
-}
-inline std::string inflateRaw(std::string_view body) {
-  return inflateRaw(std::span(reinterpret_cast<const uint8_t*>(body.data()), body.size()));
 }
 
 inline std::string sha512Hex(std::string_view text) {

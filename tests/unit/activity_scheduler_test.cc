@@ -16,12 +16,6 @@ using namespace std::chrono_literals;
 using S = ActivityScheduler;
 
 struct ActivitySchedulerTest : ::testing::Test {
-  ActivitySchedulerTest() {
-    criteria.delay = 300s;
-    criteria.repeating = true;
-    criteria.interval = 600s;
-    criteria.gracePeriod = 300s;
-  }
   // Seconds since the start at which the handler ran.
   std::vector<int64_t> runs() {
     platform.settle();
@@ -42,7 +36,12 @@ struct ActivitySchedulerTest : ::testing::Test {
   testing::VirtualPlatform platform;
   std::shared_ptr<S> scheduler = std::make_shared<S>(*platform.pool, *platform.clock);
   const MonotonicTime start = platform.clock->monotonicNow();
-  ActivityCriteria criteria;
+  ActivityCriteria criteria = [] {
+    ActivityCriteria everyTenMinutes;
+    everyTenMinutes.delay = 300s, everyTenMinutes.repeating = true;
+    everyTenMinutes.interval = 600s, everyTenMinutes.gracePeriod = 300s;
+    return everyTenMinutes;
+  }();
   std::mutex mutex;
   std::vector<int64_t> seconds;
 };

@@ -10,7 +10,7 @@ namespace {
 
 std::string bodyOf(CompressedOutputStream& stream) {
   const auto& data = dynamic_cast<MemoryOutputStream&>(stream.outputStream()).data();
-  return testing::inflateRaw(std::span(data));
+  return testing::inflateRaw(std::string(data.begin(), data.end()));
 }
 
 const uint8_t* bytes(std::string_view text) {
@@ -58,31 +58,16 @@ TEST(CompressedOutputStream, AWriteOfManyPassesIsDigestedOncePerPass) {
   const int64_t count = stream.write(bytes(input), input.size());
   stream.close();
   EXPECT_EQ(bodyOf(stream), input);
-
-  CHandle<EVP_MD_CTX, &EVP_MD_CTX_free> running(EVP_MD_CTX_new());
-  EVP_DigestInit_ex(running.get(), EVP_sha512(), nullptr);
   int passes = 0;
-  for (int k = 1; k <= 200 && passes == 0; ++k) {
-    EVP_DigestUpdate(running.get(), input.data(), input.size());
-    CHandle<EVP_MD_CTX, &EVP_MD_CTX_free> copy(EVP_MD_CTX_new());
-    EVP_MD_CTX_copy_ex(copy.get(), running.get());
-    unsigned char digest[64];
-    EVP_DigestFinal_ex(copy.get(), digest, nullptr);
-    std::string hex;
-    for (unsigned char byte : digest) hex += fmt::format("{:02x}", byte);
-    if (hex == stream.dataDigestForStream()) passes = k;
+  std::string repeated;
+  for (int k = 1; k <= 100 && passes == 0; ++k) {
+    repeated += input;
+    if (testing::sha512Hex(repeated) == stream.dataDigestForStream()) passes = k;
   }
   ASSERT_GT(passes, 1) << "the digest is the input's, counted once per pass";
   // The last pass counts the whole input; each earlier one what it had consumed by then.
   EXPECT_GT(count, static_cast<int64_t>(input.size()));
   EXPECT_LE(count, static_cast<int64_t>(input.size()) * passes);
-}
-
-TEST(NullStream, CountsWhatItIsGiven) {
-  NullStream counter;
-  EXPECT_EQ(counter.write(bytes("abc"), 3), 3);
-  EXPECT_EQ(writeJsonToStream(nlohmann::json{{"a", 1}}, counter), std::nullopt);
-  EXPECT_EQ(counter.bytesWritten(), 3u + 7u);
 }
 
 }  // namespace
