@@ -11,13 +11,16 @@
 #include "orvexd/core/diagnostics_service.h"
 #include "orvexd/core/endpoint_service.h"
 #include "orvexd/core/orvex_service.h"
+#include "orvexd/feedback/background_activities_manager.h"
 #include "orvexd/feedback/client_session_manager.h"
+#include "orvexd/feedback/orvex_feedback_flusher.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/standalone_client_session.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/user_guid_controller.h"
+#include "orvexd/platform/activity_scheduler.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
 #include "orvexd/platform/clock.h"
@@ -100,6 +103,15 @@ std::shared_ptr<HttpSession> makeBagSession(Assembly& assembly) {
                                        assembly.fileManager->temporaryDirectory().string());
 }
 
+// Uploads: like the bag session, no response cache; its tasks stream their bodies from files.
+std::shared_ptr<HttpSession> makeUploadSession(Assembly& assembly) {
+  HttpSessionConfiguration configuration;
+  configuration.identifier = "upload";
+  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
+                                       *assembly.clock,
+                                       assembly.fileManager->temporaryDirectory().string());
+}
+
 // The bounds on client input, each overridable by its defaults key.
 InputLimits readInputLimits(const DefaultsStore& defaults) {
   InputLimits limits;
@@ -142,6 +154,12 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   assembly->openStandaloneSession = StandaloneClientSession::opener(*assembly);
   OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
   assembly->bagSession = makeBagSession(*assembly);
+  assembly->uploadSession = makeUploadSession(*assembly);
+  assembly->activityScheduler =
+      std::make_shared<ActivityScheduler>(*assembly->workerPool, *assembly->clock);
+  assembly->crowdsourcingFeedbackFlusher = OrvexFeedbackFlusher::initWithAssembly(
+      *assembly, OrvexFeedbackFlusher::kIdentifierCrowdsourcing);
+  assembly->backgroundFlusher = BackgroundActivitiesManager::initWithAssembly(*assembly);
 
   auto bagController = std::make_shared<OrvexBagController>(*assembly);
   assembly->bagController = bagController;
