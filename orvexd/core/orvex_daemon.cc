@@ -10,6 +10,7 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/core/diagnostics_service.h"
 #include "orvexd/core/endpoint_service.h"
+#include "orvexd/core/orvex_flusher_ipc.h"
 #include "orvexd/core/orvex_service.h"
 #include "orvexd/feedback/background_activities_manager.h"
 #include "orvexd/feedback/client_session_manager.h"
@@ -128,12 +129,20 @@ InputLimits readInputLimits(const DefaultsStore& defaults) {
   return limits;
 }
 
+// How the flusher control channel reaches the client connections: the service that holds them is
+// made after the components, and run() puts it here before the bus name is owned (so before any
+// call can ask). Held weakly: once the service is gone there are no connections.
+struct ClientConnectionsSlot {
+  std::weak_ptr<OrvexService> service;
+};
+
 // Builds every component in start-up order, each receiving the Assembly, and fills every field
 // of the Assembly. Nothing else writes into it: once this returns it is only read.
 std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
                                              std::shared_ptr<FileManager> fileManager,
                                              std::shared_ptr<DefaultsStore> userDefaults,
-                                             BusConnection& bus) {
+                                             BusConnection& bus,
+                                             std::shared_ptr<ClientConnectionsSlot> connections) {
   auto assembly = std::make_shared<Assembly>(std::move(pool), std::make_shared<SystemClock>());
   assembly->userDefaults = std::move(userDefaults);
   assembly->fileManager = std::move(fileManager);
@@ -168,6 +177,16 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   assembly->guidController = std::make_shared<OrvexUserGUIDController>(*assembly);
   assembly->clientSessionManager =
       std::make_shared<ClientSessionManager>(*assembly, assembly->guidController, "orvex");
+
+  // The flusher control channel, exported now so that it is there before the name is owned.
+  auto flusherIpc =
+      std::make_shared<OrvexFlusherIpc>(*assembly, bus, [connections = std::move(connections)] {
+        auto service = connections->service.lock();
+        return service ? service->getClientConnections()
+                       : std::vector<std::shared_ptr<ClientConnection>>();
+      });
+  flusherIpc->start();
+  assembly->flusherIpcListener = flusherIpc;
 
   // The persisted client states bind to the GUID controller and session manager, and the bag
   // fetch at start reads the GUID: both start once those exist.
@@ -213,11 +232,13 @@ int OrvexDaemon::run() {
     return EXIT_FAILURE;
   }
 
-  assembly_ = assembleComponents(pool, fileManager, userDefaults, *bus_);
+  auto clientConnections = std::make_shared<ClientConnectionsSlot>();
+  assembly_ = assembleComponents(pool, fileManager, userDefaults, *bus_, clientConnections);
 
   // Exported before the name is owned, so that a call that activated the daemon finds it.
   service_ = std::make_shared<OrvexService>(*assembly_, *bus_);
   service_->start();
+  clientConnections->service = service_;
   endpoint_ = std::make_shared<EndpointService>(*assembly_, *bus_);
   endpoint_->start();
   diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection(), *assembly_);
