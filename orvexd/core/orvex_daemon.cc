@@ -70,8 +70,14 @@ void registerDefaults(DefaultsStore& defaults) {
   });
 }
 
-// The four HTTP sessions. Settings of the device's own HTTP stack that libcurl has no
-// equivalent for are named where they would apply; see each function.
+// The HTTP sessions. Settings of the device's own HTTP stack that libcurl has no equivalent for
+// are named where they would apply; see each function.
+std::shared_ptr<HttpSession> makeSession(Assembly& assembly,
+                                         HttpSessionConfiguration configuration) {
+  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
+                                       *assembly.clock,
+                                       assembly.fileManager->temporaryDirectory().string());
+}
 
 // Queries: the URL cache, no cookies, HTTP/2 multiplexing, TCP fast open and TLS session
 // resumption unless "ORVNoParallax" is set. Timing is collected for every transfer. libcurl has
@@ -88,9 +94,7 @@ std::shared_ptr<HttpSession> makeMainSession(Assembly& assembly) {
   configuration.tlsSessionTickets = !noParallax;
   configuration.multiplexing = true;
   configuration.idleConnectionTimeout = std::chrono::seconds(10);
-  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
-                                       *assembly.clock,
-                                       assembly.fileManager->temporaryDirectory().string());
+  return makeSession(assembly, std::move(configuration));
 }
 
 // The bag: no cookies and no response cache, so every fetch reaches the server; idle
@@ -99,18 +103,14 @@ std::shared_ptr<HttpSession> makeBagSession(Assembly& assembly) {
   HttpSessionConfiguration configuration;
   configuration.identifier = "bag";
   configuration.idleConnectionTimeout = std::chrono::seconds(10);
-  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
-                                       *assembly.clock,
-                                       assembly.fileManager->temporaryDirectory().string());
+  return makeSession(assembly, std::move(configuration));
 }
 
 // Uploads: like the bag session, no response cache; its tasks stream their bodies from files.
 std::shared_ptr<HttpSession> makeUploadSession(Assembly& assembly) {
   HttpSessionConfiguration configuration;
   configuration.identifier = "upload";
-  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
-                                       *assembly.clock,
-                                       assembly.fileManager->temporaryDirectory().string());
+  return makeSession(assembly, std::move(configuration));
 }
 
 // The bounds on client input, each overridable by its defaults key.

@@ -25,16 +25,13 @@
 
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/client/orvex_client.h"
+#include "tools/orvexctl/orvexctl.h"
 
 namespace orvex::ctl {
 namespace {
 
 using nlohmann::json;
 using namespace std::chrono_literals;
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
 
 // How long `configure` waits for the daemon's BagDidLoad after the configuration was accepted.
 constexpr auto kBagDidLoadWait = 3s;
@@ -96,27 +93,6 @@ are refused with com.zelmor.orvexd.Error.AccessDenied.
 Exit status: 0 success; 1 the bus or the daemon failed the call (the D-Bus error is
 on standard error); 2 a wrong command line or an unusable input record.
 )";
-
-struct UsageError {
-  std::string message;
-};
-
-// The parsed command line.
-struct Options {
-  std::string identifier = "com.zelmor.orvexctl";
-  std::string agent = "orvexctl/1.0";
-  std::string address;
-  bool json = false;
-  std::optional<std::chrono::milliseconds> timeout;
-  bool help = false;
-  std::string command;
-  std::vector<std::string> arguments;
-  std::optional<int64_t> queryId;
-  bool verbose = false;
-  std::optional<std::string> event;
-  // report: the record, read and checked before the daemon is contacted.
-  FeedbackRecordPtr record;
-};
 
 int64_t parseInteger(const std::string& option, const std::string& text) {
   try {
@@ -188,21 +164,12 @@ Options parseCommandLine(int argc, char** argv) {
   return options;
 }
 
+}  // namespace
+
 // ---- output helpers ----
 
-void printJson(const json& value) { std::cout << value.dump(2) << "\n"; }
+void printJson(const nlohmann::json& value) { std::cout << value.dump(2) << "\n"; }
 
-json errorJson(const std::optional<OrvexError>& error) {
-  if (!error) return nullptr;
-  return json{{"domain", error->domain}, {"code", error->code}, {"reason", error->reason}};
-}
-
-std::string describeError(const OrvexError& error) {
-  return error.domain + " code " + std::to_string(error.code) + ": " + error.reason;
-}
-
-// A D-Bus failure: the error's name and message on standard error, with a hint when the daemon
-// is simply not there.
 int busFailure(const std::string& what, const ClientError& error) {
   std::cerr << "orvexctl: " << what << " failed: " << error.name << ": " << error.message << "\n";
   if (error.name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
@@ -213,6 +180,17 @@ int busFailure(const std::string& what, const ClientError& error) {
     std::cerr << "hint: the daemon did not answer in time; a longer --timeout may help\n";
   }
   return kExitFailure;
+}
+
+namespace {
+
+json errorJson(const std::optional<OrvexError>& error) {
+  if (!error) return nullptr;
+  return json{{"domain", error->domain}, {"code", error->code}, {"reason", error->reason}};
+}
+
+std::string describeError(const OrvexError& error) {
+  return error.domain + " code " + std::to_string(error.code) + ": " + error.reason;
 }
 
 // The parts of a bag worth showing: version, switch, and the main URLs.
@@ -239,63 +217,6 @@ void printBagSummary(const ORVBag& bag) {
     std::cout << "  " << name << ": " << url.get<std::string>() << "\n";
   }
 }
-
-// ---- the session every command starts with ----
-
-class Session {
- public:
-  explicit Session(const Options& options) : options_(options) {}
-
-  // Connects and configures; the exit status on failure.
-  std::optional<int> open() {
-    std::string error;
-    client_ = OrvexClient::connect(&error, options_.address);
-    if (!client_) {
-      std::cerr << "orvexctl: cannot connect to "
-                << (options_.address.empty() ? "the session bus" : options_.address) << ": "
-                << error << "\n";
-      return kExitFailure;
-    }
-    if (options_.timeout) client_->setTimeout(*options_.timeout);
-    client_->onBagDidLoad(
-        [this](std::shared_ptr<const ORVBag> bag, std::optional<OrvexError> bagError) {
-          std::lock_guard lock(mutex_);
-          bagDidLoad_ = BagAnswer{std::move(bag), std::move(bagError)};
-          bagArrived_.notify_all();
-        });
-    auto endpoint = client_->configure(configuration());
-    if (!endpoint) return busFailure("Configure", endpoint.error());
-    endpoint_ = endpoint.value();
-    return std::nullopt;
-  }
-
-  ORVSessionConfiguration configuration() const {
-    ORVSessionConfiguration configuration;
-    configuration.identifier = options_.identifier;
-    configuration.userAgent = options_.agent;
-    return configuration;
-  }
-
-  OrvexClient& client() { return *client_; }
-  const std::string& endpoint() const { return endpoint_; }
-
-  // The first BagDidLoad, waiting at most `wait` for it.
-  std::optional<BagAnswer> waitForBagDidLoad(std::chrono::milliseconds wait) {
-    std::unique_lock lock(mutex_);
-    bagArrived_.wait_for(lock, wait, [this] { return bagDidLoad_.has_value(); });
-    return bagDidLoad_;
-  }
-
- private:
-  const Options& options_;
-  std::string endpoint_;
-  std::mutex mutex_;
-  std::condition_variable bagArrived_;
-  std::optional<BagAnswer> bagDidLoad_;
-  // Last, so that it goes first: its bus thread runs the BagDidLoad handler, which uses the
-  // members above.
-  std::unique_ptr<OrvexClient> client_;
-};
 
 // ---- commands ----
 
@@ -555,154 +476,6 @@ int runReport(Session& session, const Options& options) {
   } else {
     std::cout << "reported " << feedback.className() << " (event \"" << event << "\", query id "
               << queryId << ")\n";
-  }
-  return kExitOk;
-}
-
-// ---- the flusher control channel ----
-
-// How long dump and stop wait for the daemon's WorkDone unless --timeout says otherwise.
-constexpr auto kWorkDoneWait = 60s;
-
-// What the flusher's signals hand the command, shared with the handlers (which run on the
-// client's bus thread and may outlive the command's stack frame).
-struct FlusherEvents : std::enable_shared_from_this<FlusherEvents> {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::vector<uint8_t>> bodies;
-  size_t workDone = 0;
-
-  std::function<void()> workDoneHandler() {
-    return [self = shared_from_this()] {
-      std::lock_guard lock(self->mutex);
-      ++self->workDone;
-      self->changed.notify_all();
-    };
-  }
-  template <typename F>
-  bool waitUntil(std::chrono::milliseconds wait, F condition) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, wait, [&] { return condition(); });
-  }
-};
-
-int runFlusherWatch(Session& session, const Options& options) {
-  auto printing = std::make_shared<std::mutex>();
-  const bool asJson = options.json;
-  OrvexClient::FlusherHandlers handlers;
-  handlers.receivedFeedbackDescription = [printing, asJson](std::string description) {
-    std::lock_guard lock(*printing);
-    if (asJson) {
-      auto parsed = json::parse(description, nullptr, false);
-      std::cout << json{{"description", parsed.is_discarded() ? json(description) : parsed}}.dump()
-                << std::endl;
-    } else {
-      std::cout << description << std::endl;
-    }
-  };
-  session.client().onFlusherSignals(std::move(handlers));
-  auto taken = session.client().initiateFlusherIntent(kFlusherIntentReceivingStream);
-  if (!taken) return busFailure("InitiateConnectionWithIntent", taken.error());
-  if (!asJson) std::cerr << "watching the records clients report; interrupt to stop\n";
-  // Records arrive on the client's bus thread; this one only waits.
-  std::mutex mutex;
-  std::condition_variable never;
-  std::unique_lock lock(mutex);
-  if (options.timeout) {
-    never.wait_for(lock, *options.timeout, [] { return false; });
-  } else {
-    never.wait(lock, [] { return false; });
-  }
-  return kExitOk;
-}
-
-int runFlusherDump(Session& session, const Options& options) {
-  auto events = std::make_shared<FlusherEvents>();
-  OrvexClient::FlusherHandlers handlers;
-  handlers.flushedData = [events](std::vector<std::vector<uint8_t>> bodies) {
-    std::lock_guard lock(events->mutex);
-    for (auto& body : bodies) events->bodies.push_back(std::move(body));
-  };
-  handlers.workDone = events->workDoneHandler();
-  session.client().onFlusherSignals(std::move(handlers));
-  for (const uint64_t intent : {kFlusherIntentSendingStream, kFlusherIntentDump}) {
-    auto taken = session.client().initiateFlusherIntent(intent);
-    if (!taken) return busFailure("InitiateConnectionWithIntent", taken.error());
-  }
-  const auto wait = options.timeout.value_or(kWorkDoneWait);
-  if (!events->waitUntil(wait, [&] { return events->workDone > 0; })) {
-    std::cerr << "orvexctl: the daemon did not finish the dump within " << wait.count() << " ms\n";
-    return kExitFailure;
-  }
-  std::vector<std::vector<uint8_t>> bodies;
-  {
-    std::lock_guard lock(events->mutex);
-    bodies = events->bodies;
-  }
-  json out = json::array();
-  for (const auto& body : bodies) {
-    std::string error;
-    const auto text = inflateUploadBody(body, kMaxInflatedUploadBody, &error);
-    if (options.json) {
-      json entry{{"size", body.size()}};
-      auto parsed = text ? json::parse(*text, nullptr, false) : json();
-      if (text && !parsed.is_discarded()) {
-        entry["json"] = std::move(parsed);
-      } else {
-        entry["error"] = text ? "the inflated body is not JSON" : error;
-      }
-      out.push_back(std::move(entry));
-    } else if (text) {
-      std::cout << "upload body: " << body.size() << " bytes, " << text->size()
-                << " bytes inflated\n";
-    } else {
-      std::cout << "upload body: " << body.size() << " bytes (" << error << ")\n";
-    }
-  }
-  if (options.json) {
-    printJson(out);
-  } else {
-    std::cout << "dump done: " << bodies.size() << " upload bod"
-              << (bodies.size() == 1 ? "y" : "ies") << "\n";
-  }
-  return kExitOk;
-}
-
-int runFlusherStop(Session& session, const Options& options) {
-  auto events = std::make_shared<FlusherEvents>();
-  OrvexClient::FlusherHandlers handlers;
-  handlers.workDone = events->workDoneHandler();
-  session.client().onFlusherSignals(std::move(handlers));
-  auto taken = session.client().initiateFlusherIntent(kFlusherIntentStopFlushing);
-  if (!taken) return busFailure("InitiateConnectionWithIntent", taken.error());
-  const auto wait = options.timeout.value_or(kWorkDoneWait);
-  if (!events->waitUntil(wait, [&] { return events->workDone > 0; })) {
-    std::cerr << "orvexctl: the daemon did not confirm within " << wait.count() << " ms\n";
-    return kExitFailure;
-  }
-  if (options.json) {
-    printJson({{"stopped", true}});
-  } else {
-    std::cout << "scheduled uploads stopped; the next dump starts them again\n";
-  }
-  return kExitOk;
-}
-
-int runFlusher(Session& session, const Options& options) {
-  const auto& action = options.arguments[0];
-  if (action == "watch") return runFlusherWatch(session, options);
-  if (action == "dump") return runFlusherDump(session, options);
-  return runFlusherStop(session, options);
-}
-
-int runActivity(Session& session, const Options& options) {
-  const auto& identifier = options.arguments[1];
-  auto ran = session.client().runActivity(identifier);
-  if (!ran) return busFailure("RunActivity", ran.error());
-  if (options.json) {
-    printJson({{"activity", identifier}, {"ran", true}});
-  } else {
-    std::cout << "ran activity " << identifier << "\n";
   }
   return kExitOk;
 }
