@@ -31,6 +31,8 @@ inline constexpr char kOrvexErrorLimitsExceeded[] = "com.zelmor.orvexd.Error.Lim
 
 // The error domain of the daemon's own errors in error dictionaries.
 inline constexpr char kORVErrorDomain[] = "ORVErrorDomain";
+// The domain of errors that carry an errno value (0 when there is none).
+inline constexpr char kPOSIXErrorDomain[] = "POSIXErrorDomain";
 
 // The log subsystem every category is under.
 inline constexpr char kOrvexLogSubsystem[] = "com.zelmor.orvexd";
@@ -66,6 +68,9 @@ inline constexpr char kORVLocaleChangeNotification[] = "ORVLocaleChangeNotificat
 inline constexpr char kORVDeviceManagementChangeNotification[] =
     "ORVDeviceManagementChangeNotification";
 
+// Background activities (ActivityScheduler), which Diagnostics.RunActivity also runs by name.
+inline constexpr char kORVFlusherActivityIdentifier[] = "com.zelmor.orvexd.flusher.background";
+
 // Keys of the defaults store ($XDG_CONFIG_HOME/com.zelmor.orvexd/defaults.plist).
 inline constexpr char kORVSharedSessionKey[] = "ORVSharedSession";
 inline constexpr char kORVSessionSizeLimitKey[] = "ORVSessionSizeLimit";
@@ -100,7 +105,9 @@ inline constexpr char kORVCounterLaunch[] = "com.zelmor.orvexd.launch";
 inline constexpr char kORVCounterSearch[] = "com.zelmor.orvexd.search";
 inline constexpr char kORVCounterClientConnection[] = "com.zelmor.orvexd.clientconnection";
 inline constexpr char kORVCounterUserGUID[] = "com.zelmor.orvexd.userguid";
+inline constexpr char kORVCounterFeedbackSent[] = "com.zelmor.orvexd.feedbacksent";
 inline constexpr char kORVCounterFeedbackNotSent[] = "com.zelmor.orvexd.feedbacknotsent";
+inline constexpr char kORVCounterFBRequestTimedOut[] = "com.zelmor.orvexd.fbrequesttimedout";
 inline constexpr char kORVCounterBagFetches[] = "com.zelmor.orvexd.bag.fetches";
 inline constexpr char kORVCounterBagFetchesFailed[] = "com.zelmor.orvexd.bag.fetchesfailed";
 inline constexpr char kORVCounterBagExpired[] = "com.zelmor.orvexd.bag.expired";

@@ -1,7 +1,9 @@
 #include "orvexd/client/orvex_client.h"
 
 #include <sdbus-c++/sdbus-c++.h>
+#include <zlib.h>
 
+#include <climits>
 #include <mutex>
 
 #include "orvexd/base/orvex_names.h"
@@ -59,11 +61,60 @@ ClientResult<Result> resultOf(sdbus::IProxy& proxy, const char* interface, const
       [&] { return Result(std::get<0>(call<Wire>(proxy, interface, method, timeout, args...))); });
 }
 
+// A raw-deflate inflater; zlib keeps pointers into the stream, so it never moves.
+class RawInflater {
+ public:
+  RawInflater() : ready_(inflateInit2(&stream_, -15) == Z_OK) {}
+  ~RawInflater() {
+    if (ready_) inflateEnd(&stream_);
+  }
+  RawInflater(const RawInflater&) = delete;
+  RawInflater& operator=(const RawInflater&) = delete;
+
+  bool ready() const { return ready_; }
+  z_stream& stream() { return stream_; }
+
+ private:
+  z_stream stream_{};
+  const bool ready_;
+};
+
 }  // namespace
+
+std::optional<std::string> inflateUploadBody(const std::vector<uint8_t>& body, size_t maxBytes,
+                                             std::string* error) {
+  auto fail = [error](std::string reason) -> std::optional<std::string> {
+    if (error != nullptr) *error = std::move(reason);
+    return std::nullopt;
+  };
+  RawInflater inflater;
+  if (!inflater.ready()) return fail("cannot start inflating");
+  if (body.size() > UINT_MAX) return fail("the body is too large to inflate");
+  z_stream& stream = inflater.stream();
+  stream.next_in = const_cast<Bytef*>(body.data());
+  stream.avail_in = static_cast<uInt>(body.size());
+  std::string text;
+  std::vector<char> buffer(size_t{64} << 10);
+  for (;;) {
+    stream.next_out = reinterpret_cast<Bytef*>(buffer.data());
+    stream.avail_out = static_cast<uInt>(buffer.size());
+    const int status = ::inflate(&stream, Z_NO_FLUSH);
+    const size_t produced = buffer.size() - stream.avail_out;
+    if (text.size() + produced > maxBytes) {
+      return fail("the body inflates past " + std::to_string(maxBytes) + " bytes");
+    }
+    text.append(buffer.data(), produced);
+    if (status == Z_STREAM_END) return text;
+    // With a fresh output buffer, a buffer error means the input ran out mid-stream.
+    if (status == Z_BUF_ERROR) return fail("the body ends inside its deflate stream");
+    if (status != Z_OK) return fail(stream.msg != nullptr ? stream.msg : "not raw deflate");
+  }
+}
 
 struct OrvexClientSignals {
   std::mutex mutex;
   OrvexClient::BagHandler handler;
+  OrvexClient::FlusherHandlers flusher;
   std::string userAgent;
 
   std::string agent() {
@@ -76,9 +127,11 @@ struct OrvexClient::Bus {
   std::unique_ptr<sdbus::IConnection> connection;
   std::unique_ptr<sdbus::IProxy> daemon;
   std::unique_ptr<sdbus::IProxy> endpoint;
+  std::unique_ptr<sdbus::IProxy> flusher;
 
   ~Bus() {
     connection->leaveEventLoop();
+    flusher.reset();
     endpoint.reset();
     daemon.reset();
   }
@@ -91,6 +144,7 @@ std::unique_ptr<OrvexClient> OrvexClient::connect(std::string* error, const std:
                                       : sdbus::createSessionBusConnectionWithAddress(address);
     bus->daemon = sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexObjectPath);
     bus->endpoint = sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexEndpointPath);
+    bus->flusher = sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexFlusherPath);
     return std::unique_ptr<OrvexClient>(new OrvexClient(std::move(bus)));
   } catch (const sdbus::Error& e) {
     if (error != nullptr) *error = e.getName() + ": " + e.getMessage();
@@ -112,6 +166,29 @@ OrvexClient::OrvexClient(std::unique_ptr<Bus> bus)
       });
   bus_->daemon->finishRegistration();
   bus_->endpoint->finishRegistration();
+  // The handler in place when the signal is handled, called without the lock.
+  auto flusherHandler = [signals = signals_](auto member) {
+    std::lock_guard lock(signals->mutex);
+    return signals->flusher.*member;
+  };
+  bus_->flusher->uponSignal("FlushedData")
+      .onInterface(kOrvexFlusherInterface)
+      .call([flusherHandler](std::vector<std::vector<uint8_t>> bodies) {
+        if (auto handler = flusherHandler(&FlusherHandlers::flushedData)) {
+          handler(std::move(bodies));
+        }
+      });
+  bus_->flusher->uponSignal("ReceivedFeedbackDescription")
+      .onInterface(kOrvexFlusherInterface)
+      .call([flusherHandler](std::string description) {
+        if (auto handler = flusherHandler(&FlusherHandlers::receivedFeedbackDescription)) {
+          handler(std::move(description));
+        }
+      });
+  bus_->flusher->uponSignal("WorkDone").onInterface(kOrvexFlusherInterface).call([flusherHandler] {
+    if (auto handler = flusherHandler(&FlusherHandlers::workDone)) handler();
+  });
+  bus_->flusher->finishRegistration();
   bus_->connection->enterEventLoopAsync();
 }
 
@@ -221,6 +298,21 @@ ClientResult<std::string> OrvexClient::listenToFlusher() {
                                                   "ListenToFlusher", timeout_);
 }
 
+void OrvexClient::onFlusherSignals(FlusherHandlers handlers) {
+  std::lock_guard lock(signals_->mutex);
+  signals_->flusher = std::move(handlers);
+}
+
+// The daemon owes no reply, but sends one to a caller that waits for it: so the intent has been
+// taken (a stream slot is this connection's) when the call returns, and a refusal is seen.
+ClientResult<Empty> OrvexClient::initiateFlusherIntent(uint64_t intent) {
+  return guarded([&] {
+    (void)call<>(*bus_->flusher, kOrvexFlusherInterface, "InitiateConnectionWithIntent", timeout_,
+                 intent);
+    return Empty{};
+  });
+}
+
 ClientResult<std::map<std::string, int64_t>> OrvexClient::counters() {
   return resultOf<std::map<std::string, int64_t>>(*bus_->daemon, kOrvexDiagnosticsInterface,
                                                   "GetCounters", timeout_);
@@ -228,6 +320,13 @@ ClientResult<std::map<std::string, int64_t>> OrvexClient::counters() {
 
 ClientResult<std::string> OrvexClient::daemonBag() {
   return resultOf<std::string>(*bus_->daemon, kOrvexDiagnosticsInterface, "GetBag", timeout_);
+}
+
+ClientResult<Empty> OrvexClient::runActivity(const std::string& identifier) {
+  return guarded([&] {
+    (void)call<>(*bus_->daemon, kOrvexDiagnosticsInterface, "RunActivity", timeout_, identifier);
+    return Empty{};
+  });
 }
 
 ClientResult<Empty> OrvexClient::ping() {

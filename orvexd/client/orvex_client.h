@@ -19,6 +19,14 @@
 // Failures never throw: each call returns its value or a ClientError (a D-Bus error name and
 // message, such as com.zelmor.orvexd.Error.ConnectionInvalidated or
 // org.freedesktop.DBus.Error.NoReply).
+//
+// A diagnostic tool uses the flusher control channel on the same connection: it sets its
+// handlers, then states its intents; the daemon answers with signals to this connection only.
+//
+//   OrvexClient::FlusherHandlers handlers;
+//   handlers.receivedFeedbackDescription = [](std::string description) { show(description); };
+//   client->onFlusherSignals(std::move(handlers));
+//   client->initiateFlusherIntent(kFlusherIntentReceivingStream);
 #pragma once
 
 #include <chrono>
@@ -75,10 +83,30 @@ struct BagAnswer {
 
 struct Empty {};
 
+// What a tool asks of the flusher control channel (InitiateConnectionWithIntent).
+inline constexpr uint64_t kFlusherIntentSendingStream = 0;    // FlushedData with each upload
+inline constexpr uint64_t kFlusherIntentReceivingStream = 1;  // each record clients report
+inline constexpr uint64_t kFlusherIntentStopFlushing = 2;     // pause scheduled uploads; WorkDone
+inline constexpr uint64_t kFlusherIntentDump = 3;  // upload every open session; WorkDone after
+
+// Upload bodies are raw deflate; none inflates past this in the daemon's own limits.
+inline constexpr size_t kMaxInflatedUploadBody = size_t{64} << 20;
+// An upload body inflated: its JSON text. None (and the reason in `error`) when it is not raw
+// deflate or inflates past `maxBytes`.
+std::optional<std::string> inflateUploadBody(const std::vector<uint8_t>& body,
+                                             size_t maxBytes = kMaxInflatedUploadBody,
+                                             std::string* error = nullptr);
+
 class OrvexClient {
  public:
   using BagHandler = std::function<void(std::shared_ptr<const ORVBag>, std::optional<OrvexError>)>;
   using Timeout = std::chrono::milliseconds;
+  // The flusher control channel's signals; each handler may be empty.
+  struct FlusherHandlers {
+    std::function<void(std::vector<std::vector<uint8_t>> bodies)> flushedData;
+    std::function<void(std::string description)> receivedFeedbackDescription;
+    std::function<void()> workDone;
+  };
   static constexpr Timeout kDefaultTimeout = std::chrono::seconds(25);
 
   // Connects to the session bus, or to the bus at `address`. Null (with the reason) on failure.
@@ -110,15 +138,22 @@ class OrvexClient {
   ClientResult<std::string> feedback();
   ClientResult<std::vector<std::map<std::string, std::string>>> listSessions();
   ClientResult<std::string> listenToFlusher();
+  // Called with the flusher signals sent to this connection; set them before the first intent.
+  void onFlusherSignals(FlusherHandlers handlers);
+  // InitiateConnectionWithIntent on the flusher object (kFlusherIntent*); returns once the
+  // daemon has taken the intent. Only for processes of the daemon's user (AccessDenied).
+  ClientResult<Empty> initiateFlusherIntent(uint64_t intent);
 
   // Diagnostics.
   ClientResult<std::map<std::string, int64_t>> counters();
   ClientResult<std::string> daemonBag();
+  // Runs a registered background activity now; InvalidArgument for an unknown one.
+  ClientResult<Empty> runActivity(const std::string& identifier);
   // org.freedesktop.DBus.Peer.Ping on the daemon: the cost of a bare round trip.
   ClientResult<Empty> ping();
 
  private:
-  // The bus connection and the proxies of the daemon's object and endpoint.
+  // The bus connection and the proxies of the daemon's object, endpoint and flusher object.
   struct Bus;
   explicit OrvexClient(std::unique_ptr<Bus> bus);
 

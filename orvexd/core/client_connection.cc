@@ -7,6 +7,7 @@
 #include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/model/assembly.h"
+#include "orvexd/model/interfaces/flusher_listener.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/defaults_store.h"
@@ -305,8 +306,13 @@ void ClientConnection::reportEvent(FeedbackRecordPtr feedback, int64_t queryId) 
     }
   }
   const uint64_t clientQueryId = feedback->referencedClientQueryId();
-  sessionManager->addOrvexFeedback(OrvexFeedback::initWithFeedback(
-      std::move(feedback), queryId, std::nullopt, state->userAgent(), clientQueryId));
+  auto envelope = OrvexFeedback::initWithFeedback(std::move(feedback), queryId, std::nullopt,
+                                                  state->userAgent(), clientQueryId);
+  // A diagnostic tool watching the records sees each as it arrives.
+  if (assembly_.flusherIpcListener) {
+    assembly_.flusherIpcListener->sendDataToReceivingStreamListener(envelope);
+  }
+  sessionManager->addOrvexFeedback(std::move(envelope));
 }
 
 void ClientConnection::feedback(const std::string&, FeedbackReply reply) {

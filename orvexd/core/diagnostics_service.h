@@ -6,8 +6,11 @@
 //   GetBag() -> s               the bag the daemon holds, as JSON text ("" when it has none);
 //                               like any read of the bag, it starts a fetch when the bag is
 //                               missing or stale
+//   RunActivity(s identifier)   runs a registered background activity now; an unknown one (or
+//                               one already running) ends the call with InvalidArgument.
+//                               Only for processes of the daemon's own user (AccessDenied)
 //
-// The handlers read thread-safe stores and answer on the bus thread.
+// The handlers read thread-safe stores (the scheduler is one) and answer on the bus thread.
 #pragma once
 
 #include <memory>

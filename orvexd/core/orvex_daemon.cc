@@ -10,14 +10,18 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/core/diagnostics_service.h"
 #include "orvexd/core/endpoint_service.h"
+#include "orvexd/core/orvex_flusher_ipc.h"
 #include "orvexd/core/orvex_service.h"
+#include "orvexd/feedback/background_activities_manager.h"
 #include "orvexd/feedback/client_session_manager.h"
+#include "orvexd/feedback/orvex_feedback_flusher.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/standalone_client_session.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/user_guid_controller.h"
+#include "orvexd/platform/activity_scheduler.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
 #include "orvexd/platform/clock.h"
@@ -100,6 +104,15 @@ std::shared_ptr<HttpSession> makeBagSession(Assembly& assembly) {
                                        assembly.fileManager->temporaryDirectory().string());
 }
 
+// Uploads: like the bag session, no response cache; its tasks stream their bodies from files.
+std::shared_ptr<HttpSession> makeUploadSession(Assembly& assembly) {
+  HttpSessionConfiguration configuration;
+  configuration.identifier = "upload";
+  return std::make_shared<HttpSession>(std::move(configuration), *assembly.workerPool,
+                                       *assembly.clock,
+                                       assembly.fileManager->temporaryDirectory().string());
+}
+
 // The bounds on client input, each overridable by its defaults key.
 InputLimits readInputLimits(const DefaultsStore& defaults) {
   InputLimits limits;
@@ -116,12 +129,20 @@ InputLimits readInputLimits(const DefaultsStore& defaults) {
   return limits;
 }
 
+// How the flusher control channel reaches the client connections: the service that holds them is
+// made after the components, and run() puts it here before the bus name is owned (so before any
+// call can ask). Held weakly: once the service is gone there are no connections.
+struct ClientConnectionsSlot {
+  std::weak_ptr<OrvexService> service;
+};
+
 // Builds every component in start-up order, each receiving the Assembly, and fills every field
 // of the Assembly. Nothing else writes into it: once this returns it is only read.
 std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
                                              std::shared_ptr<FileManager> fileManager,
                                              std::shared_ptr<DefaultsStore> userDefaults,
-                                             BusConnection& bus) {
+                                             BusConnection& bus,
+                                             std::shared_ptr<ClientConnectionsSlot> connections) {
   auto assembly = std::make_shared<Assembly>(std::move(pool), std::make_shared<SystemClock>());
   assembly->userDefaults = std::move(userDefaults);
   assembly->fileManager = std::move(fileManager);
@@ -142,6 +163,12 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   assembly->openStandaloneSession = StandaloneClientSession::opener(*assembly);
   OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
   assembly->bagSession = makeBagSession(*assembly);
+  assembly->uploadSession = makeUploadSession(*assembly);
+  assembly->activityScheduler =
+      std::make_shared<ActivityScheduler>(*assembly->workerPool, *assembly->clock);
+  assembly->crowdsourcingFeedbackFlusher = OrvexFeedbackFlusher::initWithAssembly(
+      *assembly, OrvexFeedbackFlusher::kIdentifierCrowdsourcing);
+  assembly->backgroundFlusher = BackgroundActivitiesManager::initWithAssembly(*assembly);
 
   auto bagController = std::make_shared<OrvexBagController>(*assembly);
   assembly->bagController = bagController;
@@ -150,6 +177,16 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   assembly->guidController = std::make_shared<OrvexUserGUIDController>(*assembly);
   assembly->clientSessionManager =
       std::make_shared<ClientSessionManager>(*assembly, assembly->guidController, "orvex");
+
+  // The flusher control channel, exported now so that it is there before the name is owned.
+  auto flusherIpc =
+      std::make_shared<OrvexFlusherIpc>(*assembly, bus, [connections = std::move(connections)] {
+        auto service = connections->service.lock();
+        return service ? service->getClientConnections()
+                       : std::vector<std::shared_ptr<ClientConnection>>();
+      });
+  flusherIpc->start();
+  assembly->flusherIpcListener = flusherIpc;
 
   // The persisted client states bind to the GUID controller and session manager, and the bag
   // fetch at start reads the GUID: both start once those exist.
@@ -195,11 +232,13 @@ int OrvexDaemon::run() {
     return EXIT_FAILURE;
   }
 
-  assembly_ = assembleComponents(pool, fileManager, userDefaults, *bus_);
+  auto clientConnections = std::make_shared<ClientConnectionsSlot>();
+  assembly_ = assembleComponents(pool, fileManager, userDefaults, *bus_, clientConnections);
 
   // Exported before the name is owned, so that a call that activated the daemon finds it.
   service_ = std::make_shared<OrvexService>(*assembly_, *bus_);
   service_->start();
+  clientConnections->service = service_;
   endpoint_ = std::make_shared<EndpointService>(*assembly_, *bus_);
   endpoint_->start();
   diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection(), *assembly_);

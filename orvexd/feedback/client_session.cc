@@ -43,6 +43,13 @@ int64_t localDayNumber(WallTime time) {
   return shifted >= 0 ? shifted / 86400 : (shifted - 86399) / 86400;
 }
 
+// The time of `feedback` in milliseconds after `start` (nanoseconds), 0 for earlier records.
+uint64_t relativeTimestamp(const OrvexFeedback& feedback, uint64_t start) {
+  if (!feedback.feedback()) return 0;
+  const uint64_t at = feedback.feedback()->timestamp;
+  return at > start ? (at - start) / 1000000 : 0;
+}
+
 }  // namespace
 
 std::optional<std::string> ClientSession::firstUseKeyForAgent(std::string_view agent) {
@@ -191,12 +198,6 @@ FeedbackSession::AddResult ClientSession::add(const OrvexFeedback& feedback, uin
 
 void ClientSession::enumerateSessions(const SessionVisitor& visit) { visit(*this, true); }
 
-uint64_t ClientSession::relativeTimestamp(const OrvexFeedback& feedback) const {
-  const uint64_t start = monotonicNanoseconds(sessionStartMonotonic_);
-  const uint64_t at = feedback.feedback()->timestamp;
-  return at > start ? (at - start) / 1000000 : 0;
-}
-
 std::vector<OrvexFeedback> ClientSession::getSessionFeedbacks(uint64_t budget) const {
   // The file's queue runs every write posted before the read first.
   if (storageHandle_) return storageHandle_->readRecords(budget);
@@ -206,54 +207,78 @@ std::vector<OrvexFeedback> ClientSession::getSessionFeedbacks(uint64_t budget) c
 
 std::vector<OrvexFeedback> ClientSession::feedbacksWithRelativeTimestamp(uint64_t budget) const {
   std::vector<OrvexFeedback> feedbacks = getSessionFeedbacks(budget);
-  for (auto& feedback : feedbacks) feedback.setRelTimestamp(relativeTimestamp(feedback));
+  const uint64_t start = monotonicNanoseconds(sessionStartMonotonic_);
+  for (auto& feedback : feedbacks) feedback.setRelTimestamp(relativeTimestamp(feedback, start));
   return feedbacks;
 }
 
 std::vector<OrvexFeedback> ClientSession::privacyFilteredFeedbacksWithRelativeTimestamp(
     SessionProcessingHelper& helper) const {
+  return privacyFilteredRecords(uploadFields(), getSessionFeedbacks(), helper);
+}
+
+nlohmann::json ClientSession::getFeedbacksToSend() const {
+  return uploadObject(uploadFields(), getSessionFeedbacks());
+}
+
+ClientSession::UploadFields ClientSession::uploadFields() const {
+  return UploadFields{agent_,
+                      userGuid_,
+                      resourceVersions_,
+                      sessionStart_,
+                      monotonicNanoseconds(sessionStartMonotonic_),
+                      firstUseOfTheDay_,
+                      removeTimestamps_,
+                      previousSessionEndReason_};
+}
+
+std::vector<OrvexFeedback> ClientSession::privacyFilteredRecords(const UploadFields& fields,
+                                                                 std::vector<OrvexFeedback> records,
+                                                                 SessionProcessingHelper& helper) {
   std::vector<OrvexFeedback> processed;
-  for (const auto& feedback : feedbacksWithRelativeTimestamp(UINT64_MAX)) {
+  processed.reserve(records.size());
+  for (auto& feedback : records) {
+    feedback.setRelTimestamp(relativeTimestamp(feedback, fields.startTimestamp));
     processed.push_back(feedback.process(helper));
   }
   // What was shown and never engaged goes first, as of the session's start.
   std::vector<OrvexFeedback> filtered;
-  const uint64_t start = monotonicNanoseconds(sessionStartMonotonic_);
   if (auto results = helper.missingResults(); !results.empty()) {
     auto record = std::make_shared<OrvexSessionMissingResults>(
         OrvexSessionMissingResults::initWithMissingResults(std::move(results)));
-    record->timestamp = start;
-    filtered.push_back(OrvexFeedback::initWithFeedback(record, 0, userGuid_, agent_));
+    record->timestamp = fields.startTimestamp;
+    filtered.push_back(OrvexFeedback::initWithFeedback(record, 0, fields.userGuid, fields.agent));
   }
   if (auto suggestions = helper.missingSuggestions(); !suggestions.empty()) {
     auto record = std::make_shared<OrvexSessionMissingSuggestions>(
         OrvexSessionMissingSuggestions::initWithMissingSuggestions(std::move(suggestions)));
-    record->timestamp = start;
-    filtered.push_back(OrvexFeedback::initWithFeedback(record, 0, userGuid_, agent_));
+    record->timestamp = fields.startTimestamp;
+    filtered.push_back(OrvexFeedback::initWithFeedback(record, 0, fields.userGuid, fields.agent));
   }
   filtered.insert(filtered.end(), std::make_move_iterator(processed.begin()),
                   std::make_move_iterator(processed.end()));
   return filtered;
 }
 
-nlohmann::json ClientSession::getFeedbacksToSend() const {
+nlohmann::json ClientSession::uploadObject(const UploadFields& fields,
+                                           std::vector<OrvexFeedback> records) {
   SessionPrivacyFilter filter;
-  nlohmann::json records = nlohmann::json::array();
-  for (const auto& feedback : privacyFilteredFeedbacksWithRelativeTimestamp(filter)) {
-    records.push_back(feedback.dictionary().toJson());
+  nlohmann::json uploaded = nlohmann::json::array();
+  for (const auto& feedback : privacyFilteredRecords(fields, std::move(records), filter)) {
+    uploaded.push_back(feedback.dictionary().toJson());
   }
-  const auto reason = OrvexSessionEndFeedback::reasons().nameAt(previousSessionEndReason_);
+  const auto reason = OrvexSessionEndFeedback::reasons().nameAt(fields.previousSessionEndReason);
   const int64_t baseTime =
-      removeTimestamps_
+      fields.removeTimestamps
           ? 0
-          : std::chrono::duration_cast<std::chrono::seconds>(sessionStart_.time_since_epoch())
+          : std::chrono::duration_cast<std::chrono::seconds>(fields.sessionStart.time_since_epoch())
                 .count();
   return nlohmann::json{
-      {"fb", std::move(records)},
-      {"agent", agent_},
-      {"user_guid", userGuid_.value_or("")},
-      {"resource_versions", feedback_codec::plistToJson(PlistValue(resourceVersions_))},
-      {"first_use", firstUseOfTheDay_},
+      {"fb", std::move(uploaded)},
+      {"agent", fields.agent},
+      {"user_guid", fields.userGuid.value_or("")},
+      {"resource_versions", feedback_codec::plistToJson(PlistValue(fields.resourceVersions))},
+      {"first_use", fields.firstUseOfTheDay},
       {"base_time", baseTime},
       {"previous_session_end_reason", reason ? nlohmann::json(std::string(*reason)) : nullptr},
   };
@@ -284,6 +309,9 @@ PlistDictionary ClientSession::archiveForm() const {
       {"first_use", firstUseOfTheDay_},
       {"remove_timestamps", removeTimestamps_},
       {"previous_session_end_reason", int64_t{previousSessionEndReason_}},
+      // Records carry times on the monotonic clock: their times relative to the session start
+      // are worked out from this when the session is read back for upload.
+      {"start_timestamp", static_cast<int64_t>(monotonicNanoseconds(sessionStartMonotonic_))},
   };
   if (userGuid_) form.emplace("user_guid", *userGuid_);
   return form;

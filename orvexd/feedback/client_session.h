@@ -42,6 +42,7 @@
 #include "orvexd/base/property_list.h"
 #include "orvexd/feedback/feedback_session.h"
 #include "orvexd/feedback/file_container.h"
+#include "orvexd/model/interfaces/feedback_flusher.h"
 #include "orvexd/model/orvex_session_feedback.h"
 #include "orvexd/platform/clock.h"
 
@@ -51,6 +52,7 @@ class Assembly;
 class SessionProcessingHelper;
 
 class ClientSession final : public FeedbackSession,
+                            public FlushableObject,
                             public std::enable_shared_from_this<ClientSession> {
  public:
   static constexpr std::string_view kFirstUseKeyPrefix = "OrvexFirstUseOfTheDay_";
@@ -85,7 +87,30 @@ class ClientSession final : public FeedbackSession,
       SessionProcessingHelper& helper) const;
   // The upload object: "fb", "agent", "user_guid", "resource_versions", "first_use",
   // "base_time" and "previous_session_end_reason".
-  nlohmann::json getFeedbacksToSend() const;
+  nlohmann::json getFeedbacksToSend() const override;
+
+  // What a session's upload object says besides its records; a session read back from its file
+  // (StoredClientSession) is uploaded from the same fields.
+  struct UploadFields {
+    std::string agent;
+    std::optional<std::string> userGuid;
+    PlistDictionary resourceVersions;
+    WallTime sessionStart;
+    // The session's start on the clock its records are stamped with, in nanoseconds.
+    uint64_t startTimestamp = 0;
+    bool firstUseOfTheDay = false;
+    bool removeTimestamps = false;
+    uint32_t previousSessionEndReason = 0;
+  };
+  UploadFields uploadFields() const;
+  // `records` (in the order added) with their times relative to the session start, processed by
+  // `helper`, after the records of what the helper finds missing.
+  static std::vector<OrvexFeedback> privacyFilteredRecords(const UploadFields& fields,
+                                                           std::vector<OrvexFeedback> records,
+                                                           SessionProcessingHelper& helper);
+  // The upload object of a session with `fields` and `records`, privacy filtered.
+  static nlohmann::json uploadObject(const UploadFields& fields,
+                                     std::vector<OrvexFeedback> records);
   // Closes the session's file and lists it for upload.
   void sessionComplete();
   // The session's archive form, the root record of its file.
@@ -101,8 +126,6 @@ class ClientSession final : public FeedbackSession,
  private:
   // Records and stores today's first use; true when this is the client's first session today.
   bool checkFirstUseOfTheDay(const std::optional<std::string>& key);
-  // The time of `feedback` in milliseconds after the session start, 0 for earlier records.
-  uint64_t relativeTimestamp(const OrvexFeedback& feedback) const;
   // Adds `feedback` if it leaves `keepFree` bytes of the file's room.
   AddResult add(const OrvexFeedback& feedback, uint64_t keepFree);
   OrvexFeedback sessionEnd(uint32_t reason, uint64_t timestamp) const;

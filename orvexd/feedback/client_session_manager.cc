@@ -7,6 +7,7 @@
 #include "orvexd/feedback/client_session.h"
 #include "orvexd/feedback/client_session_shared.h"
 #include "orvexd/model/assembly.h"
+#include "orvexd/model/interfaces/background_flusher.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orvex_session_feedback.h"
 #include "orvexd/network/bag_controller.h"
@@ -109,6 +110,12 @@ void ClientSessionManager::flushSession(std::function<void()> callback) {
   });
 }
 
+void ClientSessionManager::hintFlush() {
+  sessionQueue_.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->_updateState(Event::kFlushHint, nullptr, nullptr);
+  });
+}
+
 void ClientSessionManager::flushSessionInvalidationWithAgent(
     std::string agent, std::function<void(bool flushed)> callback) {
   if (shared_) {
@@ -198,6 +205,9 @@ void ClientSessionManager::_updateState(Event event, const OrvexFeedback* feedba
         if (guidController_) guidController_->reset();
         currentState_ = State::kNoSession;
       }
+      break;
+    case Event::kFlushHint:
+      if (assembly_.backgroundFlusher) assembly_.backgroundFlusher->insertFlushActivity(nullptr);
       break;
   }
 }

@@ -72,6 +72,10 @@ class ClientSessionManager final : public SessionManager,
                                          std::function<void(bool flushed)> callback) override;
   std::vector<OrvexFeedback> currentFeedbacksWithRelativeTimestamp() override;
 
+  // Now is a good time to upload (no sender yet: the daemon watches no such condition): the
+  // background flusher runs a flush activity. The open session is left alone.
+  void hintFlush();
+
   // The open session, or null.
   std::shared_ptr<FeedbackSession> session();
   State currentState();
@@ -91,6 +95,7 @@ class ClientSessionManager final : public SessionManager,
     kFeedbackAfterIdle,        // a record past the soft limit and the idle deadline
     kGuidChanged,              // a record under another user GUID than the session's
     kEngagementPastSoftLimit,  // a result or card engagement past the soft limit
+    kFlushHint,                // hintFlush()
   };
 
   void _addOrvexFeedback(OrvexFeedback feedback);

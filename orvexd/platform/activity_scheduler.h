@@ -5,7 +5,8 @@
 // the scheduler moves it to kStateRun and calls the handler with the identifier on a worker of
 // the pool; the handler moves it on with setState(): to kStateContinue while it works
 // asynchronously, then to kStateDone, which schedules the next run (repeating activities) or
-// retires it. A run due while the previous one is still in progress is skipped. Runs are spread
+// retires it; a handler that returns with its activity still in kStateRun has ended its run. A
+// run due while the previous one is still in progress is skipped. Runs are spread
 // within the grace period only in the sense that a late firing (the device was suspended, the
 // clock jumped) runs once, not once per missed interval.
 //
@@ -13,8 +14,10 @@
 // runNow() runs a registered activity at once, as a due run would (for the Diagnostics
 // interface and tests); the regular schedule is not moved by it.
 //
-// Threading: every call may be made from any thread; `mutex_` guards the activity table. The
-// handler runs with no lock held and may call back into the scheduler.
+// Threading: every call may be made from any thread; `mutex_` guards the activity table and the
+// timer. The handler runs with no lock held and may call back into the scheduler; an
+// extraCondition runs under the lock and must not. The scheduler must be owned by a shared_ptr
+// before the first registration (its timer and posted runs hold it weakly).
 #pragma once
 
 #include <chrono>
@@ -72,16 +75,21 @@ class ActivityScheduler : public std::enable_shared_from_this<ActivityScheduler>
 
  private:
   struct Activity;
+  // Arms the clock timer for the earliest due run, unless it is armed for that instant already.
   void armLocked();
+  // The timer fired (on the pool): starts every run that is due.
   void fire();
-  void start(const std::string& identifier);
+  // Moves `activity` to kStateRun and posts its handler to the pool.
+  void startLocked(const std::string& identifier, const std::shared_ptr<Activity>& activity);
+  // Ends the run of `activity`: schedules its next run or retires it.
+  void finishLocked(Activity& activity);
 
   WorkerPool& pool_;
   Clock& clock_;
   mutable std::mutex mutex_;
   std::map<std::string, std::shared_ptr<Activity>> activities_;  // mutex_
   TimerHandle timer_;                                            // mutex_
-  std::optional<MonotonicTime> timerDue_;                        // mutex_
+  std::optional<MonotonicTime> timerDue_;                        // mutex_: when timer_ fires
 };
 
 }  // namespace orvex

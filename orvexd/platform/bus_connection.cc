@@ -4,6 +4,7 @@
 #include <sdbus-c++/IConnection.h>
 #include <sdbus-c++/IProxy.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -170,6 +171,20 @@ std::unique_ptr<sdbus::IProxy> watchConnectionsLeaving(
       });
   driver->finishRegistration();
   return driver;
+}
+
+void requireCallerOfOwnUser(const sdbus::Message& call, std::string_view member) {
+  std::optional<uid_t> uid;
+  try {
+    uid = call.getCredsEuid();
+  } catch (const sdbus::Error& e) {
+    busLog().error("cannot read the user of %@: %@", call.getSender(), e.getMessage());
+  }
+  if (uid && *uid == ::geteuid()) return;
+  busLog().error("%@ refused to %@ (uid %@): not the daemon's user", member, call.getSender(),
+                 uid ? std::to_string(*uid) : std::string("unknown"));
+  throw sdbus::Error(kOrvexErrorAccessDenied,
+                     std::string(member).append(" is only for processes of the daemon's user"));
 }
 
 }  // namespace orvex

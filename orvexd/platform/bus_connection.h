@@ -79,6 +79,11 @@ class BusConnection {
 std::unique_ptr<sdbus::IProxy> watchConnectionsLeaving(
     BusConnection& bus, std::function<void(const std::string& uniqueName)> gone);
 
+// Ends the call `member` with com.zelmor.orvexd.Error.AccessDenied (and an error log) unless its
+// sender runs under the daemon's own effective user id, as the bus reports it (the credentials
+// it took when the sender connected). For members that act on the whole daemon.
+void requireCallerOfOwnUser(const sdbus::Message& call, std::string_view member);
+
 // Runs a member handler. An sdbus::Error passes through as the reply's error; any other
 // exception becomes com.zelmor.orvexd.Error.Internal and a fault in the log.
 template <typename F>

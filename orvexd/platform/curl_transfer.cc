@@ -146,6 +146,11 @@ OrvexError curlTransferError(CURLcode code, const char* detail) {
   return OrvexError(kHttpErrorDomain, code, std::move(reason));
 }
 
+void CurlTransfer::openUploadFile(const std::string& uploadPath) {
+  uploadFd = UniqueFd(::open(uploadPath.c_str(), O_RDONLY | O_CLOEXEC));
+  uploadOpenErrno = uploadFd ? 0 : errno;
+}
+
 std::optional<OrvexError> CurlTransfer::configure(const HttpSessionConfiguration& config,
                                                   const HttpRequest& request,
                                                   HttpHeaderMap headerFields, HttpTaskKind kind,
@@ -220,8 +225,8 @@ std::optional<OrvexError> CurlTransfer::configure(const HttpSessionConfiguration
     case HttpTaskKind::kUpload: {
       curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &onBodyToMemory);
       curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
-      uploadFd = UniqueFd(::open(uploadPath.c_str(), O_RDONLY | O_CLOEXEC));
-      const int openError = errno;
+      if (!uploadFd) openUploadFile(uploadPath);
+      const int openError = uploadOpenErrno;
       struct stat status {};
       if (!uploadFd || ::fstat(uploadFd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return OrvexError(

@@ -71,6 +71,9 @@ struct CurlTransfer {
                                       HttpTaskKind kind, const std::string& uploadPath,
                                       const std::string& temporaryDirectory, void* owner);
 
+  // Opens the file an upload sends, ahead of configure() (which otherwise opens it itself).
+  void openUploadFile(const std::string& uploadPath);
+
   // The timing dictionary of what libcurl measured so far.
   TaskTimingData collectTiming() const;
 
@@ -98,6 +101,7 @@ struct CurlTransfer {
   int downloadErrno = 0;
 
   UniqueFd uploadFd;
+  int uploadOpenErrno = 0;  // why openUploadFile() failed
   std::optional<int64_t> uploadDoneUs;
 
   // The stored answer a conditional request is revalidating.

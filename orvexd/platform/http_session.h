@@ -107,7 +107,8 @@ class HttpSession {
 
   std::shared_ptr<HttpTask> dataTask(HttpRequest request, DataCompletion completion);
   std::shared_ptr<HttpTask> downloadTask(HttpRequest request, DownloadCompletion completion);
-  // Sends the contents of `filePath` as the body (streamed, not read into memory).
+  // Sends the contents of `filePath` as the body (streamed, not read into memory). The file is
+  // opened by resume(), so the caller may remove it as soon as resume() returns.
   std::shared_ptr<HttpTask> uploadTask(HttpRequest request, std::string filePath,
                                        DataCompletion completion);
 

@@ -62,6 +62,9 @@ void HttpSessionTask::resume() {
     if (cancelRequested_) return;  // cancel() has already completed it
     state_ = State::kRunning;
   }
+  // An upload's file is opened now, so that the caller may remove it as soon as this returns;
+  // the network thread takes the descriptor over with the task.
+  if (kind_ == HttpTaskKind::kUpload) transfer_.openUploadFile(uploadPath_);
   if (auto session = session_.lock()) {
     session->enqueue(shared_from_this());
   } else {

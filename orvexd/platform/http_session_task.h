@@ -4,7 +4,8 @@
 //
 // Threads: `mutex_` guards state_, resumed_, cancelRequested_ and timing_; the completions are
 // set at construction and cleared by deliver() on the callback queue; transfer() belongs to the
-// session's network thread.
+// session's network thread, except that resume() opens an upload's file into it before handing
+// the task over.
 #pragma once
 
 #include <cstdint>

@@ -24,6 +24,8 @@ class WideBacklogServer : public httplib::Server {
   void widenBacklog() { ::listen(svr_sock_, SOMAXCONN); }
 };
 
+constexpr char kHiddenEncoding[] = "X-Loopback-Content-Encoding";
+
 }  // namespace
 
 struct LoopbackHttpServer::Impl {
@@ -38,7 +40,8 @@ struct LoopbackHttpServer::Impl {
     for (const auto& [name, value] : request.headers) {
       // httplib adds the socket addresses to the request headers; they were not sent.
       if (name.starts_with("REMOTE_") || name.starts_with("LOCAL_")) continue;
-      auto [entry, inserted] = recorded.headers.try_emplace(name, value);
+      auto [entry, inserted] =
+          recorded.headers.try_emplace(name == kHiddenEncoding ? "Content-Encoding" : name, value);
       if (!inserted) entry->second += ", " + value;
     }
     recorded.body = request.body;
@@ -119,6 +122,17 @@ LoopbackHttpServer::LoopbackHttpServer() : impl_(std::make_unique<Impl>()) {
     impl.workersStarted.set_value();
     return queue.release();
   };
+  // httplib would inflate a "deflate" body as zlib data and refuse the daemon's raw-deflate
+  // uploads: the header is hidden from it before the body is read, and recorded all the same.
+  impl.server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response&) {
+    auto& headers = const_cast<httplib::Headers&>(request.headers);
+    if (auto found = headers.find("Content-Encoding");
+        found != headers.end() && found->second == "deflate") {
+      headers.erase(found);
+      headers.emplace(kHiddenEncoding, "deflate");
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
   const std::string any = ".*";
   impl.server.Get(any, serve);
   impl.server.Post(any, serve);

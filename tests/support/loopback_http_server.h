@@ -9,7 +9,8 @@
 // for them. The server answers with keep-alive, so a client may reuse its connection.
 //
 // Limits of the underlying server: header fields with an empty value are not recorded, and
-// bodies over 8 KiB labelled application/x-www-form-urlencoded are refused with 413.
+// bodies over 8 KiB labelled application/x-www-form-urlencoded are refused with 413. A body
+// sent with "Content-Encoding: deflate" is recorded as sent, still compressed.
 //
 // Only the methods GET, HEAD, POST and PUT reach handlers; HEAD requests are routed to the GET
 // handler of the path and answered without a body.

@@ -14,6 +14,7 @@
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -68,6 +69,16 @@ Commands:
       --event NAME      the event name to send with it (default: the record's class)
       --query-id N      the query id the record belongs to (default 0)
                         echo '{"$class": "NBStartSearchFeedback", ...}' | orvexctl report -
+  flusher watch       print each feedback record clients report, as it arrives, until
+                      interrupted (or for --timeout milliseconds)
+                        orvexctl flusher watch
+  flusher dump        flush every open session and upload it now; print each upload
+                      body's size (--json: its JSON) and end when the daemon is done
+                        orvexctl --json flusher dump
+  flusher stop        pause the scheduled uploads until the next dump
+                        orvexctl flusher stop
+  activity run ID     run a registered background activity now
+                        orvexctl activity run com.zelmor.orvexd.flusher.background
 
 Options (anywhere on the command line):
   --identifier ID     client identifier to configure (default com.zelmor.orvexctl)
@@ -75,8 +86,12 @@ Options (anywhere on the command line):
   --address BUS       D-Bus address to use instead of the session bus
                         (for example unix:path=/tmp/orvexd-demo-abc/bus)
   --json              print machine-readable JSON on standard output
-  --timeout MS        how long to wait for each answer, in milliseconds (default 25000)
+  --timeout MS        how long to wait for each answer, in milliseconds (default 25000;
+                      flusher dump and stop wait 60000 for the daemon to finish)
   --help              this text
+
+The flusher and activity commands are for processes of the daemon's own user; others
+are refused with com.zelmor.orvexd.Error.AccessDenied.
 
 Exit status: 0 success; 1 the bus or the daemon failed the call (the D-Bus error is
 on standard error); 2 a wrong command line or an unusable input record.
@@ -544,6 +559,154 @@ int runReport(Session& session, const Options& options) {
   return kExitOk;
 }
 
+// ---- the flusher control channel ----
+
+// How long dump and stop wait for the daemon's WorkDone unless --timeout says otherwise.
+constexpr auto kWorkDoneWait = 60s;
+
+// What the flusher's signals hand the command, shared with the handlers (which run on the
+// client's bus thread and may outlive the command's stack frame).
+struct FlusherEvents : std::enable_shared_from_this<FlusherEvents> {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::vector<uint8_t>> bodies;
+  size_t workDone = 0;
+
+  std::function<void()> workDoneHandler() {
+    return [self = shared_from_this()] {
+      std::lock_guard lock(self->mutex);
+      ++self->workDone;
+      self->changed.notify_all();
+    };
+  }
+  template <typename F>
+  bool waitUntil(std::chrono::milliseconds wait, F condition) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, wait, [&] { return condition(); });
+  }
+};
+
+int runFlusherWatch(Session& session, const Options& options) {
+  auto printing = std::make_shared<std::mutex>();
+  const bool asJson = options.json;
+  OrvexClient::FlusherHandlers handlers;
+  handlers.receivedFeedbackDescription = [printing, asJson](std::string description) {
+    std::lock_guard lock(*printing);
+    if (asJson) {
+      auto parsed = json::parse(description, nullptr, false);
+      std::cout << json{{"description", parsed.is_discarded() ? json(description) : parsed}}.dump()
+                << std::endl;
+    } else {
+      std::cout << description << std::endl;
+    }
+  };
+  session.client().onFlusherSignals(std::move(handlers));
+  auto taken = session.client().initiateFlusherIntent(kFlusherIntentReceivingStream);
+  if (!taken) return busFailure("InitiateConnectionWithIntent", taken.error());
+  if (!asJson) std::cerr << "watching the records clients report; interrupt to stop\n";
+  // Records arrive on the client's bus thread; this one only waits.
+  std::mutex mutex;
+  std::condition_variable never;
+  std::unique_lock lock(mutex);
+  if (options.timeout) {
+    never.wait_for(lock, *options.timeout, [] { return false; });
+  } else {
+    never.wait(lock, [] { return false; });
+  }
+  return kExitOk;
+}
+
+int runFlusherDump(Session& session, const Options& options) {
+  auto events = std::make_shared<FlusherEvents>();
+  OrvexClient::FlusherHandlers handlers;
+  handlers.flushedData = [events](std::vector<std::vector<uint8_t>> bodies) {
+    std::lock_guard lock(events->mutex);
+    for (auto& body : bodies) events->bodies.push_back(std::move(body));
+  };
+  handlers.workDone = events->workDoneHandler();
+  session.client().onFlusherSignals(std::move(handlers));
+  for (const uint64_t intent : {kFlusherIntentSendingStream, kFlusherIntentDump}) {
+    auto taken = session.client().initiateFlusherIntent(intent);
+    if (!taken) return busFailure("InitiateConnectionWithIntent", taken.error());
+  }
+  const auto wait = options.timeout.value_or(kWorkDoneWait);
+  if (!events->waitUntil(wait, [&] { return events->workDone > 0; })) {
+    std::cerr << "orvexctl: the daemon did not finish the dump within " << wait.count() << " ms\n";
+    return kExitFailure;
+  }
+  std::vector<std::vector<uint8_t>> bodies;
+  {
+    std::lock_guard lock(events->mutex);
+    bodies = events->bodies;
+  }
+  json out = json::array();
+  for (const auto& body : bodies) {
+    std::string error;
+    const auto text = inflateUploadBody(body, kMaxInflatedUploadBody, &error);
+    if (options.json) {
+      json entry{{"size", body.size()}};
+      auto parsed = text ? json::parse(*text, nullptr, false) : json();
+      if (text && !parsed.is_discarded()) {
+        entry["json"] = std::move(parsed);
+      } else {
+        entry["error"] = text ? "the inflated body is not JSON" : error;
+      }
+      out.push_back(std::move(entry));
+    } else if (text) {
+      std::cout << "upload body: " << body.size() << " bytes, " << text->size()
+                << " bytes inflated\n";
+    } else {
+      std::cout << "upload body: " << body.size() << " bytes (" << error << ")\n";
+    }
+  }
+  if (options.json) {
+    printJson(out);
+  } else {
+    std::cout << "dump done: " << bodies.size() << " upload bod"
+              << (bodies.size() == 1 ? "y" : "ies") << "\n";
+  }
+  return kExitOk;
+}
+
+int runFlusherStop(Session& session, const Options& options) {
+  auto events = std::make_shared<FlusherEvents>();
+  OrvexClient::FlusherHandlers handlers;
+  handlers.workDone = events->workDoneHandler();
+  session.client().onFlusherSignals(std::move(handlers));
+  auto taken = session.client().initiateFlusherIntent(kFlusherIntentStopFlushing);
+  if (!taken) return busFailure("InitiateConnectionWithIntent", taken.error());
+  const auto wait = options.timeout.value_or(kWorkDoneWait);
+  if (!events->waitUntil(wait, [&] { return events->workDone > 0; })) {
+    std::cerr << "orvexctl: the daemon did not confirm within " << wait.count() << " ms\n";
+    return kExitFailure;
+  }
+  if (options.json) {
+    printJson({{"stopped", true}});
+  } else {
+    std::cout << "scheduled uploads stopped; the next dump starts them again\n";
+  }
+  return kExitOk;
+}
+
+int runFlusher(Session& session, const Options& options) {
+  const auto& action = options.arguments[0];
+  if (action == "watch") return runFlusherWatch(session, options);
+  if (action == "dump") return runFlusherDump(session, options);
+  return runFlusherStop(session, options);
+}
+
+int runActivity(Session& session, const Options& options) {
+  const auto& identifier = options.arguments[1];
+  auto ran = session.client().runActivity(identifier);
+  if (!ran) return busFailure("RunActivity", ran.error());
+  if (options.json) {
+    printJson({{"activity", identifier}, {"ran", true}});
+  } else {
+    std::cout << "ran activity " << identifier << "\n";
+  }
+  return kExitOk;
+}
+
 struct Command {
   std::string_view name;
   int (*run)(Session&, const Options&);
@@ -560,6 +723,8 @@ constexpr Command kCommands[] = {
     {"counters", runCounters, 0, 1, "counters [PREFIX]"},
     {"feedback", runFeedback, 0, 0, "feedback"},
     {"report", runReport, 1, 1, "report FILE|- [--event NAME] [--query-id N]"},
+    {"flusher", runFlusher, 1, 1, "flusher watch|dump|stop"},
+    {"activity", runActivity, 2, 2, "activity run ID"},
 };
 
 int run(int argc, char** argv) {
@@ -584,6 +749,11 @@ int run(int argc, char** argv) {
     if (options.queryId && !searchOrReport) throw UsageError{"--query-id is for search and report"};
     if (options.verbose && command->name != "search") throw UsageError{"--verbose is for search"};
     if (options.event && command->name != "report") throw UsageError{"--event is for report"};
+    const auto& first = options.arguments.empty() ? std::string() : options.arguments[0];
+    if ((command->name == "flusher" && first != "watch" && first != "dump" && first != "stop") ||
+        (command->name == "activity" && first != "run")) {
+      throw UsageError{"usage: orvexctl [OPTIONS] " + std::string(command->usage)};
+    }
 
     if (command->name == "report") options.record = loadRecord(options.arguments[0]);
 

@@ -1,0 +1,40 @@
+// Reading upload bodies back: raw inflate, and the SHA-512 the upload's digest is compared with.
+#pragma once
+
+#include <openssl/sha.h>
+#include <zlib.h>
+
+#include <string>
+#include <string_view>
+
+namespace orvex::testing {
+
+// The text raw-deflated `body` inflates to; "<corrupt>" when it does not inflate to its end.
+inline std::string inflateRaw(std::string_view body) {
+  z_stream stream{};
+  if (inflateInit2(&stream, -15) != Z_OK) return "<corrupt>";
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(body.data()));
+  stream.avail_in = static_cast<uInt>(body.size());
+  std::string text;
+  int result = Z_OK;
+  while (result == Z_OK) {
+    char chunk[16384];
+    stream.next_out = reinterpret_cast<Bytef*>(chunk);
+    stream.avail_out = sizeof(chunk);
+    result = inflate(&stream, Z_NO_FLUSH);
+    text.append(chunk, sizeof(chunk) - stream.avail_out);
+  }
+  inflateEnd(&stream);
+  return result == Z_STREAM_END ? text : "<corrupt>";
+}
+
+inline std::string sha512Hex(std::string_view text) {
+  unsigned char digest[SHA512_DIGEST_LENGTH];
+  SHA512(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (unsigned char byte : digest) hex += {kHex[byte >> 4], kHex[byte & 0xf]};
+  return hex;
+}
+
+}  // namespace orvex::testing
