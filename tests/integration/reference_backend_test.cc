@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-#include "tests/support/upload_codec.h"
+#include "tests/support/upload_body.h"
 
 namespace orvex {
 namespace {

@@ -12,7 +12,7 @@
 
 #include "tests/support/collector.h"
 #include "tests/support/session_files.h"
-#include "tests/support/upload_codec.h"
+#include "tests/support/upload_body.h"
 #include "tools/orvex-backend/query_items.h"
 
 namespace orvex {
@@ -121,7 +121,7 @@ class UploadTest : public ::testing::Test {
   static int64_t itemCount(const std::vector<std::string>& bodies) {
     int64_t items = 0;
     for (const auto& body : bodies)
-      items += nlohmann::json::parse(*testing::rawInflate(body)).size();
+      items += nlohmann::json::parse(testing::inflateRaw(body)).size();
     return items;
   }
 
@@ -147,19 +147,19 @@ TEST_F(UploadTest, DumpUploadsEveryOpenSessionAndHandsTheToolTheBodiesSent) {
   // Each body the tool got was stored, as sent: the back-end checked its digest.
   const auto bodies = tool.bodies.values();
   for (const auto& body : bodies) {
-    const auto json = testing::rawInflate(body);
-    ASSERT_TRUE(json) << "FlushedData holds a body that is not raw deflate";
+    const std::string json = testing::inflateRaw(body);
+    ASSERT_NE(json, "<corrupt>") << "FlushedData holds a body that is not raw deflate";
     const auto upload = std::find_if(stored.begin(), stored.end(), [&](const auto& entry) {
-      return entry["digest"] == testing::sha512Hex(*json);
+      return entry["digest"] == testing::sha512Hex(json);
     });
-    ASSERT_NE(upload, stored.end()) << *json;
+    ASSERT_NE(upload, stored.end()) << json;
     EXPECT_EQ((*upload)["endpoint"], "feedback");
     // The bag's query gives way to "v=2"; the items every upload carries join it.
     const auto items = backend::decodeQueryItems((*upload)["query"].get<std::string>());
     EXPECT_THAT(items, Contains(Pair("v", "2")));
     EXPECT_THAT(items, Not(Contains(Key("from"))));
     EXPECT_EQ((*upload)["content_encoding"], "deflate");
-    EXPECT_EQ((*upload)["body"], nlohmann::json::parse(*json));
+    EXPECT_EQ((*upload)["body"], nlohmann::json::parse(json));
   }
   const std::string sent = stored.dump();
   EXPECT_NE(sent.find("dump-1"), std::string::npos) << sent;
