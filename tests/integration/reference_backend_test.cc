@@ -6,6 +6,8 @@
 
 #include <fstream>
 
+#include "tests/support/upload_body.h"
+
 namespace orvex {
 namespace {
 
@@ -122,6 +124,51 @@ TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultAndRemovesCountedOnes) {
   // A fault the server refuses is an exception here, and changes nothing.
   EXPECT_THROW(backend.setFault("bag", {{"status", "503"}}), std::runtime_error);
   EXPECT_EQ(backend.faults(), nlohmann::json::object());
+}
+
+// Uploads are taken as the daemon sends them: raw deflate under "Content-Encoding: deflate",
+// which the HTTP library alone would refuse as broken zlib.
+TEST_F(ReferenceBackendTest, StoresUploadsThatInflateToJsonMatchingTheirDigest) {
+  testing::ReferenceBackend backend(bag);
+  auto client = clientFor(backend);
+  const std::string json = R"({"events":[{"input":"caf\u00e9"}],"n":2})";
+  const std::string digest = testing::sha512Hex(json);
+  const auto post = [&](const std::string& target, const std::string& body,
+                        const std::string& digestSent) {
+    httplib::Headers headers{{"Content-Encoding", "deflate"}};
+    if (!digestSent.empty()) headers.emplace("X-Zelmor-Digest", digestSent);
+    auto answer = client.Post(target, headers, body, "application/json");
+    return answer ? answer->status : -1;
+  };
+  EXPECT_EQ(post("/feedback?v=2", testing::rawDeflate(json), digest), 200);
+  std::string zlibWrapped(compressBound(json.size()), '\0');
+  uLongf zlibSize = zlibWrapped.size();
+  compress(reinterpret_cast<Bytef*>(zlibWrapped.data()), &zlibSize,
+           reinterpret_cast<const Bytef*>(json.data()), json.size());
+  zlibWrapped.resize(zlibSize);
+  EXPECT_EQ(post("/feedback", zlibWrapped, digest), 400);
+  EXPECT_EQ(post("/feedback", testing::rawDeflate(json).substr(0, 10), digest), 400);
+  const std::string tooLarge((16 << 20) + 1, ' ');
+  EXPECT_EQ(post("/feedback", testing::rawDeflate(tooLarge), testing::sha512Hex(tooLarge)), 400);
+  EXPECT_EQ(post("/feedback", testing::rawDeflate(json), testing::sha512Hex(json + " ")), 400);
+  EXPECT_EQ(post("/feedback", testing::rawDeflate(json), ""), 400);
+  EXPECT_EQ(post("/feedback", testing::rawDeflate("{"), testing::sha512Hex("{")), 400);
+  // A fault's status replaces the answer, and the upload is not kept.
+  backend.setFault("crowdsourcing", {{"status", 500}, {"count", 1}});
+  EXPECT_EQ(post("/crowdsourcing", testing::rawDeflate(json), digest), 500);
+  EXPECT_EQ(post("/crowdsourcing?a=b", testing::rawDeflate(json), digest), 200);
+
+  const auto uploads = backend.uploads();
+  ASSERT_EQ(uploads.size(), 2u) << uploads;
+  EXPECT_EQ(uploads[0]["endpoint"], "feedback");
+  EXPECT_EQ(uploads[0]["query"], "v=2");
+  EXPECT_EQ(uploads[0]["content_encoding"], "deflate");
+  EXPECT_EQ(uploads[0]["digest"], digest);
+  EXPECT_EQ(uploads[0]["body"], nlohmann::json::parse(json));
+  EXPECT_EQ(uploads[1]["path"], "/crowdsourcing");
+  EXPECT_EQ(uploads[1]["query"], "a=b");
+  EXPECT_GT(uploads[1]["id"], uploads[0]["id"]);
+  EXPECT_EQ(backend.requests().front().headers.at("Content-Encoding"), "deflate");
 }
 
 }  // namespace

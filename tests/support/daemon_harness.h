@@ -54,6 +54,8 @@ class DaemonHarness {
 
   const std::filesystem::path& directory() const { return dir_.path(); }
   std::filesystem::path cacheDirectory() const { return dir_.path() / "cache"; }
+  // The daemon's $TMPDIR, its own so that tests can see what it leaves there.
+  std::filesystem::path tmpDirectory() const { return dir_.path() / "tmp"; }
   const PrivateBus& bus() const { return bus_; }
   ReferenceBackend& backend() { return *backend_; }
   ChildProcess* daemon() const { return daemon_.get(); }

@@ -139,4 +139,8 @@ bool ReferenceBackend::waitForRequests(const std::string& endpoint, size_t count
 
 void ReferenceBackend::clearRequests() { control("DELETE", "/_orvex/requests"); }
 
+nlohmann::json ReferenceBackend::uploads() const {
+  return nlohmann::json::parse(control("GET", "/_orvex/feedback"));
+}
+
 }  // namespace orvex::testing

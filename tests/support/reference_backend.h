@@ -71,6 +71,10 @@ class ReferenceBackend {
                        std::chrono::milliseconds watchdog) const;
   void clearRequests();
 
+  // The feedback and crowdsourcing uploads the server accepted, oldest first, as
+  // GET /_orvex/feedback lists them (bodies parsed).
+  nlohmann::json uploads() const;
+
   // Sends `signal` and waits for the server to exit; its exit status, none if it did not exit.
   std::optional<int> stop(int signal = SIGTERM);
 

@@ -1,4 +1,5 @@
-// Reading upload bodies back: raw inflate, and the SHA-512 the upload's digest is compared with.
+// Upload bodies made and read back independently of the daemon's own code: raw deflate (no zlib
+// header or trailer) both ways, and the SHA-512 the upload's digest is compared with.
 #pragma once
 
 #include <openssl/sha.h>
@@ -8,6 +9,21 @@
 #include <string_view>
 
 namespace orvex::testing {
+
+// `text` as raw deflate, the way the daemon sends an upload body.
+inline std::string rawDeflate(std::string_view text) {
+  z_stream stream{};
+  deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
+  std::string out(deflateBound(&stream, text.size()), '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  stream.avail_in = static_cast<uInt>(text.size());
+  stream.next_out = reinterpret_cast<Bytef*>(out.data());
+  stream.avail_out = static_cast<uInt>(out.size());
+  deflate(&stream, Z_FINISH);
+  out.resize(stream.total_out);
+  deflateEnd(&stream);
+  return out;
+}
 
 // The text raw-deflated `body` inflates to; "<corrupt>" when it does not inflate to its end.
 inline std::string inflateRaw(std::string_view body) {

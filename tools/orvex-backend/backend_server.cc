@@ -69,6 +69,35 @@ bool isAddressHeader(const std::string& name) {
          name == "LOCAL_PORT";
 }
 
+// The HTTP library inflates request bodies by their Content-Encoding before any handler sees
+// them, and takes "deflate" for the zlib format: a raw deflate upload would be refused with 400
+// before its endpoint could look at it. The header is moved aside before the body is read, so
+// bodies reach the endpoints exactly as sent, and put back for them and the request log.
+constexpr const char* kContentEncoding = "Content-Encoding";
+constexpr const char* kStashedContentEncoding = "X-Orvex-Backend-Stashed-Content-Encoding";
+
+void stashContentEncoding(httplib::Request& request) {
+  auto [begin, end] = request.headers.equal_range(kContentEncoding);
+  std::vector<std::string> values;
+  for (auto it = begin; it != end; ++it) values.push_back(it->second);
+  request.headers.erase(begin, end);
+  for (auto& value : values) request.headers.emplace(kStashedContentEncoding, std::move(value));
+}
+
+// The request's headers as the client sent them, in the library's order (by name).
+HeaderList sentHeaders(const httplib::Request& request) {
+  HeaderList headers;
+  for (const auto& [name, value] : request.headers) {
+    if (isAddressHeader(name)) continue;
+    headers.emplace_back(
+        strcasecmp(name.c_str(), kStashedContentEncoding) == 0 ? kContentEncoding : name, value);
+  }
+  std::stable_sort(headers.begin(), headers.end(), [](const auto& a, const auto& b) {
+    return strcasecmp(a.first.c_str(), b.first.c_str()) < 0;
+  });
+  return headers;
+}
+
 bool mayHaveBody(int status) { return status >= 200 && status != 204 && status != 304; }
 
 EndpointReply textReply(int status, std::string message) {
@@ -140,8 +169,10 @@ std::string openSslError() {
 }  // namespace
 
 struct BackendServer::Impl {
-  Impl(Options options, EndpointRegistry endpoints)
-      : options(std::move(options)), endpoints(std::move(endpoints)) {}
+  Impl(Options options, EndpointRegistry endpoints, std::shared_ptr<FeedbackStore> feedback)
+      : options(std::move(options)),
+        endpoints(std::move(endpoints)),
+        feedback(std::move(feedback)) {}
 
   void serve(const httplib::Request& request, httplib::Response& response);
   EndpointReply run(const Endpoint& endpoint, const EndpointRequest& request);
@@ -153,9 +184,10 @@ struct BackendServer::Impl {
 
   const Options options;
   const EndpointRegistry endpoints;
+  const std::shared_ptr<FeedbackStore> feedback;
   FaultTable faults;
   RequestLog log;
-  ControlApi control{endpoints, faults, log};
+  ControlApi control{endpoints, faults, log, *feedback};
 
   std::unique_ptr<httplib::Server> server;
   std::function<void()> widenBacklog;
@@ -181,13 +213,11 @@ void BackendServer::Impl::serve(const httplib::Request& request, httplib::Respon
 
   EndpointRequest endpointRequest{.method = request.method,
                                   .path = request.path,
+                                  .query = rawQuery,
                                   .queryItems = decodeQueryItems(rawQuery),
-                                  .headers = {},
+                                  .headers = sentHeaders(request),
                                   .body = request.body,
                                   .baseUrl = baseUrlFor(request)};
-  for (const auto& [name, value] : request.headers) {
-    if (!isAddressHeader(name)) endpointRequest.headers.emplace_back(name, value);
-  }
   LoggedRequest logged{.seq = 0,
                        .endpoint = std::nullopt,
                        .method = request.method,
@@ -280,8 +310,9 @@ std::string BackendServer::Impl::baseUrlFor(const httplib::Request& request) con
   return baseUrl;
 }
 
-BackendServer::BackendServer(Options options, EndpointRegistry endpoints)
-    : impl_(std::make_unique<Impl>(std::move(options), std::move(endpoints))) {
+BackendServer::BackendServer(Options options, EndpointRegistry endpoints,
+                             std::shared_ptr<FeedbackStore> feedback)
+    : impl_(std::make_unique<Impl>(std::move(options), std::move(endpoints), std::move(feedback))) {
   Impl& impl = *impl_;
   const Options& opts = impl.options;
   if (opts.certificate.has_value() != opts.privateKey.has_value()) {
@@ -320,6 +351,11 @@ BackendServer::BackendServer(Options options, EndpointRegistry endpoints)
   impl.server->Patch(any, serve);
   impl.server->Delete(any, serve);
   impl.server->Options(any, serve);
+  // The request object is the server's own, not const: only the handler's view of it is.
+  impl.server->set_pre_routing_handler([](const httplib::Request& request, httplib::Response&) {
+    stashContentEncoding(const_cast<httplib::Request&>(request));
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
   impl.server->set_exception_handler(
       [](const httplib::Request& request, httplib::Response& response, std::exception_ptr error) {
         std::string what = "unknown exception";

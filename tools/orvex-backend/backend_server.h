@@ -13,6 +13,7 @@
 
 #include "tools/orvex-backend/endpoint_registry.h"
 #include "tools/orvex-backend/fault_table.h"
+#include "tools/orvex-backend/feedback_store.h"
 
 namespace orvex::backend {
 
@@ -27,8 +28,10 @@ class BackendServer {
     bool quiet = false;  // no request log on standard error
   };
 
-  // Throws std::runtime_error when the certificate or key cannot be loaded.
-  BackendServer(Options options, EndpointRegistry endpoints);
+  // `feedback` holds the uploads the endpoints accepted, for the control API to list. Throws
+  // std::runtime_error when the certificate or key cannot be loaded.
+  BackendServer(Options options, EndpointRegistry endpoints,
+                std::shared_ptr<FeedbackStore> feedback);
   ~BackendServer();
   BackendServer(const BackendServer&) = delete;
   BackendServer& operator=(const BackendServer&) = delete;

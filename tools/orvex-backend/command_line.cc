@@ -11,7 +11,8 @@ constexpr std::string_view kUsage = R"(Usage: orvex-backend [OPTION]...
 
 A search back-end for trying orvexd and writing front-ends without a production server. It
 serves the bag (the configuration document the daemon starts from), the connection warm-up and
-searches answered from a WordNet word list, and lets you or a test make any endpoint fail and look at every request it received.
+searches answered from a WordNet word list, takes the daemon's feedback uploads, and lets you
+or a test make any endpoint fail and look at every request it received.
 
 Options:
   --port N               listen on port N (default 0: the kernel picks a free port)
@@ -24,6 +25,8 @@ Options:
   --key FILE             the PEM private key of the certificate
   --corpus DIR           answer searches from the WordNet database in DIR (default
                          /usr/share/wordnet, Debian package wordnet-base)
+  --feedback-db FILE     keep accepted feedback uploads in the SQLite database FILE (created
+                         when missing) rather than in memory
   --port-file FILE       once listening, write the port number to FILE
   --fault ENDPOINT=JSON  set a fault from the start, as the control API would; repeatable:
                            --fault 'bag={"status": 503, "count": 1}'
@@ -31,10 +34,15 @@ Options:
   --help                 show this help and exit
 
 Endpoints (by name):
-  bag    GET /bag    the bag, as application/json (any query string)
-  warm   GET /warm   204, for the daemon to open connections early
-  search GET /search the completion of the query item "q" and its word senses, as JSON
-                     (see README.md); 503 when the corpus could not be loaded
+  bag            GET /bag             the bag, as application/json (any query string)
+  warm           GET /warm            204, for the daemon to open connections early
+  search         GET /search          the completion of the query item "q" and its word
+                                      senses, as JSON (see README.md); 503 when the corpus
+                                      could not be loaded
+  feedback       POST /feedback       an upload: a JSON document as raw deflate, with the
+  crowdsourcing  POST /crowdsourcing  SHA-512 of the JSON (128 lower-case hex digits) in the
+                                      header X-Zelmor-Digest; stored and answered 200, else
+                                      400 with the reason
 Any other request gets 404. Each request is logged on standard error: the request line with
 the status answered, then its headers.
 
@@ -55,6 +63,8 @@ Control API (its requests are neither logged nor faulted):
   GET    /_orvex/faults              the faults in force, by endpoint
   GET    /_orvex/requests[?since=N]  the requests received (those after number N)
   DELETE /_orvex/requests            forget them (numbers keep counting)
+  GET    /_orvex/feedback[?since=ID] the stored uploads (those after id ID), oldest first
+  DELETE /_orvex/feedback            forget them (ids keep counting)
 For example:
   curl -X PUT --data '{"delay_ms": 2000, "count": 1}' http://127.0.0.1:PORT/_orvex/faults/bag
 
@@ -128,6 +138,8 @@ CommandLine CommandLine::parse(const std::vector<std::string_view>& arguments) {
       line.server.privateKey = value();
     } else if (option == "--corpus") {
       line.corpus = value();
+    } else if (option == "--feedback-db") {
+      line.feedbackDatabase = value();
     } else if (option == "--port-file") {
       line.portFile = value();
     } else if (option == "--fault") {

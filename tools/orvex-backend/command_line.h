@@ -10,6 +10,7 @@
 
 #include "tools/orvex-backend/backend_server.h"
 #include "tools/orvex-backend/fault.h"
+#include "tools/orvex-backend/feedback_store.h"
 
 namespace orvex::backend {
 
@@ -25,6 +26,8 @@ struct CommandLine {
   std::optional<std::filesystem::path> portFile;
   // The WordNet database the search endpoint answers from.
   std::filesystem::path corpus = "/usr/share/wordnet";
+  // Where accepted uploads are kept: an SQLite file, or memory (FeedbackStore::kInMemory).
+  std::string feedbackDatabase = FeedbackStore::kInMemory;
   std::vector<std::pair<std::string, Fault>> faults;  // by endpoint name, in order given
 };
 

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <stdexcept>
+#include <variant>
 
 #include "tools/orvex-backend/query_items.h"
 
@@ -24,6 +25,20 @@ EndpointReply json(const Json& value) {
           {}};
 }
 
+// The query item "since" of a listing (0 without one), or a 400 answer naming what is wrong.
+std::variant<int64_t, EndpointReply> sinceIn(std::string_view rawQuery, std::string_view what) {
+  int64_t since = 0;
+  for (const auto& [name, value] : decodeQueryItems(rawQuery)) {
+    if (name != "since") continue;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), since);
+    if (error != std::errc() || end != value.data() + value.size() || since < 0) {
+      return text(400,
+                  "since must be " + std::string(what) + " (0 or more), not \"" + value + "\"");
+    }
+  }
+  return since;
+}
+
 EndpointReply methodNotAllowed(const std::string& allowed) {
   auto reply = text(405, "allowed methods: " + allowed);
   reply.headers.emplace_back("Allow", allowed);
@@ -40,9 +55,10 @@ EndpointReply ControlApi::handle(const std::string& method, const std::string& p
     return handleEndpointFault(method, resource.substr(sizeof("faults/") - 1), body);
   }
   if (resource == "requests") return handleRequests(method, rawQuery);
+  if (resource == "feedback") return handleFeedback(method, rawQuery);
   return text(404, "no control resource " + path +
-                       " (there are /_orvex/faults, /_orvex/faults/<endpoint> and "
-                       "/_orvex/requests)");
+                       " (there are /_orvex/faults, /_orvex/faults/<endpoint>, "
+                       "/_orvex/requests and /_orvex/feedback)");
 }
 
 EndpointReply ControlApi::handleFaults(const std::string& method) {
@@ -87,17 +103,23 @@ EndpointReply ControlApi::handleRequests(const std::string& method, std::string_
     return noContent();
   }
   if (method != "GET") return methodNotAllowed("GET, DELETE");
-  int64_t since = 0;
-  for (const auto& [name, value] : decodeQueryItems(rawQuery)) {
-    if (name != "since") continue;
-    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), since);
-    if (error != std::errc() || end != value.data() + value.size() || since < 0) {
-      return text(400, "since must be a request number (0 or more), not \"" + value + "\"");
-    }
-  }
+  const auto since = sinceIn(rawQuery, "a request number");
+  if (const auto* refused = std::get_if<EndpointReply>(&since)) return *refused;
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
-  for (const LoggedRequest& request : log_.since(since)) list.push_back(request.toJson());
+  for (const LoggedRequest& request : log_.since(std::get<int64_t>(since)))
+    list.push_back(request.toJson());
   return json(list);
+}
+
+EndpointReply ControlApi::handleFeedback(const std::string& method, std::string_view rawQuery) {
+  if (method == "DELETE") {
+    feedback_.clear();
+    return noContent();
+  }
+  if (method != "GET") return methodNotAllowed("GET, DELETE");
+  const auto since = sinceIn(rawQuery, "an upload id");
+  if (const auto* refused = std::get_if<EndpointReply>(&since)) return *refused;
+  return json(feedback_.list(std::get<int64_t>(since)));
 }
 
 }  // namespace orvex::backend

@@ -18,7 +18,8 @@ using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
 struct EndpointRequest {
   std::string method;
-  std::string path;  // percent-decoded, without the query
+  std::string path;   // percent-decoded, without the query
+  std::string query;  // everything after the first '?', as sent
   std::vector<std::pair<std::string, std::string>> queryItems;  // decoded, in wire order
   HeaderList headers;
   std::string body;

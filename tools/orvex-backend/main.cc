@@ -10,6 +10,7 @@
 #include "tools/orvex-backend/backend_server.h"
 #include "tools/orvex-backend/bag_file.h"
 #include "tools/orvex-backend/command_line.h"
+#include "tools/orvex-backend/feedback_intake.h"
 #include "tools/orvex-backend/wordnet_corpus.h"
 
 namespace {
@@ -41,7 +42,8 @@ EndpointReply answerSearch(const WordNetCorpus* corpus, const EndpointRequest& r
   return jsonReply(200, corpus->answer(*typed));
 }
 
-EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus> corpus) {
+EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus> corpus,
+                               std::shared_ptr<FeedbackStore> feedback) {
   EndpointRegistry endpoints;
   endpoints.add({"bag", "GET", "/bag", [bag = std::move(bag)](const EndpointRequest& request) {
                    const auto json = bag.read(request.baseUrl);
@@ -53,6 +55,12 @@ EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus>
   endpoints.add({"search", "GET", "/search", [corpus](const EndpointRequest& request) {
                    return answerSearch(corpus.get(), request);
                  }});
+  const auto intake = std::make_shared<const FeedbackIntake>(std::move(feedback));
+  for (const std::string name : {"feedback", "crowdsourcing"}) {
+    endpoints.add({name, "POST", "/" + name, [intake, name](const EndpointRequest& request) {
+                     return intake->accept(name, request);
+                   }});
+  }
   return endpoints;
 }
 
@@ -124,7 +132,8 @@ int main(int argc, char** argv) {
 
   std::optional<BackendServer> server;
   try {
-    server.emplace(line.server, makeEndpoints(BagFile(*line.bag), corpus));
+    auto feedback = std::make_shared<FeedbackStore>(line.feedbackDatabase);
+    server.emplace(line.server, makeEndpoints(BagFile(*line.bag), corpus, feedback), feedback);
   } catch (const std::runtime_error& error) {
     return fail(2, error.what());
   }

@@ -1,0 +1,235 @@
+// Feedback uploads end to end: the real daemon on a private bus records what a client reports
+// into session files, a diagnostic tool on the flusher control channel dumps them, and the
+// reference back-end inflates each upload, checks its digest and keeps it. The tool receives the
+// very bodies that were sent, the uploaded files and every temporary file are gone, refused
+// uploads are counted as not sent, a tool's stop keeps scheduled runs from uploading anything,
+// and an unreadable session file is dropped with the readable one uploaded.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <fstream>
+
+#include "tests/support/collector.h"
+#include "tests/support/session_files.h"
+#include "tests/support/upload_body.h"
+#include "tools/orvex-backend/query_items.h"
+
+namespace orvex {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using ::testing::Contains, ::testing::Key, ::testing::Not, ::testing::Pair;
+using testing::sessionDirectory, testing::sessionFiles;
+
+constexpr const char* kBag = R"({"version": "1", "enabled": true, "feedback_enabled": true,
+  "feedback_url": "${BASE_URL}/feedback?from=bag",
+  "crowdsourcing_url": "${BASE_URL}/crowdsourcing"})";
+constexpr const char* kFlusherInterface = "com.zelmor.orvexd.Flusher";
+const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
+
+// A diagnostic tool: a bus connection of its own, the Flusher object that
+// Daemon.ListenToFlusher names, and the signals the daemon sends to it alone.
+class FlusherTool {
+ public:
+  explicit FlusherTool(const testing::DaemonHarness& harness)
+      : connection_(harness.bus().connect()) {
+    auto daemon = sdbus::createProxy(*connection_, "com.zelmor.orvexd", "/com/zelmor/orvexd");
+    sdbus::ObjectPath path;
+    daemon->callMethod("ListenToFlusher")
+        .onInterface("com.zelmor.orvexd.Daemon")
+        .storeResultsTo(path);
+    flusher_ = sdbus::createProxy(*connection_, "com.zelmor.orvexd", path);
+    flusher_->uponSignal("FlushedData")
+        .onInterface(kFlusherInterface)
+        .call([this](const std::vector<std::vector<uint8_t>>& bodies) {
+          for (const auto& body : bodies) this->bodies.add(std::string(body.begin(), body.end()));
+        });
+    flusher_->uponSignal("WorkDone").onInterface(kFlusherInterface).call([this] {
+      workDone.add(true);
+    });
+    flusher_->finishRegistration();
+    connection_->enterEventLoopAsync();
+  }
+  ~FlusherTool() { connection_->leaveEventLoop(); }
+
+  void intent(uint64_t intent) {
+    flusher_->callMethod("InitiateConnectionWithIntent")
+        .onInterface(kFlusherInterface)
+        .withArguments(intent)
+        .dontExpectReply();
+  }
+
+  testing::Collector<std::string> bodies;  // FlushedData, one entry a body
+  testing::Collector<bool> workDone;
+
+ private:
+  std::unique_ptr<sdbus::IConnection> connection_;
+  std::unique_ptr<sdbus::IProxy> flusher_;
+};
+
+void runActivity(const testing::DaemonHarness& harness, const std::string& identifier) {
+  auto connection = harness.bus().connect();
+  sdbus::createProxy(*connection, "com.zelmor.orvexd", "/com/zelmor/orvexd")
+      ->callMethod("RunActivity")
+      .onInterface("com.zelmor.orvexd.Diagnostics")
+      .withArguments(identifier)
+      .storeResultsTo();
+}
+
+NBStartSearchFeedback searchStart(const std::string& input) {
+  NBStartSearchFeedback record;
+  record.timestamp = static_cast<uint64_t>(
+      std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
+  record.input = input;
+  return record;
+}
+
+class UploadTest : public ::testing::Test {
+ protected:
+  // Reports one search start per input and waits until the open session file holds them all.
+  void report(OrvexClient& client, const std::vector<std::string>& inputs) {
+    for (const auto& input : inputs) {
+      ASSERT_TRUE(client.reportEvent("searchStarted", 0, searchStart(input)));
+    }
+    ASSERT_TRUE(client.feedback());  // a round trip: every record has reached the daemon
+    ASSERT_TRUE(testing::eventually(
+        [&] {
+          for (const auto& file : sessionFiles(sessionDirectory(harness))) {
+            if (reader.inputs(file, inputs.front()) == std::vector{inputs.front()} &&
+                reader.inputs(file, inputs.back()) == std::vector{inputs.back()}) {
+              return true;
+            }
+          }
+          return false;
+        },
+        10s))
+        << "the records never reached a session file";
+  }
+
+  // The uploads the back-end stored, waited for until there are `count` of them.
+  nlohmann::json uploads(size_t count) {
+    nlohmann::json stored;
+    EXPECT_TRUE(testing::eventually(
+        [&] { return (stored = harness.backend().uploads()).size() >= count; }, 20s))
+        << stored;
+    return stored;
+  }
+
+  // The items that uploads of these bodies carry: the top-level keys of each body's JSON.
+  static int64_t itemCount(const std::vector<std::string>& bodies) {
+    int64_t items = 0;
+    for (const auto& body : bodies)
+      items += nlohmann::json::parse(testing::inflateRaw(body)).size();
+    return items;
+  }
+
+  // One session for all clients, the daemon's default, spelt out: a dump then flushes the first
+  // client connection only and answers one WorkDone.
+  testing::DaemonHarness harness{kBag, PlistDictionary{{"ORVSharedSession", PlistValue(true)}}};
+  testing::SessionReader reader;
+};
+
+// A dump (a tool's intents 0 and 3) uploads every open session: one body an agent.
+TEST_F(UploadTest, DumpUploadsEveryOpenSessionAndHandsTheToolTheBodiesSent) {
+  harness.start();
+  auto client = harness.clientWithBag(kGlance);
+  report(*client, {"dump-1", "dump-2"});
+  const auto openFiles = sessionFiles(sessionDirectory(harness));
+  FlusherTool tool(harness);
+  tool.intent(0);
+  tool.intent(3);
+  ASSERT_TRUE(tool.workDone.waitForCount(1)) << harness.daemonLog();
+  ASSERT_GE(tool.bodies.size(), 1u);
+  const auto stored = uploads(tool.bodies.size());
+  ASSERT_EQ(stored.size(), tool.bodies.size());
+  // Each body the tool got was stored, as sent: the back-end checked its digest.
+  const auto bodies = tool.bodies.values();
+  for (const auto& body : bodies) {
+    const std::string json = testing::inflateRaw(body);
+    ASSERT_NE(json, "<corrupt>") << "FlushedData holds a body that is not raw deflate";
+    const auto upload = std::find_if(stored.begin(), stored.end(), [&](const auto& entry) {
+      return entry["digest"] == testing::sha512Hex(json);
+    });
+    ASSERT_NE(upload, stored.end()) << json;
+    EXPECT_EQ((*upload)["endpoint"], "feedback");
+    // The bag's query gives way to "v=2"; the items every upload carries join it.
+    const auto items = backend::decodeQueryItems((*upload)["query"].get<std::string>());
+    EXPECT_THAT(items, Contains(Pair("v", "2")));
+    EXPECT_THAT(items, Not(Contains(Key("from"))));
+    EXPECT_EQ((*upload)["content_encoding"], "deflate");
+    EXPECT_EQ((*upload)["body"], nlohmann::json::parse(json));
+  }
+  const std::string sent = stored.dump();
+  EXPECT_NE(sent.find("dump-1"), std::string::npos) << sent;
+  EXPECT_NE(sent.find("dump-2"), std::string::npos) << sent;
+  const int64_t items = itemCount(bodies);
+  EXPECT_TRUE(testing::eventually(
+      [&] { return harness.counter("com.zelmor.orvexd.feedbacksent") == items; }, 20s));
+  for (const auto& file : openFiles) EXPECT_FALSE(fs::exists(file)) << file;
+  for (const auto& entry : fs::directory_iterator(harness.tmpDirectory())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with("flusher_")) << entry.path();
+  }
+
+  // The back-end refuses the next dump: its items are counted as not sent.
+  harness.backend().setFault("feedback", {{"status", 500}});
+  report(*client, {"refused-1", "refused-2"});
+  tool.bodies.clear();
+  tool.intent(3);
+  ASSERT_TRUE(tool.workDone.waitForCount(2));
+  ASSERT_GE(tool.bodies.size(), 1u);
+  const int64_t refused = itemCount(tool.bodies.values());
+  EXPECT_TRUE(testing::eventually(
+      [&] { return harness.counter("com.zelmor.orvexd.feedbacknotsent") == refused; }, 20s))
+      << harness.counter("com.zelmor.orvexd.feedbacknotsent") << " of " << refused;
+  EXPECT_EQ(harness.counter("com.zelmor.orvexd.feedbacksent"), items);
+  EXPECT_EQ(harness.backend().uploads().size(), stored.size());
+}
+
+// Files left by an earlier run wait for upload. While a tool has stopped flushing (intent 2) a
+// scheduled run leaves them; the next dump reads each once, deletes the readable ones and an
+// unreadable one alike, and uploads the readable ones alone.
+TEST_F(UploadTest, StoppedRunsKeepSessionFilesAndADumpDropsAnUnreadableOne) {
+  harness.start();
+  report(*harness.clientWithBag(kGlance), {"left-1", "left-2"});
+  ASSERT_EQ(harness.stop(), 0);
+  auto files = sessionFiles(sessionDirectory(harness));
+  // The client's session, and the one of the daemon's own records.
+  const auto readable =
+      static_cast<size_t>(std::count_if(files.begin(), files.end(), [&](const fs::path& file) {
+        return reader.read(file).has_value();
+      }));
+  ASSERT_GE(readable, 1u);
+  files.push_back(sessionDirectory(harness) / "session.90");
+  std::ofstream(files.back()) << std::string("\x07\0\0\0\0\0\0\0garbage and more", 24);
+  const auto present = [&] {
+    return static_cast<size_t>(std::count_if(
+        files.begin(), files.end(), [](const fs::path& file) { return fs::exists(file); }));
+  };
+
+  harness.start();
+  FlusherTool tool(harness);
+  tool.intent(2);
+  ASSERT_TRUE(tool.workDone.waitForCount(1)) << harness.daemonLog();
+  runActivity(harness, "com.zelmor.orvexd.flusher.background");
+  ASSERT_TRUE(testing::eventually([&] {
+    return harness.daemonLog().find(
+               "flushing has been stopped, will start again with dump command") !=
+           std::string::npos;
+  })) << harness.daemonLog();
+  EXPECT_EQ(present(), files.size());
+
+  tool.intent(3);  // the tool's own connection is the one client connection to flush
+  ASSERT_TRUE(tool.workDone.waitForCount(2)) << harness.daemonLog();
+  EXPECT_EQ(present(), 0u);
+  const auto stored = uploads(readable);
+  const int64_t items = itemCount(tool.bodies.values());
+  EXPECT_TRUE(testing::eventually(
+      [&] { return harness.counter("com.zelmor.orvexd.feedbacksent") == items; }, 20s));
+  ASSERT_EQ(harness.backend().uploads().size(), readable);
+  EXPECT_NE(stored.dump().find("left-2"), std::string::npos) << stored;
+}
+
+}  // namespace
+}  // namespace orvex
