@@ -212,4 +212,15 @@ std::optional<std::string> writeJsonToStream(const nlohmann::json& value, Output
   return std::nullopt;
 }
 
+std::string uploadDigestOfJson(std::string_view json) {
+  CompressedOutputStream stream;
+  stream.open();
+  for (size_t at = 0; at < json.size(); at += kJsonPieceSize) {
+    const std::string_view piece = json.substr(at, kJsonPieceSize);
+    (void)stream.write(reinterpret_cast<const uint8_t*>(piece.data()), piece.size());
+  }
+  stream.close();
+  return stream.dataDigestForStream();
+}
+
 }  // namespace orvex

@@ -5,8 +5,9 @@
 // the upload carries. The digest is updated with the whole input at the start of every
 // compressor pass, so an input that needs several passes (a large write, or one made when the
 // compressor has a block to emit) counts several times, in the digest and in the count write()
-// returns. The receiving side computes it the same way; writers keep ordinary bodies to one pass
-// a write by writing small pieces (writeJsonToStream()).
+// returns. Writers keep ordinary bodies to one pass a write by writing small pieces
+// (writeJsonToStream()), so that their digest is the SHA-512 of the JSON; a receiver checks a
+// larger body with uploadDigestOfJson(), which replays the writes.
 //
 // NullStream only counts what it is given (encoded sizes are measured with it);
 // MemoryOutputStream keeps it; FileOutputStream appends it to a file.
@@ -136,5 +137,10 @@ class CompressedOutputStream final : public OutputStream {
 // nothing.
 inline constexpr size_t kJsonPieceSize = 1024;
 std::optional<std::string> writeJsonToStream(const nlohmann::json& value, OutputStream& stream);
+
+// The digest an upload of the compact JSON text `json` carries: the text written through a
+// CompressedOutputStream in the pieces writeJsonToStream() makes of it. The SHA-512 of `json`
+// itself unless some piece took several compressor passes.
+std::string uploadDigestOfJson(std::string_view json);
 
 }  // namespace orvex

@@ -135,7 +135,10 @@ class UploadTest : public ::testing::Test {
 TEST_F(UploadTest, DumpUploadsEveryOpenSessionAndHandsTheToolTheBodiesSent) {
   harness.start();
   auto client = harness.clientWithBag(kGlance);
-  report(*client, {"dump-1", "dump-2"});
+  // Enough records that the body's compressed stream takes two passes for some of its writes.
+  std::vector<std::string> inputs;
+  for (int i = 1; i <= 400; ++i) inputs.push_back("dump-" + std::to_string(i));
+  report(*client, inputs);
   const auto openFiles = sessionFiles(sessionDirectory(harness));
   FlusherTool tool(harness);
   tool.intent(0);
@@ -150,7 +153,7 @@ TEST_F(UploadTest, DumpUploadsEveryOpenSessionAndHandsTheToolTheBodiesSent) {
     const std::string json = testing::inflateRaw(body);
     ASSERT_NE(json, "<corrupt>") << "FlushedData holds a body that is not raw deflate";
     const auto upload = std::find_if(stored.begin(), stored.end(), [&](const auto& entry) {
-      return entry["digest"] == testing::sha512Hex(json);
+      return entry["body"] == nlohmann::json::parse(json);
     });
     ASSERT_NE(upload, stored.end()) << json;
     EXPECT_EQ((*upload)["endpoint"], "feedback");
@@ -159,11 +162,10 @@ TEST_F(UploadTest, DumpUploadsEveryOpenSessionAndHandsTheToolTheBodiesSent) {
     EXPECT_THAT(items, Contains(Pair("v", "2")));
     EXPECT_THAT(items, Not(Contains(Key("from"))));
     EXPECT_EQ((*upload)["content_encoding"], "deflate");
-    EXPECT_EQ((*upload)["body"], nlohmann::json::parse(json));
   }
   const std::string sent = stored.dump();
   EXPECT_NE(sent.find("dump-1"), std::string::npos) << sent;
-  EXPECT_NE(sent.find("dump-2"), std::string::npos) << sent;
+  EXPECT_NE(sent.find("dump-400"), std::string::npos) << sent;
   const int64_t items = itemCount(bodies);
   EXPECT_TRUE(testing::eventually(
       [&] { return harness.counter("com.zelmor.orvexd.feedbacksent") == items; }, 20s));

@@ -1,8 +1,9 @@
 // The feedback and crowdsourcing upload endpoints: a POST whose body is one JSON document
 // compressed as raw deflate (no zlib header or trailer), whatever its Content-Encoding says, with
 // the SHA-512 of the uncompressed JSON as 128 lower-case hexadecimal characters in the header
-// "X-Zelmor-Digest". An upload that inflates, matches its digest and is JSON is stored and
-// answered 200 {"status": "OK", "id": N}; any other gets 400 with the reason as text.
+// "X-Zelmor-Digest" (or, for a large body, the digest the daemon's compressed stream makes of its
+// pieces: uploadDigestOfJson()). An upload that inflates, matches its digest and is JSON is stored
+// and answered 200 {"status": "OK", "id": N}; any other gets 400 with the reason as text.
 #pragma once
 
 #include <cstddef>
