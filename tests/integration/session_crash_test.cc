@@ -364,6 +364,9 @@ TEST(SessionCrashTest, FeedbackAnswersWithTheNewestRecordsThatFit) {
   harness.start();
   auto client = harness.client();
   ASSERT_TRUE(client->configure(kGlance));
+  // Writing, reading back and encoding 35 MiB of records takes a while under the sanitizers,
+  // the more so on a busy machine.
+  client->setTimeout(std::chrono::minutes(3));
   // Five records of 7 MiB: 35 MiB, more than a 32 MiB reply.
   for (int i = 0; i < 5; ++i) {
     const std::string input = "crash-" + std::to_string(i) + std::string(size_t{7} << 20, 'x');
