@@ -77,8 +77,8 @@ size_t deflateAlone(const std::string& text, std::vector<uint8_t>& out) {
 int main(int argc, char** argv) {
   const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
   const std::string text = sessionJson(1500).dump();
-  const auto file = std::filesystem::temp_directory_path() /
-                    ("orvex_bench_upload_" + std::to_string(::getpid()));
+  const auto file =
+      std::filesystem::temp_directory_path() / ("orvex_bench_upload_" + std::to_string(::getpid()));
   std::vector<uint8_t> out;
   double streamBest = 1e9, zlibBest = 1e9;
   size_t streamSize = 0, zlibSize = 0;

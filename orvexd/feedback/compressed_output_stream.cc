@@ -133,16 +133,9 @@ void CompressedOutputStream::close() {
 }
 
 OutputStream::Status CompressedOutputStream::streamStatus() const {
-  switch (status_) {
-    case kFailed:
-      return Status::kError;
-    case kRunning:
-      return Status::kOpen;
-    case kFinished:
-      return Status::kAtEnd;
-    default:
-      return Status::kNotOpen;
-  }
+  if (status_ == kFailed) return Status::kError;
+  if (status_ == kRunning) return Status::kOpen;
+  return status_ == kFinished ? Status::kAtEnd : Status::kNotOpen;
 }
 
 std::optional<OrvexError> CompressedOutputStream::streamError() const {

@@ -20,8 +20,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using testing::sessionDirectory, testing::sessionFiles, testing::sessionNumber,
-    testing::SessionReader;
+using testing::searchStart, testing::sessionDirectory, testing::sessionFiles,
+    testing::sessionNumber, testing::SessionReader;
 
 constexpr const char* kBag = R"({"version": "1", "enabled": true, "feedback_enabled": true})";
 const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
@@ -30,15 +30,6 @@ constexpr std::string_view kInputPrefix = "crash-";
 int greatestNumber(const fs::path& directory) {
   const auto files = sessionFiles(directory);
   return files.empty() ? 0 : sessionNumber(files.back());
-}
-
-NBStartSearchFeedback searchStart(const std::string& input) {
-  NBStartSearchFeedback record;
-  // Nanoseconds on the monotonic clock, as the daemon stamps its own records.
-  record.timestamp = static_cast<uint64_t>(
-      std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
-  record.input = input;
-  return record;
 }
 
 // The inputs of the test's records in a Feedback answer, in its order.

@@ -22,7 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using ::testing::Contains, ::testing::Key, ::testing::Not, ::testing::Pair;
-using testing::sessionDirectory, testing::sessionFiles;
+using testing::searchStart, testing::sessionDirectory, testing::sessionFiles;
 
 constexpr const char* kBag = R"({"version": "1", "enabled": true, "feedback_enabled": true,
   "feedback_url": "${BASE_URL}/feedback?from=bag",
@@ -77,14 +77,6 @@ void runActivity(const testing::DaemonHarness& harness, const std::string& ident
       .onInterface("com.zelmor.orvexd.Diagnostics")
       .withArguments(identifier)
       .storeResultsTo();
-}
-
-NBStartSearchFeedback searchStart(const std::string& input) {
-  NBStartSearchFeedback record;
-  record.timestamp = static_cast<uint64_t>(
-      std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
-  record.input = input;
-  return record;
 }
 
 class UploadTest : public ::testing::Test {

@@ -8,6 +8,7 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/file_container.h"
 #include "orvexd/feedback/persistent_storage.h"
+#include "orvexd/model/nb_search_feedback.h"
 #include "tests/support/daemon_harness.h"
 
 namespace orvex::testing {
@@ -68,5 +69,15 @@ class SessionReader {
   std::shared_ptr<SerialQueue> queue_ =
       std::make_shared<SerialQueue>("session reader", *platform_.pool, *platform_.clock);
 };
+
+// A client's search-start record for `input`, stamped on the monotonic clock in nanoseconds as
+// the daemon stamps its own.
+inline NBStartSearchFeedback searchStart(const std::string& input) {
+  NBStartSearchFeedback record;
+  record.timestamp = static_cast<uint64_t>(
+      std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
+  record.input = input;
+  return record;
+}
 
 }  // namespace orvex::testing

@@ -97,29 +97,39 @@ EndpointReply ControlApi::handleEndpointFault(const std::string& method,
   return noContent();
 }
 
-EndpointReply ControlApi::handleRequests(const std::string& method, std::string_view rawQuery) {
+namespace {
+
+// A list of the control API: GET answers what came after ?since=N, DELETE clears it.
+template <class List, class Clear>
+EndpointReply listOrClear(const std::string& method, std::string_view rawQuery,
+                          const char* numberName, List list, Clear clear) {
   if (method == "DELETE") {
-    log_.clear();
+    clear();
     return noContent();
   }
   if (method != "GET") return methodNotAllowed("GET, DELETE");
-  const auto since = sinceIn(rawQuery, "a request number");
+  const auto since = sinceIn(rawQuery, numberName);
   if (const auto* refused = std::get_if<EndpointReply>(&since)) return *refused;
-  nlohmann::ordered_json list = nlohmann::ordered_json::array();
-  for (const LoggedRequest& request : log_.since(std::get<int64_t>(since)))
-    list.push_back(request.toJson());
-  return json(list);
+  return json(list(std::get<int64_t>(since)));
+}
+
+}  // namespace
+
+EndpointReply ControlApi::handleRequests(const std::string& method, std::string_view rawQuery) {
+  return listOrClear(
+      method, rawQuery, "a request number",
+      [this](int64_t since) {
+        nlohmann::ordered_json list = nlohmann::ordered_json::array();
+        for (const LoggedRequest& request : log_.since(since)) list.push_back(request.toJson());
+        return list;
+      },
+      [this] { log_.clear(); });
 }
 
 EndpointReply ControlApi::handleFeedback(const std::string& method, std::string_view rawQuery) {
-  if (method == "DELETE") {
-    feedback_.clear();
-    return noContent();
-  }
-  if (method != "GET") return methodNotAllowed("GET, DELETE");
-  const auto since = sinceIn(rawQuery, "an upload id");
-  if (const auto* refused = std::get_if<EndpointReply>(&since)) return *refused;
-  return json(feedback_.list(std::get<int64_t>(since)));
+  return listOrClear(
+      method, rawQuery, "an upload id", [this](int64_t since) { return feedback_.list(since); },
+      [this] { feedback_.clear(); });
 }
 
 }  // namespace orvex::backend
