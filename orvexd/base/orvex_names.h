@@ -75,6 +75,7 @@ inline constexpr char kORVFlusherActivityIdentifier[] = "com.zelmor.orvexd.flush
 inline constexpr char kORVSharedSessionKey[] = "ORVSharedSession";
 inline constexpr char kORVSessionSizeLimitKey[] = "ORVSessionSizeLimit";
 inline constexpr char kORVSessionMaxAgeKey[] = "ORVSessionMaxAge";
+inline constexpr char kORVFeedbackUploadTimeoutKey[] = "ORVFeedbackUploadTimeout";
 inline constexpr char kORVNoParallaxKey[] = "ORVNoParallax";
 inline constexpr char kORVPersistSessionsKey[] = "ORVPersistSessions";
 inline constexpr char kORVNoQueryCacheKey[] = "ORVNoQueryCache";

@@ -20,6 +20,7 @@
 #include "orvexd/model/interfaces/background_flusher.h"
 #include "orvexd/model/interfaces/network_request_factory.h"
 #include "orvexd/model/orv_bag.h"
+#include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/file_manager.h"
 #include "orvexd/platform/http_session.h"
@@ -294,7 +295,19 @@ void OrvexFeedbackFlusher::startUpload(const std::string& endpoint,
   const auto session = assembly_.uploadSession;
   const auto factory = assembly_.requestFactory;
   std::optional<HttpRequest> request;
-  if (factory) request = factory->flusherUploadRequest(endpoint, kUploadTimeout, digest);
+  Duration timeout = kUploadTimeout;
+  if (assembly_.userDefaults) {
+    // A whole number of seconds may be stored as an integer or a real.
+    double seconds = assembly_.userDefaults->doubleForKey(kORVFeedbackUploadTimeoutKey);
+    if (seconds == 0) {
+      seconds =
+          static_cast<double>(assembly_.userDefaults->integerForKey(kORVFeedbackUploadTimeoutKey));
+    }
+    if (seconds > 0 && seconds <= 86400) {
+      timeout = std::chrono::duration_cast<Duration>(std::chrono::duration<double>(seconds));
+    }
+  }
+  if (factory) request = factory->flusherUploadRequest(endpoint, timeout, digest);
   if (!session || !request) {
     flusherLog().error(
         "Error creating Upload Task for fpath %@. Exception %@ occurred for reason %@",

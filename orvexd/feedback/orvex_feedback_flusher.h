@@ -45,6 +45,8 @@ class OrvexFeedbackFlusher final : public FeedbackFlusher,
  public:
   static constexpr int64_t kIdentifierCrowdsourcing = 0;
   static constexpr int64_t kIdentifierFeedbacks = 1;
+  // How long an upload may wait for the server; the defaults key "ORVFeedbackUploadTimeout"
+  // (seconds) replaces it, for integrators with slow links and for tests.
   static constexpr Duration kUploadTimeout = std::chrono::seconds(300);
 
   static std::shared_ptr<OrvexFeedbackFlusher> initWithAssembly(Assembly& assembly,

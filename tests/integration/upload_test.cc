@@ -2,8 +2,9 @@
 // into session files, a diagnostic tool on the flusher control channel dumps them, and the
 // reference back-end inflates each upload, checks its digest and keeps it. The tool receives the
 // very bodies that were sent, the uploaded files and every temporary file are gone, refused
-// uploads are counted as not sent, a tool's stop keeps scheduled runs from uploading anything,
-// and an unreadable session file is dropped with the readable one uploaded.
+// uploads are counted as not sent and late ones as timed out, a tool's stop keeps scheduled runs
+// from uploading anything, and an unreadable session file is dropped with the readable one
+// uploaded.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -120,7 +121,9 @@ class UploadTest : public ::testing::Test {
 
   // One session for all clients, the daemon's default, spelt out: a dump then flushes the first
   // client connection only and answers one WorkDone.
-  testing::DaemonHarness harness{kBag, PlistDictionary{{"ORVSharedSession", PlistValue(true)}}};
+  // Uploads give up after 2 s, so that a late answer is met in the test's time.
+  testing::DaemonHarness harness{kBag, PlistDictionary{{"ORVSharedSession", PlistValue(true)},
+                                                       {"ORVFeedbackUploadTimeout", int64_t{2}}}};
   testing::SessionReader reader;
 };
 
@@ -190,6 +193,16 @@ TEST_F(UploadTest, DumpUploadsEveryOpenSessionAndHandsTheToolTheBodiesSent) {
       << harness.counter("com.zelmor.orvexd.feedbacknotsent") << " of " << refused;
   EXPECT_EQ(harness.counter("com.zelmor.orvexd.feedbacksent"), items);
   EXPECT_EQ(harness.backend().uploads().size(), stored.size());
+
+  // A back-end that holds its answer past the upload's time-out: the upload counts as timed out.
+  // (libcurl measures a stall over a window of some five seconds, so the wait must be longer.)
+  harness.backend().setFault("feedback", {{"delay_ms", 10000}});
+  report(*client, {"late-1"});
+  tool.intent(3);
+  ASSERT_TRUE(tool.workDone.waitForCount(3));
+  EXPECT_TRUE(testing::eventually(
+      [&] { return harness.counter("com.zelmor.orvexd.fbrequesttimedout") == 1; }, 20s))
+      << harness.daemonLog();
 }
 
 // Files left by an earlier run wait for upload. While a tool has stopped flushing (intent 2) a
