@@ -82,6 +82,8 @@ inline constexpr char kORVNoQueryCacheKey[] = "ORVNoQueryCache";
 inline constexpr char kORVBagURLKey[] = "ORVBagURL";
 inline constexpr char kORVDebugParametersKey[] = "ORVDebugParameters";
 inline constexpr char kTraceEnabledKey[] = "TraceEnabled";
+// The file URL of the flight answers' data (a JSON array of flights).
+inline constexpr char kORVFlightDebugDataLocationKey[] = "ORVFlightDebugDataLocation";
 // Seconds a bag fetch may take in all before it is abandoned (default: the bag session's
 // request time-out).
 inline constexpr char kORVBagRequestTimeoutKey[] = "ORVBagRequestTimeout";

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "orvexd/base/http_types.h"
@@ -12,10 +13,12 @@
 
 namespace orvex {
 
-inline std::shared_ptr<NBStartNetworkSearchFeedback> makeStartNetworkFeedback(
-    const HttpRequest& request, std::string input, uint32_t triggerEvent, uint32_t endpoint,
-    MonotonicTime now) {
-  auto start = std::make_shared<NBStartNetworkSearchFeedback>();
+template <class Record = NBStartNetworkSearchFeedback>
+std::shared_ptr<Record> makeStartNetworkFeedback(const HttpRequest& request,
+                                                 std::optional<std::string> input,
+                                                 uint32_t triggerEvent, uint32_t endpoint,
+                                                 MonotonicTime now) {
+  auto start = std::make_shared<Record>();
   start->timestamp = monotonicNanoseconds(now);
   start->input = std::move(input);
   start->url = request.url;

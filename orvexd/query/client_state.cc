@@ -14,6 +14,8 @@
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_feedback.h"
 #include "orvexd/network/network_request_factory.h"
+#include "orvexd/network/request_recipe.h"
+#include "orvexd/network/url_request_builder.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/defaults_store.h"
@@ -23,6 +25,8 @@
 #include "orvexd/platform/url_cache.h"
 #include "orvexd/platform/uuid.h"
 #include "orvexd/platform/worker_pool.h"
+#include "orvexd/query/flight_debug_data.h"
+#include "orvexd/query/network_query.h"
 #include "orvexd/query/query_cache.h"
 
 namespace orvex {
@@ -36,12 +40,6 @@ const OrvexLog& searchLog() { return OrvexLogForCategory(kOrvexLogSearch); }
 // The warm request's feedback: trigger event 19 ("warm") at endpoint 12 ("warm").
 constexpr uint32_t kWarmTriggerEvent = 19;
 constexpr uint32_t kWarmEndpoint = 12;
-// Searches go to endpoint 6 ("search").
-constexpr uint32_t kSearchEndpoint = 6;
-// An answer that is not JSON.
-constexpr int64_t kJsonParseErrorCode = 3840;
-// The largest answer parsed; the HTTP layer already refuses bodies over 64 MiB.
-constexpr size_t kAnswerMaxBytes = size_t{16} << 20;
 
 OrvexError bagError(const char* reason) { return OrvexError(kORVErrorDomain, 1, reason); }
 
@@ -279,34 +277,6 @@ void ClientState::warm() {
   markNetworkRequest();
 }
 
-void ClientState::unsupported(const ORVRequest& request, const QueryReply& reply) {
-  reply(request.queryId, std::nullopt,
-        OrvexError(kORVErrorDomain, 500,
-                   "request kind " + std::string(kindName(request.kind)) + " is not supported"));
-}
-
-void ClientState::addFeedback(FeedbackRecordPtr record, const ORVRequest& request) const {
-  if (!sessionManager_) return;
-  sessionManager_->addOrvexFeedback(OrvexFeedback::initWithFeedback(
-      std::move(record), request.queryId, std::nullopt, userAgent(), request.clientQueryId));
-}
-
-void ClientState::recordSkip(uint32_t reason, const ORVRequest& request) const {
-  auto skip = std::make_shared<ORVSkipSearchFeedback>();
-  skip->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
-  skip->triggerEvent = reason;
-  skip->input = request.queryString;
-  addFeedback(std::move(skip), request);
-}
-
-void ClientState::recordSearchResult(int64_t statusCode) const {
-  // Unlike the other per-client counters, this one is kept per whole user agent.
-  if (auto key = createCounterKey(userAgent(), std::string(kORVCounterSuffixFedAPICallServerStatus)
-                                                   .append(std::to_string(statusCode)))) {
-    OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
-  }
-}
-
 ORVReply ClientState::makeReply(const ORVRequest& request, const HttpRequest* httpRequest,
                                 const HttpResponse* httpResponse) const {
   ORVReply reply;
@@ -337,6 +307,51 @@ ORVReply ClientState::makeReply(const ORVRequest& request, const HttpRequest* ht
   return reply;
 }
 
+// The bag a query may be sent with; none (and the client answered, the skip recorded) when the
+// bag could not be had or is disabled.
+std::shared_ptr<const ORVBag> ClientState::bagForQuery(bool haveBag, const ORVRequest& request,
+                                                       const QueryReply& reply,
+                                                       const QueryFeedback& feedback,
+                                                       const BagCheckLogs& logs) const {
+  auto bag = this->bag();
+  if (!haveBag || !bag) {
+    reply(request.queryId, std::nullopt, bagError("timeout"));
+    searchLog().error(logs.fetchFailed, request.queryString);
+    feedback.recordSkip(ORVSkipSearchFeedback::kBagFetchFailed);
+    return nullptr;
+  }
+  if (!bag->isEnabled()) {
+    searchLog().debug(logs.disabled);
+    reply(request.queryId, std::nullopt, std::nullopt);
+    feedback.recordSkip(ORVSkipSearchFeedback::kBagDisabled);
+    return nullptr;
+  }
+  return bag;
+}
+
+unsigned ClientState::fieldMask() const {
+  return asciiLowercase(userAgent()).find("messages") != std::string::npos ? kORVFieldMaskNoLocation
+                                                                           : 0;
+}
+
+QueryFeedback ClientState::feedbackFor(const ORVRequest& request) const {
+  return QueryFeedback(assembly_.clock, sessionManager_, userAgent(), request);
+}
+
+void ClientState::send(const ORVRequest& request, std::optional<HttpRequest> httpRequest,
+                       std::optional<std::string> input, std::shared_ptr<const ORVBag> bag,
+                       QueryReply reply) {
+  if (!httpRequest) {
+    // The bag names no endpoint for this kind of query.
+    reply(request.queryId, std::nullopt,
+          OrvexError(kORVErrorDomain, 500,
+                     "no " + std::string(kindName(request.kind)) + " request could be made"));
+    return;
+  }
+  NetworkQuery::start(shared_from_this(), assembly_, request, std::move(*httpRequest),
+                      std::move(input), std::move(bag), std::move(reply));
+}
+
 void ClientState::search(const ORVRequest& request, QueryReply reply) {
   searchLog().log("session %@ performing query[%llu] %@, reply %@", identifier_,
                   static_cast<unsigned long long>(request.queryId), request.queryString,
@@ -350,158 +365,33 @@ void ClientState::search(const ORVRequest& request, QueryReply reply) {
 }
 
 void ClientState::searchWithBag(bool haveBag, const ORVRequest& request, QueryReply reply) {
-  const auto bag = this->bag();
-  if (!haveBag || !bag) {
-    reply(request.queryId, std::nullopt, bagError("timeout"));
-    searchLog().error("Bag fetch failed, can't complete non-cached query %@.", request.queryString);
-    recordSkip(ORVSkipSearchFeedback::kBagFetchFailed, request);
-    return;
-  }
-  if (!bag->isEnabled()) {
-    searchLog().debug("no search, bag disabled");
-    reply(request.queryId, std::nullopt, std::nullopt);
-    recordSkip(ORVSkipSearchFeedback::kBagDisabled, request);
-    return;
-  }
+  const auto feedback = feedbackFor(request);
+  auto bag = bagForQuery(
+      haveBag, request, reply, feedback,
+      {"Bag fetch failed, can't complete non-cached query %@.", "no search, bag disabled"});
+  if (!bag) return;
   if (utf16Length(request.queryString) < static_cast<uint64_t>(bag->minimumQueryLength())) {
     searchLog().debug("query[%lld] input '%@' less than minQueryLength",
                       static_cast<long long>(request.queryId), request.queryString);
     reply(request.queryId, std::nullopt, std::nullopt);
-    recordSkip(ORVSkipSearchFeedback::kLessThanMinimumQueryLength, request);
+    feedback.recordSkip(ORVSkipSearchFeedback::kLessThanMinimumQueryLength);
     return;
   }
-  if (serveFromCache(request, reply)) return;
+  if (serveFromCache(request, reply, feedback)) return;
 
-  const unsigned fieldMask = asciiLowercase(userAgent()).find("messages") != std::string::npos
-                                 ? kORVFieldMaskNoLocation
-                                 : 0;
   searchLog().debug("Dispatching network request for (id, query): (%lld, %@)",
                     static_cast<long long>(request.queryId), request.queryString);
   auto httpRequest = assembly_.requestFactory->searchRequest(
-      request, *bag, guidController_->currentUserGUID(), fieldMask);
-  if (!httpRequest) {
-    reply(request.queryId, std::nullopt,
-          OrvexError(kORVErrorDomain, 500, "no search request could be made"));
-    return;
+      request, *bag, guidController_->currentUserGUID(), fieldMask());
+  if (httpRequest) {
+    searchLog().debug("request: %@ header: %@", httpRequest->url,
+                      describeHeaders(httpRequest->headers));
   }
-  searchLog().debug("request: %@ header: %@", httpRequest->url,
-                    describeHeaders(httpRequest->headers));
-  auto start = makeStartNetworkFeedback(*httpRequest, request.queryString, request.triggerEvent,
-                                        kSearchEndpoint, assembly_.clock->monotonicNow());
-  start->queryId = request.clientQueryId;
-  addFeedback(start, request);
-
-  auto task = assembly_.urlSession->dataTask(
-      *httpRequest, [self = shared_from_this(), request, sent = *httpRequest, start, bag,
-                     reply = std::move(reply)](HttpDataResult result) {
-        self->searchCompleted(request, sent, start, *bag, reply, std::move(result));
-      });
-  task->resume();
-  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterSearch);
-  setPerformedSearch();
-  markNetworkRequest();
+  send(request, std::move(httpRequest), request.queryString, std::move(bag), std::move(reply));
 }
 
-void ClientState::searchCompleted(const ORVRequest& request, const HttpRequest& sent,
-                                  const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
-                                  const ORVBag& bag, const QueryReply& reply,
-                                  HttpDataResult result) {
-  (void)bag;
-  const int64_t statusCode = result.response ? result.response->statusCode : 0;
-  if (result.response) recordSearchResult(statusCode);
-  searchLog().log("Got network response for (id, query): (%lld, %@)",
-                  static_cast<long long>(request.queryId), request.queryString);
-  searchLog().debug("resp: %@", result.response
-                                    ? std::to_string(statusCode) + " " + result.response->url
-                                    : std::string("(null)"));
-  if (result.error || result.data.empty()) {
-    searchLog().error("error with request %@", sent.url);
-    reply(request.queryId, std::nullopt, result.error);
-    failSearchFeedback(result.error, request, start, static_cast<int64_t>(result.data.size()),
-                       statusCode, result.timing);
-    return;
-  }
-  if (!result.response) {
-    searchLog().error("not http response? %@", sent.url);
-    const OrvexError error(kORVErrorDomain, 500, "invalid response class");
-    reply(request.queryId, std::nullopt, error);
-    failSearchFeedback(error, request, start, static_cast<int64_t>(result.data.size()), statusCode,
-                       result.timing);
-    return;
-  }
-  std::string problem;
-  auto parsed = parseJsonWithinLimits(result.data, {kAnswerMaxBytes, kJsonMaxDepth}, &problem);
-  std::optional<OrvexError> parseError;
-  ORVReply answer = makeReply(request, &sent, &*result.response);
-  if (parsed.is_discarded()) {
-    searchLog().error("error parsing the answer to %@: it %@", sent.url, problem);
-    parseError = OrvexError(kORVErrorDomain, kJsonParseErrorCode, "the answer is not valid JSON");
-    // Had the URL cache kept the answer, it would fail again at every later search: drop it.
-    if (const auto& cache = assembly_.urlSession->configuration().urlCache) {
-      cache->removeResponseForRequest(sent);
-    }
-  } else {
-    cacheResponse(parsed, sent, request.queryString, start->uuid.value_or(""));
-    answer.rawResponse = jsonTextForBus(parsed.dump());
-  }
-  reply(request.queryId, std::move(answer), parseError);
-  endNetworkFeedback(start, parsed.is_discarded() ? nullptr : &parsed,
-                     static_cast<int64_t>(result.data.size()), statusCode, result.timing, request);
-
-  if (const auto header = result.response->headers.find("X-Zelmor-ForceFetch");
-      header != result.response->headers.end()) {
-    auto force =
-        parseJsonWithinLimits<BagDictionary>(header->second, {kAnswerMaxBytes, kJsonMaxDepth});
-    if (!force.is_discarded() && force.is_object()) {
-      assembly_.bagController->forceFetchBag(force);
-    } else {
-      searchLog().error(
-          "Failed to deserialize X-Zelmor-ForceFetch header data into a dictionary: %@",
-          header->second);
-    }
-  }
-}
-
-void ClientState::endNetworkFeedback(
-    const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
-    const nlohmann::json* rawResponse, int64_t responseSize, int64_t statusCode,
-    const TaskTimingData& timing, const ORVRequest& request) const {
-  auto end = std::make_shared<ORVEndNetworkSearchFeedback>();
-  end->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
-  end->uuid = start->uuid;
-  end->responseSize = responseSize;
-  end->statusCode = statusCode;
-  end->networkTimingData = timing;
-  if (rawResponse != nullptr && rawResponse->is_object()) {
-    if (auto status = rawResponse->find("status");
-        status != rawResponse->end() && status->is_string()) {
-      end->orvexStatus = status->get<std::string>();
-    }
-    if (auto fbq = rawResponse->find("fbq"); fbq != rawResponse->end() && fbq->is_string()) {
-      end->fbq = fbq->get<std::string>();
-    }
-  }
-  addFeedback(std::move(end), request);
-}
-
-void ClientState::failSearchFeedback(
-    const std::optional<OrvexError>& error, const ORVRequest& request,
-    const std::shared_ptr<const NBStartNetworkSearchFeedback>& start, int64_t responseSize,
-    int64_t statusCode, const TaskTimingData& timing) const {
-  if (error) {
-    if (auto key = createCounterKey(extractClientNameFromString(userAgent()),
-                                    kORVCounterSuffixNoConnection)) {
-      OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
-    }
-    auto record = std::make_shared<NBErrorFeedback>();
-    record->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
-    record->error = *error;
-    addFeedback(std::move(record), request);
-  }
-  endNetworkFeedback(start, nullptr, responseSize, statusCode, timing, request);
-}
-
-bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& reply) {
+bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& reply,
+                                 const QueryFeedback& feedback) {
   if (!queryCache_ || !request.queryItems.empty()) return false;
   auto cached = queryCache_->getRequest(request);
   if (!cached) return false;
@@ -512,12 +402,7 @@ bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& re
   if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixOnDeviceCacheHits)) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
   }
-  auto hit = std::make_shared<ORVCacheHitFeedback>();
-  hit->timestamp = monotonicNanoseconds(assembly_.clock->monotonicNow());
-  hit->triggerEvent = ORVSkipSearchFeedback::kCacheHit;
-  hit->input = request.queryString;
-  hit->uuid = cached->uuid().upperString();
-  addFeedback(std::move(hit), request);
+  feedback.recordCacheHit(cached->uuid().upperString());
   return true;
 }
 
@@ -534,20 +419,87 @@ void ClientState::cacheResponse(const nlohmann::json& response, const HttpReques
 }
 
 void ClientState::zeroKeyword(const ORVRequest& request, QueryReply reply) {
-  unsupported(request, reply);
+  searchLog().log("session %@ performing zkw query, reply %@", identifier_,
+                  std::string(reply ? "yes" : "(null)"));
+  ensureBag([self = shared_from_this(), request, reply = std::move(reply)](bool haveBag) {
+    const auto feedback = self->feedbackFor(request);
+    auto bag = self->bagForQuery(
+        haveBag, request, reply, feedback,
+        {"Bag fetch failed, can't complete non-cached zkw query.", "no zkw, bag disabled"});
+    if (!bag) return;
+    searchLog().debug("Dispatching network request for zkw query");
+    auto httpRequest = self->assembly_.requestFactory->zeroKeywordRequest(
+        request, *bag, self->guidController_->currentUserGUID(), self->fieldMask());
+    self->send(request, std::move(httpRequest), request.queryString, std::move(bag), reply);
+  });
 }
+
 void ClientState::moreResults(const ORVRequest& request, QueryReply reply) {
-  unsupported(request, reply);
+  // Sent with whatever bag the state holds: the answer it follows was made with it.
+  auto bag = this->bag();
+  std::optional<HttpRequest> httpRequest;
+  if (bag) {
+    httpRequest = assembly_.requestFactory->moreResultsRequest(
+        request, *bag, guidController_->currentUserGUID(), fieldMask());
+  }
+  if (httpRequest) {
+    searchLog().debug("request: %@ header: %@", httpRequest->url,
+                      describeHeaders(httpRequest->headers));
+  }
+  // The start record's input is the query the more results are for: the "q" of their URL.
+  std::optional<std::string> input;
+  if (auto url = OrvexURLRequestBuilder::requestBuilderWithURL(request.moreResultsURL)) {
+    input = url->queryItemValue("q");
+  }
+  send(request, std::move(httpRequest), std::move(input), std::move(bag), std::move(reply));
 }
-void ClientState::card(const ORVRequest& request, QueryReply reply) { unsupported(request, reply); }
+
+void ClientState::card(const ORVRequest& request, QueryReply reply) {
+  auto bag = this->bag();
+  std::optional<HttpRequest> httpRequest;
+  if (bag) {
+    httpRequest =
+        assembly_.requestFactory->cardRequest(request, *bag, guidController_->currentUserGUID());
+  }
+  send(request, std::move(httpRequest), request.queryString, std::move(bag), std::move(reply));
+}
+
 void ClientState::lookup(const ORVRequest& request, QueryReply reply) {
-  unsupported(request, reply);
+  searchLog().log("session %@ performing lookup query, reply %@", identifier_,
+                  std::string(reply ? "yes" : "(null)"));
+  ensureBag([self = shared_from_this(), request, reply = std::move(reply)](bool haveBag) {
+    const auto feedback = self->feedbackFor(request);
+    auto bag = self->bagForQuery(
+        haveBag, request, reply, feedback,
+        {"Bag fetch failed, can't complete non-cached lookup query.", "no lookup, bag disabled"});
+    if (!bag) return;
+    searchLog().debug("Dispatching network request for lookup query");
+    auto httpRequest = self->assembly_.requestFactory->lookupRequest(
+        request, *bag, self->guidController_->currentUserGUID());
+    if (httpRequest) {
+      searchLog().debug("request: %@ header: %@", httpRequest->url,
+                        describeHeaders(httpRequest->headers));
+    }
+    self->send(request, std::move(httpRequest), request.queryString, std::move(bag), reply);
+  });
 }
+
 void ClientState::flightSearch(const ORVRequest& request, QueryReply reply) {
-  unsupported(request, reply);
+  ORVReply answer;
+  answer.scale = request.scale;
+  answer.rawResponse =
+      flightsMatchingQuery(loadFlightDebugData(assembly_.userDefaults.get()), request.flightQuery)
+          .dump();
+  reply(request.queryId, std::move(answer), std::nullopt);
 }
+
 void ClientState::flightLookup(const ORVRequest& request, QueryReply reply) {
-  unsupported(request, reply);
+  ORVReply answer;
+  answer.scale = request.scale;
+  answer.rawResponse =
+      flightsWithIdentifier(loadFlightDebugData(assembly_.userDefaults.get()), request.flightId)
+          .dump();
+  reply(request.queryId, std::move(answer), std::nullopt);
 }
 
 }  // namespace orvex

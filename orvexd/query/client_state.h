@@ -35,6 +35,7 @@
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/notification_center.h"
+#include "orvexd/query/query_feedback.h"
 
 namespace orvex {
 
@@ -88,7 +89,7 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   void markNetworkRequest();
   void setPerformedSearch();
 
-  // The queries. Kinds this daemon does not answer yet get an error in kORVErrorDomain.
+  // The queries. Each answers `reply` exactly once.
   void search(const ORVRequest& request, QueryReply reply);
   void zeroKeyword(const ORVRequest& request, QueryReply reply);
   void moreResults(const ORVRequest& request, QueryReply reply);
@@ -96,6 +97,14 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   void lookup(const ORVRequest& request, QueryReply reply);
   void flightSearch(const ORVRequest& request, QueryReply reply);
   void flightLookup(const ORVRequest& request, QueryReply reply);
+
+  // The reply to `request`: its scale, the maps session entity and, when the client asked for a
+  // verbose reply, the HTTP exchange.
+  ORVReply makeReply(const ORVRequest& request, const HttpRequest* httpRequest,
+                     const HttpResponse* httpResponse) const;
+  // Keeps a search answer in the query cache (answers with status "ERROR" are not kept).
+  void cacheResponse(const nlohmann::json& response, const HttpRequest& request,
+                     const std::string& input, const std::string& uuid);
 
  private:
   ClientState(std::string identifier, Assembly& assembly);
@@ -110,30 +119,25 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // The waiter's second has passed: it stops waiting, with whatever the state holds now.
   void bagWaitTimedOut(const std::shared_ptr<BagWaiter>& waiter);
   void bagChangeNotification(const Notification& notification);
-  void unsupported(const ORVRequest& request, const QueryReply& reply);
 
+  // What a query logs when its bag is missing or disabled.
+  struct BagCheckLogs {
+    const char* fetchFailed;  // may name the query string with %@
+    const char* disabled;
+  };
+  std::shared_ptr<const ORVBag> bagForQuery(bool haveBag, const ORVRequest& request,
+                                            const QueryReply& reply, const QueryFeedback& feedback,
+                                            const BagCheckLogs& logs) const;
+  // 1 (no location) for the messages client, else 0.
+  unsigned fieldMask() const;
+  QueryFeedback feedbackFor(const ORVRequest& request) const;
+  // Sends the query's request, or answers that none could be made.
+  void send(const ORVRequest& request, std::optional<HttpRequest> httpRequest,
+            std::optional<std::string> input, std::shared_ptr<const ORVBag> bag, QueryReply reply);
   // The search flow, once the bag is in (or is not coming).
   void searchWithBag(bool haveBag, const ORVRequest& request, QueryReply reply);
-  bool serveFromCache(const ORVRequest& request, const QueryReply& reply);
-  void cacheResponse(const nlohmann::json& response, const HttpRequest& request,
-                     const std::string& input, const std::string& uuid);
-  void searchCompleted(const ORVRequest& request, const HttpRequest& sent,
-                       const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
-                       const ORVBag& bag, const QueryReply& reply, HttpDataResult result);
-  ORVReply makeReply(const ORVRequest& request, const HttpRequest* httpRequest,
-                     const HttpResponse* httpResponse) const;
-  // Feedback about `request`, in the state's session.
-  void addFeedback(FeedbackRecordPtr record, const ORVRequest& request) const;
-  void recordSkip(uint32_t reason, const ORVRequest& request) const;
-  void recordSearchResult(int64_t statusCode) const;
-  void endNetworkFeedback(const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
-                          const nlohmann::json* rawResponse, int64_t responseSize,
-                          int64_t statusCode, const TaskTimingData& timing,
-                          const ORVRequest& request) const;
-  void failSearchFeedback(const std::optional<OrvexError>& error, const ORVRequest& request,
-                          const std::shared_ptr<const NBStartNetworkSearchFeedback>& start,
-                          int64_t responseSize, int64_t statusCode,
-                          const TaskTimingData& timing) const;
+  bool serveFromCache(const ORVRequest& request, const QueryReply& reply,
+                      const QueryFeedback& feedback);
 
   Assembly& assembly_;
   // Set at creation, read-only afterwards.
