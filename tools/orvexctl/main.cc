@@ -52,9 +52,22 @@ Commands:
   bag                 the bag (the back-end's configuration) as seen by this agent
                         orvexctl --agent news/1.0 bag
   search QUERY        run one search and show the completed query and first results
-      --query-id N      the query id to send (default 1)
-      --verbose         ask for the HTTP exchange too, and show it
+      --query-id N      the query id to send (default 1; every query takes it)
+      --verbose         ask for the HTTP exchange too, and show it (every query but flight)
                         orvexctl search "weather in lisbon" --verbose
+  zkw                 the zero-keyword suggestions (what to show before anything is typed)
+                        orvexctl zkw
+  more URL            the next results of an answer: URL is the more-results URL it named
+                        orvexctl more 'http://127.0.0.1:8080/more?q=light&page=2'
+  card [QUERY]        the card (details) for QUERY
+                        orvexctl card light
+  lookup TEXT         look TEXT up, as the lookup panel does for selected text
+      --context APP     the application the text was selected in (default: --identifier)
+      --domain DOMAIN   the domain the application hints at
+                        orvexctl lookup serendipity --context org.example.reader
+  flight CODE-NUMBER  the flights of the daemon's flight data file with that carrier code
+                      and number; flight --id ID, the flight with that identifier
+                        orvexctl flight ZL-12
   sessions            the clients the daemon knows: identifier and agent
                         orvexctl sessions
   counters [PREFIX]   the daemon's diagnostic counters, sorted, those starting with PREFIX
@@ -155,6 +168,12 @@ Options parseCommandLine(int argc, char** argv) {
       options.verbose = flag();
     } else if (word == "--event") {
       options.event = value();
+    } else if (word == "--context") {
+      options.context = value();
+    } else if (word == "--domain") {
+      options.domain = value();
+    } else if (word == "--id") {
+      options.flightId = value();
     } else {
       throw UsageError{"unknown option " + word};
     }
@@ -182,8 +201,6 @@ int busFailure(const std::string& what, const ClientError& error) {
   return kExitFailure;
 }
 
-namespace {
-
 json errorJson(const std::optional<OrvexError>& error) {
   if (!error) return nullptr;
   return json{{"domain", error->domain}, {"code", error->code}, {"reason", error->reason}};
@@ -192,6 +209,8 @@ json errorJson(const std::optional<OrvexError>& error) {
 std::string describeError(const OrvexError& error) {
   return error.domain + " code " + std::to_string(error.code) + ": " + error.reason;
 }
+
+namespace {
 
 // The parts of a bag worth showing: version, switch, and the main URLs.
 json bagSummary(const ORVBag& bag) {
@@ -261,124 +280,6 @@ int runBag(Session& session, const Options& options) {
     return kExitFailure;
   }
   if (!bag) std::cout << "the daemon has no bag\n";
-  return kExitOk;
-}
-
-// A result's title or description: a string, or an object carrying its text.
-std::optional<std::string> textOf(const json& value) {
-  if (value.is_string()) return value.get<std::string>();
-  if (value.is_object()) {
-    for (const char* key : {"text", "formatted_text", "title"}) {
-      if (auto it = value.find(key); it != value.end() && it->is_string())
-        return it->get<std::string>();
-    }
-  }
-  return std::nullopt;
-}
-
-void printHeaders(const ORVHeaderList& headers) {
-  for (const auto& [name, value] : headers) std::cout << "    " << name << ": " << value << "\n";
-}
-
-// Prints what a search answer holds: the completed query, the first results, the cache origin.
-void printSearchResponse(const std::string& rawResponse) {
-  auto response = json::parse(rawResponse, nullptr, false);
-  if (response.is_discarded()) {
-    std::cout << "answer (not JSON): " << rawResponse.substr(0, 200) << "\n";
-    return;
-  }
-  // A cached answer comes back as an array holding the cached result set.
-  if (response.is_array()) {
-    std::cout << "from the query cache\n";
-    response = response.empty() ? json::object() : response.front();
-  }
-  if (!response.is_object()) {
-    std::cout << "answer: " << response.dump() << "\n";
-    return;
-  }
-  if (auto query = response.find("query"); query != response.end()) {
-    if (auto text = textOf(*query)) std::cout << "query: " << *text << "\n";
-  }
-  const auto results = response.find("results");
-  if (results == response.end() || !results->is_array() || results->empty()) {
-    std::cout << "no results\n";
-    return;
-  }
-  constexpr size_t kShown = 10;
-  std::cout << results->size() << " result" << (results->size() == 1 ? "" : "s") << "\n";
-  size_t shown = 0;
-  for (const auto& result : *results) {
-    if (shown++ == kShown) {
-      std::cout << "  ... " << results->size() - kShown << " more (--json shows all)\n";
-      break;
-    }
-    if (!result.is_object()) continue;
-    const auto title = result.contains("title") ? textOf(result["title"]) : std::nullopt;
-    const auto description =
-        result.contains("description") ? textOf(result["description"]) : std::nullopt;
-    std::cout << "  " << shown << ". " << title.value_or("(untitled)") << "\n";
-    if (description) std::cout << "     " << *description << "\n";
-  }
-}
-
-json replyJson(const ORVReply& reply) {
-  auto raw = json::parse(reply.rawResponse, nullptr, false);
-  json out{{"scale", reply.scale},
-           {"rawResponse", raw.is_discarded() ? json(reply.rawResponse) : raw},
-           {"geoSessionEntityString", reply.geoSessionEntityString}};
-  auto headers = [](const ORVHeaderList& list) {
-    json object = json::object();
-    for (const auto& [name, value] : list) object[name] = value;
-    return object;
-  };
-  if (reply.httpRequest) {
-    out["httpRequest"] = {{"url", reply.httpRequest->url},
-                          {"method", reply.httpRequest->method},
-                          {"headers", headers(reply.httpRequest->headers)}};
-  }
-  if (reply.httpResponse) {
-    out["httpResponse"] = {{"url", reply.httpResponse->url},
-                           {"statusCode", reply.httpResponse->statusCode},
-                           {"headers", headers(reply.httpResponse->headers)}};
-  }
-  return out;
-}
-
-int runSearch(Session& session, const Options& options) {
-  ORVRequest request;
-  request.kind = ORVRequestKind::kSearch;
-  request.queryString = options.arguments[0];
-  request.queryId = options.queryId.value_or(1);
-  request.verboseReply = options.verbose;
-  auto answer = session.client().request(request);
-  if (!answer) return busFailure("Request", answer.error());
-  const QueryAnswer& result = answer.value();
-  if (options.json) {
-    printJson({{"queryId", result.queryId},
-               {"reply", result.reply ? replyJson(*result.reply) : json(nullptr)},
-               {"error", errorJson(result.error)}});
-    return result.error ? kExitFailure : kExitOk;
-  }
-  std::cout << "query id " << result.queryId << "\n";
-  if (result.reply) {
-    printSearchResponse(result.reply->rawResponse);
-    if (options.verbose && result.reply->httpRequest) {
-      std::cout << "request: " << result.reply->httpRequest->method << " "
-                << result.reply->httpRequest->url << "\n";
-      printHeaders(result.reply->httpRequest->headers);
-    }
-    if (options.verbose && result.reply->httpResponse) {
-      std::cout << "response: " << result.reply->httpResponse->statusCode << " from "
-                << result.reply->httpResponse->url << "\n";
-      printHeaders(result.reply->httpResponse->headers);
-    }
-  } else if (!result.error) {
-    std::cout << "no reply (nothing to show, or a newer query superseded this one)\n";
-  }
-  if (result.error) {
-    std::cerr << "orvexctl: search failed: " << describeError(*result.error) << "\n";
-    return kExitFailure;
-  }
   return kExitOk;
 }
 
@@ -480,6 +381,14 @@ int runReport(Session& session, const Options& options) {
   return kExitOk;
 }
 
+// The request kind a query command sends.
+std::string requestKindOf(std::string_view command, bool flightById) {
+  if (command == "flight") return flightById ? "flightLookup" : "flightSearch";
+  if (command == "zkw") return "zeroKeyword";
+  if (command == "more") return "moreResults";
+  return std::string(command);
+}
+
 struct Command {
   std::string_view name;
   int (*run)(Session&, const Options&);
@@ -491,7 +400,13 @@ struct Command {
 constexpr Command kCommands[] = {
     {"configure", runConfigure, 0, 0, "configure"},
     {"bag", runBag, 0, 0, "bag"},
-    {"search", runSearch, 1, 1, "search QUERY [--query-id N] [--verbose]"},
+    {"search", runQuery, 1, 1, "search QUERY [--query-id N] [--verbose]"},
+    {"zkw", runQuery, 0, 0, "zkw [--query-id N] [--verbose]"},
+    {"more", runQuery, 1, 1, "more URL [--query-id N] [--verbose]"},
+    {"card", runQuery, 0, 1, "card [QUERY] [--query-id N] [--verbose]"},
+    {"lookup", runQuery, 1, 1,
+     "lookup TEXT [--context APP] [--domain DOMAIN] [--query-id N] [--verbose]"},
+    {"flight", runQuery, 0, 1, "flight CODE-NUMBER | flight --id ID"},
     {"sessions", runSessions, 0, 0, "sessions"},
     {"counters", runCounters, 0, 1, "counters [PREFIX]"},
     {"feedback", runFeedback, 0, 0, "feedback"},
@@ -518,10 +433,21 @@ int run(int argc, char** argv) {
     if (count < command->minArguments || count > command->maxArguments) {
       throw UsageError{"usage: orvexctl [OPTIONS] " + std::string(command->usage)};
     }
-    const bool searchOrReport = command->name == "search" || command->name == "report";
-    if (options.queryId && !searchOrReport) throw UsageError{"--query-id is for search and report"};
-    if (options.verbose && command->name != "search") throw UsageError{"--verbose is for search"};
+    const bool isQuery = command->run == runQuery;
+    const bool isNetworkQuery = isQuery && command->name != "flight";
+    if (options.queryId && !isQuery && command->name != "report") {
+      throw UsageError{"--query-id is for queries and report"};
+    }
+    if (options.verbose && !isNetworkQuery) throw UsageError{"--verbose is for network queries"};
     if (options.event && command->name != "report") throw UsageError{"--event is for report"};
+    if ((options.context || options.domain) && command->name != "lookup") {
+      throw UsageError{"--context and --domain are for lookup"};
+    }
+    if (options.flightId && command->name != "flight") throw UsageError{"--id is for flight"};
+    if (command->name == "flight" && options.flightId.has_value() == (count == 1)) {
+      throw UsageError{"usage: orvexctl [OPTIONS] " + std::string(command->usage)};
+    }
+    if (isQuery) options.kind = requestKindOf(command->name, options.flightId.has_value());
     const auto& first = options.arguments.empty() ? std::string() : options.arguments[0];
     if ((command->name == "flusher" && first != "watch" && first != "dump" && first != "stop") ||
         (command->name == "activity" && first != "run")) {

@@ -39,11 +39,20 @@ struct Options {
   std::optional<int64_t> queryId;
   bool verbose = false;
   std::optional<std::string> event;
+  // Queries: the request kind's name ("search", "zeroKeyword", ...), lookup's context and
+  // domain, and the flight identifier.
+  std::string kind;
+  std::optional<std::string> context;
+  std::optional<std::string> domain;
+  std::optional<std::string> flightId;
   // report: the record, read and checked before the daemon is contacted.
   FeedbackRecordPtr record;
 };
 
 void printJson(const nlohmann::json& value);
+// An error as {"domain", "code", "reason"} (null for none), and as one line of text.
+nlohmann::json errorJson(const std::optional<OrvexError>& error);
+std::string describeError(const OrvexError& error);
 
 // A D-Bus failure: the error's name and message on standard error, with a hint when the daemon
 // is simply not there. Returns the exit status.
@@ -103,6 +112,9 @@ class Session {
   // members above.
   std::unique_ptr<OrvexClient> client_;
 };
+
+// The queries (query_commands.cc): the kind is options.kind.
+int runQuery(Session& session, const Options& options);
 
 // The flusher control channel (flusher_commands.cc).
 int runFlusher(Session& session, const Options& options);
