@@ -7,6 +7,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "tools/orvex-backend/answer_builders.h"
 #include "tools/orvex-backend/backend_server.h"
 #include "tools/orvex-backend/bag_file.h"
 #include "tools/orvex-backend/command_line.h"
@@ -23,25 +24,6 @@ int fail(int status, const std::string& message) {
 }
 
 // The endpoints the server answers, by the names that faults and the request log use.
-EndpointReply jsonReply(int status, const nlohmann::ordered_json& json) {
-  return EndpointReply{status, "application/json", json.dump(2) + "\n", {}};
-}
-
-// The search answer for the last "q" item of the request; 400 without one.
-EndpointReply answerSearch(const WordNetCorpus* corpus, const EndpointRequest& request) {
-  if (corpus == nullptr) {
-    return jsonReply(503, {{"status", "ERROR"}, {"reason", "no word list loaded"}});
-  }
-  const std::string* typed = nullptr;
-  for (const auto& [name, value] : request.queryItems) {
-    if (name == "q") typed = &value;
-  }
-  if (typed == nullptr) {
-    return jsonReply(400, {{"status", "ERROR"}, {"reason", "missing query item \"q\""}});
-  }
-  return jsonReply(200, corpus->answer(*typed));
-}
-
 EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus> corpus,
                                std::shared_ptr<FeedbackStore> feedback) {
   EndpointRegistry endpoints;
@@ -53,7 +35,13 @@ EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus>
                    return EndpointReply{204, "", "", {}};
                  }});
   endpoints.add({"search", "GET", "/search", [corpus](const EndpointRequest& request) {
-                   return answerSearch(corpus.get(), request);
+                   return answerSearchRequest(corpus.get(), request);
+                 }});
+  endpoints.add({"more", "GET", "/more", [corpus](const EndpointRequest& request) {
+                   return answerMoreResults(corpus.get(), request);
+                 }});
+  endpoints.add({"card", "GET", "/card", [corpus](const EndpointRequest& request) {
+                   return answerCard(corpus.get(), request);
                  }});
   const auto intake = std::make_shared<const FeedbackIntake>(std::move(feedback));
   for (const std::string name : {"feedback", "crowdsourcing"}) {
