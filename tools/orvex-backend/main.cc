@@ -12,6 +12,7 @@
 #include "tools/orvex-backend/bag_file.h"
 #include "tools/orvex-backend/command_line.h"
 #include "tools/orvex-backend/feedback_intake.h"
+#include "tools/orvex-backend/image_directory.h"
 #include "tools/orvex-backend/wordnet_corpus.h"
 
 namespace {
@@ -23,9 +24,12 @@ int fail(int status, const std::string& message) {
   return status;
 }
 
+// The images endpoint serves the files below this path.
+constexpr std::string_view kImages = "/images/";
+
 // The endpoints the server answers, by the names that faults and the request log use.
 EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus> corpus,
-                               std::shared_ptr<FeedbackStore> feedback) {
+                               std::shared_ptr<FeedbackStore> feedback, ImageDirectory images) {
   EndpointRegistry endpoints;
   endpoints.add({"bag", "GET", "/bag", [bag = std::move(bag)](const EndpointRequest& request) {
                    const auto json = bag.read(request.baseUrl);
@@ -43,6 +47,12 @@ EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus>
   endpoints.add({"card", "GET", "/card", [corpus](const EndpointRequest& request) {
                    return answerCard(corpus.get(), request);
                  }});
+  endpoints.add({"images", "GET", std::string(kImages),
+                 [images = std::move(images)](const EndpointRequest& request) {
+                   return images.serve(std::string_view(request.path).substr(kImages.size()),
+                                       request);
+                 },
+                 PathMatch::kPrefix});
   const auto intake = std::make_shared<const FeedbackIntake>(std::move(feedback));
   for (const std::string name : {"feedback", "crowdsourcing"}) {
     endpoints.add({name, "POST", "/" + name, [intake, name](const EndpointRequest& request) {
@@ -118,10 +128,19 @@ int main(int argc, char** argv) {
               << " (install wordnet-base or give --corpus DIR)\n";
   }
 
+  std::error_code missing;
+  if (!std::filesystem::is_directory(line.imagesDirectory, missing)) {
+    std::cerr << "orvex-backend: no images: " << line.imagesDirectory.string()
+              << " is not a directory (install adwaita-icon-theme or give --images-dir DIR)\n";
+  }
+
   std::optional<BackendServer> server;
   try {
     auto feedback = std::make_shared<FeedbackStore>(line.feedbackDatabase);
-    server.emplace(line.server, makeEndpoints(BagFile(*line.bag), corpus, feedback), feedback);
+    server.emplace(
+        line.server,
+        makeEndpoints(BagFile(*line.bag), corpus, feedback, ImageDirectory(line.imagesDirectory)),
+        feedback);
   } catch (const std::runtime_error& error) {
     return fail(2, error.what());
   }
