@@ -45,8 +45,9 @@ Endpoints (by name):
                                       README.md; 503 when the corpus could not be loaded)
   more           GET /more            page "page" (default 2) of the senses of "q"
   card           GET /card            sense "sense" (default 1) of "q" in detail
-  images         GET /images/PATH     the PNG or SVG file PATH under --images-dir, with an
-                                      ETag (304 on If-None-Match); 404 for anything else
+  images         GET /images/PATH     the image file PATH (PNG, SVG, JPEG, GIF or WebP)
+                                      under --images-dir, with an ETag (304 on
+                                      If-None-Match); 404 for anything else
   feedback       POST /feedback       an upload: a JSON document as raw deflate, with the
   crowdsourcing  POST /crowdsourcing  SHA-512 of the JSON (128 lower-case hex digits) in the
                                       header X-Zelmor-Digest; stored and answered 200, else
