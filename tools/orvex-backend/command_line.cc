@@ -10,9 +10,10 @@ namespace {
 constexpr std::string_view kUsage = R"(Usage: orvex-backend [OPTION]...
 
 A search back-end for trying orvexd and writing front-ends without a production server. It
-serves the bag (the configuration document the daemon starts from), the connection warm-up and
-searches answered from a WordNet word list, takes the daemon's feedback uploads, and lets you
-or a test make any endpoint fail and look at every request it received.
+serves the bag (the configuration document the daemon starts from), the connection warm-up,
+searches and the other query kinds answered from a WordNet word list, and the images those
+answers name; takes the daemon's feedback uploads; and lets you or a test make any endpoint
+fail and look at every request it received.
 
 Options:
   --port N               listen on port N (default 0: the kernel picks a free port)
@@ -25,6 +26,8 @@ Options:
   --key FILE             the PEM private key of the certificate
   --corpus DIR           answer searches from the WordNet database in DIR (default
                          /usr/share/wordnet, Debian package wordnet-base)
+  --images-dir DIR       serve the image files under DIR at /images/ (default
+                         /usr/share/icons/Adwaita, Debian package adwaita-icon-theme)
   --feedback-db FILE     keep accepted feedback uploads in the SQLite database FILE (created
                          when missing) rather than in memory
   --port-file FILE       once listening, write the port number to FILE
@@ -37,8 +40,14 @@ Endpoints (by name):
   bag            GET /bag             the bag, as application/json (any query string)
   warm           GET /warm            204, for the daemon to open connections early
   search         GET /search          the completion of the query item "q" and its word
-                                      senses, as JSON (see README.md); 503 when the corpus
-                                      could not be loaded
+                                      senses; with "qtype=zkw", suggested words; with a
+                                      "context" or "ltype" item, a lookup of "q" (JSON, see
+                                      README.md; 503 when the corpus could not be loaded)
+  more           GET /more            page "page" (default 2) of the senses of "q"
+  card           GET /card            sense "sense" (default 1) of "q" in detail
+  images         GET /images/PATH     the image file PATH (PNG, SVG, JPEG, GIF or WebP)
+                                      under --images-dir, with an ETag (304 on
+                                      If-None-Match); 404 for anything else
   feedback       POST /feedback       an upload: a JSON document as raw deflate, with the
   crowdsourcing  POST /crowdsourcing  SHA-512 of the JSON (128 lower-case hex digits) in the
                                       header X-Zelmor-Digest; stored and answered 200, else
@@ -138,6 +147,8 @@ CommandLine CommandLine::parse(const std::vector<std::string_view>& arguments) {
       line.server.privateKey = value();
     } else if (option == "--corpus") {
       line.corpus = value();
+    } else if (option == "--images-dir") {
+      line.imagesDirectory = value();
     } else if (option == "--feedback-db") {
       line.feedbackDatabase = value();
     } else if (option == "--port-file") {

@@ -26,6 +26,8 @@ struct CommandLine {
   std::optional<std::filesystem::path> portFile;
   // The WordNet database the search endpoint answers from.
   std::filesystem::path corpus = "/usr/share/wordnet";
+  // The files the images endpoint serves (Debian package adwaita-icon-theme).
+  std::filesystem::path imagesDirectory = "/usr/share/icons/Adwaita";
   // Where accepted uploads are kept: an SQLite file, or memory (FeedbackStore::kInMemory).
   std::string feedbackDatabase = FeedbackStore::kInMemory;
   std::vector<std::pair<std::string, Fault>> faults;  // by endpoint name, in order given

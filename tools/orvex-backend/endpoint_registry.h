@@ -1,4 +1,5 @@
-// The endpoints the back-end serves, by name: each is a method, an exact path and a handler.
+// The endpoints the back-end serves, by name: each is a method, a path and a handler. A path
+// matches exactly, or, for an endpoint that serves a tree of files, as a prefix ending in '/'.
 //
 // Faults and the request log refer to endpoints by name ("bag", "warm", ...), so a test can
 // break one endpoint without knowing its path. Handlers run on the server's worker threads,
@@ -25,6 +26,9 @@ struct EndpointRequest {
   std::string body;
   // The URL clients reach this server at, such as "http://127.0.0.1:40123".
   std::string baseUrl;
+
+  // The value of the first header named `name` (in any case); none without one.
+  std::optional<std::string> header(std::string_view name) const;
 };
 
 struct EndpointReply {
@@ -34,20 +38,28 @@ struct EndpointReply {
   HeaderList headers;
 };
 
+enum class PathMatch {
+  kExact,
+  kPrefix,  // the path and everything below it: "/images/" takes "/images/a/b.png"
+};
+
 struct Endpoint {
   using Handler = std::function<EndpointReply(const EndpointRequest&)>;
 
   std::string name;
   std::string method;  // HEAD requests reach the GET endpoint of their path
-  std::string path;
+  std::string path;    // with PathMatch::kPrefix, ends in '/'
   Handler handler;
+  PathMatch match = PathMatch::kExact;
 };
 
 class EndpointRegistry {
  public:
-  // Throws std::invalid_argument when the name, or the method and path, are already taken.
+  // Throws std::invalid_argument when the name, or the method and path, are already taken, or
+  // when a prefix does not end in '/'.
   void add(Endpoint endpoint);
 
+  // The endpoint of the exact path, else the one with the longest prefix of it; null if none.
   const Endpoint* find(std::string_view method, std::string_view path) const;
   bool contains(std::string_view name) const;
   std::vector<std::string> names() const;

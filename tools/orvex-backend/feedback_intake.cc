@@ -1,7 +1,5 @@
 #include "tools/orvex-backend/feedback_intake.h"
 
-#include <openssl/evp.h>
-#include <strings.h>
 #include <zlib.h>
 
 #include <array>
@@ -9,6 +7,7 @@
 
 #include "orvexd/base/json_limits.h"
 #include "orvexd/feedback/compressed_output_stream.h"
+#include "tools/orvex-backend/hex_digest.h"
 
 namespace orvex::backend {
 
@@ -71,29 +70,6 @@ class RawInflater {
   bool ready_;
 };
 
-std::string sha512Hex(std::string_view data) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (EVP_Digest(data.data(), data.size(), digest, &length, EVP_sha512(), nullptr) != 1) {
-    throw std::runtime_error("SHA-512 failed");
-  }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(2 * length);
-  for (unsigned int i = 0; i < length; ++i) {
-    hex.push_back(kHex[digest[i] >> 4]);
-    hex.push_back(kHex[digest[i] & 0xf]);
-  }
-  return hex;
-}
-
-std::optional<std::string> header(const EndpointRequest& request, const char* name) {
-  for (const auto& [key, value] : request.headers) {
-    if (strcasecmp(key.c_str(), name) == 0) return value;
-  }
-  return std::nullopt;
-}
-
 EndpointReply refuse(std::string reason) {
   return {400, "text/plain", std::move(reason) + "\n", {}};
 }
@@ -102,7 +78,7 @@ EndpointReply refuse(std::string reason) {
 
 EndpointReply FeedbackIntake::accept(const std::string& endpoint,
                                      const EndpointRequest& request) const {
-  const auto digest = header(request, kDigestHeader);
+  const auto digest = request.header(kDigestHeader);
   if (!digest) return refuse(std::string("no ") + kDigestHeader + " header");
   std::string problem;
   const auto json = RawInflater().inflate(request.body, kMaxInflatedBytes, problem);
@@ -122,7 +98,7 @@ EndpointReply FeedbackIntake::accept(const std::string& endpoint,
                    .path = request.path,
                    .query = request.query,
                    .digest = *digest,
-                   .contentEncoding = header(request, "Content-Encoding").value_or(""),
+                   .contentEncoding = request.header("Content-Encoding").value_or(""),
                    .body = *json});
   const nlohmann::ordered_json answer = {{"status", "OK"}, {"id", id}};
   return {200, "application/json", answer.dump() + "\n", {}};

@@ -7,10 +7,12 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "tools/orvex-backend/answer_builders.h"
 #include "tools/orvex-backend/backend_server.h"
 #include "tools/orvex-backend/bag_file.h"
 #include "tools/orvex-backend/command_line.h"
 #include "tools/orvex-backend/feedback_intake.h"
+#include "tools/orvex-backend/image_directory.h"
 #include "tools/orvex-backend/wordnet_corpus.h"
 
 namespace {
@@ -22,28 +24,12 @@ int fail(int status, const std::string& message) {
   return status;
 }
 
+// The images endpoint serves the files below this path.
+constexpr std::string_view kImages = "/images/";
+
 // The endpoints the server answers, by the names that faults and the request log use.
-EndpointReply jsonReply(int status, const nlohmann::ordered_json& json) {
-  return EndpointReply{status, "application/json", json.dump(2) + "\n", {}};
-}
-
-// The search answer for the last "q" item of the request; 400 without one.
-EndpointReply answerSearch(const WordNetCorpus* corpus, const EndpointRequest& request) {
-  if (corpus == nullptr) {
-    return jsonReply(503, {{"status", "ERROR"}, {"reason", "no word list loaded"}});
-  }
-  const std::string* typed = nullptr;
-  for (const auto& [name, value] : request.queryItems) {
-    if (name == "q") typed = &value;
-  }
-  if (typed == nullptr) {
-    return jsonReply(400, {{"status", "ERROR"}, {"reason", "missing query item \"q\""}});
-  }
-  return jsonReply(200, corpus->answer(*typed));
-}
-
 EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus> corpus,
-                               std::shared_ptr<FeedbackStore> feedback) {
+                               std::shared_ptr<FeedbackStore> feedback, ImageDirectory images) {
   EndpointRegistry endpoints;
   endpoints.add({"bag", "GET", "/bag", [bag = std::move(bag)](const EndpointRequest& request) {
                    const auto json = bag.read(request.baseUrl);
@@ -53,8 +39,20 @@ EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus>
                    return EndpointReply{204, "", "", {}};
                  }});
   endpoints.add({"search", "GET", "/search", [corpus](const EndpointRequest& request) {
-                   return answerSearch(corpus.get(), request);
+                   return answerSearchRequest(corpus.get(), request);
                  }});
+  endpoints.add({"more", "GET", "/more", [corpus](const EndpointRequest& request) {
+                   return answerMoreResults(corpus.get(), request);
+                 }});
+  endpoints.add({"card", "GET", "/card", [corpus](const EndpointRequest& request) {
+                   return answerCard(corpus.get(), request);
+                 }});
+  endpoints.add({"images", "GET", std::string(kImages),
+                 [images = std::move(images)](const EndpointRequest& request) {
+                   return images.serve(std::string_view(request.path).substr(kImages.size()),
+                                       request);
+                 },
+                 PathMatch::kPrefix});
   const auto intake = std::make_shared<const FeedbackIntake>(std::move(feedback));
   for (const std::string name : {"feedback", "crowdsourcing"}) {
     endpoints.add({name, "POST", "/" + name, [intake, name](const EndpointRequest& request) {
@@ -130,10 +128,19 @@ int main(int argc, char** argv) {
               << " (install wordnet-base or give --corpus DIR)\n";
   }
 
+  std::error_code missing;
+  if (!std::filesystem::is_directory(line.imagesDirectory, missing)) {
+    std::cerr << "orvex-backend: no images: " << line.imagesDirectory.string()
+              << " is not a directory (install adwaita-icon-theme or give --images-dir DIR)\n";
+  }
+
   std::optional<BackendServer> server;
   try {
     auto feedback = std::make_shared<FeedbackStore>(line.feedbackDatabase);
-    server.emplace(line.server, makeEndpoints(BagFile(*line.bag), corpus, feedback), feedback);
+    server.emplace(
+        line.server,
+        makeEndpoints(BagFile(*line.bag), corpus, feedback, ImageDirectory(line.imagesDirectory)),
+        feedback);
   } catch (const std::runtime_error& error) {
     return fail(2, error.what());
   }

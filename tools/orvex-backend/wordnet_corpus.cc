@@ -155,20 +155,14 @@ const std::string& WordNetCorpus::dataFile(char partOfSpeech) const {
   return dataFiles_[3];
 }
 
-nlohmann::ordered_json WordNetCorpus::answer(std::string_view typed) const {
-  const std::string shown = lowerAscii(typed);
-  nlohmann::ordered_json reply = {{"status", "OK"},
-                                  {"query", shown},
-                                  {"max_age", kMaxAgeSeconds},
-                                  {"completion_score", 0.0},
-                                  {"results", nlohmann::ordered_json::array()}};
-  if (shown.empty()) return reply;
-  // Lemmas are kept as the files write them, with '_' between words.
-  std::string prefix = shown;
+const WordNetCorpus::Lemma* WordNetCorpus::complete(std::string_view typed, double* score) const {
+  // Lemmas are kept as the files write them, lower case with '_' between words.
+  std::string prefix = lowerAscii(typed);
   std::replace(prefix.begin(), prefix.end(), ' ', '_');
+  if (prefix.empty()) return nullptr;
 
-  // The completion: the typed text itself when it is a lemma, else the lemma beginning with it
-  // that has the most senses (the more common word), the shorter one on a tie, then the first.
+  // The typed text itself when it is a lemma, else the lemma beginning with it that has the
+  // most senses (the more common word), the shorter one on a tie, then the first.
   const auto first = std::lower_bound(
       lemmas_.begin(), lemmas_.end(), prefix,
       [](const Lemma& lemma, const std::string& text) { return lemma.text < text; });
@@ -184,47 +178,83 @@ nlohmann::ordered_json WordNetCorpus::answer(std::string_view typed) const {
     }
   }
   if (exact != nullptr) best = exact;
+  if (best != nullptr && score != nullptr) {
+    *score = static_cast<double>(best->senseCount) / static_cast<double>(prefixSenses);
+  }
+  return best;
+}
+
+std::optional<WordNetCorpus::SenseText> WordNetCorpus::sense(const Lemma& lemma,
+                                                             uint32_t index) const {
+  if (index >= lemma.senseCount) return std::nullopt;
+  const Sense& sense = senses_[lemma.firstSense + index];
+  // Data lines: offset lex_filenum ss_type w_cnt (hex) word lex_id ... | gloss
+  const std::string& data = dataFile(sense.partOfSpeech);
+  if (sense.offset >= data.size()) return std::nullopt;
+  const size_t end = std::min(data.find('\n', sense.offset), data.size());
+  const std::string_view line(data.data() + sense.offset, end - sense.offset);
+  const size_t bar = line.find(" | ");
+  const std::string_view head = line.substr(0, bar);
+  size_t at = 0;
+  uint32_t offset = 0, words = 0;
+  if (!parseNumber(nextField(head, at), offset) || offset != sense.offset) {
+    return std::nullopt;  // not the line the index points at
+  }
+  nextField(head, at);  // lexicographer file
+  nextField(head, at);  // synset type
+  if (!parseNumber(nextField(head, at), words, 16)) return std::nullopt;
+
+  SenseText text{.id = "", .words = {}, .gloss = "", .type = typeOf(sense.partOfSpeech)};
+  for (uint32_t w = 0; w < words; ++w) {
+    const std::string_view word = nextField(head, at);
+    nextField(head, at);  // lex_id
+    if (word.empty()) break;
+    text.words.push_back(wordText(word));
+  }
+  if (bar != std::string_view::npos) text.gloss = line.substr(bar + 3);
+  while (!text.gloss.empty() && (text.gloss.back() == ' ' || text.gloss.back() == '\r')) {
+    text.gloss.pop_back();
+  }
+  char id[32];
+  std::snprintf(id, sizeof id, "wordnet:%c:%08u", sense.partOfSpeech, sense.offset);
+  text.id = id;
+  return text;
+}
+
+std::string WordNetCorpus::SenseText::title() const {
+  std::string text;
+  for (const std::string& word : words) {
+    if (!text.empty()) text.append(", ");
+    text.append(word);
+  }
+  return text;
+}
+
+std::string WordNetCorpus::display(const Lemma& lemma) { return wordText(lemma.text); }
+
+nlohmann::ordered_json WordNetCorpus::answer(std::string_view typed) const {
+  const std::string shown = lowerAscii(typed);
+  nlohmann::ordered_json reply = {{"status", "OK"},
+                                  {"query", shown},
+                                  {"max_age", kMaxAgeSeconds},
+                                  {"completion_score", 0.0},
+                                  {"results", nlohmann::ordered_json::array()}};
+  double score = 0;
+  const Lemma* best = complete(typed, &score);
   if (best == nullptr) return reply;
 
-  const std::string completion = wordText(best->text);
+  const std::string completion = display(*best);
   reply["query"] = completion;
-  reply["completion_score"] =
-      static_cast<double>(best->senseCount) / static_cast<double>(prefixSenses);
+  reply["completion_score"] = score;
   auto& results = reply["results"];
   for (uint32_t s = 0; s < best->senseCount && results.size() < kMaxResults; ++s) {
-    const Sense& sense = senses_[best->firstSense + s];
-    // Data lines: offset lex_filenum ss_type w_cnt (hex) word lex_id ... | gloss
-    const std::string& data = dataFile(sense.partOfSpeech);
-    if (sense.offset >= data.size()) continue;
-    const size_t end = std::min(data.find('\n', sense.offset), data.size());
-    const std::string_view line(data.data() + sense.offset, end - sense.offset);
-    const size_t bar = line.find(" | ");
-    const std::string_view head = line.substr(0, bar);
-    size_t at = 0;
-    uint32_t offset = 0, words = 0;
-    if (!parseNumber(nextField(head, at), offset) || offset != sense.offset) {
-      continue;  // not the line the index points at
-    }
-    nextField(head, at);  // lexicographer file
-    nextField(head, at);  // synset type
-    if (!parseNumber(nextField(head, at), words, 16)) continue;
-    std::string title;
-    for (uint32_t w = 0; w < words; ++w) {
-      const std::string_view word = nextField(head, at);
-      nextField(head, at);  // lex_id
-      if (word.empty()) break;
-      if (!title.empty()) title += ", ";
-      title += wordText(word);
-    }
-    std::string gloss(bar == std::string_view::npos ? "" : line.substr(bar + 3));
-    while (!gloss.empty() && (gloss.back() == ' ' || gloss.back() == '\r')) gloss.pop_back();
-
-    char id[32];
-    std::snprintf(id, sizeof id, "wordnet:%c:%08u", sense.partOfSpeech, sense.offset);
-    results.push_back({{"id", id},
+    const auto text = sense(*best, s);
+    if (!text) continue;
+    const std::string title = text->title();
+    results.push_back({{"id", text->id},
                        {"title", title.empty() ? completion : title},
-                       {"description", gloss},
-                       {"type", typeOf(sense.partOfSpeech)}});
+                       {"description", text->gloss},
+                       {"type", text->type}});
   }
   return reply;
 }

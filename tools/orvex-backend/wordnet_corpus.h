@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,10 +37,33 @@ class WordNetCorpus {
     uint32_t senseCount;
   };
 
+  // One sense as its data line describes it.
+  struct SenseText {
+    std::string id;                  // "wordnet:" part of speech ":" offset: "wordnet:n:02084071"
+    std::vector<std::string> words;  // the synset's words, '_' read as a space
+    std::string gloss;               // the definition, then examples in double quotes
+    const char* type;                // "noun", "verb", "adjective" or "adverb"
+
+    // The words, comma-separated: "dog, domestic dog, Canis familiaris".
+    std::string title() const;
+  };
+
   // The search answer for `typed` (see README.md, "search"): the best lemma that begins with
   // it, lower-cased, and its senses.
   nlohmann::ordered_json answer(std::string_view typed) const;
 
+  // The lemma `typed` completes to, as search answers choose it: `typed` itself (any case)
+  // when it is a lemma, else the lemma beginning with it that has the most senses. Null when
+  // none begins with it. `score`, when given, receives the completion's share of the senses of
+  // all lemmas beginning with `typed`.
+  const Lemma* complete(std::string_view typed, double* score = nullptr) const;
+  // The sense of `lemma` at `index` (below its senseCount); none when its data line is not
+  // where the index file says.
+  std::optional<SenseText> sense(const Lemma& lemma, uint32_t index) const;
+  // The lemma as shown in answers: "ice cream" for "ice_cream".
+  static std::string display(const Lemma& lemma);
+
+  const std::vector<Lemma>& lemmas() const { return lemmas_; }
   std::size_t lemmaCount() const { return lemmas_.size(); }
 
   static constexpr int kMaxAgeSeconds = 300;
