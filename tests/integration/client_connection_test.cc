@@ -16,6 +16,7 @@ namespace orvex {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::searchRequest;
 
 constexpr const char* kBag =
     R"({"version": "7", "enabled": true, "warm_url": "${BASE_URL}/warm", "feedback_enabled": true})";
@@ -38,16 +39,6 @@ struct BagSignals : testing::Collector<std::string> {
     });
   }
 };
-
-ORVRequest searchRequest(int64_t queryId, std::string query = "wea") {
-  ORVRequest request;
-  request.kind = ORVRequestKind::kSearch;
-  request.queryId = queryId;
-  request.queryString = std::move(query);
-  request.keyboardInputMode = "en_US";
-  request.scale = 2;
-  return request;
-}
 
 TEST(ClientConnectionTest, ConfigurationBindsTheClientAndBagDidLoadReachesOnlyIt) {
   testing::DaemonHarness harness(kBag);
@@ -75,7 +66,7 @@ TEST(ClientConnectionTest, ConfigurationBindsTheClientAndBagDidLoadReachesOnlyIt
   // client handles them in that order: once the answer to a call made after the configured
   // client's signal is handled, a signal that had reached the bystander would have been too.
   auto answered = std::make_shared<std::promise<void>>();
-  bystander->requestAsync(searchRequest(1), [answered](auto) { answered->set_value(); });
+  bystander->requestAsync(searchRequest(1, "wea"), [answered](auto) { answered->set_value(); });
   ASSERT_EQ(answered->get_future().wait_for(30s), std::future_status::ready);
   EXPECT_EQ(bystanderSignals.size(), 0u);
   EXPECT_TRUE(harness.daemonLog().find("configuration must not be nil") != std::string::npos);
@@ -148,7 +139,7 @@ TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClient
   harness.start();
   auto client = harness.configuredClient(kGlance);
 
-  ORVRequest card = searchRequest(3);
+  ORVRequest card = searchRequest(3, "wea");
   card.kind = ORVRequestKind::kCard;
   auto answered = client->endpointRequest(card, kGlance);
   ASSERT_TRUE(answered);
@@ -163,7 +154,7 @@ TEST(ClientConnectionTest, TheEndpointServesOnlyMoreResultsAndCardsOfKnownClient
 
   // A search sent to the endpoint is dropped without a reply.
   client->setTimeout(700ms);
-  auto dropped = client->endpointRequest(searchRequest(4), kGlance);
+  auto dropped = client->endpointRequest(searchRequest(4, "wea"), kGlance);
   ASSERT_FALSE(dropped);
   // sd-bus names a call that timed out Timeout or NoReply, depending on where it waited.
   EXPECT_TRUE(dropped.error().name == "org.freedesktop.DBus.Error.Timeout" ||
@@ -188,41 +179,26 @@ TEST(ClientConnectionTest, ASearchThatIsNotNewerIsAnsweredEmptyWithoutReachingTh
     dbus::Dict reply, error;
     proxy->callMethod("Request")
         .onInterface("com.zelmor.orvexd.Daemon")
-        .withArguments(dbus::toDBus(searchRequest(1)))
+        .withArguments(dbus::toDBus(searchRequest(1, "wea")))
         .storeResultsTo(queryId, reply, error);
     EXPECT_FALSE(error.contains("reason") &&
                  error.at("reason").get<std::string>() == "client state nil");
   }
   auto client = harness.configuredClient(kGlance);
 
-  auto first = client->request(searchRequest(5));
+  auto first = client->request(searchRequest(5, "wea"));
   ASSERT_TRUE(first);
   EXPECT_EQ(first.value().queryId, 5);
   // Whatever the state made of it, it got there.
   EXPECT_TRUE(first.value().reply || first.value().error);
 
   for (int64_t stale : {5, 4}) {
-    auto again = client->request(searchRequest(stale));
+    auto again = client->request(searchRequest(stale, "wea"));
     ASSERT_TRUE(again);
     EXPECT_EQ(again.value().queryId, stale);
     EXPECT_FALSE(again.value().reply);
     EXPECT_FALSE(again.value().error);
   }
-}
-
-TEST(ClientConnectionTest, ABagThatCannotBeFetchedAnswersWithTheTimeoutError) {
-  testing::DaemonHarness harness(kBag);
-  harness.backend().setFault("bag", {{"status", 503}});
-  harness.start();
-  auto client = harness.configuredClient(kGlance);
-  auto bag = client->bag();
-  ASSERT_TRUE(bag);
-  EXPECT_FALSE(bag.value().bag);
-  ASSERT_TRUE(bag.value().error);
-  EXPECT_EQ(bag.value().error->domain, "ORVErrorDomain");
-  EXPECT_EQ(bag.value().error->code, 1);
-  EXPECT_EQ(bag.value().error->reason, "timeout");
-  EXPECT_NE(harness.daemonLog().find("Warming bag cache for agent: Glance/1"), std::string::npos);
 }
 
 TEST(ClientConnectionTest, KnownClientsSurviveARestartWhenPersisted) {
