@@ -71,13 +71,8 @@ TEST(ClientConnectionTest, ConfigurationBindsTheClientAndBagDidLoadReachesOnlyIt
   EXPECT_EQ(bystanderSignals.size(), 0u);
   EXPECT_TRUE(harness.daemonLog().find("configuration must not be nil") != std::string::npos);
 
-  // The bag as the configured client sees it, and one process with two connections, logged
-  // once when the second was listed.
-  auto bag = configured->bag();
-  ASSERT_TRUE(bag);
-  ASSERT_TRUE(bag.value().bag);
-  EXPECT_EQ(bag.value().bag->version(), "7");
-  EXPECT_FALSE(bag.value().error);
+  // One process with two connections, logged once when the second was listed. (The bag as a
+  // configured client sees it: orvexctl's bag command, in the introspection test.)
   const std::string tooMany = "too many connections 2 from pid " + std::to_string(getpid());
   EXPECT_TRUE(testing::eventually([&] { return occurrences(harness.daemonLog(), tooMany) == 1; }));
   EXPECT_EQ(harness.counter("com.zelmor.orvexd.clientconnection"), 2);
@@ -96,21 +91,7 @@ TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestI
   EXPECT_NE(log.find("invalid configuration, closing connection"), std::string::npos);
   EXPECT_NE(log.find("invalidated"), std::string::npos);
 
-  // A key of the wrong type is the client's mistake, and says which key.
-  auto connection = harness.bus().connect();
-  auto proxy = sdbus::createProxy(*connection, "com.zelmor.orvexd", "/com/zelmor/orvexd");
-  try {
-    sdbus::ObjectPath endpoint;
-    proxy->callMethod("Configure")
-        .onInterface("com.zelmor.orvexd.Daemon")
-        .withArguments(dbus::Dict{{"identifier", sdbus::Variant(int64_t{4})}})
-        .storeResultsTo(endpoint);
-    ADD_FAILURE() << "a number for the identifier was accepted";
-  } catch (const sdbus::Error& e) {
-    EXPECT_EQ(e.getName(), kOrvexErrorInvalidArgument);
-    EXPECT_NE(e.getMessage().find("identifier"), std::string::npos);
-  }
-
+  // (A key of the wrong type: the D-Bus request fuzz target reads every type for every key.)
   // A configured client asking for a kind the daemon does not know gets no reply at all; the
   // connection keeps working.
   ASSERT_TRUE(client->configure(kGlance));
@@ -118,6 +99,8 @@ TEST(ClientConnectionTest, AnInvalidConfigurationEndsTheCallAndAnyKindOfRequestI
   auto records = client->feedback();
   ASSERT_TRUE(records);
   EXPECT_NE(records.value().find("invalid configuration"), std::string::npos) << records.value();
+  auto connection = harness.bus().connect();
+  auto proxy = sdbus::createProxy(*connection, "com.zelmor.orvexd", "/com/zelmor/orvexd");
   try {
     int64_t queryId = 0;
     dbus::Dict reply, error;

@@ -1,8 +1,5 @@
-// Session files through the real daemon: records it has reported back survive a SIGKILL at any
-// moment, whatever reaches the disk reads back intact and in order, a file cut inside a record
-// reads back to its last whole record, and new files are numbered after the ones that survive.
-// A session that fills its file goes on in the next one, a write that fails is made later, and
-// Feedback answers with what fits in its reply.
+// Session files through the real daemon: what survives a SIGKILL, files cut inside a record, a
+// session that fills its file, a write that fails, and Feedback over a reply's size.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

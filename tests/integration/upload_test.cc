@@ -1,10 +1,6 @@
 // Feedback uploads end to end: the real daemon on a private bus records what a client reports
 // into session files, a diagnostic tool on the flusher control channel dumps them, and the
-// reference back-end inflates each upload, checks its digest and keeps it. The tool receives the
-// very bodies that were sent, the uploaded files and every temporary file are gone, refused
-// uploads are counted as not sent and late ones as timed out, a tool's stop keeps scheduled runs
-// from uploading anything, and an unreadable session file is dropped with the readable one
-// uploaded.
+// reference back-end inflates each upload, checks its digest and keeps it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
