@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstring>
 #include <filesystem>
 #include <future>
 #include <mutex>
@@ -56,11 +55,6 @@ class Completions : public testing::Collector<HttpDataResult> {
   const SerialQueue* queue_;
   bool allOnQueue_ = true;
 };
-
-size_t threadCount() {
-  return static_cast<size_t>(
-      std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
-}
 
 double timingValue(const TaskTimingData& timing, std::string_view name) {
   auto found = timing.find(taskTimingKey(name));
@@ -222,29 +216,6 @@ TEST_F(HttpSessionTest, CancelledTasksCompleteOnceWithTheCancelledError) {
   EXPECT_EQ(pending->state(), HttpTask::State::kCompleted);
 }
 
-TEST_F(HttpSessionTest, ManyConcurrentTasksRunOnTheSessionsOneNetworkThread) {
-  testing::Gate gate;
-  server_.handle("GET", "/wait", [&](const RecordedRequest& r) {
-    gate.wait();
-    return Response{200, r.rawQuery, {}};
-  });
-  auto session = makeSession();
-  Completions done(*session);
-  const size_t baseline = threadCount();
-  constexpr size_t kTasks = 40;
-  for (size_t i = 0; i < kTasks; ++i) {
-    session->dataTask(request("/wait?" + std::to_string(i)), done.callback())->resume();
-  }
-  // The server works on a handful at once; the rest wait in connections the client holds.
-  ASSERT_TRUE(server_.waitForRequests(4, kWatchdog));
-  const size_t during = threadCount();
-  EXPECT_EQ(session->outstandingTaskCount(), kTasks);
-  gate.open();
-  ASSERT_TRUE(done.waitForCount(kTasks));
-  EXPECT_LE(during, baseline + 1) << "no thread per task";
-  for (const auto& result : done.values()) ASSERT_FALSE(result.error) << result.error->describe();
-}
-
 TEST_F(HttpSessionTest, DownloadsAndUploadsGoThroughFiles) {
   const std::string body(300000, 'd');
   server_.handle("GET", "/file", [&](const RecordedRequest&) { return Response{200, body, {}}; });
@@ -374,21 +345,6 @@ TEST_F(HttpSessionTest, TimingDescribesALoopbackTransferAndConnectionReuse) {
   EXPECT_FALSE(reused.contains(taskTimingKey("domainLookupEnd")));
   const auto recorded = server_.requests();
   EXPECT_EQ(recorded[0].remotePort, recorded[1].remotePort) << "one connection for both";
-}
-
-TEST(HttpTimingTest, EncodesSocketAddressesInTheBsdLayout) {
-  // sockaddr_in6 (sockaddr_in: the formatter's test): length, family, port, flow, address, scope.
-  auto scoped = encodeBsdSocketAddress("fe80::1%7", 443);
-  ASSERT_EQ(scoped.value_or(PlistData()).size(), 28u);
-  EXPECT_EQ((PlistData(scoped->begin(), scoped->begin() + 9)),
-            (PlistData{28, 30, 0x01, 0xbb, 0, 0, 0, 0, 0xfe}));
-  uint32_t scope = 0;
-  std::memcpy(&scope, scoped->data() + 24, 4);
-  EXPECT_EQ(scope, 7u);
-  for (const char* bad : {"example.org", "", "fe80::1%"})
-    EXPECT_FALSE(encodeBsdSocketAddress(bad, 80));
-  EXPECT_FALSE(encodeBsdSocketAddress("1.2.3.4", 70000));
-  EXPECT_FALSE(localInterfaceForAddress("192.0.2.77"));  // "lo": the loopback transfer's test
 }
 
 TEST(HttpTimingTest, LeavesOutPhasesThatDidNotHappen) {
