@@ -221,11 +221,6 @@ TEST_F(StorageTest, StartUpScanExpiresOldFilesAndNumbersAfterTheSurvivors) {
   }
   EXPECT_EQ(names, (std::vector<std::string>{"session.3", "session.9", "session.10"}));
   EXPECT_EQ(restarted->createFileContainerForWriting()->fileUrl(), directory / "session.11");
-
-  // A directory that cannot be listed leaves the counter at 0.
-  fs::remove_all(directory);
-  writeBytes(directory, std::vector<uint8_t>{1});
-  EXPECT_EQ(makeStorage()->nextHandleId(), 0);
 }
 
 }  // namespace
