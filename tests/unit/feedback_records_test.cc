@@ -186,10 +186,6 @@ TEST(FeedbackRecords, UploadTextOfRepresentativeRecords) {
        R"("suggestion_type":"orvex","fbr":"f2"},{"id":"sg2","suggestion":"weather now",)"
        R"("score":0.5,"suggestion_type":"recents"}],"suggestion_query":"par")" +
            end("visible_suggestions")},
-      {make<NBSectionEngagementFeedback>([](auto& f) {
-         f.section = NBResultSection{"s1", 0, {}, std::vector{orvexResult()}};
-       }),
-       R"({"id":"s1","trigger_event":"unknown")" + end("section_engagement"), kClientQueryId},
       {read(
            R"({"$class":"NBErrorFeedback","timestamp":1,"error":{"domain":"NSURLErrorDomain",)"
            R"("code":-1001,"reason":"timed out","underlying":{"domain":"","code":5,"reason":""}}})"),
@@ -199,10 +195,6 @@ TEST(FeedbackRecords, UploadTextOfRepresentativeRecords) {
       {read(R"({"$class":"NBCustomFeedback","timestamp":1,"customType":3,)"
             R"("jsonFeedback":{"type":"mine","features":{"f1":0.5}}})"),
        R"({"features":{"f1":0.5})" + end("custom_glance_result_features", false)},
-      {read(R"({"$class":"NBStoreCardSectionEngagementFeedback","timestamp":1,"action_target":3})"),
-       R"({"trigger_event":"tap","card_type":"songvault_sheet",)"
-       R"("action_target":"user_hit_goto_store_button")" +
-           end("card_engagement")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.record->className());
