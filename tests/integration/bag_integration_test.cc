@@ -87,10 +87,11 @@ TEST_F(BagIntegrationTest, FetchedOnceThenTheDiskCopyServesRestartsUntilNearItsE
   ASSERT_EQ(stat(bagFile().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
-  // Restarted with hours left, the daemon holds the copy and asks for nothing. Every read of the
-  // bag judges it and counts a stale one before answering: none by now means no fetch started.
+  // Restarted with eleven minutes left, the daemon holds the copy and asks for nothing. Every read
+  // of the bag judges it and counts a stale one before answering: none by now means no fetch.
   writeBag(R"({"version": "4", "enabled": true})");
   stopDaemon();
+  ageDiskCopy(660);
   harness.start();
   EXPECT_EQ(heldBag()["version"], "3");
   EXPECT_EQ(harness.counter("com.zelmor.orvexd.bag.expired"), 0);
@@ -150,9 +151,7 @@ TEST_F(BagIntegrationTest, FailedFetchesKeepTheBagAndAreCounted) {
 
   const std::vector<std::pair<Json, std::string>> cases = {
       {{{"status", 500}}, "Error fetching bag status code: 500"},
-      {{{"status", 304}}, "Error fetching bag status code: 304"},
       {{{"body", "[1, 2]"}}, "Error fetching bag: returned data was not of the expected type."},
-      {{{"garbage", true}}, "Error fetching bag: returned data was not of the expected type."},
       {{{"drop", true}}, "Error fetching bag: "},
   };
   for (const auto& [fault, log] : cases) {
@@ -171,17 +170,6 @@ TEST_F(BagIntegrationTest, FailedFetchesKeepTheBagAndAreCounted) {
     stopDaemon();
     backend->clearFaults();
   }
-
-  // A malformed override is logged and the default endpoint is asked instead.
-  testing::writeBytes(
-      dir / "config" / "com.zelmor.orvexd" / "defaults.plist",
-      serializePropertyList(PlistDictionary{{"ORVBagURL", "::not a url::"}}, PlistFormat::kXml));
-  harness.start();
-  ASSERT_TRUE(eventually([&] {
-    return harness.daemonLog().find("Malformed orvex bag URL in user defaults key ORVBagURL") !=
-           std::string::npos;
-  }));
-  EXPECT_NE(harness.daemonLog().find("https://bag.search.zelmor.com/bag?"), std::string::npos);
 }
 
 // A bag endpoint dripping its answer (a minute's worth) is abandoned at the 1 s deadline.

@@ -68,11 +68,7 @@ TEST(LoadTest, AHundredClientsSearchingAtOnceAreAllAnsweredAndRecorded) {
     threads.emplace_back([&, c] {
       OrvexClient& client = *clients[static_cast<size_t>(c)];
       for (int i = 0; i < kSearches; ++i) {
-        ORVRequest request;
-        request.queryId = i + 1;
-        request.queryString = queryFor(c, i);
-        request.keyboardInputMode = "en_US";
-        request.scale = 2;
+        const ORVRequest request = testing::searchRequest(i + 1, queryFor(c, i));
         // Gtest's checks may be made from any thread.
         auto answer = client.request(request);
         ASSERT_TRUE(answer) << answer.error().name;

@@ -1,4 +1,5 @@
-// The reference back-end's routes, faults and request log, as the daemon's tests rely on them.
+// The reference back-end's routes, faults and upload store, as the daemon's tests rely on them.
+// (Its request log: every daemon test that counts or reads the requests the daemon made.)
 #include "tests/support/reference_backend.h"
 
 #include <gtest/gtest.h>
@@ -54,7 +55,7 @@ class ReferenceBackendTest : public ::testing::Test {
   std::filesystem::path bag = dir / "bag.json";
 };
 
-TEST_F(ReferenceBackendTest, ServesTheBagWithItsOwnUrlAndSearchesFromTheWordList) {
+TEST_F(ReferenceBackendTest, ServesTheBagWithItsOwnUrlReadAfreshOnEveryRequest) {
   writeBag(R"({"z": "${BASE_URL}/search", "a": [1, {"u": "${BASE_URL}"}], "n": null})");
   testing::ReferenceBackend backend(bag);
   auto client = clientFor(backend);
@@ -74,27 +75,9 @@ TEST_F(ReferenceBackendTest, ServesTheBagWithItsOwnUrlAndSearchesFromTheWordList
   EXPECT_NE(body.find("is not valid JSON"), std::string::npos) << body;
   writeBag(R"({"version": "2"})");
   EXPECT_EQ(nlohmann::json::parse(get(client, "/bag").second).at("version"), "2");
-  EXPECT_EQ(get(client, "/warm").first, 204);
-  EXPECT_EQ(get(client, "/nothing-here?q=a").first, 404);
-
-  const auto search = [&](const std::string& target) {
-    const auto [code, text] = get(client, target);
-    return std::make_pair(code, nlohmann::json::parse(text, nullptr, false));
-  };
-  // A lemma is its own completion; its senses are the results, nouns first.
-  auto [code, json] = search("/search?q=Dog");
-  ASSERT_EQ(code, 200) << json;
-  EXPECT_EQ(json["query"], "dog");
-  EXPECT_EQ(json["max_age"], 300);
-  EXPECT_GT(json["completion_score"].get<double>(), 0);
-  ASSERT_GE(json["results"].size(), 2u);
-  EXPECT_EQ(json["results"][0]["type"], "noun");
-  // A prefix completes to a lemma that begins with it; no lemma: the query as typed.
-  EXPECT_EQ(search("/search?q=ice+crea").second["query"], "ice cream");
-  std::tie(code, json) = search("/search?q=zzqx%20y");
-  EXPECT_EQ(json["query"], "zzqx y");
-  EXPECT_TRUE(json["results"].empty());
-  EXPECT_EQ(search("/search?lang=en").first, 400);
+  // (Searches: a word's completion in the daemon's search test, a query no word begins with in
+  // its load test.)
+  EXPECT_EQ(get(client, "/search?lang=en").first, 400);
 }
 
 TEST_F(ReferenceBackendTest, AnswersEachQueryKindNamingImagesThatItServes) {
@@ -198,29 +181,6 @@ TEST_F(ReferenceBackendTest, ServesImageFilesWithTagsAndNothingOutsideTheirDirec
   EXPECT_EQ(backend.requests().back().endpoint, "images");
 }
 
-TEST_F(ReferenceBackendTest, LogsEachRequestAsSentWithTheStatusItGot) {
-  testing::ReferenceBackend backend(bag);
-  auto client = clientFor(backend);
-  ASSERT_TRUE(client.Get("/bag?q=caf%C3%A9+au%20lait&empty=&cc=US"));
-  ASSERT_TRUE(client.Post("/nowhere", "twelve bytes", "text/plain"));
-  backend.setFault("search", {{"status", 503}});  // control requests are not logged
-  ASSERT_TRUE(client.Get("/search?q=x"));
-
-  auto logged = backend.requests();
-  ASSERT_EQ(logged.size(), 3u);
-  EXPECT_EQ(logged[0].seq, 1);
-  EXPECT_EQ(logged[0].method, "GET");
-  EXPECT_EQ(logged[0].query, "q=caf%C3%A9+au%20lait&empty=&cc=US");
-  EXPECT_EQ(logged[0].queryItems, (std::vector<std::pair<std::string, std::string>>{
-                                      {"q", "café au lait"}, {"empty", ""}, {"cc", "US"}}));
-  EXPECT_EQ(logged[0].status, 200);
-  EXPECT_EQ(logged[1].endpoint, std::nullopt);
-  EXPECT_EQ(logged[1].status, 404);
-  EXPECT_EQ(logged[2].endpoint, "search");
-  EXPECT_EQ(logged[2].status, 503);
-  EXPECT_EQ(backend.requestCount("search"), 1u);
-}
-
 TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultAndRemovesCountedOnes) {
   testing::ReferenceBackend backend(bag);
   auto client = clientFor(backend);
@@ -237,10 +197,6 @@ TEST_F(ReferenceBackendTest, InjectsEachKindOfFaultAndRemovesCountedOnes) {
   backend.setFault("bag", {{"drop", true}, {"count", 1}});
   EXPECT_FALSE(client.Get("/bag"));
   EXPECT_EQ(nlohmann::json::parse(get(client, "/bag").second).at("version"), "1");
-
-  backend.setFault("bag", {{"status", 500}});
-  backend.clearFaults();
-  EXPECT_EQ(get(client, "/bag").first, 200);
   // A fault the server refuses is an exception here, and changes nothing.
   EXPECT_THROW(backend.setFault("bag", {{"status", "503"}}), std::runtime_error);
   EXPECT_EQ(backend.faults(), nlohmann::json::object());
@@ -261,15 +217,8 @@ TEST_F(ReferenceBackendTest, StoresUploadsThatInflateToJsonMatchingTheirDigest) 
     return answer ? answer->status : -1;
   };
   EXPECT_EQ(post("/feedback?v=2", testing::rawDeflate(json), digest), 200);
-  std::string zlibWrapped(compressBound(json.size()), '\0');
-  uLongf zlibSize = zlibWrapped.size();
-  compress(reinterpret_cast<Bytef*>(zlibWrapped.data()), &zlibSize,
-           reinterpret_cast<const Bytef*>(json.data()), json.size());
-  zlibWrapped.resize(zlibSize);
-  EXPECT_EQ(post("/feedback", zlibWrapped, digest), 400);
+  EXPECT_EQ(post("/feedback", testing::zlibWrapped(json), digest), 400);
   EXPECT_EQ(post("/feedback", testing::rawDeflate(json).substr(0, 10), digest), 400);
-  const std::string tooLarge((16 << 20) + 1, ' ');
-  EXPECT_EQ(post("/feedback", testing::rawDeflate(tooLarge), testing::sha512Hex(tooLarge)), 400);
   EXPECT_EQ(post("/feedback", testing::rawDeflate(json), testing::sha512Hex(json + " ")), 400);
   EXPECT_EQ(post("/feedback", testing::rawDeflate(json), ""), 400);
   EXPECT_EQ(post("/feedback", testing::rawDeflate("{"), testing::sha512Hex("{")), 400);
@@ -278,13 +227,10 @@ TEST_F(ReferenceBackendTest, StoresUploadsThatInflateToJsonMatchingTheirDigest) 
   EXPECT_EQ(post("/crowdsourcing", testing::rawDeflate(json), digest), 500);
   EXPECT_EQ(post("/crowdsourcing?a=b", testing::rawDeflate(json), digest), 200);
 
+  // (What a stored upload records: the end-to-end upload test, through the daemon.)
   const auto uploads = backend.uploads();
   ASSERT_EQ(uploads.size(), 2u) << uploads;
-  EXPECT_EQ(uploads[0]["endpoint"], "feedback");
   EXPECT_EQ(uploads[0]["query"], "v=2");
-  EXPECT_EQ(uploads[0]["content_encoding"], "deflate");
-  EXPECT_EQ(uploads[0]["digest"], digest);
-  EXPECT_EQ(uploads[0]["body"], nlohmann::json::parse(json));
   EXPECT_EQ(uploads[1]["path"], "/crowdsourcing");
   EXPECT_EQ(uploads[1]["query"], "a=b");
   EXPECT_GT(uploads[1]["id"], uploads[0]["id"]);

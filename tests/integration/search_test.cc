@@ -14,21 +14,12 @@ namespace {
 
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
+using testing::searchRequest;
 
 constexpr const char* kBag = R"({"version": "7", "enabled": true, "min_query_length": 2,
   "feedback_enabled": true, "search_url": "${BASE_URL}/search"})";
 
 const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
-
-ORVRequest search(int64_t queryId, std::string query) {
-  ORVRequest request;
-  request.queryId = queryId;
-  request.clientQueryId = static_cast<uint64_t>(queryId);
-  request.queryString = std::move(query);
-  request.keyboardInputMode = "en_US";
-  request.scale = 2;
-  return request;
-}
 
 // Whether the client's open session soon holds a record that mentions `text`.
 bool recorded(OrvexClient& client, const std::string& text) {
@@ -61,7 +52,7 @@ class SearchTest : public ::testing::Test {
 TEST_F(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenComeFromTheCache) {
   startWithBag();
 
-  auto first = client->request(search(1, "weath"));
+  auto first = client->request(searchRequest(1, "weath"));
   ASSERT_TRUE(first);
   ASSERT_FALSE(first.value().error) << first.value().error->describe();
   const Json answer = raw(first.value());
@@ -74,7 +65,7 @@ TEST_F(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenCo
   EXPECT_EQ(harness.counter("com.zelmor.orvexd.Glance/1.fedapicall.serverstatus.200"), 1);
 
   // Typing on within the completed query: answered from the cache, no request goes out.
-  auto second = client->request(search(2, completed.substr(0, 6)));
+  auto second = client->request(searchRequest(2, completed.substr(0, 6)));
   ASSERT_TRUE(second);
   const Json cached = raw(second.value());
   ASSERT_TRUE(cached.is_array()) << cached;
@@ -83,11 +74,11 @@ TEST_F(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenCo
   EXPECT_EQ(harness.counter("com.zelmor.orvexd.glance.ondevicecachehits"), 1);
 
   // Query items always go to the network, and so does a prefix nothing covers yet.
-  auto withItems = search(3, completed.substr(0, 6));
+  auto withItems = searchRequest(3, completed.substr(0, 6));
   withItems.queryItems = {{"src", "test"}};
   ASSERT_TRUE(client->request(withItems));
   EXPECT_EQ(harness.backend().requestCount("search"), 2u);
-  ASSERT_TRUE(client->request(search(4, "zebr")));
+  ASSERT_TRUE(client->request(searchRequest(4, "zebr")));
   EXPECT_EQ(harness.backend().requestCount("search"), 3u);
 
   // The records of it all: a network start per request, and the cache hit (made after its
@@ -110,7 +101,7 @@ TEST_F(SearchTest, GrowingPrefixesGoToTheNetworkUntilACompletionCoversThemThenCo
 TEST_F(SearchTest, SkippedSearchesAnswerNothingAndSayWhy) {
   startWithBag();
 
-  auto tooShort = client->request(search(1, "w"));
+  auto tooShort = client->request(searchRequest(1, "w"));
   ASSERT_TRUE(tooShort);
   EXPECT_EQ(tooShort.value().queryId, 1);
   EXPECT_FALSE(tooShort.value().reply);
@@ -124,7 +115,7 @@ TEST_F(SearchTest, SkippedSearchesAnswerNothingAndSayWhy) {
       R"({"version": "1", "enabled": false, "feedback_enabled": true})");
   disabled.start();
   auto other = disabled.clientWithBag(kGlance);
-  auto skipped = other->request(search(1, "weather"));
+  auto skipped = other->request(searchRequest(1, "weather"));
   ASSERT_TRUE(skipped);
   EXPECT_FALSE(skipped.value().reply);
   EXPECT_FALSE(skipped.value().error);
@@ -135,7 +126,7 @@ TEST_F(SearchTest, WithoutABagWithinASecondTheSearchTimesOut) {
   harness.backend().setFault("bag", {{"delay_ms", 5000}});
   harness.start();
   client = harness.configuredClient(kGlance);
-  auto answer = client->request(search(1, "weather"));
+  auto answer = client->request(searchRequest(1, "weather"));
   ASSERT_TRUE(answer);
   EXPECT_FALSE(answer.value().reply);
   ASSERT_TRUE(answer.value().error);
@@ -153,11 +144,11 @@ TEST_F(SearchTest, AnOlderSearchStillInFlightIsAnsweredEmptyOnceANewerOneWasAcce
 
   harness.backend().setFault("search", {{"delay_ms", 600}, {"count", 1}});
   std::promise<ClientResult<QueryAnswer>> slow;
-  client->requestAsync(search(5, "weath"), [&](ClientResult<QueryAnswer> answer) {
+  client->requestAsync(searchRequest(5, "weath"), [&](ClientResult<QueryAnswer> answer) {
     slow.set_value(std::move(answer));
   });
   ASSERT_TRUE(harness.backend().waitForRequests("search", 1, 5s));
-  auto newer = client->request(search(6, "zebr"));
+  auto newer = client->request(searchRequest(6, "zebr"));
   ASSERT_TRUE(newer);
   EXPECT_TRUE(newer.value().reply);
 
@@ -174,7 +165,7 @@ TEST_F(SearchTest, ABackEndAnnouncingANewerBagMakesTheDaemonFetchIt) {
   // Not JSON: logged, nothing else happens.
   harness.backend().setFault("search",
                              {{"headers", {{"X-Zelmor-ForceFetch", "not json"}}}, {"count", 1}});
-  ASSERT_TRUE(client->request(search(1, "weath")));
+  ASSERT_TRUE(client->request(searchRequest(1, "weath")));
   EXPECT_TRUE(testing::eventually([&] {
     return harness.daemonLog().find(
                "Failed to deserialize X-Zelmor-ForceFetch header data into a "
@@ -183,7 +174,7 @@ TEST_F(SearchTest, ABackEndAnnouncingANewerBagMakesTheDaemonFetchIt) {
 
   harness.backend().setFault(
       "search", {{"headers", {{"X-Zelmor-ForceFetch", R"({"bag": 8})"}}}, {"count", 1}});
-  ASSERT_TRUE(client->request(search(2, "zebr")));
+  ASSERT_TRUE(client->request(searchRequest(2, "zebr")));
   ASSERT_TRUE(harness.backend().waitForRequests("bag", 2, 5s));
   const auto requests = harness.backend().requests();
   bool askedForEight = false;
@@ -210,14 +201,14 @@ TEST_F(SearchTest, RewritingTheUsersLocaleConfChangesTheNextSearchAndTheBag) {
     }
     return locale;
   };
-  ASSERT_TRUE(client->request(search(1, "weath")));
+  ASSERT_TRUE(client->request(searchRequest(1, "weath")));
   EXPECT_EQ(lastLocale("search"), "en");
 
   std::ofstream(harness.directory() / "config" / "locale.conf")
       << "# written by the settings panel\nLANG=\"de_DE.UTF-8\"\n";
   ASSERT_TRUE(harness.backend().waitForRequests("bag", 2, 5s));
   EXPECT_EQ(lastLocale("bag"), "de_DE");
-  ASSERT_TRUE(client->request(search(2, "zebr")));
+  ASSERT_TRUE(client->request(searchRequest(2, "zebr")));
   EXPECT_EQ(lastLocale("search"), "de_DE");
 }
 

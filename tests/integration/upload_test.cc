@@ -1,13 +1,8 @@
 // Feedback uploads end to end: the real daemon on a private bus records what a client reports
 // into session files, a diagnostic tool on the flusher control channel dumps them, and the
-// reference back-end inflates each upload, checks its digest and keeps it. The tool receives the
-// very bodies that were sent, the uploaded files and every temporary file are gone, refused
-// uploads are counted as not sent and late ones as timed out, a tool's stop keeps scheduled runs
-// from uploading anything, and an unreadable session file is dropped with the readable one
-// uploaded.
+// reference back-end inflates each upload, checks its digest and keeps it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <fstream>
 #include <random>
@@ -28,57 +23,27 @@ using testing::searchStart, testing::sessionDirectory, testing::sessionFiles;
 constexpr const char* kBag = R"({"version": "1", "enabled": true, "feedback_enabled": true,
   "feedback_url": "${BASE_URL}/feedback?from=bag",
   "crowdsourcing_url": "${BASE_URL}/crowdsourcing"})";
-constexpr const char* kFlusherInterface = "com.zelmor.orvexd.Flusher";
 const ORVSessionConfiguration kGlance{"com.zelmor.glance", "Glance/1"};
 
-// A diagnostic tool: a bus connection of its own, the Flusher object that
-// Daemon.ListenToFlusher names, and the signals the daemon sends to it alone.
-class FlusherTool {
- public:
-  explicit FlusherTool(const testing::DaemonHarness& harness)
-      : connection_(harness.bus().connect()) {
-    auto daemon = sdbus::createProxy(*connection_, "com.zelmor.orvexd", "/com/zelmor/orvexd");
-    sdbus::ObjectPath path;
-    daemon->callMethod("ListenToFlusher")
-        .onInterface("com.zelmor.orvexd.Daemon")
-        .storeResultsTo(path);
-    flusher_ = sdbus::createProxy(*connection_, "com.zelmor.orvexd", path);
-    flusher_->uponSignal("FlushedData")
-        .onInterface(kFlusherInterface)
-        .call([this](const std::vector<std::vector<uint8_t>>& bodies) {
-          for (const auto& body : bodies) this->bodies.add(std::string(body.begin(), body.end()));
-        });
-    flusher_->uponSignal("WorkDone").onInterface(kFlusherInterface).call([this] {
-      workDone.add(true);
-    });
-    flusher_->finishRegistration();
-    connection_->enterEventLoopAsync();
+// A diagnostic tool: a connection of its own, which asks the daemon for its flusher object as
+// such a tool does (and so is one of the daemon's client connections), and the flusher signals
+// the daemon sends to it alone.
+struct FlusherTool {
+  explicit FlusherTool(const testing::DaemonHarness& harness) : client(harness.client()) {
+    EXPECT_TRUE(client->listenToFlusher());
+    OrvexClient::FlusherHandlers handlers;
+    handlers.flushedData = [this](const std::vector<std::vector<uint8_t>>& sent) {
+      for (const auto& body : sent) bodies.add(std::string(body.begin(), body.end()));
+    };
+    handlers.workDone = [this] { workDone.add(true); };
+    client->onFlusherSignals(std::move(handlers));
   }
-  ~FlusherTool() { connection_->leaveEventLoop(); }
-
-  void intent(uint64_t intent) {
-    flusher_->callMethod("InitiateConnectionWithIntent")
-        .onInterface(kFlusherInterface)
-        .withArguments(intent)
-        .dontExpectReply();
-  }
+  void intent(uint64_t intent) { ASSERT_TRUE(client->initiateFlusherIntent(intent)); }
 
   testing::Collector<std::string> bodies;  // FlushedData, one entry a body
   testing::Collector<bool> workDone;
-
- private:
-  std::unique_ptr<sdbus::IConnection> connection_;
-  std::unique_ptr<sdbus::IProxy> flusher_;
+  std::unique_ptr<OrvexClient> client;  // last: gone before the handlers' collectors
 };
-
-void runActivity(const testing::DaemonHarness& harness, const std::string& identifier) {
-  auto connection = harness.bus().connect();
-  sdbus::createProxy(*connection, "com.zelmor.orvexd", "/com/zelmor/orvexd")
-      ->callMethod("RunActivity")
-      .onInterface("com.zelmor.orvexd.Diagnostics")
-      .withArguments(identifier)
-      .storeResultsTo();
-}
 
 class UploadTest : public ::testing::Test {
  protected:
@@ -230,7 +195,7 @@ TEST_F(UploadTest, StoppedRunsKeepSessionFilesAndADumpDropsAnUnreadableOne) {
   FlusherTool tool(harness);
   tool.intent(2);
   ASSERT_TRUE(tool.workDone.waitForCount(1)) << harness.daemonLog();
-  runActivity(harness, "com.zelmor.orvexd.flusher.background");
+  ASSERT_TRUE(harness.client()->runActivity("com.zelmor.orvexd.flusher.background"));
   ASSERT_TRUE(testing::eventually([&] {
     return harness.daemonLog().find(
                "flushing has been stopped, will start again with dump command") !=

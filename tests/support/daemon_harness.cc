@@ -12,6 +12,16 @@ namespace orvex::testing {
 
 using namespace std::chrono_literals;
 
+ORVRequest searchRequest(int64_t queryId, std::string query) {
+  ORVRequest request;
+  request.queryId = queryId;
+  request.clientQueryId = static_cast<uint64_t>(queryId);
+  request.queryString = std::move(query);
+  request.keyboardInputMode = "en_US";
+  request.scale = 2;
+  return request;
+}
+
 DaemonHarness::DaemonHarness(const std::string& bag, PlistDictionary defaults) {
   std::ofstream(dir_.path() / "bag.json") << bag;
   backend_ = std::make_unique<ReferenceBackend>(dir_.path() / "bag.json");

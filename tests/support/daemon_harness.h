@@ -20,6 +20,9 @@
 
 namespace orvex::testing {
 
+// A search request as a front-end sends it while the user types `query`.
+ORVRequest searchRequest(int64_t queryId, std::string query);
+
 class DaemonHarness {
  public:
   // `bag` is the back-end's bag (JSON, "${BASE_URL}" is the back-end's address); `defaults`

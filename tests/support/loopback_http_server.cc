@@ -56,8 +56,7 @@ struct LoopbackHttpServer::Impl {
         --failRemaining;
         fail = true;
       } else {
-        const std::string method = recorded.method == "HEAD" ? "GET" : recorded.method;
-        auto route = routes.find({method, recorded.path});
+        auto route = routes.find({recorded.method, recorded.path});
         if (route != routes.end()) handler = route->second;
       }
     }
@@ -136,7 +135,6 @@ LoopbackHttpServer::LoopbackHttpServer() : impl_(std::make_unique<Impl>()) {
   const std::string any = ".*";
   impl.server.Get(any, serve);
   impl.server.Post(any, serve);
-  impl.server.Put(any, serve);
   // Short enough that stopping never waits long for an idle connection, long enough for the
   // requests of one test to share a connection.
   impl.server.set_keep_alive_timeout(3);

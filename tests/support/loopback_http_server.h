@@ -12,8 +12,7 @@
 // bodies over 8 KiB labelled application/x-www-form-urlencoded are refused with 413. A body
 // sent with "Content-Encoding: deflate" is recorded as sent, still compressed.
 //
-// Only the methods GET, HEAD, POST and PUT reach handlers; HEAD requests are routed to the GET
-// handler of the path and answered without a body.
+// Only GET and POST requests reach handlers.
 #pragma once
 
 #include <chrono>

@@ -21,8 +21,8 @@ ReferenceBackend::ReferenceBackend(const std::filesystem::path& bag,
                                    const std::vector<std::string>& extraArguments,
                                    std::chrono::milliseconds watchdog) {
   const auto portFile = dir_ / "port";
-  std::vector<std::string> argv = {ORVEX_BACKEND_BINARY, "--port", "0"};
-  argv.insert(argv.end(), {"--port-file", portFile.string(), "--bag", bag.string()});
+  std::vector<std::string> argv = {ORVEX_BACKEND_BINARY, "--port", "0",         "--port-file",
+                                   portFile.string(),    "--bag",  bag.string()};
   argv.insert(argv.end(), extraArguments.begin(), extraArguments.end());
   process_ =
       std::make_unique<ChildProcess>(argv, std::map<std::string, std::string>{}, dir_ / "output");
@@ -72,7 +72,6 @@ std::optional<int> ReferenceBackend::stop(int signal) {
 std::string ReferenceBackend::control(const std::string& method, const std::string& path,
                                       const std::string& body) const {
   httplib::Client client(baseUrl_);
-  client.enable_server_certificate_verification(false);
   client.set_connection_timeout(5s);
   client.set_read_timeout(5s);
   auto result = method == "GET"   ? client.Get(path)
@@ -92,20 +91,14 @@ void ReferenceBackend::setFault(const std::string& endpoint, const nlohmann::jso
   control("PUT", "/_orvex/faults/" + endpoint, fault.dump());
 }
 
-void ReferenceBackend::clearFault(const std::string& endpoint) {
-  control("DELETE", "/_orvex/faults/" + endpoint);
-}
-
 void ReferenceBackend::clearFaults() { control("DELETE", "/_orvex/faults"); }
 
 nlohmann::json ReferenceBackend::faults() const {
   return nlohmann::json::parse(control("GET", "/_orvex/faults"));
 }
 
-std::vector<ReferenceBackend::Request> ReferenceBackend::requests(
-    std::optional<int64_t> since) const {
-  const auto list = nlohmann::json::parse(
-      control("GET", "/_orvex/requests" + (since ? "?since=" + std::to_string(*since) : "")));
+std::vector<ReferenceBackend::Request> ReferenceBackend::requests() const {
+  const auto list = nlohmann::json::parse(control("GET", "/_orvex/requests"));
   std::vector<Request> requests;
   for (const auto& entry : list) {
     Request request;
@@ -136,8 +129,6 @@ bool ReferenceBackend::waitForRequests(const std::string& endpoint, size_t count
                                        std::chrono::milliseconds watchdog) const {
   return eventually([&] { return requestCount(endpoint) >= count; }, watchdog);
 }
-
-void ReferenceBackend::clearRequests() { control("DELETE", "/_orvex/requests"); }
 
 nlohmann::json ReferenceBackend::uploads() const {
   return nlohmann::json::parse(control("GET", "/_orvex/feedback"));

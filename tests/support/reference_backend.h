@@ -41,7 +41,7 @@ class ReferenceBackend {
   };
 
   // Starts orvex-backend serving `bag` on a port the kernel picks, with `extraArguments` added
-  // to its command line (--cert and --key for HTTPS, say), and returns once it listens. Throws
+  // to its command line (--images-dir, say), and returns once it listens. Throws
   // std::runtime_error, with the server's output, when it exits or does not listen within
   // `watchdog`.
   explicit ReferenceBackend(const std::filesystem::path& bag,
@@ -52,24 +52,22 @@ class ReferenceBackend {
   ReferenceBackend(const ReferenceBackend&) = delete;
   ReferenceBackend& operator=(const ReferenceBackend&) = delete;
 
-  const std::string& baseUrl() const { return baseUrl_; }  // "http://127.0.0.1:<port>" or https
+  const std::string& baseUrl() const { return baseUrl_; }  // "http://127.0.0.1:<port>"
   int port() const { return port_; }
   // Everything the server wrote to its standard output and error so far.
   std::string output() const;
 
   void setFault(const std::string& endpoint, const nlohmann::json& fault);
-  void clearFault(const std::string& endpoint);
   void clearFaults();
   nlohmann::json faults() const;
 
-  // The logged requests numbered above `since` (all of them without), oldest first.
-  std::vector<Request> requests(std::optional<int64_t> since = std::nullopt) const;
+  // The logged requests, oldest first.
+  std::vector<Request> requests() const;
   size_t requestCount(const std::string& endpoint) const;
   // Polls until at least `count` requests of `endpoint` are logged; false when the watchdog
   // expires first.
   bool waitForRequests(const std::string& endpoint, size_t count,
                        std::chrono::milliseconds watchdog) const;
-  void clearRequests();
 
   // The feedback and crowdsourcing uploads the server accepted, oldest first, as
   // GET /_orvex/feedback lists them (bodies parsed).

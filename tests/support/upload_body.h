@@ -25,6 +25,16 @@ inline std::string rawDeflate(std::string_view text) {
   return out;
 }
 
+// `text` as a zlib stream: raw deflate inside the header and trailer an upload body goes without.
+inline std::string zlibWrapped(std::string_view text) {
+  std::string out(compressBound(text.size()), '\0');
+  uLongf size = out.size();
+  compress(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(text.data()),
+           text.size());
+  out.resize(size);
+  return out;
+}
+
 // The text raw-deflated `body` inflates to; "<corrupt>" when it does not inflate to its end.
 inline std::string inflateRaw(std::string_view body) {
   z_stream stream{};

@@ -141,11 +141,6 @@ TEST_F(SessionTest, FilesHoldHeaderRecordsAndGuidErrors) {
   ASSERT_EQ(second->feedbacks.size(), 1u);
   EXPECT_EQ(second->feedbacks[0].type(), NBFeedbackType::kError);
 
-  // A session made without storage has nothing to close.
-  test.assembly->persistentStorage = nullptr;
-  ClientSession::initWithAssembly(*test.assembly, start())->sessionComplete();
-  EXPECT_TRUE(logs.contains("Storage Handle nil major error"));
-
   // Glance result features leave out the base time.
   auto custom = std::make_shared<NBCustomFeedback>();
   custom->customType = 3;

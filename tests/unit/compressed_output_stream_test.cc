@@ -28,16 +28,8 @@ TEST(CompressedOutputStream, ShortWritesAreDigestedOnceAndInflateBack) {
   EXPECT_EQ(bodyOf(stream), "{\"fb\":[]}");
   EXPECT_EQ(stream.write(bytes("x"), 1), -1) << "nothing is taken once finished";
 
-  // A session-sized document written as it is serialised: its digest is that of its text.
-  nlohmann::json session = {{"agent", "news/1.0"}, {"fb", nlohmann::json::array()}};
-  for (int i = 0; i < 300; ++i) session["fb"].push_back({{"input", "query " + std::to_string(i)}});
-  CompressedOutputStream json;
-  json.open();
-  EXPECT_EQ(writeJsonToStream(session, json), std::nullopt);
-  json.close();
-  EXPECT_EQ(json.dataDigestForStream(), testing::sha512Hex(session.dump()));
-  EXPECT_EQ(bodyOf(json), session.dump());
-
+  // (A session written as it is serialised, its digest that of its text: the end-to-end upload
+  // test, whose back-end checks each body's digest.)
   CompressedOutputStream invalid;
   EXPECT_TRUE(writeJsonToStream(nlohmann::json{{"input", "\xff\xfe"}}, invalid)) << "not UTF-8";
 }

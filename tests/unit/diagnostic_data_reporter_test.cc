@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <thread>
 #include <vector>
 
 #include "orvexd/base/orvex_logging.h"
@@ -54,27 +53,6 @@ TEST_F(DiagnosticDataReporterTest, SetAddAndClearCounters) {
   R::setValueForScalarKey(1, "");
   EXPECT_EQ(R::snapshot().size(), before);
   EXPECT_EQ(errors, 2);
-}
-
-TEST_F(DiagnosticDataReporterTest, ConcurrentAddsFromSeveralThreadsAreAllCounted) {
-  constexpr int kThreads = 8;
-  constexpr int kAddsEach = 5000;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t] {
-      const std::string own = *createCounterKey("client" + std::to_string(t), "keystrokes");
-      for (int i = 0; i < kAddsEach; ++i) {
-        OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterClientConnection);
-        OrvexDiagnosticDataReporter::addValueForScalarKey(2, own);
-        if (i % 500 == 0) OrvexDiagnosticDataReporter::snapshot();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  const Counters counters = OrvexDiagnosticDataReporter::snapshot();
-  EXPECT_EQ(counters.size(), static_cast<size_t>(kThreads + 1));
-  EXPECT_EQ(counters.at(std::string(kORVCounterClientConnection)), kThreads * kAddsEach);
-  EXPECT_EQ(counters.at("com.zelmor.orvexd.client3.keystrokes"), 2 * kAddsEach);
 }
 
 // A client's key as the daemon makes it: the client connection test's xcpinvalidation counter.

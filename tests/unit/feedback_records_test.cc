@@ -186,10 +186,6 @@ TEST(FeedbackRecords, UploadTextOfRepresentativeRecords) {
        R"("suggestion_type":"orvex","fbr":"f2"},{"id":"sg2","suggestion":"weather now",)"
        R"("score":0.5,"suggestion_type":"recents"}],"suggestion_query":"par")" +
            end("visible_suggestions")},
-      {make<NBSectionEngagementFeedback>([](auto& f) {
-         f.section = NBResultSection{"s1", 0, {}, std::vector{orvexResult()}};
-       }),
-       R"({"id":"s1","trigger_event":"unknown")" + end("section_engagement"), kClientQueryId},
       {read(
            R"({"$class":"NBErrorFeedback","timestamp":1,"error":{"domain":"NSURLErrorDomain",)"
            R"("code":-1001,"reason":"timed out","underlying":{"domain":"","code":5,"reason":""}}})"),
@@ -199,10 +195,6 @@ TEST(FeedbackRecords, UploadTextOfRepresentativeRecords) {
       {read(R"({"$class":"NBCustomFeedback","timestamp":1,"customType":3,)"
             R"("jsonFeedback":{"type":"mine","features":{"f1":0.5}}})"),
        R"({"features":{"f1":0.5})" + end("custom_glance_result_features", false)},
-      {read(R"({"$class":"NBStoreCardSectionEngagementFeedback","timestamp":1,"action_target":3})"),
-       R"({"trigger_event":"tap","card_type":"songvault_sheet",)"
-       R"("action_target":"user_hit_goto_store_button")" +
-           end("card_engagement")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.record->className());
@@ -290,8 +282,8 @@ void expectRefused(const OrvexError& error, const std::string& reason) {
   EXPECT_NE(error.reason.find(reason), std::string::npos) << error.reason;
 }
 
-// Anything malformed from a client is an error value and one log line, never a
-// record.
+// Anything malformed from a client is an error value and one log line, never a record. A few
+// representative forms: the fuzz target throws arbitrary text at the same reader.
 TEST(FeedbackRecords, MalformedDBusFormsAreRefusedWithTheirReason) {
   NBVisibleResultsFeedback valid;
   valid.results = std::vector{orvexResult()};
@@ -303,27 +295,14 @@ TEST(FeedbackRecords, MalformedDBusFormsAreRefusedWithTheirReason) {
   const Case cases[] = {
       {[](json& j) { j = json::array(); }, "not an object"},
       {[](json& j) { j.erase("$class"); }, "$class: missing"},
-      {[](json& j) { j["$class"] = 7; }, "$class: not a string"},
       {[](json& j) { j["$class"] = "NBNothing"; }, "\"NBNothing\" is no feedback record class"},
-      {[](json& j) { j.erase("trigger_event"); }, "trigger_event: missing"},
       {[](json& j) { j["trigger_event"] = 15; }, "trigger_event: 15 is outside its table of 15"},
-      {[](json& j) { j["trigger_event"] = -1; }, "trigger_event: out of range"},
-      {[](json& j) { j["timestamp"] = 1.5; }, "timestamp: not an integer"},
-      {[](json& j) { j["results"] = json::object(); }, "results: not an array"},
-      {[](json& j) { j["results"][0]["result_type"] = 99; }, "results[0].result_type: 99 is"},
       {[](json& j) { j["results"][0]["$class"] = "NBResultSection"; },
        "results[0].$class: \"NBResultSection\" does not belong here"},
-      {[](json& j) { j["results"][0].erase("score"); }, "results[0].score: missing"},
       {[](json& j) { j["results"][0]["score"] = "high"; }, "results[0].score: not a number"},
       {[](json& j) { j["results"][0]["id"] = std::string("a\0b", 3); }, "text holding NUL"},
-      {[](json& j) { j["results"][0]["customProperties"] = json::array(); },
-       "results[0].customProperties: not an object"},
       {[](json& j) { j["results"][0]["punchout"]["urls"] = {1}; },
        "results[0].punchout.urls[0]: not a string"},
-      {[](json& j) {
-         j = json::parse(R"({"$class":"NBCustomFeedback","customType":4,"jsonFeedback":[1]})");
-       },
-       "jsonFeedback: not an object"},
       {[](json& j) {
          j = json::parse(R"({"$class":"NBEndNetworkSearchFeedback","response_size":1,)"
                          R"("status_code":2,"network_timing_data":{"p":{"$data":"!!"}}})");

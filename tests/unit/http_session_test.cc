@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -57,11 +55,6 @@ class Completions : public testing::Collector<HttpDataResult> {
   const SerialQueue* queue_;
   bool allOnQueue_ = true;
 };
-
-size_t threadCount() {
-  return static_cast<size_t>(
-      std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
-}
 
 double timingValue(const TaskTimingData& timing, std::string_view name) {
   auto found = timing.find(taskTimingKey(name));
@@ -131,15 +124,12 @@ class HttpSessionTest : public ::testing::Test {
   mode_t downloadMode_ = 0;
 };
 
-TEST_F(HttpSessionTest, DataTasksCarryRequestsAndAnswersIncludingErrorStatuses) {
+TEST_F(HttpSessionTest, DataTasksCarryRequestsAnswersAndRedirects) {
   server_.handle("GET", "/hello", [](const RecordedRequest& r) {
     return Response{
         201,
         "hi " + (r.headers.contains("x-name") ? r.headers.at("x-name") : std::string("?")),
         {{"X-Reply", "one"}, {"Set-Twice", "a"}, {"Set-Twice", "b"}, {"Content-Type", "text/x-t"}}};
-  });
-  server_.handle("POST", "/echo", [](const RecordedRequest& r) {
-    return Response{200, r.body, {{"Content-Type", "application/octet-stream"}}};
   });
   server_.handle("GET", "/old", [](const RecordedRequest&) {
     return Response{302, "moved", {{"Location", "/hello"}, {"X-Old", "1"}}};
@@ -165,57 +155,11 @@ TEST_F(HttpSessionTest, DataTasksCarryRequestsAndAnswersIncludingErrorStatuses) 
   EXPECT_EQ(sent.headers.at("x-name"), "orvex");
   EXPECT_TRUE(sent.headers.contains("Accept-Encoding"));
 
-  const std::string binary("a\0b\xff\r\n", 6);
-  HttpRequest post = request("/echo", "POST");
-  post.body = binary;
-  EXPECT_EQ(fetch(*session, post).data, binary) << "the body is sent and received byte for byte";
-
   const HttpDataResult redirected = fetch(*session, request("/old"));
   EXPECT_EQ(redirected.response->statusCode, 201);
   EXPECT_EQ(redirected.response->url, request("/hello").url);
   EXPECT_FALSE(redirected.response->headers.contains("X-Old")) << "only the final headers";
-
-  const HttpDataResult missing = fetch(*session, request("/nowhere"));
-  EXPECT_FALSE(missing.error);
-  EXPECT_EQ(missing.response->statusCode, 404) << "an error status is an answer";
   EXPECT_EQ(session->outstandingTaskCount(), 1u) << "only the task never resumed";
-}
-
-TEST_F(HttpSessionTest, RefusedConnectionsStallsAndBrokenAnswersAreTransportErrors) {
-  int closedPort = 0;
-  {
-    LoopbackHttpServer gone;
-    closedPort = gone.port();
-  }
-  testing::Gate gate;
-  server_.handle("GET", "/slow", [&](const RecordedRequest&) {
-    gate.wait();
-    return Response{200, "late", {}};
-  });
-  server_.handle("GET", "/ok", [](const RecordedRequest&) { return Response{200, "fine", {}}; });
-  auto session = makeSession();
-
-  HttpRequest refusedRequest;
-  refusedRequest.url = "http://127.0.0.1:" + std::to_string(closedPort) + "/";
-  const HttpDataResult refused = fetch(*session, refusedRequest);
-  ASSERT_TRUE(refused.error);
-  EXPECT_EQ(refused.error->domain, kHttpErrorDomain);
-  EXPECT_EQ(refused.error->code, CURLE_COULDNT_CONNECT);
-  EXPECT_FALSE(refused.response);
-
-  server_.failNextRequests(1);
-  const HttpDataResult broken = fetch(*session, request("/ok"));
-  ASSERT_TRUE(broken.error) << "the failed request must not look like an answer";
-  EXPECT_TRUE(broken.error->code == CURLE_PARTIAL_FILE || broken.error->code == CURLE_RECV_ERROR)
-      << broken.error->describe();
-  EXPECT_EQ(fetch(*session, request("/ok")).data, "fine") << "only the next request fails";
-
-  HttpRequest stalled = request("/slow");
-  stalled.timeout = 1s;  // libcurl's own clock: nothing arrives for longer than this
-  const HttpDataResult timedOut = fetch(*session, stalled);
-  gate.open();
-  ASSERT_TRUE(timedOut.error);
-  EXPECT_EQ(timedOut.error->code, CURLE_OPERATION_TIMEDOUT) << timedOut.error->describe();
 }
 
 TEST_F(HttpSessionTest, CancelledTasksCompleteOnceWithTheCancelledError) {
@@ -272,35 +216,9 @@ TEST_F(HttpSessionTest, CancelledTasksCompleteOnceWithTheCancelledError) {
   EXPECT_EQ(pending->state(), HttpTask::State::kCompleted);
 }
 
-TEST_F(HttpSessionTest, ManyConcurrentTasksRunOnTheSessionsOneNetworkThread) {
-  testing::Gate gate;
-  server_.handle("GET", "/wait", [&](const RecordedRequest& r) {
-    gate.wait();
-    return Response{200, r.rawQuery, {}};
-  });
-  auto session = makeSession();
-  Completions done(*session);
-  const size_t baseline = threadCount();
-  constexpr size_t kTasks = 40;
-  for (size_t i = 0; i < kTasks; ++i) {
-    session->dataTask(request("/wait?" + std::to_string(i)), done.callback())->resume();
-  }
-  // The server works on a handful at once; the rest wait in connections the client holds.
-  ASSERT_TRUE(server_.waitForRequests(4, kWatchdog));
-  const size_t during = threadCount();
-  EXPECT_EQ(session->outstandingTaskCount(), kTasks);
-  gate.open();
-  ASSERT_TRUE(done.waitForCount(kTasks));
-  EXPECT_LE(during, baseline + 1) << "no thread per task";
-  for (const auto& result : done.values()) ASSERT_FALSE(result.error) << result.error->describe();
-}
-
 TEST_F(HttpSessionTest, DownloadsAndUploadsGoThroughFiles) {
   const std::string body(300000, 'd');
   server_.handle("GET", "/file", [&](const RecordedRequest&) { return Response{200, body, {}}; });
-  server_.handle("POST", "/up", [](const RecordedRequest& r) {
-    return Response{200, std::to_string(r.body.size()), {}};
-  });
   auto session = makeSession();
 
   server_.failNextRequests(1);
@@ -314,21 +232,12 @@ TEST_F(HttpSessionTest, DownloadsAndUploadsGoThroughFiles) {
   EXPECT_EQ(std::filesystem::path(downloadedTo_).parent_path(), temp_.path());
   EXPECT_TRUE(std::filesystem::is_empty(temp_.path())) << "no file is left behind";
 
-  std::string content;
-  for (int i = 0; i < 150000; ++i) content += static_cast<char>(i * 7 % 256);
-  const auto file = temp_ / "upload.bin";
-  std::ofstream(file, std::ios::binary) << content;
-  const auto posted = fetch(*session, request("/up", "POST"), Kind::kUpload, file.string());
-  ASSERT_FALSE(posted.error) << posted.error->describe();
-  EXPECT_EQ(posted.data, std::to_string(content.size()));
+  // (An upload of a whole file: the end-to-end upload test, through the daemon.)
   const auto missing = fetch(*session, request("/up", "POST"), Kind::kUpload, temp_ / "missing");
   ASSERT_TRUE(missing.error);
   EXPECT_EQ(missing.error->code, CURLE_READ_ERROR);
   EXPECT_NE(missing.error->reason.find("missing"), std::string::npos);
-
-  auto recorded = server_.requests();
-  ASSERT_EQ(recorded.size(), 3u) << "a missing file sends nothing";
-  EXPECT_EQ(recorded[2].body, content);
+  EXPECT_EQ(server_.requestCount(), 2u) << "a missing file sends nothing";
 }
 
 TEST_F(HttpSessionTest, FreshAnswersComeFromTheCacheAndStaleOnesAreRevalidated) {
@@ -436,21 +345,6 @@ TEST_F(HttpSessionTest, TimingDescribesALoopbackTransferAndConnectionReuse) {
   EXPECT_FALSE(reused.contains(taskTimingKey("domainLookupEnd")));
   const auto recorded = server_.requests();
   EXPECT_EQ(recorded[0].remotePort, recorded[1].remotePort) << "one connection for both";
-}
-
-TEST(HttpTimingTest, EncodesSocketAddressesInTheBsdLayout) {
-  // sockaddr_in6 (sockaddr_in: the formatter's test): length, family, port, flow, address, scope.
-  auto scoped = encodeBsdSocketAddress("fe80::1%7", 443);
-  ASSERT_EQ(scoped.value_or(PlistData()).size(), 28u);
-  EXPECT_EQ((PlistData(scoped->begin(), scoped->begin() + 9)),
-            (PlistData{28, 30, 0x01, 0xbb, 0, 0, 0, 0, 0xfe}));
-  uint32_t scope = 0;
-  std::memcpy(&scope, scoped->data() + 24, 4);
-  EXPECT_EQ(scope, 7u);
-  for (const char* bad : {"example.org", "", "fe80::1%"})
-    EXPECT_FALSE(encodeBsdSocketAddress(bad, 80));
-  EXPECT_FALSE(encodeBsdSocketAddress("1.2.3.4", 70000));
-  EXPECT_FALSE(localInterfaceForAddress("192.0.2.77"));  // "lo": the loopback transfer's test
 }
 
 TEST(HttpTimingTest, LeavesOutPhasesThatDidNotHappen) {

@@ -101,8 +101,8 @@ TEST(LocaleProviderTest, MeasurementAndTimeFollowTheirOwnCategories) {
 
 TEST(LocaleProviderTest, TheCLocaleAndGarbageReadAsEnglishWithoutRegion) {
   for (const std::optional<std::string>& value : std::vector<std::optional<std::string>>{
-           std::nullopt, "C", "POSIX", "C.UTF-8", "", "garbage!!", "d", "de_", "de__DE", "_DE",
-           "de_DE_EXTRA_X", "\xff\xfe", "de_DE.UTF-8@=x", "12_34"}) {
+           std::nullopt, "C", "POSIX", "C.UTF-8", "", "garbage!!", "de_", "de__DE", "_DE",
+           "\xff\xfe", "de_DE.UTF-8@=x"}) {
     const LocaleSnapshot snapshot = LocaleEnvironment().with("LANG", value);
     SCOPED_TRACE(value.value_or("(unset)"));
     EXPECT_EQ(snapshot.localeIdentifier, "en");

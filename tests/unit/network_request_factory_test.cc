@@ -3,16 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <future>
-#include <map>
 #include <mutex>
 
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/model/interfaces/app_whitelist_controller.h"
-#include "orvexd/platform/http_session.h"
 #include "tests/support/fixed_locale.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/loopback_http_server.h"
 #include "tests/support/test_assembly.h"
 
 namespace orvex {
@@ -104,9 +100,9 @@ class RequestFactoryTest : public ::testing::Test {
     settle();
   }
   // A bag, a position and subscriptions: every item and header has something to send.
-  void fullContext(const std::string& base = "https://s.example") {
+  void fullContext() {
     makeFactory();
-    bag = makeBag(base);
+    bag = makeBag();
     announce(bag);
     location->deliver(wifiFix());
     // The first query starts location updates; the fix then arrives on the context queue.
@@ -133,42 +129,20 @@ class RequestFactoryTest : public ::testing::Test {
   Uuid guid = Uuid::random();
 };
 
-// The one request sent through a real session to a loopback server: what the back-end gets.
-TEST_F(RequestFactoryTest, SearchReachesTheServerWholeAndEscaped) {
-  testing::LoopbackHttpServer server;
-  server.handle("GET", "/search", [](const testing::RecordedRequest&) {
-    return testing::LoopbackHttpServer::Response{200, "{}", {}};
-  });
-  fullContext(server.baseUrl());
+// A search with the whole device context: the query escaped (what the escapes look like on the
+// wire: the builder's and the HTTP session's tests), and the context in items and headers.
+TEST_F(RequestFactoryTest, SearchCarriesTheDeviceContextInItemsAndHeaders) {
+  fullContext();
   ORVRequest query = searchQuery();
   query.queryString = "salt;pepper";
-  HttpSessionConfiguration configuration;
-  configuration.identifier = "factory-test";
-  HttpSession session(configuration, *test.platform.pool, *test.platform.clock,
-                      (test.directory / "tmp").string());
-  std::promise<void> done;
-  auto task = session.dataTask(*factory->searchRequest(query, *bag, guid, 0),
-                               [&](const HttpDataResult&) { done.set_value(); });
-  task->resume();
-  ASSERT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
-  ASSERT_TRUE(server.waitForRequests(1, 20s));
-  const testing::RecordedRequest received = server.requests().back();
-
-  EXPECT_EQ(received.path, "/search");
-  EXPECT_NE(received.rawQuery.find("q=salt%3Bpepper"), std::string::npos) << received.rawQuery;
-  Strings names;
-  std::map<std::string, std::string> items;
-  for (const auto& [name, value] : received.queryItems) {
-    names.push_back(name);
-    items[name] = value;
-  }
-  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
-  EXPECT_EQ((Strings{items["q"], items["locale"], items["cc"], items["latlng"], items["mode"]}),
+  const Built search(factory->searchRequest(query, *bag, guid, 0));
+  EXPECT_NE(search.request.url.find("q=salt%3Bpepper"), std::string::npos) << search.request.url;
+  EXPECT_EQ(search.items({"q", "locale", "cc", "latlng", "mode"}),
             (Strings{"salt;pepper", "xx_YY", "US", "37.774900,-122.419400,65.000000", "managed"}));
-  EXPECT_EQ(received.headers.at("X-Zelmor-UserGuid"), guid.upperString());
-  EXPECT_EQ(received.headers.at("X-Zelmor-Languages"), R"(["en-US","fr","de"])");
-  EXPECT_EQ(received.headers.at("X-Zelmor-Subscriptions"), R"([{"type":"premium"}])");
-  EXPECT_EQ(received.headers.at("X-Zelmor-Whitelisted-App-Signature"), "AAECAwQ=");
+  EXPECT_EQ(search.header("X-Zelmor-UserGuid"), guid.upperString());
+  EXPECT_EQ(search.header("X-Zelmor-Languages"), R"(["en-US","fr","de"])");
+  EXPECT_EQ(search.header("X-Zelmor-Subscriptions"), R"([{"type":"premium"}])");
+  EXPECT_EQ(search.header("X-Zelmor-Whitelisted-App-Signature"), "AAECAwQ=");
 }
 
 TEST_F(RequestFactoryTest, ForcedItemsWinDefaultItemsYieldAndMissingEndpointsGiveNothing) {

@@ -36,6 +36,7 @@ TEST(NetworkTimingFormatter, TimesStatisticsAndPeerAddresses) {
                   .isNull());
 
   // What the HTTP layer makes of a transfer: the session test; its upload: the records' test.
+  // Addresses in the BSD layout of sockaddr_in and sockaddr_in6, which the layer encodes.
   const auto ipv4 = *encodeBsdSocketAddress("192.0.2.7", 443);
   const auto ipv6 = *encodeBsdSocketAddress("2001:db8::1", 443);
   EXPECT_EQ(formatPeerAddress(ipv4), "192.0.2.7:443");

@@ -48,7 +48,7 @@ TEST(ORVBag, WrongTypesReadAsAbsentAndOnlyObjectsMakeBags) {
 
   auto bag = ORVBag::initWithDictionary(BagDictionary::parse(R"({
     "version": "9.1", "enabled": "yes", "search_url": 5, "card_url": "",
-    "request_timeout": -3, "search_render_timeout": 0.75, "min_query_length": -2,
+    "request_timeout": -3, "min_query_length": -2,
     "resources": {"logo": "https://img.example/logo.png", "bad": 1},
     "feedback_types": ["a", null, "b"], "lookup_enabled": 1, "agents": []
   })"),
@@ -58,16 +58,13 @@ TEST(ORVBag, WrongTypesReadAsAbsentAndOnlyObjectsMakeBags) {
   EXPECT_FALSE(bag->isEnabled());
   EXPECT_FALSE(bag->searchURL());
   EXPECT_FALSE(bag->cardURL());
-  EXPECT_FALSE(bag->moreResultsURL());
   EXPECT_FALSE(bag->timeoutIntervalForRequest());
-  EXPECT_EQ(bag->searchRenderTimeout(), 0.75);
   EXPECT_EQ(bag->minimumQueryLength(), 0);
   EXPECT_EQ(bag->urlForIdentifier("logo"), "https://img.example/logo.png");
   EXPECT_FALSE(bag->urlForIdentifier("bad"));
   EXPECT_EQ(bag->resources().size(), 1u);
   EXPECT_EQ(bag->feedbackTypes(), (std::vector<std::string>{"a", "b"}));
   EXPECT_TRUE(bag->lookupEnabled());
-  EXPECT_TRUE(bag->valueForKey("missing").is_null());
 }
 
 }  // namespace

@@ -133,18 +133,9 @@ TEST_F(QueryCacheTest, ChoosesTheShortestCompletionThenTheBestScoreForTheScale) 
   EXPECT_EQ(entry("m", answer("m"), "big").uiScale(), 0.f);
 }
 
-TEST_F(QueryCacheTest, RefusesWhatCannotBeKeyedAndBoundsTheCostWithoutEverSubtracting) {
+// (What has no key to be stored under: the fuzz target checks every answer against that rule.)
+TEST_F(QueryCacheTest, BoundsTheCostWithoutEverSubtracting) {
   LogCapture log;
-  cache.set(entry("ab", answer("a")));
-  EXPECT_TRUE(
-      log.contains("BUG: NOT caching 'a' because input is longer than completed query 'ab'"));
-  cache.set(entry("a", nlohmann::json{{"status", "OK"}}));  // no completed query
-  cache.set(entry("a", answer("")));
-  cache.set(entry("a", nlohmann::json{{"query", 42}}));
-  EXPECT_EQ(cache.count(), 0u);
-  EXPECT_EQ(cache.currentCost(), 0u);
-  EXPECT_FALSE(cache.isListeningForMemoryPressure());
-
   // One answer alone at the limit or above is never stored.
   cache.set(entry("big", answerOfCost("big", QueryCache::kMaxCost + 1)));
   EXPECT_EQ(cache.count(), 0u);

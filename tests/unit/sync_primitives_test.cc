@@ -45,40 +45,6 @@ TEST(CountingSemaphore, TimesOutOnlyWhenVirtualTimePassesAndWakesOnSignal) {
   EXPECT_FALSE(semaphore.wait(0s));
 }
 
-TEST(WaitGroup, WaitsForEveryMemberAndNotifiesOnceEmpty) {
-  testing::VirtualPlatform platform;
-  SerialQueue queue("com.zelmor.orvexd.group", *platform.pool, *platform.clock);
-  WaitGroup group(*platform.clock);
-
-  bool notifiedEarly = false;
-  group.notify(queue, [&] { notifiedEarly = true; });  // empty: at once
-  platform.settle();
-  EXPECT_TRUE(notifiedEarly);
-
-  group.enter();
-  group.enter();
-  std::vector<std::string> events;  // queue only
-  group.notify(queue, [&] { events.push_back("notified"); });
-  std::atomic<int> waited{-1};
-  platform.pool->post([&] { waited = group.wait(5s) ? 1 : 0; });
-  group.leave();
-  platform.settle();
-  EXPECT_TRUE(events.empty());
-  EXPECT_EQ(waited, -1);
-  group.leave();
-  platform.settle();
-  EXPECT_EQ(events, std::vector<std::string>{"notified"});
-  EXPECT_EQ(waited, 1);
-
-  // The deadline passes with a member still outstanding.
-  group.enter();
-  waited = -1;
-  platform.pool->post([&] { waited = group.wait(5s) ? 1 : 0; });
-  platform.advance(5s);
-  EXPECT_EQ(waited, 0);
-  group.leave();
-}
-
 TEST(ReaderWriterQueue, ReadersShareWritersExcludeAndAsyncWritesKeepTheirOrder) {
   testing::VirtualPlatform platform;
   ReaderWriterQueue<std::vector<int>> state("com.zelmor.orvexd.rw", *platform.pool,

@@ -54,18 +54,9 @@ TEST_F(OneShotTimerTest, ReArmedTimerStaleFiringDoesNothing) {
   EXPECT_EQ(fired, (std::vector<std::string>{"second"}));
   platform.advance(1h);
   EXPECT_EQ(fired, (std::vector<std::string>{"second"}));
-
-  // Re-armed to a later deadline: nothing at the old deadline, one firing at the new one.
-  fired.clear();
-  onQueue([&] {
-    timer.arm(1min, owner, [&] { fired.push_back("early"); });
-    timer.arm(10min, owner, [&] { fired.push_back("late"); });
-  });
-  platform.advance(9min);
-  EXPECT_TRUE(fired.empty());
-  platform.advance(1min);
-  EXPECT_EQ(fired, (std::vector<std::string>{"late"}));
   onQueue([&] { EXPECT_FALSE(timer.isArmed()); });
+  // (Re-armed to a later deadline, as every record re-arms the idle timer: the session manager's
+  // tests.)
 }
 
 TEST_F(OneShotTimerTest, CancelOwnerGoneAndTimerGoneAllSilenceTheFiring) {
