@@ -340,7 +340,11 @@ QueryFeedback ClientState::feedbackFor(const ORVRequest& request) const {
 
 void ClientState::send(const ORVRequest& request, std::optional<HttpRequest> httpRequest,
                        std::optional<std::string> input, std::shared_ptr<const ORVBag> bag,
-                       QueryReply reply) {
+                       QueryReply reply, bool logRequest) {
+  if (httpRequest && logRequest) {
+    searchLog().debug("request: %@ header: %@", httpRequest->url,
+                      describeHeaders(httpRequest->headers));
+  }
   if (!httpRequest) {
     // The bag names no endpoint for this kind of query.
     reply(request.queryId, std::nullopt,
@@ -383,11 +387,8 @@ void ClientState::searchWithBag(bool haveBag, const ORVRequest& request, QueryRe
                     static_cast<long long>(request.queryId), request.queryString);
   auto httpRequest = assembly_.requestFactory->searchRequest(
       request, *bag, guidController_->currentUserGUID(), fieldMask());
-  if (httpRequest) {
-    searchLog().debug("request: %@ header: %@", httpRequest->url,
-                      describeHeaders(httpRequest->headers));
-  }
-  send(request, std::move(httpRequest), request.queryString, std::move(bag), std::move(reply));
+  send(request, std::move(httpRequest), request.queryString, std::move(bag), std::move(reply),
+       true);
 }
 
 bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& reply,
@@ -418,20 +419,43 @@ void ClientState::cacheResponse(const nlohmann::json& response, const HttpReques
                                    assembly_.clock->wallNow()));
 }
 
-void ClientState::zeroKeyword(const ORVRequest& request, QueryReply reply) {
-  searchLog().log("session %@ performing zkw query, reply %@", identifier_,
-                  std::string(reply ? "yes" : "(null)"));
-  ensureBag([self = shared_from_this(), request, reply = std::move(reply)](bool haveBag) {
-    const auto feedback = self->feedbackFor(request);
-    auto bag = self->bagForQuery(
-        haveBag, request, reply, feedback,
-        {"Bag fetch failed, can't complete non-cached zkw query.", "no zkw, bag disabled"});
+void ClientState::sendWithEnabledBag(const EnabledBagQuery& kind, const ORVRequest& request,
+                                     QueryReply reply, RequestMaker make) {
+  searchLog().log(kind.openingLog, identifier_, std::string(reply ? "yes" : "(null)"));
+  ensureBag([self = shared_from_this(), &kind, request, reply = std::move(reply),
+             make = std::move(make)](bool haveBag) {
+    auto bag = self->bagForQuery(haveBag, request, reply, self->feedbackFor(request), kind.bag);
     if (!bag) return;
-    searchLog().debug("Dispatching network request for zkw query");
-    auto httpRequest = self->assembly_.requestFactory->zeroKeywordRequest(
-        request, *bag, self->guidController_->currentUserGUID(), self->fieldMask());
-    self->send(request, std::move(httpRequest), request.queryString, std::move(bag), reply);
+    searchLog().debug(kind.dispatchLog);
+    auto httpRequest = make(*bag, self->guidController_->currentUserGUID());
+    self->send(request, std::move(httpRequest), request.queryString, std::move(bag), reply,
+               kind.logRequest);
   });
+}
+
+void ClientState::zeroKeyword(const ORVRequest& request, QueryReply reply) {
+  static constexpr EnabledBagQuery kZeroKeyword{
+      "session %@ performing zkw query, reply %@",
+      {"Bag fetch failed, can't complete non-cached zkw query.", "no zkw, bag disabled"},
+      "Dispatching network request for zkw query",
+      false};
+  sendWithEnabledBag(kZeroKeyword, request, std::move(reply),
+                     [this, request](const ORVBag& bag, const Uuid& guid) {
+                       return assembly_.requestFactory->zeroKeywordRequest(request, bag, guid,
+                                                                           fieldMask());
+                     });
+}
+
+void ClientState::lookup(const ORVRequest& request, QueryReply reply) {
+  static constexpr EnabledBagQuery kLookup{
+      "session %@ performing lookup query, reply %@",
+      {"Bag fetch failed, can't complete non-cached lookup query.", "no lookup, bag disabled"},
+      "Dispatching network request for lookup query",
+      true};
+  sendWithEnabledBag(kLookup, request, std::move(reply),
+                     [this, request](const ORVBag& bag, const Uuid& guid) {
+                       return assembly_.requestFactory->lookupRequest(request, bag, guid);
+                     });
 }
 
 void ClientState::moreResults(const ORVRequest& request, QueryReply reply) {
@@ -442,16 +466,12 @@ void ClientState::moreResults(const ORVRequest& request, QueryReply reply) {
     httpRequest = assembly_.requestFactory->moreResultsRequest(
         request, *bag, guidController_->currentUserGUID(), fieldMask());
   }
-  if (httpRequest) {
-    searchLog().debug("request: %@ header: %@", httpRequest->url,
-                      describeHeaders(httpRequest->headers));
-  }
   // The start record's input is the query the more results are for: the "q" of their URL.
   std::optional<std::string> input;
   if (auto url = OrvexURLRequestBuilder::requestBuilderWithURL(request.moreResultsURL)) {
     input = url->queryItemValue("q");
   }
-  send(request, std::move(httpRequest), std::move(input), std::move(bag), std::move(reply));
+  send(request, std::move(httpRequest), std::move(input), std::move(bag), std::move(reply), true);
 }
 
 void ClientState::card(const ORVRequest& request, QueryReply reply) {
@@ -461,44 +481,30 @@ void ClientState::card(const ORVRequest& request, QueryReply reply) {
     httpRequest =
         assembly_.requestFactory->cardRequest(request, *bag, guidController_->currentUserGUID());
   }
-  send(request, std::move(httpRequest), request.queryString, std::move(bag), std::move(reply));
+  send(request, std::move(httpRequest), request.queryString, std::move(bag), std::move(reply),
+       false);
 }
 
-void ClientState::lookup(const ORVRequest& request, QueryReply reply) {
-  searchLog().log("session %@ performing lookup query, reply %@", identifier_,
-                  std::string(reply ? "yes" : "(null)"));
-  ensureBag([self = shared_from_this(), request, reply = std::move(reply)](bool haveBag) {
-    const auto feedback = self->feedbackFor(request);
-    auto bag = self->bagForQuery(
-        haveBag, request, reply, feedback,
-        {"Bag fetch failed, can't complete non-cached lookup query.", "no lookup, bag disabled"});
-    if (!bag) return;
-    searchLog().debug("Dispatching network request for lookup query");
-    auto httpRequest = self->assembly_.requestFactory->lookupRequest(
-        request, *bag, self->guidController_->currentUserGUID());
-    if (httpRequest) {
-      searchLog().debug("request: %@ header: %@", httpRequest->url,
-                        describeHeaders(httpRequest->headers));
-    }
-    self->send(request, std::move(httpRequest), request.queryString, std::move(bag), reply);
-  });
-}
-
+// Flights come from the data file, read afresh for each query, and are answered as an array.
 void ClientState::flightSearch(const ORVRequest& request, QueryReply reply) {
-  ORVReply answer;
-  answer.scale = request.scale;
-  answer.rawResponse =
-      flightsMatchingQuery(loadFlightDebugData(assembly_.userDefaults.get()), request.flightQuery)
-          .dump();
-  reply(request.queryId, std::move(answer), std::nullopt);
+  answerFlights(
+      request,
+      flightsMatchingQuery(loadFlightDebugData(assembly_.userDefaults.get()), request.flightQuery),
+      reply);
 }
 
 void ClientState::flightLookup(const ORVRequest& request, QueryReply reply) {
+  answerFlights(
+      request,
+      flightsWithIdentifier(loadFlightDebugData(assembly_.userDefaults.get()), request.flightId),
+      reply);
+}
+
+void ClientState::answerFlights(const ORVRequest& request, const nlohmann::json& flights,
+                                const QueryReply& reply) {
   ORVReply answer;
   answer.scale = request.scale;
-  answer.rawResponse =
-      flightsWithIdentifier(loadFlightDebugData(assembly_.userDefaults.get()), request.flightId)
-          .dump();
+  answer.rawResponse = jsonTextForBus(flights.dump());
   reply(request.queryId, std::move(answer), std::nullopt);
 }
 

@@ -42,6 +42,7 @@ namespace orvex {
 class Assembly;
 class GUIDController;
 class QueryCache;
+class Uuid;
 class SessionManager;
 
 // Answers a query: the request's query id, the answer (none when there is nothing to show) and
@@ -131,9 +132,24 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // 1 (no location) for the messages client, else 0.
   unsigned fieldMask() const;
   QueryFeedback feedbackFor(const ORVRequest& request) const;
-  // Sends the query's request, or answers that none could be made.
+  // Sends the query's request (logging it when asked), or answers that none could be made.
   void send(const ORVRequest& request, std::optional<HttpRequest> httpRequest,
-            std::optional<std::string> input, std::shared_ptr<const ORVBag> bag, QueryReply reply);
+            std::optional<std::string> input, std::shared_ptr<const ORVBag> bag, QueryReply reply,
+            bool logRequest);
+  // A query that needs the client's bag, enabled: it logs its opening line, and once the bag is
+  // in, its dispatch line, then sends what `make` builds from the bag.
+  struct EnabledBagQuery {
+    const char* openingLog;  // names the client and the reply
+    BagCheckLogs bag;
+    const char* dispatchLog;
+    bool logRequest;
+  };
+  using RequestMaker =
+      std::function<std::optional<HttpRequest>(const ORVBag& bag, const Uuid& userGuid)>;
+  static void answerFlights(const ORVRequest& request, const nlohmann::json& flights,
+                            const QueryReply& reply);
+  void sendWithEnabledBag(const EnabledBagQuery& kind, const ORVRequest& request, QueryReply reply,
+                          RequestMaker make);
   // The search flow, once the bag is in (or is not coming).
   void searchWithBag(bool haveBag, const ORVRequest& request, QueryReply reply);
   bool serveFromCache(const ORVRequest& request, const QueryReply& reply,

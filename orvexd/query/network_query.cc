@@ -18,8 +18,6 @@ namespace orvex {
 
 namespace {
 
-const OrvexLog& searchLog() { return OrvexLogForCategory(kOrvexLogSearch); }
-
 // Searches, zero-keyword queries, more results and lookups go to endpoint 6 ("search"), cards to
 // endpoint 11 ("card").
 constexpr uint32_t kSearchEndpoint = 6;
@@ -51,6 +49,8 @@ constexpr NetworkQueryKind kLookupKind{
     kSearchEndpoint, true, true, false, false, true, false, "Got network response for lookup query",
     nullptr};
 
+const OrvexLog& searchLog() { return OrvexLogForCategory(kOrvexLogSearch); }
+
 std::string describeError(const std::optional<OrvexError>& error) {
   return error ? error->describe() : std::string("(null)");
 }
@@ -58,18 +58,15 @@ std::string describeError(const std::optional<OrvexError>& error) {
 }  // namespace
 
 const NetworkQueryKind& networkQueryKindFor(ORVRequestKind kind) {
-  switch (kind) {
-    case ORVRequestKind::kZeroKeyword:
-      return kZeroKeywordKind;
-    case ORVRequestKind::kMoreResults:
-      return kMoreResultsKind;
-    case ORVRequestKind::kCard:
-      return kCardKind;
-    case ORVRequestKind::kLookup:
-      return kLookupKind;
-    default:
-      return kSearchKind;
+  static constexpr std::pair<ORVRequestKind, const NetworkQueryKind*> kKinds[] = {
+      {ORVRequestKind::kZeroKeyword, &kZeroKeywordKind},
+      {ORVRequestKind::kMoreResults, &kMoreResultsKind},
+      {ORVRequestKind::kCard, &kCardKind},
+      {ORVRequestKind::kLookup, &kLookupKind}};
+  for (const auto& [candidate, path] : kKinds) {
+    if (candidate == kind) return *path;
   }
+  return kSearchKind;
 }
 
 NetworkQuery::NetworkQuery(std::shared_ptr<ClientState> state, Assembly& assembly,
@@ -201,7 +198,7 @@ void NetworkQuery::answerAsObject(HttpDataResult result, int64_t statusCode) {
       cache->removeResponseForRequest(httpRequest_);
     }
   } else {
-      if (kind_.cachesAnswer) {
+    if (kind_.cachesAnswer) {
       state_->cacheResponse(parsed, httpRequest_, request_.queryString, start_->uuid.value_or(""));
     }
     answer.rawResponse = jsonTextForBus(parsed.dump());

@@ -117,6 +117,26 @@ int64_t parseInteger(const std::string& option, const std::string& text) {
   throw UsageError{option + " needs an integer, not \"" + text + "\""};
 }
 
+// The options that take a text, and those that are switches, by name.
+constexpr std::pair<std::string_view, std::string Options::*> kTextOptions[] = {
+    {"--identifier", &Options::identifier},
+    {"--agent", &Options::agent},
+    {"--address", &Options::address}};
+constexpr std::pair<std::string_view, std::optional<std::string> Options::*>
+    kOptionalTextOptions[] = {{"--event", &Options::event},
+                              {"--context", &Options::context},
+                              {"--domain", &Options::domain},
+                              {"--id", &Options::flightId}};
+constexpr std::pair<std::string_view, bool Options::*> kFlags[] = {
+    {"--json", &Options::json}, {"--help", &Options::help}, {"--verbose", &Options::verbose}};
+
+template <class Table>
+const auto* findOption(const Table& table, std::string_view name) {
+  const auto found = std::find_if(std::begin(table), std::end(table),
+                                  [&](const auto& entry) { return entry.first == name; });
+  return found == std::end(table) ? nullptr : &*found;
+}
+
 Options parseCommandLine(int argc, char** argv) {
   Options options;
   std::vector<std::string> words(argv + 1, argv + argc);
@@ -148,32 +168,18 @@ Options parseCommandLine(int argc, char** argv) {
       if (inlineValue) throw UsageError{word + " takes no value"};
       return true;
     };
-    if (word == "--identifier") {
-      options.identifier = value();
-    } else if (word == "--agent") {
-      options.agent = value();
-    } else if (word == "--address") {
-      options.address = value();
-    } else if (word == "--json") {
-      options.json = flag();
-    } else if (word == "--help") {
-      options.help = flag();
+    if (const auto* text = findOption(kTextOptions, word)) {
+      options.*(text->second) = value();
+    } else if (const auto* optional = findOption(kOptionalTextOptions, word)) {
+      options.*(optional->second) = value();
+    } else if (const auto* onOff = findOption(kFlags, word)) {
+      options.*(onOff->second) = flag();
     } else if (word == "--timeout") {
       const auto ms = parseInteger(word, value());
       if (ms <= 0) throw UsageError{"--timeout needs a positive number of milliseconds"};
       options.timeout = std::chrono::milliseconds(ms);
     } else if (word == "--query-id") {
       options.queryId = parseInteger(word, value());
-    } else if (word == "--verbose") {
-      options.verbose = flag();
-    } else if (word == "--event") {
-      options.event = value();
-    } else if (word == "--context") {
-      options.context = value();
-    } else if (word == "--domain") {
-      options.domain = value();
-    } else if (word == "--id") {
-      options.flightId = value();
     } else {
       throw UsageError{"unknown option " + word};
     }
