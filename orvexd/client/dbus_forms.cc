@@ -1,6 +1,8 @@
 #include "orvexd/client/dbus_forms.h"
 
+#include <sdbus-c++/Error.h>
 #include <sdbus-c++/Message.h>
+#include <systemd/sd-bus.h>
 
 #include <array>
 #include <utility>
@@ -186,6 +188,14 @@ void writeDict(sdbus::Message& message, Visit visit) {
   visit(writer);
   message.closeContainer();
 }
+
+// The sd-bus message under an sdbus-c++ one, for the array calls sdbus-c++ lacks. The member is
+// protected; a pointer to it may be formed in a derived class and used on any message.
+struct MessageAccess : sdbus::Message {
+  static sd_bus_message* raw(sdbus::Message& message) {
+    return static_cast<sd_bus_message*>(message.*(&MessageAccess::msg_));
+  }
+};
 
 // ---- Reading ---------------------------------------------------------------------------------
 
@@ -454,6 +464,67 @@ bool readQueryAnswer(sdbus::Message& message, int64_t& queryId, std::optional<OR
   std::string problem;
   return readOptional(message, problem, reply, visitReply) &&
          readOptional(message, problem, error, visitError);
+}
+
+Dict toDBus(const ImageDescription& image) {
+  Dict form;
+  if (image.url) form["url"] = sdbus::Variant(*image.url);
+  if (image.id) form["id"] = sdbus::Variant(*image.id);
+  if (!image.data.empty()) form["data"] = sdbus::Variant(image.data);
+  return form;
+}
+
+std::optional<ImageDescription> imageDescriptionFromDBus(const Dict& form, std::string* problem) {
+  DictSource source{form, {}};
+  ImageDescription image;
+  for (auto [key, into] : {std::pair{"url", &image.url}, std::pair{"id", &image.id}}) {
+    if (std::string text; source.take(key, text)) *into = std::move(text);
+  }
+  if (const auto data = form.find("data");
+      data != form.end() && !data->second.containsValueOfType<std::vector<uint8_t>>()) {
+    noteWrongType<std::vector<uint8_t>>(source.problem, "data");
+  }
+  if (!source.problem.empty()) {
+    if (problem != nullptr) *problem = source.problem;
+    return std::nullopt;
+  }
+  return image;
+}
+
+void writeImages(sdbus::Message& message,
+                 const std::map<std::string, std::span<const uint8_t>>& images) {
+  message.openContainer("{say}");
+  for (const auto& [key, bytes] : images) {
+    message.openDictEntry("say");
+    message << key;
+    const int result =
+        sd_bus_message_append_array(MessageAccess::raw(message), 'y', bytes.data(), bytes.size());
+    if (result < 0) throw sdbus::createError(-result, "cannot append an image");
+    message.closeDictEntry();
+  }
+  message.closeContainer();
+}
+
+bool readImages(sdbus::Message& message, std::map<std::string, std::vector<uint8_t>>& images) {
+  if (!message.enterContainer("{say}")) {
+    message.clearFlags();
+    return false;
+  }
+  while (message.enterDictEntry("say")) {
+    std::string key;
+    message >> key;
+    const void* data = nullptr;
+    size_t size = 0;
+    if (sd_bus_message_read_array(MessageAccess::raw(message), 'y', &data, &size) < 0) {
+      return false;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    images[std::move(key)].assign(bytes, bytes + size);
+    message.exitDictEntry();
+  }
+  message.clearFlags();
+  message.exitContainer();
+  return true;
 }
 
 }  // namespace orvex::dbus
