@@ -283,17 +283,31 @@ struct EntrySource {
 };
 using MessageEntryReader = FieldReader<EntrySource>;
 
+// Reads a dictionary whose entries have the signature `entry` ("sv", "say"), calling
+// `readValue(key)` for each entry's value; false when the message holds no such dictionary here,
+// or when `readValue` fails.
+template <class ReadValue>
+bool readEntries(sdbus::Message& message, const std::string& entry, ReadValue readValue) {
+  if (!message.enterContainer("{" + entry + "}")) {
+    message.clearFlags();
+    return false;
+  }
+  while (message.enterDictEntry(entry)) {
+    std::string key;
+    message >> key;
+    if (!readValue(std::move(key))) return false;
+    message.exitDictEntry();
+  }
+  message.clearFlags();
+  message.exitContainer();
+  return true;
+}
+
 // Reads one a{sv}, handing each entry to `visit(entryReader)`; returns false when the message
 // holds no such dictionary here.
 template <class Visit>
 bool readDict(sdbus::Message& message, std::string& problem, Visit visit) {
-  if (!message.enterContainer("{sv}")) {
-    message.clearFlags();
-    return false;
-  }
-  while (message.enterDictEntry("sv")) {
-    std::string key;
-    message >> key;
+  return readEntries(message, "sv", [&](const std::string& key) {
     std::string type;
     std::string contents;
     message.peekType(type, contents);
@@ -303,11 +317,8 @@ bool readDict(sdbus::Message& message, std::string& problem, Visit visit) {
       sdbus::Variant skipped;
       message >> skipped;
     }
-    message.exitDictEntry();
-  }
-  message.clearFlags();
-  message.exitContainer();
-  return true;
+    return true;
+  });
 }
 
 // The dictionary of `record`'s fields.
@@ -506,13 +517,7 @@ void writeImages(sdbus::Message& message,
 }
 
 bool readImages(sdbus::Message& message, std::map<std::string, std::vector<uint8_t>>& images) {
-  if (!message.enterContainer("{say}")) {
-    message.clearFlags();
-    return false;
-  }
-  while (message.enterDictEntry("say")) {
-    std::string key;
-    message >> key;
+  return readEntries(message, "say", [&](std::string key) {
     const void* data = nullptr;
     size_t size = 0;
     if (sd_bus_message_read_array(MessageAccess::raw(message), 'y', &data, &size) < 0) {
@@ -520,11 +525,8 @@ bool readImages(sdbus::Message& message, std::map<std::string, std::vector<uint8
     }
     const auto* bytes = static_cast<const uint8_t*>(data);
     images[std::move(key)].assign(bytes, bytes + size);
-    message.exitDictEntry();
-  }
-  message.clearFlags();
-  message.exitContainer();
-  return true;
+    return true;
+  });
 }
 
 }  // namespace orvex::dbus
