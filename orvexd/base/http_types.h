@@ -34,6 +34,9 @@ struct HttpRequest {
   // Longest wait for the next bytes of the answer; none takes the session's.
   std::optional<Duration> timeout;
   HttpCachePolicy cachePolicy = HttpCachePolicy::kUseProtocolCachePolicy;
+  // The largest body a download task takes: a longer answer fails the task as one over 64 MiB
+  // fails a data task (CURLE_FILESIZE_EXCEEDED). None: downloads are not bounded.
+  std::optional<uint64_t> maxBodySize;
 };
 
 struct HttpResponse {

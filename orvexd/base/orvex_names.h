@@ -68,6 +68,10 @@ inline constexpr char kORVLocaleChangeNotification[] = "ORVLocaleChangeNotificat
 inline constexpr char kORVDeviceManagementChangeNotification[] =
     "ORVDeviceManagementChangeNotification";
 
+// The image fetcher's work queues: the valid image hosts, and its fetches and loads.
+inline constexpr char kORVImageHostsQueueName[] = "com.zelmor.orvexd.imageHostsQueue";
+inline constexpr char kORVImageFetchQueueName[] = "com.zelmor.orvexd.imageFetchQueue";
+
 // Background activities (ActivityScheduler), which Diagnostics.RunActivity also runs by name.
 inline constexpr char kORVFlusherActivityIdentifier[] = "com.zelmor.orvexd.flusher.background";
 
@@ -93,6 +97,7 @@ inline constexpr char kORVMaxUserAgentLengthKey[] = "ORVMaxUserAgentLength";
 inline constexpr char kORVMaxQueryLengthKey[] = "ORVMaxQueryLength";
 inline constexpr char kORVMaxQueryItemsKey[] = "ORVMaxQueryItems";
 inline constexpr char kORVMaxRecordBytesKey[] = "ORVMaxRecordBytes";
+inline constexpr char kORVMaxImagesPerLoadKey[] = "ORVMaxImagesPerLoad";
 
 // Device overrides of what the system says, for integrators and testing: the device country
 // (replaces the locale's region), the store front, the keyboard input mode and the screen scale
@@ -126,6 +131,10 @@ inline constexpr char kORVCounterSessionWriteFailures[] = "com.zelmor.orvexd.ses
 inline constexpr char kORVCounterRecordsDropped[] = "com.zelmor.orvexd.records.dropped";
 // Feedback records a client sent that were refused: over the size bound, or not a record.
 inline constexpr char kORVCounterRecordsRefused[] = "com.zelmor.orvexd.records.refused";
+// Image fetches not started because as many were running as the fetcher allows at once, and
+// image hosts not remembered because the set of valid hosts was full.
+inline constexpr char kORVCounterImageFetchesRefused[] = "com.zelmor.orvexd.images.fetchesrefused";
+inline constexpr char kORVCounterImageHostsRefused[] = "com.zelmor.orvexd.images.hostsrefused";
 inline constexpr char kORVCounterDPSubmit[] = "com.zelmor.orvexd.dp.submit";
 inline constexpr char kORVCounterDPRecord[] = "com.zelmor.orvexd.dp.record";
 inline constexpr char kORVCounterDPNormalizedLinkWhitelistedBlacklisted[] =

@@ -1,6 +1,8 @@
 #include "orvexd/client/dbus_forms.h"
 
+#include <sdbus-c++/Error.h>
 #include <sdbus-c++/Message.h>
+#include <systemd/sd-bus.h>
 
 #include <array>
 #include <utility>
@@ -187,6 +189,14 @@ void writeDict(sdbus::Message& message, Visit visit) {
   message.closeContainer();
 }
 
+// The sd-bus message under an sdbus-c++ one, for the array calls sdbus-c++ lacks. The member is
+// protected; a pointer to it may be formed in a derived class and used on any message.
+struct MessageAccess : sdbus::Message {
+  static sd_bus_message* raw(sdbus::Message& message) {
+    return static_cast<sd_bus_message*>(message.*(&MessageAccess::msg_));
+  }
+};
+
 // ---- Reading ---------------------------------------------------------------------------------
 
 template <class Info>
@@ -273,17 +283,31 @@ struct EntrySource {
 };
 using MessageEntryReader = FieldReader<EntrySource>;
 
+// Reads a dictionary whose entries have the signature `entry` ("sv", "say"), calling
+// `readValue(key)` for each entry's value; false when the message holds no such dictionary here,
+// or when `readValue` fails.
+template <class ReadValue>
+bool readEntries(sdbus::Message& message, const std::string& entry, ReadValue readValue) {
+  if (!message.enterContainer("{" + entry + "}")) {
+    message.clearFlags();
+    return false;
+  }
+  while (message.enterDictEntry(entry)) {
+    std::string key;
+    message >> key;
+    if (!readValue(std::move(key))) return false;
+    message.exitDictEntry();
+  }
+  message.clearFlags();
+  message.exitContainer();
+  return true;
+}
+
 // Reads one a{sv}, handing each entry to `visit(entryReader)`; returns false when the message
 // holds no such dictionary here.
 template <class Visit>
 bool readDict(sdbus::Message& message, std::string& problem, Visit visit) {
-  if (!message.enterContainer("{sv}")) {
-    message.clearFlags();
-    return false;
-  }
-  while (message.enterDictEntry("sv")) {
-    std::string key;
-    message >> key;
+  return readEntries(message, "sv", [&](const std::string& key) {
     std::string type;
     std::string contents;
     message.peekType(type, contents);
@@ -293,11 +317,8 @@ bool readDict(sdbus::Message& message, std::string& problem, Visit visit) {
       sdbus::Variant skipped;
       message >> skipped;
     }
-    message.exitDictEntry();
-  }
-  message.clearFlags();
-  message.exitContainer();
-  return true;
+    return true;
+  });
 }
 
 // The dictionary of `record`'s fields.
@@ -454,6 +475,58 @@ bool readQueryAnswer(sdbus::Message& message, int64_t& queryId, std::optional<OR
   std::string problem;
   return readOptional(message, problem, reply, visitReply) &&
          readOptional(message, problem, error, visitError);
+}
+
+Dict toDBus(const ImageDescription& image) {
+  Dict form;
+  if (image.url) form["url"] = sdbus::Variant(*image.url);
+  if (image.id) form["id"] = sdbus::Variant(*image.id);
+  if (!image.data.empty()) form["data"] = sdbus::Variant(image.data);
+  return form;
+}
+
+std::optional<ImageDescription> imageDescriptionFromDBus(const Dict& form, std::string* problem) {
+  DictSource source{form, {}};
+  ImageDescription image;
+  for (auto [key, into] : {std::pair{"url", &image.url}, std::pair{"id", &image.id}}) {
+    if (std::string text; source.take(key, text)) *into = std::move(text);
+  }
+  if (const auto data = form.find("data");
+      data != form.end() && !data->second.containsValueOfType<std::vector<uint8_t>>()) {
+    noteWrongType<std::vector<uint8_t>>(source.problem, "data");
+  }
+  if (!source.problem.empty()) {
+    if (problem != nullptr) *problem = source.problem;
+    return std::nullopt;
+  }
+  return image;
+}
+
+void writeImages(sdbus::Message& message,
+                 const std::map<std::string, std::span<const uint8_t>>& images) {
+  message.openContainer("{say}");
+  for (const auto& [key, bytes] : images) {
+    message.openDictEntry("say");
+    message << key;
+    const int result =
+        sd_bus_message_append_array(MessageAccess::raw(message), 'y', bytes.data(), bytes.size());
+    if (result < 0) throw sdbus::createError(-result, "cannot append an image");
+    message.closeDictEntry();
+  }
+  message.closeContainer();
+}
+
+bool readImages(sdbus::Message& message, std::map<std::string, std::vector<uint8_t>>& images) {
+  return readEntries(message, "say", [&](std::string key) {
+    const void* data = nullptr;
+    size_t size = 0;
+    if (sd_bus_message_read_array(MessageAccess::raw(message), 'y', &data, &size) < 0) {
+      return false;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    images[std::move(key)].assign(bytes, bytes + size);
+    return true;
+  });
 }
 
 }  // namespace orvex::dbus

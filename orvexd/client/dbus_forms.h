@@ -9,12 +9,16 @@
 
 #include <sdbus-c++/Types.h>
 
+#include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "orvexd/base/orvex_error.h"
+#include "orvexd/model/image_description.h"
 #include "orvexd/model/orv_reply.h"
 #include "orvexd/model/orv_request.h"
 #include "orvexd/model/orv_session_configuration.h"
@@ -47,6 +51,18 @@ std::optional<ORVReply> replyFromDBus(const Dict& form);
 
 Dict toDBus(const std::optional<OrvexError>& error);
 std::optional<OrvexError> errorFromDBus(const Dict& form);
+
+// An image description of LoadImages: "url" s, "id" s, "data" ay. The daemon never needs an
+// image's own bytes, so the reader only checks the type of "data" and leaves it unread.
+Dict toDBus(const ImageDescription& image);
+std::optional<ImageDescription> imageDescriptionFromDBus(const Dict& form, std::string* problem);
+
+// The a{say} answer of LoadImages, written and read with each image's bytes as one array: the
+// writer copies them into the message straight from where they are, the reader copies each out
+// once (sdbus-c++ alone would go byte by byte). False when the message holds no such answer.
+void writeImages(sdbus::Message& message,
+                 const std::map<std::string, std::span<const uint8_t>>& images);
+bool readImages(sdbus::Message& message, std::map<std::string, std::vector<uint8_t>>& images);
 
 // The same forms written into and read from a message directly, for the per-keystroke path:
 // no sdbus::Variant is made for a field, which halves the cost of a request round trip.

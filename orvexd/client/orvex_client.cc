@@ -269,6 +269,22 @@ ClientResult<QueryAnswer> OrvexClient::endpointRequest(
   });
 }
 
+ClientResult<OrvexClient::Images> OrvexClient::loadImages(
+    const std::vector<ImageDescription>& images, std::chrono::milliseconds timeout) {
+  return guarded([&]() -> Images {
+    std::vector<Dict> forms;
+    for (const auto& image : images) forms.push_back(dbus::toDBus(image));
+    auto call = bus_->endpoint->createMethodCall(kOrvexEndpointInterface, "LoadImages");
+    call << forms << static_cast<uint64_t>(std::max<int64_t>(timeout.count(), 0));
+    auto reply = bus_->endpoint->callMethod(call, timeout + timeout_);
+    Images loaded;
+    if (!dbus::readImages(reply, loaded)) {
+      throw sdbus::Error(kOrvexErrorInvalidArgument, "the daemon's answer is not a{say}");
+    }
+    return loaded;
+  });
+}
+
 ClientResult<Empty> OrvexClient::reportEvent(const std::string& event, int64_t queryId,
                                              const NBFeedback& feedback) {
   return guarded([&] {

@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "orvexd/base/orvex_error.h"
+#include "orvexd/model/image_description.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orv_reply.h"
@@ -131,6 +132,12 @@ class OrvexClient {
   // A more-results or card request through the endpoint.
   ClientResult<QueryAnswer> endpointRequest(const ORVRequest& request,
                                             const ORVSessionConfiguration& configuration);
+  // Endpoint.LoadImages: the bytes of the images the daemon has cached or fetches within
+  // `timeout`, by the "url" (or "id") string each was asked for with; the call itself may take
+  // up to `timeout` plus the client's time-out.
+  using Images = std::map<std::string, std::vector<uint8_t>>;
+  ClientResult<Images> loadImages(const std::vector<ImageDescription>& images,
+                                  std::chrono::milliseconds timeout);
   // Reports one feedback record; there is no answer.
   ClientResult<Empty> reportEvent(const std::string& event, int64_t queryId,
                                   const NBFeedback& feedback);

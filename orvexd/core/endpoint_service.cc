@@ -2,12 +2,19 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <algorithm>
+#include <map>
+#include <span>
+#include <vector>
+
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/client/dbus_forms.h"
 #include "orvexd/model/assembly.h"
+#include "orvexd/model/input_limits.h"
 #include "orvexd/model/interfaces/client_state_manager.h"
 #include "orvexd/platform/bus_connection.h"
+#include "orvexd/platform/clock.h"
 #include "orvexd/platform/worker_pool.h"
 #include "orvexd/query/client_state.h"
 
@@ -18,6 +25,44 @@ namespace {
 const OrvexLog& connectionLog() { return OrvexLogForCategory(kOrvexLogConnection); }
 
 using EndpointReply = BusReply<int64_t, dbus::Dict, dbus::Dict>;
+
+constexpr uint64_t kLongestWaitMs = 3'600'000;
+
+// The images of a LoadImages call; none, and why in `problem`, when they are refused.
+std::optional<std::vector<ImageDescription>> imagesFromForms(const std::vector<dbus::Dict>& forms,
+                                                             const InputLimits& limits,
+                                                             std::string& problem) {
+  std::vector<ImageDescription> images;
+  for (const auto& form : forms) {
+    auto image = dbus::imageDescriptionFromDBus(form, &problem);
+    if (!image) return std::nullopt;
+    images.push_back(std::move(*image));
+  }
+  if (auto over = imagesProblem(images, limits)) {
+    problem = *over;
+    return std::nullopt;
+  }
+  return images;
+}
+
+// The images that fit in one reply, in key order; those that would take it over the bus's
+// limits are left out, with an error log, so that the client still gets the others.
+std::map<std::string, std::span<const uint8_t>> withinReplyLimit(const LoadedImages& loaded) {
+  std::map<std::string, std::span<const uint8_t>> images;
+  size_t size = 16;
+  for (const auto& [key, body] : loaded) {
+    const size_t entry = key.size() + body->size() + 16;
+    if (size + entry > kMaxReplyBytes) {
+      connectionLog().error("LoadImages reply over %lu bytes: leaving out image %@ of %lu bytes",
+                            static_cast<unsigned long>(kMaxReplyBytes), key,
+                            static_cast<unsigned long>(body->size()));
+      continue;
+    }
+    size += entry;
+    images.emplace(key, body->bytes());
+  }
+  return images;
+}
 
 std::string describeConfiguration(const dbus::Dict& form) {
   std::string text = "{";
@@ -114,15 +159,41 @@ void EndpointService::exportEndpoint() {
           });
         });
       });
-  object_->registerMethod("LoadImages")
-      .onInterface(kOrvexEndpointInterface)
-      .withInputParamNames("images", "timeout_ms")
-      .withOutputParamNames("images")
-      .implementedAs([&bus](sdbus::Result<std::map<std::string, std::vector<uint8_t>>>&& result,
-                            std::vector<dbus::Dict>, uint64_t) {
+  // The answer is written by hand, each image straight from its cached file's mapping, which
+  // the reply holds until it is built.
+  object_->registerMethod(
+      kOrvexEndpointInterface, "LoadImages", "aa{sv}t", {"images", "timeout_ms"}, "a{say}",
+      {"images"}, [weakSelf, &bus](sdbus::MethodCall call) {
         runBusHandler("Endpoint.LoadImages", [&] {
-          BusReply<std::map<std::string, std::vector<uint8_t>>> reply(bus, std::move(result));
-          reply.fail(kOrvexErrorNotSupported, "image loading is not available");
+          auto self = weakSelf.lock();
+          if (!self) return;
+          const MonotonicTime arrival = self->assembly_.clock->monotonicNow();
+          self->noteCaller(call);
+          std::vector<dbus::Dict> forms;
+          uint64_t timeoutMs = 0;
+          call >> forms >> timeoutMs;
+          BusCall reply(bus, std::move(call));
+          std::string problem;
+          auto images = imagesFromForms(forms, self->assembly_.inputLimits, problem);
+          if (!images) {
+            reply.fail(kOrvexErrorInvalidArgument, problem);
+            return;
+          }
+          if (images->empty()) {
+            reply.sendWith([](sdbus::MethodReply& message) { dbus::writeImages(message, {}); });
+            return;
+          }
+          // The manager caps the wait; this only keeps the sum from overflowing.
+          const MonotonicTime deadline =
+              arrival + std::chrono::milliseconds(std::min<uint64_t>(timeoutMs, kLongestWaitMs));
+          self->assembly_.workerPool->post([self, reply, images = std::move(*images), deadline] {
+            self->assembly_.clientStateManager->loadImages(
+                std::move(images), deadline, [reply](LoadedImages loaded) {
+                  reply.sendWith([loaded = std::move(loaded)](sdbus::MethodReply& message) {
+                    dbus::writeImages(message, withinReplyLimit(loaded));
+                  });
+                });
+          });
         });
       });
   object_->finishRegistration();

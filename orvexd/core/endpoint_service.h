@@ -1,9 +1,11 @@
 // The endpoint whose path Configure hands out: the object /com/zelmor/orvexd/Endpoint, interface
-// com.zelmor.orvexd.Endpoint. Clients send follow-up requests there with their configuration;
-// it serves only more-results and card requests, and drops anything else without a reply.
+// com.zelmor.orvexd.Endpoint. Clients send follow-up requests there with their configuration
+// (it serves only more-results and card requests, and drops anything else without a reply), and
+// load the images answers named (LoadImages, which waits at most its time-out, counted from the
+// call's arrival, and answers with the images cached by then).
 //
-// Threading: calls arrive on the bus thread, which owns callers_; the requests run on the
-// components' worker pool and are answered back on the bus thread.
+// Threading: calls arrive on the bus thread, which owns callers_; the requests and loads run on
+// the components' worker pool and are answered back on the bus thread.
 #pragma once
 
 #include <memory>

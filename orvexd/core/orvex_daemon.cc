@@ -106,6 +106,16 @@ std::shared_ptr<HttpSession> makeBagSession(Assembly& assembly) {
   return makeSession(assembly, std::move(configuration));
 }
 
+// Downloads to files (images, the resource files): no response cache of its own, since what it
+// fetches is kept on disk by whoever asked for it (the image fetcher moves images into the main
+// session's URL cache). The device's background-transfer settings (discretionary, no metered
+// networks) have no libcurl equivalent.
+std::shared_ptr<HttpSession> makeDownloadSession(Assembly& assembly) {
+  HttpSessionConfiguration configuration;
+  configuration.identifier = "download";
+  return makeSession(assembly, std::move(configuration));
+}
+
 // Uploads: like the bag session, no response cache; its tasks stream their bodies from files.
 std::shared_ptr<HttpSession> makeUploadSession(Assembly& assembly) {
   HttpSessionConfiguration configuration;
@@ -126,6 +136,7 @@ InputLimits readInputLimits(const DefaultsStore& defaults) {
   read(kORVMaxQueryLengthKey, limits.queryStringLength);
   read(kORVMaxQueryItemsKey, limits.queryItemCount);
   read(kORVMaxRecordBytesKey, limits.recordBytes);
+  read(kORVMaxImagesPerLoadKey, limits.imageCount);
   return limits;
 }
 
@@ -161,6 +172,7 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   assembly->persistentStorage =
       std::make_shared<OrvexPersistentStorage>(*assembly, kORVOrvexdNameVersion);
   assembly->openStandaloneSession = StandaloneClientSession::opener(*assembly);
+  assembly->downloadSession = makeDownloadSession(*assembly);
   OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterLaunch);
   assembly->bagSession = makeBagSession(*assembly);
   assembly->uploadSession = makeUploadSession(*assembly);

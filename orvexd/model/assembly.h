@@ -60,10 +60,12 @@ class Assembly {
   // System-wide notify names; none when the daemon has no bus (tests of single components).
   std::shared_ptr<SystemNotifier> systemNotifier;
 
-  // HTTP sessions, set by start-up: the main session for queries (with the URL cache), the bag
-  // session and the background upload session the flushers send on.
+  // HTTP sessions, set by start-up: the main session for queries (with the URL cache, which
+  // also keeps the images), the bag session, the download session that fetches images and
+  // resource files to disk, and the background upload session the flushers send on.
   std::shared_ptr<HttpSession> urlSession;
   std::shared_ptr<HttpSession> bagSession;
+  std::shared_ptr<HttpSession> downloadSession;
   std::shared_ptr<HttpSession> uploadSession;
   // Repeating background jobs (the periodic upload).
   std::shared_ptr<ActivityScheduler> activityScheduler;

@@ -62,4 +62,20 @@ std::optional<std::string> requestProblem(const ORVRequest& request, const Input
   return std::nullopt;
 }
 
+std::optional<std::string> imagesProblem(const std::vector<ImageDescription>& images,
+                                         const InputLimits& limits) {
+  if (images.size() > limits.imageCount) {
+    return overBound("images", images.size(), limits.imageCount, "items");
+  }
+  for (const auto& image : images) {
+    for (const auto& [key, value] : {std::pair{"url", &image.url}, std::pair{"id", &image.id}}) {
+      if (*value && (*value)->size() > limits.queryStringLength) {
+        return overBound(std::string("an image's ").append(key), (*value)->size(),
+                         limits.queryStringLength, "bytes");
+      }
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace orvex

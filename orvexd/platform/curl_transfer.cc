@@ -93,6 +93,11 @@ size_t onBodyToMemory(char* buffer, size_t size, size_t count, void* user) {
 size_t onBodyToFile(char* buffer, size_t size, size_t count, void* user) {
   auto& transfer = *static_cast<CurlTransfer*>(user);
   const size_t length = size * count;
+  if (length > transfer.downloadLimit - transfer.downloaded) {
+    transfer.bodyTooLarge = true;
+    return 0;
+  }
+  transfer.downloaded += length;
   const std::error_code error = writeAll(
       transfer.downloadFd.get(), std::span(reinterpret_cast<const uint8_t*>(buffer), length));
   if (error) {
@@ -220,6 +225,11 @@ std::optional<OrvexError> CurlTransfer::configure(const HttpSessionConfiguration
       }
       curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &onBodyToFile);
       curl_easy_setopt(handle, CURLOPT_WRITEDATA, this);
+      if (request.maxBodySize) {
+        downloadLimit = *request.maxBodySize;
+        curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE,
+                         static_cast<curl_off_t>(std::min<uint64_t>(downloadLimit, INT64_MAX)));
+      }
       break;
     }
     case HttpTaskKind::kUpload: {
@@ -328,8 +338,10 @@ HttpTaskOutcome CurlTransfer::finish(CURLM* multi, CURLcode code, const std::str
 
   if (code != CURLE_OK) {
     if (bodyTooLarge || code == CURLE_FILESIZE_EXCEEDED) {
-      outcome.error =
-          OrvexError(kHttpErrorDomain, CURLE_FILESIZE_EXCEEDED, "response body larger than 64 MiB");
+      const std::string limit =
+          downloadPath.empty() ? "64 MiB" : std::to_string(downloadLimit).append(" bytes");
+      outcome.error = OrvexError(kHttpErrorDomain, CURLE_FILESIZE_EXCEEDED,
+                                 "response body larger than " + limit);
     } else if (downloadErrno != 0) {
       outcome.error = OrvexError(kHttpErrorDomain, CURLE_WRITE_ERROR,
                                  "cannot write download file: " + errnoText(downloadErrno));

@@ -99,6 +99,8 @@ struct CurlTransfer {
   UniqueFd downloadFd;
   std::string downloadPath;
   int downloadErrno = 0;
+  uint64_t downloaded = 0;
+  uint64_t downloadLimit = UINT64_MAX;  // the request's maxBodySize
 
   UniqueFd uploadFd;
   int uploadOpenErrno = 0;  // why openUploadFile() failed

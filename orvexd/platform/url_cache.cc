@@ -21,6 +21,7 @@
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/property_list.h"
 #include "orvexd/base/text_util.h"
+#include "orvexd/base/unique_fd.h"
 #include "orvexd/platform/file_manager.h"
 
 namespace orvex {
@@ -31,16 +32,9 @@ namespace fs = std::filesystem;
 
 const OrvexLog& cacheLog() { return OrvexLogForCategory(kOrvexLogCaching); }
 
-// Disk entry layout (all integers little-endian):
-//   magic "ORVXURLC", u32 version,
-//   u32 length + key URL, u32 length + response URL, i64 status,
-//   u32 header count, then per header u32 length + name, u32 length + value,
-//   i64 storedAt and u8 hasFreshUntil + i64 freshUntil (microseconds since 1970),
-//   u64 length + body, and nothing after it.
-constexpr std::string_view kMagic = "ORVXURLC";
-constexpr uint32_t kFormatVersion = 1;
-constexpr uint32_t kMaxHeaderCount = 4096;
 constexpr std::string_view kTemporaryPrefix = "tmp-";
+// Mapped entries' files: the prefix and the digest of the URL.
+constexpr std::string_view kMappedPrefix = "img-";
 constexpr auto kHeuristicFreshnessCap = std::chrono::hours(24);
 
 bool isCacheableStatus(int64_t status) {
@@ -106,18 +100,6 @@ bool hasValidator(const HttpHeaderMap& headers) {
   return headers.contains("ETag") || headers.contains("Last-Modified");
 }
 
-int64_t toMicros(WallTime time) {
-  return std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count();
-}
-// None for a count a WallTime cannot hold (only a damaged file has one).
-std::optional<WallTime> fromMicros(int64_t micros) {
-  constexpr int64_t kLimit =
-      std::chrono::duration_cast<std::chrono::microseconds>(WallTime::duration::max()).count();
-  if (micros > kLimit || micros < -kLimit) return std::nullopt;
-  return WallTime(
-      std::chrono::duration_cast<WallTime::duration>(std::chrono::microseconds(micros)));
-}
-
 std::string sha256Hex(std::string_view text) {
   std::unique_ptr<EVP_MD_CTX, CFree<&EVP_MD_CTX_free>> context(EVP_MD_CTX_new());
   unsigned char digest[EVP_MAX_MD_SIZE];
@@ -149,158 +131,6 @@ uint64_t diskFootprint(const struct stat& info) {
 
 bool isEntryFileName(std::string_view name) {
   return name.size() == 64 && name.find_first_not_of("0123456789abcdef") == std::string_view::npos;
-}
-
-class Writer {
- public:
-  void bytes(std::string_view data) { out_.append(data); }
-  void u8(uint8_t value) { out_ += static_cast<char>(value); }
-  void u32(uint32_t value) { integer(value, 4); }
-  void u64(uint64_t value) { integer(value, 8); }
-  void i64(int64_t value) { integer(static_cast<uint64_t>(value), 8); }
-  void text(std::string_view data) {
-    u32(static_cast<uint32_t>(data.size()));
-    bytes(data);
-  }
-  std::string take() { return std::move(out_); }
-
- private:
-  void integer(uint64_t value, int width) {
-    for (int i = 0; i < width; ++i) out_ += static_cast<char>((value >> (8 * i)) & 0xff);
-  }
-  std::string out_;
-};
-
-// Reads the disk layout; every read checks the bytes left and fails instead of overrunning.
-class Reader {
- public:
-  explicit Reader(std::string_view data) : data_(data) {}
-  bool bytes(size_t count, std::string_view& out) {
-    if (count > data_.size() - position_) return false;
-    out = data_.substr(position_, count);
-    position_ += count;
-    return true;
-  }
-  bool u8(uint8_t& value) {
-    uint64_t wide = 0;
-    if (!integer(1, wide)) return false;
-    value = static_cast<uint8_t>(wide);
-    return true;
-  }
-  bool u32(uint32_t& value) {
-    uint64_t wide = 0;
-    if (!integer(4, wide)) return false;
-    value = static_cast<uint32_t>(wide);
-    return true;
-  }
-  bool u64(uint64_t& value) { return integer(8, value); }
-  bool i64(int64_t& value) {
-    uint64_t wide = 0;
-    if (!integer(8, wide)) return false;
-    value = static_cast<int64_t>(wide);
-    return true;
-  }
-  bool text(std::string& out) {
-    uint32_t length = 0;
-    std::string_view view;
-    if (!u32(length) || !bytes(length, view)) return false;
-    out = std::string(view);
-    return true;
-  }
-  bool atEnd() const { return position_ == data_.size(); }
-
- private:
-  bool integer(size_t width, uint64_t& value) {
-    std::string_view view;
-    if (!bytes(width, view)) return false;
-    value = 0;
-    for (size_t i = 0; i < width; ++i) {
-      value |= static_cast<uint64_t>(static_cast<unsigned char>(view[i])) << (8 * i);
-    }
-    return true;
-  }
-  std::string_view data_;
-  size_t position_ = 0;
-};
-
-std::string encodeEntry(const std::string& key, const CachedResponse& entry) {
-  Writer writer;
-  writer.bytes(kMagic);
-  writer.u32(kFormatVersion);
-  writer.text(key);
-  writer.text(entry.response.url);
-  writer.i64(entry.response.statusCode);
-  writer.u32(static_cast<uint32_t>(entry.response.headers.size()));
-  for (const auto& [name, value] : entry.response.headers) {
-    writer.text(name);
-    writer.text(value);
-  }
-  writer.i64(toMicros(entry.storedAt));
-  writer.u8(entry.freshUntil ? 1 : 0);
-  writer.i64(entry.freshUntil ? toMicros(*entry.freshUntil) : 0);
-  writer.u64(entry.body.size());
-  writer.bytes(entry.body);
-  return writer.take();
-}
-
-// The entry stored in `data` for `key`, or a reason why the file cannot be used.
-std::optional<CachedResponse> decodeEntry(std::string_view data, const std::string& key,
-                                          std::string& why) {
-  Reader reader(data);
-  std::string_view magic;
-  uint32_t version = 0;
-  if (!reader.bytes(kMagic.size(), magic) || magic != kMagic) {
-    why = "bad magic";
-    return std::nullopt;
-  }
-  if (!reader.u32(version) || version != kFormatVersion) {
-    why = "unknown version";
-    return std::nullopt;
-  }
-  std::string storedKey;
-  CachedResponse entry;
-  uint32_t headerCount = 0;
-  if (!reader.text(storedKey) || !reader.text(entry.response.url) ||
-      !reader.i64(entry.response.statusCode) || !reader.u32(headerCount) ||
-      headerCount > kMaxHeaderCount) {
-    why = "truncated header";
-    return std::nullopt;
-  }
-  if (storedKey != key) {
-    why = "URL differs";
-    return std::nullopt;
-  }
-  for (uint32_t i = 0; i < headerCount; ++i) {
-    std::string name;
-    std::string value;
-    if (!reader.text(name) || !reader.text(value)) {
-      why = "truncated header field";
-      return std::nullopt;
-    }
-    entry.response.headers.emplace(std::move(name), std::move(value));
-  }
-  int64_t storedAt = 0;
-  uint8_t hasFreshUntil = 0;
-  int64_t freshUntil = 0;
-  uint64_t bodyLength = 0;
-  std::string_view body;
-  if (!reader.i64(storedAt) || !reader.u8(hasFreshUntil) || hasFreshUntil > 1 ||
-      !reader.i64(freshUntil) || !reader.u64(bodyLength) || bodyLength > data.size() ||
-      !reader.bytes(static_cast<size_t>(bodyLength), body) || !reader.atEnd()) {
-    why = "truncated or overlong body";
-    return std::nullopt;
-  }
-  const auto stored = fromMicros(storedAt);
-  const auto fresh = fromMicros(freshUntil);
-  if (!stored || !fresh) {
-    why = "time out of range";
-    return std::nullopt;
-  }
-  entry.storedAt = *stored;
-  if (hasFreshUntil != 0) entry.freshUntil = *fresh;
-  entry.body = std::string(body);
-  entry.response.fromCache = true;
-  return entry;
 }
 
 uint64_t entryCost(const std::string& key, const CachedResponse& entry) {
@@ -342,6 +172,7 @@ class LruIndex {
   }
   bool contains(const std::string& key) const { return index_.contains(key); }
   bool empty() const { return entries_.empty(); }
+  size_t size() const { return index_.size(); }
   // The key of the least recently used entry; not when empty().
   std::string oldestKey() const { return entries_.back().key; }
   uint64_t usage() const { return usage_; }
@@ -362,6 +193,13 @@ class LruIndex {
 struct UrlCache::Impl {
   // Files on disk carry no value in the index: the blocks they take are their cost.
   struct OnDisk {};
+  // A mapped entry: the URL it was stored for (its file is named by the URL's digest), what is
+  // kept of the answer, and the mapping of the file.
+  struct Mapped {
+    std::string url;
+    HttpResponse response;
+    std::shared_ptr<const MappedFile> body;
+  };
 
   Impl(uint64_t memory, uint64_t disk, std::string dir, Clock& c)
       : memoryCapacity(memory), diskCapacity(disk), directory(std::move(dir)), clock(c) {}
@@ -383,6 +221,7 @@ struct UrlCache::Impl {
 
   void diskRemove(const std::string& fileName) {
     disk.erase(fileName);
+    mapped.erase(fileName);  // its readers keep the mapping, which outlives the file
     std::error_code error;
     fs::remove(fs::path(directory) / fileName, error);
     if (error) cacheLog().error("cannot remove cache file %@: %@", fileName, error.message());
@@ -395,7 +234,7 @@ struct UrlCache::Impl {
   bool diskWrite(const std::string& key, const CachedResponse& value) {
     const std::string fileName = sha256Hex(key);
     if (fileName.empty()) return false;
-    const std::string bytes = encodeEntry(key, value);
+    const std::string bytes = encodeUrlCacheEntry(key, value);
     const fs::path target = fs::path(directory) / fileName;
     std::error_code linkError;
     if (fs::is_symlink(fs::symlink_status(target, linkError))) {
@@ -439,7 +278,7 @@ struct UrlCache::Impl {
       return std::nullopt;
     }
     std::string why;
-    auto entry = decodeEntry(
+    auto entry = decodeUrlCacheEntry(
         std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()), key, why);
     if (!entry) {
       cacheLog().error("dropping damaged cache file %@: %@", fileName, why);
@@ -450,6 +289,60 @@ struct UrlCache::Impl {
     // Keep the order of use across restarts: the index is rebuilt from modification times.
     ::utimensat(AT_FDCWD, path.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
     return entry;
+  }
+
+  // Keeps the file at `path`, mapped as `body`, as the mapped entry of `url`.
+  bool mappedStore(const std::string& url, HttpResponse response, const std::string& path,
+                   std::shared_ptr<const MappedFile> body) {
+    const std::string digest = sha256Hex(url);
+    if (digest.empty()) return false;
+    const std::string fileName = std::string(kMappedPrefix).append(digest);
+    const fs::path target = fs::path(directory) / fileName;
+    // A rename keeps the file, so the mapping made of it is now a mapping of the cache's file.
+    if (::rename(path.c_str(), target.c_str()) != 0) {
+      if (errno != EXDEV) {
+        cacheLog().error("cannot move %@ into the cache: %@", path, std::strerror(errno));
+        return false;
+      }
+      body = copyIn(path, target);
+      if (!body) return false;
+    }
+    struct stat info {};
+    if (::lstat(target.c_str(), &info) != 0) {
+      ::unlink(target.c_str());
+      return false;
+    }
+    mapped.insert(fileName, Mapped{url, std::move(response), std::move(body)}, 0);
+    diskTouch(fileName, diskFootprint(info));
+    while (mapped.size() > UrlCache::kMaxMappedEntries) diskRemove(mapped.oldestKey());
+    diskEvict();
+    return true;
+  }
+
+  // The file at `path`, on another file system, copied to `target` (by the kernel, not through
+  // a buffer of ours) and mapped there; none, and nothing left behind, on failure.
+  std::shared_ptr<const MappedFile> copyIn(const std::string& path, const fs::path& target) {
+    std::string temporary = (fs::path(directory) / (std::string(kTemporaryPrefix) + "XXXXXX"));
+    UniqueFd created(mkostemp(temporary.data(), O_CLOEXEC));
+    std::error_code error;
+    std::shared_ptr<const MappedFile> body;
+    if (!created) {
+      error = std::error_code(errno, std::generic_category());
+    } else {
+      (void)created.close();
+      fs::copy_file(path, temporary, fs::copy_options::overwrite_existing, error);
+      UniqueFd copy(error ? -1 : ::open(temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+      int mapError = copy ? 0 : errno;
+      if (copy) body = mmapFileHandle(copy.get(), &mapError);
+      if (!error && !body) error = std::error_code(mapError, std::generic_category());
+      if (body && ::rename(temporary.c_str(), target.c_str()) != 0) {
+        error = std::error_code(errno, std::generic_category());
+        body = nullptr;
+      }
+      if (!body) ::unlink(temporary.c_str());
+    }
+    if (!body) cacheLog().error("cannot copy %@ into the cache: %@", path, error.message());
+    return body;
   }
 
   void scanDirectory() {
@@ -469,8 +362,9 @@ struct UrlCache::Impl {
          !error && it != fs::directory_iterator(); it.increment(error)) {
       const std::string name = it->path().filename().string();
       std::error_code entryError;
-      if (name.starts_with(kTemporaryPrefix)) {
-        fs::remove(it->path(), entryError);  // left over from an interrupted write
+      // Left over from an interrupted write, or a mapped entry of an earlier run.
+      if (name.starts_with(kTemporaryPrefix) || name.starts_with(kMappedPrefix)) {
+        fs::remove(it->path(), entryError);
         continue;
       }
       if (!isEntryFileName(name)) continue;
@@ -501,18 +395,10 @@ struct UrlCache::Impl {
 
   mutable std::mutex mutex;
   LruIndex<CachedResponse> memory;  // by URL
-  LruIndex<OnDisk> disk;            // by file name
+  LruIndex<OnDisk> disk;            // by file name, mapped entries' files included
+  LruIndex<Mapped> mapped;          // by file name; costs unused (their files count in `disk`)
   bool directoryReady = false;
 };
-
-std::string encodeUrlCacheEntry(const std::string& key, const CachedResponse& entry) {
-  return encodeEntry(key, entry);
-}
-
-std::optional<CachedResponse> decodeUrlCacheEntry(std::string_view data, const std::string& key,
-                                                  std::string& why) {
-  return decodeEntry(data, key, why);
-}
 
 UrlCache::UrlCache(uint64_t memoryCapacity, uint64_t diskCapacity, std::string directory,
                    Clock& clock)
@@ -608,7 +494,9 @@ void UrlCache::removeResponseForRequest(const HttpRequest& request) {
   impl_->memory.erase(request.url);
   if (impl_->diskEnabled()) {
     const std::string fileName = sha256Hex(request.url);
-    if (impl_->disk.contains(fileName)) impl_->diskRemove(fileName);
+    for (const std::string& name : {fileName, std::string(kMappedPrefix).append(fileName)}) {
+      if (impl_->disk.contains(name)) impl_->diskRemove(name);
+    }
   }
 }
 
@@ -616,6 +504,35 @@ void UrlCache::removeAllResponses() {
   std::lock_guard lock(impl_->mutex);
   impl_->memory.clear();
   while (!impl_->disk.empty()) impl_->diskRemove(impl_->disk.oldestKey());
+}
+
+bool UrlCache::storeMappedResponse(const HttpRequest& request, const HttpResponse& response,
+                                   const std::string& path,
+                                   std::shared_ptr<const MappedFile> body) {
+  // The same bound on one entry as for the others' disk tier.
+  if (request.method != "GET" || !body || body->size() > impl_->diskCapacity / 20) return false;
+  // What a reader of an image needs of its answer; the other headers would only take memory.
+  HttpResponse kept;
+  kept.url = response.url;
+  kept.statusCode = response.statusCode;
+  if (auto type = response.headers.find("Content-Type"); type != response.headers.end()) {
+    kept.headers.emplace(type->first, type->second);
+  }
+  kept.fromCache = true;
+  std::lock_guard lock(impl_->mutex);
+  if (!impl_->diskEnabled()) return false;
+  return impl_->mappedStore(request.url, std::move(kept), path, std::move(body));
+}
+
+std::optional<MappedCachedResponse> UrlCache::mappedResponseForRequest(
+    const HttpRequest& request) const {
+  if (request.method != "GET") return std::nullopt;
+  const std::string fileName = std::string(kMappedPrefix).append(sha256Hex(request.url));
+  std::lock_guard lock(impl_->mutex);
+  const auto* found = impl_->mapped.use(fileName);
+  if (found == nullptr || found->value.url != request.url) return std::nullopt;
+  impl_->disk.use(fileName);
+  return MappedCachedResponse{found->value.response, found->value.body};
 }
 
 }  // namespace orvex

@@ -3,6 +3,14 @@
 // Cache-Control (max-age, no-store, no-cache) and Expires headers; an answer with a validator
 // (ETag, Last-Modified) can be revalidated with a conditional request once stale.
 //
+// Besides these, the cache keeps mapped entries (images): the downloaded file itself, moved into
+// the cache's directory and mapped, so that its bytes are never copied into memory. They count
+// against the disk capacity like the other entries, at most kMaxMappedEntries of them, and are
+// kept until evicted or removed whatever their freshness (an image's URL names its content).
+// They do not outlive the process: the files a previous run left are deleted when the directory
+// is scanned, so no mapped entry is ever read back from disk. Only mappedResponseForRequest sees
+// them; the HTTP sessions' lookups do not.
+//
 // Thread-safe: sessions look answers up and store them from their network threads. Entries read
 // back from disk are checked; a damaged or foreign file is dropped, never trusted.
 #pragma once
@@ -15,22 +23,16 @@
 
 #include "orvexd/base/http_types.h"
 #include "orvexd/platform/clock.h"
+#include "orvexd/platform/mapped_file.h"
+#include "orvexd/platform/url_cache_codec.h"
 
 namespace orvex {
 
-struct CachedResponse {
+// An answer kept as a file of its own and mapped (see storeMappedResponse).
+struct MappedCachedResponse {
   HttpResponse response;
-  std::string body;
-  WallTime storedAt;
-  // When the answer stops being fresh; none means it must be revalidated before each use.
-  std::optional<WallTime> freshUntil;
+  std::shared_ptr<const MappedFile> body;
 };
-
-// The file an entry is kept in on disk, and its reader, which checks every length against the
-// bytes and gives none, with a reason in `why`, for a damaged file or one stored for another key.
-std::string encodeUrlCacheEntry(const std::string& key, const CachedResponse& entry);
-std::optional<CachedResponse> decodeUrlCacheEntry(std::string_view data, const std::string& key,
-                                                  std::string& why);
 
 class UrlCache {
  public:
@@ -54,8 +56,21 @@ class UrlCache {
   // whether it was stored.
   bool storeResponse(const HttpRequest& request, const HttpResponse& response,
                      const std::string& body);
+  // Removes the entry of the request's URL, mapped or not.
   void removeResponseForRequest(const HttpRequest& request);
   void removeAllResponses();
+
+  static constexpr size_t kMaxMappedEntries = 4096;
+  // Moves the file at `path` into the cache's directory and keeps it, with `body` its mapping,
+  // for the request's URL (in place of an earlier mapped entry of that URL). When the file
+  // cannot be renamed there (another file system) it is copied and the copy mapped. Returns
+  // whether the entry was kept: not without a usable directory, for a request other than GET, or
+  // for a body larger than an entry may be; the file is then left where it was.
+  bool storeMappedResponse(const HttpRequest& request, const HttpResponse& response,
+                           const std::string& path, std::shared_ptr<const MappedFile> body);
+  // The mapped entry of the request's URL. Its body stays valid for as long as the caller holds
+  // it, even when the entry is evicted (and its file unlinked) meanwhile.
+  std::optional<MappedCachedResponse> mappedResponseForRequest(const HttpRequest& request) const;
 
  private:
   struct Impl;

@@ -7,6 +7,7 @@
 #include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/worker_pool.h"
 #include "orvexd/query/client_state.h"
+#include "orvexd/query/image_fetcher.h"
 
 namespace orvex {
 
@@ -21,7 +22,8 @@ constexpr const char* kSessionsKey = "sessions";
 OrvexClientStateManager::OrvexClientStateManager(Assembly& assembly)
     : assembly_(assembly),
       persistSessions_(assembly.userDefaults->boolForKey(kORVPersistSessionsKey)),
-      stateCacheQueue_("com.zelmor.orvexd.stateCache", *assembly.workerPool, *assembly.clock) {}
+      stateCacheQueue_("com.zelmor.orvexd.stateCache", *assembly.workerPool, *assembly.clock),
+      imageFetcher_(std::make_shared<ImageFetcher>(assembly)) {}
 
 OrvexClientStateManager::~OrvexClientStateManager() = default;
 
@@ -143,6 +145,16 @@ void OrvexClientStateManager::saveState() {
     self->assembly_.userDefaults->setObject(kSessionsKey, PlistValue(std::move(array)));
     self->assembly_.userDefaults->synchronize();
   });
+}
+
+void OrvexClientStateManager::processImagesFromResponse(const nlohmann::json& answer,
+                                                        std::shared_ptr<const ORVBag> bag) {
+  imageFetcher_->processImagesFromResponse(answer, std::move(bag));
+}
+
+void OrvexClientStateManager::loadImages(std::vector<ImageDescription> images,
+                                         MonotonicTime deadline, ImagesCompletion completion) {
+  imageFetcher_->loadImages(std::move(images), deadline, std::move(completion));
 }
 
 std::vector<ClientSessionEntry> OrvexClientStateManager::sessions() {

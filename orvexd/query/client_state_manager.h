@@ -12,6 +12,8 @@
 // while there are states it could drop; so a state goes between one day and one day and an hour
 // after its last use.
 //
+// Images go to the manager's image fetcher (image_fetcher.h), which keeps its own state.
+//
 // Threading: "com.zelmor.orvexd.stateCache" owns stateCache_ and sweepArmed_; lookups and
 // listing wait for it (they must not be called from it), saving and sweeping are posted to it.
 #pragma once
@@ -30,6 +32,7 @@ namespace orvex {
 
 class Assembly;
 class ClientState;
+class ImageFetcher;
 
 class OrvexClientStateManager final : public ClientStateManager,
                                       public std::enable_shared_from_this<OrvexClientStateManager> {
@@ -50,6 +53,10 @@ class OrvexClientStateManager final : public ClientStateManager,
   void saveState() override;
   std::vector<ClientSessionEntry> sessions() override;
   std::string endpoint() const override { return kOrvexEndpointPath; }
+  void processImagesFromResponse(const nlohmann::json& answer,
+                                 std::shared_ptr<const ORVBag> bag) override;
+  void loadImages(std::vector<ImageDescription> images, MonotonicTime deadline,
+                  ImagesCompletion completion) override;
 
  private:
   struct Entry {
@@ -69,6 +76,7 @@ class OrvexClientStateManager final : public ClientStateManager,
   SerialQueue stateCacheQueue_;              // "com.zelmor.orvexd.stateCache"
   std::map<std::string, Entry> stateCache_;  // owned by stateCacheQueue_
   bool sweepArmed_ = false;                  // owned by stateCacheQueue_
+  const std::shared_ptr<ImageFetcher> imageFetcher_;
 };
 
 }  // namespace orvex

@@ -8,6 +8,7 @@
 #include "orvexd/base/text_util.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/model/interfaces/bag_controller.h"
+#include "orvexd/model/interfaces/client_state_manager.h"
 #include "orvexd/network/retryable_network_request.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
@@ -165,6 +166,9 @@ void NetworkQuery::answerInArray(HttpDataResult result, int64_t statusCode) {
     feedback_.failSearchFeedback(error, start_, size, statusCode, result.timing);
     return;
   }
+  if (const auto config = state_->configuration(); !config || !config->dontPreloadImages) {
+    assembly_.clientStateManager->processImagesFromResponse(parsed, bag_);
+  }
   ORVReply answer = state_->makeReply(request_, &httpRequest_, &*result.response);
   answer.rawResponse = jsonTextForBus("[" + parsed.dump() + "]");
   reply_(request_.queryId, std::move(answer), std::nullopt);
@@ -198,6 +202,9 @@ void NetworkQuery::answerAsObject(HttpDataResult result, int64_t statusCode) {
       cache->removeResponseForRequest(httpRequest_);
     }
   } else {
+    if (const auto config = state_->configuration(); !config || !config->dontPreloadImages) {
+      assembly_.clientStateManager->processImagesFromResponse(parsed, bag_);
+    }
     if (kind_.cachesAnswer) {
       state_->cacheResponse(parsed, httpRequest_, request_.queryString, start_->uuid.value_or(""));
     }

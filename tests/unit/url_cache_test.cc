@@ -1,5 +1,6 @@
 #include "orvexd/platform/url_cache.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -8,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "orvexd/base/unique_fd.h"
 #include "tests/support/test_environment.h"
 
 namespace orvex {
@@ -194,6 +196,53 @@ TEST_F(UrlCacheTest, PersistsAcrossInstancesAndDropsDamagedFiles) {
     EXPECT_FALSE(std::filesystem::exists(corruptFile)) << "a damaged file is deleted";
     EXPECT_TRUE(cache.cachedResponseForRequest(get("http://p/keep"))) << "others stay";
   }
+}
+
+TEST_F(UrlCacheTest, MappedEntriesOutliveTheirEvictionWhileHeldAndTheirFilesGo) {
+  const auto mapped = [this](const std::string& name, size_t size, char fill, int* error) {
+    const auto path = temp_ / name;
+    testing::writeTextFile(path, std::string(size, fill));
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return mmapFileHandle(file.get(), error);
+  };
+  int error = 0;
+  EXPECT_FALSE(mapped("empty", 0, 'e', &error));
+  EXPECT_EQ(error, EINVAL);
+
+  const auto imageFiles = [this] {
+    size_t count = 0;
+    for (const auto& file : filesIn(directory_))
+      count += file.filename().string().starts_with("img-");
+    return count;
+  };
+  // 12,000 bytes each (three blocks of 4 KiB): 256 KiB hold about 21 of them.
+  UrlCache cache(1 << 20, 256 * 1024, directory_, *platform_.clock);
+  const auto store = [&](int i) {
+    const std::string name = std::to_string(i);
+    return cache.storeMappedResponse(get("http://img/" + name), answer(200, {}),
+                                     (temp_ / name).string(),
+                                     mapped(name, 12000, 'a' + i % 26, nullptr));
+  };
+  ASSERT_TRUE(store(0));
+  EXPECT_FALSE(std::filesystem::exists(temp_ / "0")) << "moved into the cache";
+  EXPECT_FALSE(cache.cachedResponseForRequest(get("http://img/0"))) << "not for HTTP lookups";
+  const auto held = cache.mappedResponseForRequest(get("http://img/0"));
+  ASSERT_TRUE(held);
+  for (int i = 1; i < 30; ++i) ASSERT_TRUE(store(i));
+  EXPECT_FALSE(cache.mappedResponseForRequest(get("http://img/0"))) << "evicted";
+  EXPECT_LE(cache.currentDiskUsage(), 256u * 1024);
+  EXPECT_LT(imageFiles(), 30u);
+  EXPECT_GT(imageFiles(), 10u);
+  const auto bytes = held->body->bytes();
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), std::string(12000, 'a'));
+
+  // Mapped entries are not kept across instances: their files go when the directory is read.
+  const auto last = cache.mappedResponseForRequest(get("http://img/29"));
+  ASSERT_TRUE(last);
+  UrlCache reopened(1 << 20, 256 * 1024, directory_, *platform_.clock);
+  EXPECT_FALSE(reopened.mappedResponseForRequest(get("http://img/29")));
+  EXPECT_EQ(imageFiles(), 0u);
+  EXPECT_EQ(last->body->bytes()[11999], 'a' + 29 % 26);
 }
 
 }  // namespace
