@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds orvexd and the reference back-end, runs the back-end on loopback and the daemon on a
 # private session bus pointed at it: shows that the daemon owns com.zelmor.orvexd, the bag it
-# fetched from the back-end, its counters and two searches through orvexctl, then leaves both
-# running until you press Enter (or Ctrl-C).
+# fetched from the back-end, its counters, two searches, a zero-keyword page and the bytes of the
+# images it names through orvexctl, then leaves both running until you press Enter (or Ctrl-C).
 #
 # The build's, the daemon's and the back-end's output go to log files whose paths are printed;
 # they are shown only when something fails.
@@ -110,6 +110,18 @@ for query in weath weathe; do
 done
 echo
 echo "orvex-backend received $(grep -c 'GET /search' "$logs/orvex-backend.log" || true) search request(s)"
+
+# The zero-keyword page names images; the daemon fetched them into its cache as the answer came.
+# A front-end then asks the daemon for their bytes instead of fetching them itself.
+ctl=(build/bin/orvexctl --address "$DBUS_SESSION_BUS_ADDRESS")
+echo
+echo "\$ orvexctl zkw"
+"${ctl[@]}" zkw
+mapfile -t images < <("${ctl[@]}" --json zkw |
+  jq -r '[.reply.rawResponse | .. | objects | .url? | strings] | unique | .[]')
+echo
+echo "\$ orvexctl images <the ${#images[@]} image URLs the zero-keyword answer names>"
+"${ctl[@]}" images --out "$work" "${images[@]}"
 
 if [[ -t 0 ]]; then
   echo

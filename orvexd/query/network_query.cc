@@ -166,9 +166,7 @@ void NetworkQuery::answerInArray(HttpDataResult result, int64_t statusCode) {
     feedback_.failSearchFeedback(error, start_, size, statusCode, result.timing);
     return;
   }
-  if (const auto config = state_->configuration(); !config || !config->dontPreloadImages) {
-    assembly_.clientStateManager->processImagesFromResponse(parsed, bag_);
-  }
+  preloadImages(parsed);
   ORVReply answer = state_->makeReply(request_, &httpRequest_, &*result.response);
   answer.rawResponse = jsonTextForBus("[" + parsed.dump() + "]");
   reply_(request_.queryId, std::move(answer), std::nullopt);
@@ -202,9 +200,7 @@ void NetworkQuery::answerAsObject(HttpDataResult result, int64_t statusCode) {
       cache->removeResponseForRequest(httpRequest_);
     }
   } else {
-    if (const auto config = state_->configuration(); !config || !config->dontPreloadImages) {
-      assembly_.clientStateManager->processImagesFromResponse(parsed, bag_);
-    }
+    preloadImages(parsed);
     if (kind_.cachesAnswer) {
       state_->cacheResponse(parsed, httpRequest_, request_.queryString, start_->uuid.value_or(""));
     }
@@ -218,6 +214,12 @@ void NetworkQuery::answerAsObject(HttpDataResult result, int64_t statusCode) {
     feedback_.endNetworkFeedback(start_, raw, size, statusCode, result.timing);
   }
   if (kind_.cachesAnswer) handleForceFetch(*result.response);
+}
+
+// The images an answer names are fetched as it arrives, unless the client said it shows none.
+void NetworkQuery::preloadImages(const nlohmann::json& answer) const {
+  if (const auto config = state_->configuration(); config && config->dontPreloadImages) return;
+  assembly_.clientStateManager->processImagesFromResponse(answer, bag_);
 }
 
 void NetworkQuery::handleForceFetch(const HttpResponse& response) const {

@@ -64,6 +64,7 @@ class NetworkQuery : public std::enable_shared_from_this<NetworkQuery> {
   void completed(HttpDataResult result);
   void answerInArray(HttpDataResult result, int64_t statusCode);
   void answerAsObject(HttpDataResult result, int64_t statusCode);
+  void preloadImages(const nlohmann::json& answer) const;
   void handleForceFetch(const HttpResponse& response) const;
 
   const NetworkQueryKind& kind_;

@@ -68,6 +68,11 @@ Commands:
   flight CODE-NUMBER  the flights of the daemon's flight data file with that carrier code
                       and number; flight --id ID, the flight with that identifier
                         orvexctl flight ZL-12
+  images URL...       the bytes the daemon holds for each image URL (fetching those it
+                      lacks, from hosts its answers named, for up to --timeout ms,
+                      default 5000), saved as numbered files; prints size and type
+      --out DIR         where the files go (default: the current directory)
+                        orvexctl images http://127.0.0.1:8080/images/48x48/legacy/starred.png
   sessions            the clients the daemon knows: identifier and agent
                         orvexctl sessions
   counters [PREFIX]   the daemon's diagnostic counters, sorted, those starting with PREFIX
@@ -126,7 +131,8 @@ constexpr std::pair<std::string_view, std::optional<std::string> Options::*>
     kOptionalTextOptions[] = {{"--event", &Options::event},
                               {"--context", &Options::context},
                               {"--domain", &Options::domain},
-                              {"--id", &Options::flightId}};
+                              {"--id", &Options::flightId},
+                              {"--out", &Options::outputDirectory}};
 constexpr std::pair<std::string_view, bool Options::*> kFlags[] = {
     {"--json", &Options::json}, {"--help", &Options::help}, {"--verbose", &Options::verbose}};
 
@@ -413,6 +419,7 @@ constexpr Command kCommands[] = {
     {"lookup", runQuery, 1, 1,
      "lookup TEXT [--context APP] [--domain DOMAIN] [--query-id N] [--verbose]"},
     {"flight", runQuery, 0, 1, "flight CODE-NUMBER | flight --id ID"},
+    {"images", runImages, 1, 256, "images URL... [--out DIR]"},
     {"sessions", runSessions, 0, 0, "sessions"},
     {"counters", runCounters, 0, 1, "counters [PREFIX]"},
     {"feedback", runFeedback, 0, 0, "feedback"},
@@ -450,6 +457,9 @@ int run(int argc, char** argv) {
       throw UsageError{"--context and --domain are for lookup"};
     }
     if (options.flightId && command->name != "flight") throw UsageError{"--id is for flight"};
+    if (options.outputDirectory && command->name != "images") {
+      throw UsageError{"--out is for images"};
+    }
     if (command->name == "flight" && options.flightId.has_value() == (count == 1)) {
       throw UsageError{"usage: orvexctl [OPTIONS] " + std::string(command->usage)};
     }

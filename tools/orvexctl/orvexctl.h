@@ -45,6 +45,8 @@ struct Options {
   std::optional<std::string> context;
   std::optional<std::string> domain;
   std::optional<std::string> flightId;
+  // images: where the images go (default: the current directory).
+  std::optional<std::string> outputDirectory;
   // report: the record, read and checked before the daemon is contacted.
   FeedbackRecordPtr record;
 };
@@ -115,6 +117,8 @@ class Session {
 
 // The queries (query_commands.cc): the kind is options.kind.
 int runQuery(Session& session, const Options& options);
+// images URL...: the daemon's bytes for each image, saved to files.
+int runImages(Session& session, const Options& options);
 
 // The flusher control channel (flusher_commands.cc).
 int runFlusher(Session& session, const Options& options);

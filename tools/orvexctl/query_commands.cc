@@ -1,6 +1,10 @@
 // orvexctl's queries: search, zero-keyword suggestions, more results, cards, lookups and
-// flights, each printed for a person (or as the daemon's reply with --json).
+// flights, each printed for a person (or as the daemon's reply with --json), and the images
+// answers name, saved to files.
 #include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
 #include <map>
 
 #include "tools/orvex-backend/query_items.h"
@@ -197,6 +201,84 @@ int runQuery(Session& session, const Options& options) {
     std::cerr << "orvexctl: " << kindName(request.kind)
               << " failed: " << describeError(*result.error) << "\n";
     return kExitFailure;
+  }
+  return kExitOk;
+}
+
+}  // namespace orvex::ctl
+
+namespace orvex::ctl {
+namespace {
+
+// What an image's first bytes say it is.
+std::string imageTypeOf(const std::vector<uint8_t>& bytes) {
+  const std::string_view head(reinterpret_cast<const char*>(bytes.data()),
+                              std::min<size_t>(bytes.size(), 256));
+  if (head.starts_with("\x89PNG\r\n\x1a\n")) return "image/png";
+  if (head.starts_with("\xff\xd8\xff")) return "image/jpeg";
+  if (head.starts_with("GIF87a") || head.starts_with("GIF89a")) return "image/gif";
+  if (head.starts_with("RIFF") && head.substr(8, 4) == "WEBP") return "image/webp";
+  if (head.find("<svg") != std::string_view::npos) return "image/svg+xml";
+  return "application/octet-stream";
+}
+
+// A file name for the `index`th image: its number and the last part of its URL's path, with
+// anything but letters, digits, '.', '-' and '_' replaced.
+std::string fileNameFor(size_t index, const std::string& url) {
+  std::string_view path(url);
+  path = path.substr(0, path.find_first_of("?#"));
+  std::string name(path.substr(path.find_last_of('/') + 1));
+  for (char& c : name) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-' && c != '_') c = '_';
+  }
+  if (name.empty() || name.front() == '.') name.insert(0, "image");
+  return std::to_string(index + 1) + "-" + name;
+}
+
+// How long the daemon may take to fetch what it does not have yet.
+constexpr std::chrono::milliseconds kImagesWait{5000};
+
+}  // namespace
+
+int runImages(Session& session, const Options& options) {
+  std::vector<ImageDescription> images;
+  for (const auto& url : options.arguments) images.push_back({url, std::nullopt, {}});
+  auto answer = session.client().loadImages(images, options.timeout.value_or(kImagesWait));
+  if (!answer) return busFailure("Endpoint.LoadImages", answer.error());
+  const std::filesystem::path directory = options.outputDirectory.value_or(".");
+  json listed = json::array();
+  uint64_t total = 0;
+  for (size_t i = 0; i < options.arguments.size(); ++i) {
+    const auto& url = options.arguments[i];
+    const auto found = answer.value().find(url);
+    if (found == answer.value().end()) {
+      listed.push_back({{"url", url}, {"bytes", nullptr}});
+      if (!options.json) std::cout << "not returned  " << url << "\n";
+      continue;
+    }
+    const auto& bytes = found->second;
+    const auto file = directory / fileNameFor(i, url);
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
+    if (!out.flush()) {
+      std::cerr << "orvexctl: cannot write " << file.string() << "\n";
+      return kExitFailure;
+    }
+    total += bytes.size();
+    const auto type = imageTypeOf(bytes);
+    listed.push_back(
+        {{"url", url}, {"bytes", bytes.size()}, {"type", type}, {"file", file.string()}});
+    if (!options.json) {
+      std::cout << bytes.size() << " bytes  " << type << "  " << file.string() << "  " << url
+                << "\n";
+    }
+  }
+  if (options.json) {
+    printJson(listed);
+  } else {
+    std::cout << answer.value().size() << " of " << options.arguments.size() << " images, " << total
+              << " bytes\n";
   }
   return kExitOk;
 }
