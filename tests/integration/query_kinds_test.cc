@@ -1,6 +1,7 @@
 // The query kinds other than search, through the real daemon and the reference back-end: where
-// each goes and with what, the shape of its answer, the records it leaves, a disabled bag, and
-// flights answered from the local data file.
+// each goes and with what, the shape of its answer, the records it leaves, the images it names
+// (prefetched, then loaded from the cache), a disabled bag, and flights answered from the local
+// data file.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -66,6 +67,12 @@ Json networkStarts(OrvexClient& client, size_t count) {
   return starts;
 }
 
+// Whether the daemon soon logs `text`.
+bool logged(testing::DaemonHarness& harness, const std::string& text) {
+  return testing::eventually([&] { return harness.daemonLog().find(text) != std::string::npos; },
+                             10s);
+}
+
 TEST(QueryKindsTest, EachKindReachesItsEndpointWithItsItemsAndAnswersItsShape) {
   testing::DaemonHarness harness(kBag);
   harness.start();
@@ -115,16 +122,36 @@ TEST(QueryKindsTest, EachKindReachesItsEndpointWithItsItemsAndAnswersItsShape) {
   ASSERT_TRUE(raw(cardAnswer).is_array()) << raw(cardAnswer);
   EXPECT_EQ(lastItems(harness.backend(), "card")["q"], "light");
 
+  // The answers' images came into the daemon's cache as they arrived: LoadImages hands out the
+  // very bytes of the back-end's icon file without fetching it again. An image the back-end
+  // does not have is not kept.
+  const std::string icon = raw(zkw)["icon"]["url"];
+  const std::string prefix = harness.backend().baseUrl() + "/images/";
+  ASSERT_TRUE(icon.starts_with(prefix)) << icon;
+  ASSERT_TRUE(logged(harness, " bytes for " + icon));
+  const std::string file =
+      testing::readTextFile("/usr/share/icons/Adwaita/" + icon.substr(prefix.size()));
+  auto loaded = client->loadImages({{icon, std::nullopt, {}}}, 5000ms);
+  ASSERT_TRUE(loaded) << loaded.error().message;
+  EXPECT_EQ(loaded.value().at(icon), std::vector<uint8_t>(file.begin(), file.end()));
+  size_t iconFetches = 0;
+  for (const auto& request : harness.backend().requests()) {
+    iconFetches +=
+        request.endpoint == "images" && harness.backend().baseUrl() + request.path == icon;
+  }
+  EXPECT_EQ(iconFetches, 1u);
+  card.queryItems.push_back({"missing_image", "1"});
+  ASSERT_TRUE(client->endpointRequest(card, kGlance));
+  EXPECT_TRUE(
+      logged(harness, "Bad status code 404 for image " + prefix + "48x48/legacy/no-such-icon.png"));
+
   // A card the back-end fails is answered with an error, and logged.
   harness.backend().setFault("card", {{"status", 503}, {"count", 1}});
   auto failed = client->endpointRequest(card, kGlance);
   ASSERT_TRUE(failed);
   EXPECT_FALSE(failed.value().reply);
   EXPECT_TRUE(failed.value().error);
-  EXPECT_TRUE(testing::eventually([&] {
-    return harness.daemonLog().find("Card fetch failed with HTTP status code 503") !=
-           std::string::npos;
-  }));
+  EXPECT_TRUE(logged(harness, "Card fetch failed with HTTP status code 503"));
 
   // The records: each request's start, at its endpoint; the more-results start has no input,
   // its URL having no "q"; the lookup's carries how its text was selected.
