@@ -186,14 +186,15 @@ void EndpointService::exportEndpoint() {
           // The manager caps the wait; this only keeps the sum from overflowing.
           const MonotonicTime deadline =
               arrival + std::chrono::milliseconds(std::min<uint64_t>(timeoutMs, kLongestWaitMs));
-          self->assembly_.workerPool->post([self, reply, images = std::move(*images), deadline] {
-            self->assembly_.clientStateManager->loadImages(
-                std::move(images), deadline, [reply](LoadedImages loaded) {
-                  reply.sendWith([loaded = std::move(loaded)](sdbus::MethodReply& message) {
-                    dbus::writeImages(message, withinReplyLimit(loaded));
-                  });
-                });
-          });
+          self->assembly_.workerPool->post(
+              [self, reply, images = std::move(*images), deadline]() mutable {
+                self->assembly_.clientStateManager->loadImages(
+                    std::move(images), deadline, [reply](LoadedImages loaded) {
+                      reply.sendWith([loaded = std::move(loaded)](sdbus::MethodReply& message) {
+                        dbus::writeImages(message, withinReplyLimit(loaded));
+                      });
+                    });
+              });
         });
       });
   object_->finishRegistration();

@@ -486,14 +486,14 @@ void ClientState::card(const ORVRequest& request, QueryReply reply) {
 }
 
 // Flights come from the data file, read afresh for each query, and are answered as an array.
-void ClientState::flightSearch(const ORVRequest& request, QueryReply reply) {
+void ClientState::flightSearch(const ORVRequest& request, const QueryReply& reply) {
   answerFlights(
       request,
       flightsMatchingQuery(loadFlightDebugData(assembly_.userDefaults.get()), request.flightQuery),
       reply);
 }
 
-void ClientState::flightLookup(const ORVRequest& request, QueryReply reply) {
+void ClientState::flightLookup(const ORVRequest& request, const QueryReply& reply) {
   answerFlights(
       request,
       flightsWithIdentifier(loadFlightDebugData(assembly_.userDefaults.get()), request.flightId),

@@ -96,8 +96,8 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   void moreResults(const ORVRequest& request, QueryReply reply);
   void card(const ORVRequest& request, QueryReply reply);
   void lookup(const ORVRequest& request, QueryReply reply);
-  void flightSearch(const ORVRequest& request, QueryReply reply);
-  void flightLookup(const ORVRequest& request, QueryReply reply);
+  void flightSearch(const ORVRequest& request, const QueryReply& reply);
+  void flightLookup(const ORVRequest& request, const QueryReply& reply);
 
   // The reply to `request`: its scale, the maps session entity and, when the client asked for a
   // verbose reply, the HTTP exchange.
