@@ -69,6 +69,12 @@ void ClientSessionManager::reportErrorAsOrvexdFeedback(const OrvexError& error,
   }
 }
 
+void ClientSessionManager::addOrvexdFeedback(FeedbackRecordPtr record, Assembly& assembly) {
+  if (!assembly.clientSessionManager) return;
+  assembly.clientSessionManager->addOrvexFeedback(
+      OrvexFeedback::initWithFeedback(std::move(record), 0, std::nullopt, orvexdUserAgent()));
+}
+
 std::string ClientSessionManager::currentGuidString() {
   return guidController_ ? guidController_->currentUserGUID().upperString() : std::string();
 }

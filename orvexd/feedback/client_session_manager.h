@@ -84,6 +84,8 @@ class ClientSessionManager final : public SessionManager,
   static std::string orvexdUserAgent();
   // Records `error` as an error record of the daemon's own in the Assembly's session manager.
   static void reportErrorAsOrvexdFeedback(const OrvexError& error, Assembly& assembly);
+  // Records one of the daemon's own records (query id 0, the daemon's user agent) there.
+  static void addOrvexdFeedback(FeedbackRecordPtr record, Assembly& assembly);
 
  private:
   // What moves the state machine.

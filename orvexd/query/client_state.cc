@@ -43,13 +43,6 @@ constexpr uint32_t kWarmEndpoint = 12;
 
 OrvexError bagError(const char* reason) { return OrvexError(kORVErrorDomain, 1, reason); }
 
-// Records one of the daemon's own records in the shared session manager.
-void addDaemonFeedback(Assembly& assembly, FeedbackRecordPtr record) {
-  if (!assembly.clientSessionManager) return;
-  assembly.clientSessionManager->addOrvexFeedback(
-      OrvexFeedback::initWithFeedback(std::move(record), 0, std::nullopt, kORVOrvexdNameVersion));
-}
-
 }  // namespace
 
 std::shared_ptr<ClientState> ClientState::initWithIdentifier(std::string identifier,
@@ -257,7 +250,7 @@ void ClientState::warm() {
 
   auto start = makeStartNetworkFeedback(*request, "", kWarmTriggerEvent, kWarmEndpoint,
                                         assembly_.clock->monotonicNow());
-  addDaemonFeedback(assembly_, start);
+  ClientSessionManager::addOrvexdFeedback(start, assembly_);
 
   Assembly& assembly = assembly_;
   auto task = assembly_.urlSession->dataTask(
@@ -271,7 +264,7 @@ void ClientState::warm() {
         end->responseSize = static_cast<int64_t>(result.data.size());
         end->statusCode = status;
         end->networkTimingData = result.timing;
-        addDaemonFeedback(assembly, end);
+        ClientSessionManager::addOrvexdFeedback(end, assembly);
       });
   task->resume();
   markNetworkRequest();

@@ -29,13 +29,6 @@ namespace {
 
 const OrvexLog& imagesLog() { return OrvexLogForCategory(kOrvexLogImages); }
 
-// Records one of the daemon's own records in its session manager.
-void addDaemonFeedback(Assembly& assembly, FeedbackRecordPtr record) {
-  if (!assembly.clientSessionManager) return;
-  assembly.clientSessionManager->addOrvexFeedback(OrvexFeedback::initWithFeedback(
-      std::move(record), 0, std::nullopt, ClientSessionManager::orvexdUserAgent()));
-}
-
 std::optional<Duration> requestTimeout(const ORVBag& bag) {
   const auto seconds = bag.timeoutIntervalForRequest();
   if (!seconds) return std::nullopt;
@@ -225,7 +218,7 @@ void ImageFetcher::startFetch(const HttpRequest& request, const std::shared_ptr<
   auto transaction = std::make_shared<ProcessTransaction>("imageFetch");
   std::shared_ptr<const NBStartNetworkSearchFeedback> start = makeStartNetworkFeedback(
       request, "", kImageLoadTriggerEvent, kImageEndpoint, assembly_.clock->monotonicNow());
-  addDaemonFeedback(assembly_, start);
+  ClientSessionManager::addOrvexdFeedback(start, assembly_);
   auto task = assembly_.downloadSession->downloadTask(
       request, [weakSelf = weak_from_this(), request, start,
                 transaction = std::move(transaction)](HttpDownloadResult result) {
@@ -265,7 +258,7 @@ void ImageFetcher::fetchCompleted(const HttpRequest& request,
   end->responseSize = size;
   end->statusCode = status;
   end->networkTimingData = std::move(result.timing);
-  addDaemonFeedback(assembly_, std::move(end));
+  ClientSessionManager::addOrvexdFeedback(std::move(end), assembly_);
   fetchQueue_.async([weakSelf = weak_from_this(), url] {
     if (auto self = weakSelf.lock()) self->fetchEnded(url);
   });
