@@ -13,10 +13,12 @@ inline constexpr char kOrvexBusName[] = "com.zelmor.orvexd";
 inline constexpr char kOrvexObjectPath[] = "/com/zelmor/orvexd";
 inline constexpr char kOrvexEndpointPath[] = "/com/zelmor/orvexd/Endpoint";
 inline constexpr char kOrvexFlusherPath[] = "/com/zelmor/orvexd/Flusher";
+inline constexpr char kOrvexSubscriptionsPath[] = "/com/zelmor/orvexd/Subscriptions";
 inline constexpr char kOrvexDaemonInterface[] = "com.zelmor.orvexd.Daemon";
 inline constexpr char kOrvexDiagnosticsInterface[] = "com.zelmor.orvexd.Diagnostics";
 inline constexpr char kOrvexEndpointInterface[] = "com.zelmor.orvexd.Endpoint";
 inline constexpr char kOrvexFlusherInterface[] = "com.zelmor.orvexd.Flusher";
+inline constexpr char kOrvexSubscriptionsInterface[] = "com.zelmor.orvexd.Subscriptions";
 // The broadcast signal of the Daemon interface that carries system-wide notify names.
 inline constexpr char kOrvexSystemNotifySignal[] = "SystemNotify";
 
@@ -75,6 +77,20 @@ inline constexpr char kORVImageFetchQueueName[] = "com.zelmor.orvexd.imageFetchQ
 // Background activities (ActivityScheduler), which Diagnostics.RunActivity also runs by name.
 inline constexpr char kORVFlusherActivityIdentifier[] = "com.zelmor.orvexd.flusher.background";
 
+// The bag's resource keys, each a URL string at the top level of the bag, in the order the
+// download manager processes them. The two lookup-hint resources are fetched only while lookup is
+// enabled.
+inline constexpr char kORVAutofillTLDWhitelist[] = "autofill_tld_whitelist";
+inline constexpr char kORVInstalledAppWhitelist[] = "installed_app_whitelist";
+inline constexpr char kORVQIFeatures[] = "qi_features";
+inline constexpr char kORVWebsiteCategoryLabels[] = "website_category_labels";
+inline constexpr char kORVLookupHintsWeekly[] = "lookup_hints_weekly";
+inline constexpr char kORVLookupHintsMonthly[] = "lookup_hints_monthly";
+inline constexpr char kORVGlanceModels[] = "glance_models";
+inline constexpr char kORVCorrectionDict[] = "correction_dict";
+inline constexpr char kORVCrowdsourcingBlacklist[] = "crowdsourcing_blacklist";
+inline constexpr char kORVCrowdsourcingWhitelist[] = "crowdsourcing_whitelist";
+
 // Keys of the defaults store ($XDG_CONFIG_HOME/com.zelmor.orvexd/defaults.plist).
 inline constexpr char kORVSharedSessionKey[] = "ORVSharedSession";
 inline constexpr char kORVSessionSizeLimitKey[] = "ORVSessionSizeLimit";
@@ -107,6 +123,12 @@ inline constexpr char kORVStorefrontKey[] = "ORVStorefront";
 inline constexpr char kORVKeyboardInputModeKey[] = "ORVKeyboardInputMode";
 inline constexpr char kORVScreenScaleKey[] = "ORVScreenScale";
 inline constexpr char kORVManagedAccountKey[] = "ORVManagedAccount";
+// What the download manager has fetched: identifier → {"url", "redirect_url"}.
+inline constexpr char kORVDownloadResourcesKey[] = "download_resources";
+// The installed-app signature last computed (base64), absent when there is none.
+inline constexpr char kORVAppWhitelistSignatureKey[] = "ORVAppWhitelistSignature";
+// The application id allowed to set the media-store account status (Subscriptions interface).
+inline constexpr char kORVMediaStoreIdentifierKey[] = "ORVMediaStoreIdentifier";
 
 // Keys of the diagnostic counters (GetCounters on com.zelmor.orvexd.Diagnostics).
 inline constexpr char kORVCounterLaunch[] = "com.zelmor.orvexd.launch";
@@ -119,6 +141,7 @@ inline constexpr char kORVCounterFBRequestTimedOut[] = "com.zelmor.orvexd.fbrequ
 inline constexpr char kORVCounterBagFetches[] = "com.zelmor.orvexd.bag.fetches";
 inline constexpr char kORVCounterBagFetchesFailed[] = "com.zelmor.orvexd.bag.fetchesfailed";
 inline constexpr char kORVCounterBagExpired[] = "com.zelmor.orvexd.bag.expired";
+inline constexpr char kORVCounterResourceFilesFetched[] = "com.zelmor.orvexd.resourcefilesfetched";
 inline constexpr char kORVCounterSessionsRoamer[] = "com.zelmor.orvexd.sessions.roamer";
 inline constexpr char kORVCounterFileSizeExceeded[] = "com.zelmor.orvexd.filesizeexceeded";
 inline constexpr char kORVCounterFileTooLarge[] = "com.zelmor.orvexd.filetoolarge";

@@ -27,6 +27,7 @@ class SystemNotifier;
 class WorkerPool;
 class ActivityScheduler;
 class AppWhitelistController;
+class DownloadManager;
 class BackgroundFlusher;
 class FeedbackFlusher;
 class FlusherListener;
@@ -74,6 +75,8 @@ class Assembly {
   std::shared_ptr<NetworkRequestFactory> requestFactory;
   std::shared_ptr<BagController> bagController;
   std::shared_ptr<ClientStateManager> clientStateManager;
+  // The bag's data files on the device; made once the bag controller exists.
+  std::shared_ptr<DownloadManager> downloadManager;
   std::shared_ptr<AppWhitelistController> appWhitelistController;
   std::shared_ptr<GUIDController> guidController;
   // The daemon's own session manager ("orvex"): every client's when sessions are shared, and the
