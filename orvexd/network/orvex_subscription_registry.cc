@@ -100,8 +100,9 @@ void OrvexSubscriptionRegistry::_store() {
     if (entry.domain) fields.emplace("domain", PlistValue(*entry.domain));
     stored.emplace(provider, PlistValue(std::move(fields)));
   }
-  if (!assembly_.userDefaults->setObject(kORVPublishedSubscriptionsKey,
-                                         PlistValue(std::move(stored)))) {
+  DefaultsStore& defaults = *assembly_.userDefaults;
+  if (!defaults.setObject(kORVPublishedSubscriptionsKey, PlistValue(std::move(stored))) ||
+      !defaults.synchronize()) {
     subscriptionLog().error("cannot store the published subscriptions");
   }
 }
@@ -151,8 +152,9 @@ void OrvexSubscriptionRegistry::setAccountStatus(uint32_t status) {
     changed = accountStatus_ != status;
     if (!changed) return;
     accountStatus_ = status;
-    if (!assembly_.userDefaults->setObject(kORVMediaStoreAccountStatusKey,
-                                           PlistValue(int64_t{status}))) {
+    DefaultsStore& defaults = *assembly_.userDefaults;
+    if (!defaults.setObject(kORVMediaStoreAccountStatusKey, PlistValue(int64_t{status})) ||
+        !defaults.synchronize()) {
       subscriptionLog().error("cannot store the media store account status");
     }
   });
