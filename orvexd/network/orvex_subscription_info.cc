@@ -124,29 +124,29 @@ std::optional<OrvexSubscriptionInfo> OrvexSubscriptionInfo::initWithDictionary(
     const auto found = dictionary.find(key);
     return found == dictionary.end() ? nlohmann::json() : *found;
   };
+  const auto invalid = [&](std::string_view format, const nlohmann::json& value) {
+    refuse(failure, LogLevel::kError, format, describeJson(value), describeJson(dictionary));
+    return std::nullopt;
+  };
+  const auto boundedText = [](const nlohmann::json& value) {
+    return value.is_string() && !value.get_ref<const std::string&>().empty() &&
+           value.get_ref<const std::string&>().size() <= kMaxValueBytes;
+  };
   const nlohmann::json expires = valueFor("expires");
   if (!expires.is_number() && !expires.is_string()) {
-    refuse(failure, LogLevel::kError,
-           "Subscription information contained invalid 'expires': %@ (full dictionary: %@)",
-           describeJson(expires), describeJson(dictionary));
-    return std::nullopt;
+    return invalid("Subscription information contained invalid 'expires': %@ (full dictionary: %@)",
+                   expires);
   }
   const nlohmann::json type = valueFor("type");
-  if (!type.is_string() || type.get_ref<const std::string&>().empty() ||
-      type.get_ref<const std::string&>().size() > kMaxValueBytes) {
-    refuse(failure, LogLevel::kError,
-           "Subscription information contained invalid 'type': %@ (full dictionary: %@)",
-           describeJson(type), describeJson(dictionary));
-    return std::nullopt;
+  if (!boundedText(type)) {
+    return invalid("Subscription information contained invalid 'type': %@ (full dictionary: %@)",
+                   type);
   }
   std::optional<std::string> domain;
   if (const nlohmann::json given = valueFor("domain"); !given.is_null()) {
-    if (!given.is_string() || given.get_ref<const std::string&>().empty() ||
-        given.get_ref<const std::string&>().size() > kMaxValueBytes) {
-      refuse(failure, LogLevel::kError,
-             "Subscription information contained invalid 'domain': %@ (full dictionary: %@)",
-             describeJson(given), describeJson(dictionary));
-      return std::nullopt;
+    if (!boundedText(given)) {
+      return invalid(
+          "Subscription information contained invalid 'domain': %@ (full dictionary: %@)", given);
     }
     domain = given.get<std::string>();
   }
