@@ -24,7 +24,7 @@ std::shared_ptr<OrvexSubscriptionManager> OrvexSubscriptionManager::initWithAsse
   std::shared_ptr<OrvexSubscriptionManager> manager(
       new OrvexSubscriptionManager(assembly, std::move(delegate)));
   manager->_observe();
-  manager->_initializeStorefront();
+  manager->_storefrontChanged();
   manager->_scheduleUpdate();
   return manager;
 }
@@ -94,11 +94,16 @@ void OrvexSubscriptionManager::_scheduleUpdate() {
 // This platform keeps no store account of its own: the device's store front is the one its
 // owner set under "ORVStorefront", if any.
 void OrvexSubscriptionManager::_initializeStorefront() {
+  _queue.assertCurrent("_initializeStorefront");
   const auto storefront = _assembly.userDefaults->stringForKey(kORVStorefrontKey);
   if (storefront && !storefront->empty()) _updateStorefrontIdentifier(*storefront);
 }
 
-void OrvexSubscriptionManager::_storefrontChanged() { _initializeStorefront(); }
+void OrvexSubscriptionManager::_storefrontChanged() {
+  _queue.async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->_initializeStorefront();
+  });
+}
 
 void OrvexSubscriptionManager::_updateStorefrontIdentifier(const std::string& storefront) {
   if (auto delegate = _delegate.lock()) {

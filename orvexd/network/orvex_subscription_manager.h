@@ -9,7 +9,7 @@
 // being sent without any other change.
 //
 // Threading: the map, the bag and the expiry timer belong to `_queue`
-// ("com.zelmor.orvex.subscriptionsByProvider-Queue"); the delegate is called from it.
+// ("com.zelmor.orvex.subscriptionsByProvider-Queue"); the delegate is only called from it.
 #pragma once
 
 #include <map>
@@ -52,6 +52,7 @@ class OrvexSubscriptionManager final
   void _bagChangeNotification(const Notification& notification);
   void _subscriptionChanged();
   void _thirdPartyNotificationDidUpdate();
+  // Reads the store front again, on the queue.
   void _storefrontChanged();
   void _initializeStorefront();
   void _updateStorefrontIdentifier(const std::string& storefront);
