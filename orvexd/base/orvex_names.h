@@ -69,6 +69,12 @@ inline constexpr char kORVTimeZoneChangeNotification[] = "ORVTimeZoneChangeNotif
 inline constexpr char kORVLocaleChangeNotification[] = "ORVLocaleChangeNotification";
 inline constexpr char kORVDeviceManagementChangeNotification[] =
     "ORVDeviceManagementChangeNotification";
+// The subscription registry's changes: the providers' published entries, and the media store's
+// account status.
+inline constexpr char kORVSubscriptionRegistryChangeNotification[] =
+    "ORVSubscriptionRegistryChange";
+inline constexpr char kORVMediaStoreSubscriptionStatusChangeNotification[] =
+    "ORVMediaStoreSubscriptionStatusChange";
 
 // The image fetcher's work queues: the valid image hosts, and its fetches and loads.
 inline constexpr char kORVImageHostsQueueName[] = "com.zelmor.orvexd.imageHostsQueue";
@@ -129,6 +135,10 @@ inline constexpr char kORVDownloadResourcesKey[] = "download_resources";
 inline constexpr char kORVAppWhitelistSignatureKey[] = "ORVAppWhitelistSignature";
 // The application id allowed to set the media-store account status (Subscriptions interface).
 inline constexpr char kORVMediaStoreIdentifierKey[] = "ORVMediaStoreIdentifier";
+// The subscription registry: what providers published (application id → {"type", "domain",
+// "published", "expires"}, times in Unix seconds), and the media store's account status.
+inline constexpr char kORVPublishedSubscriptionsKey[] = "ORVPublishedSubscriptions";
+inline constexpr char kORVMediaStoreAccountStatusKey[] = "ORVMediaStoreAccountStatus";
 
 // Keys of the diagnostic counters (GetCounters on com.zelmor.orvexd.Diagnostics).
 inline constexpr char kORVCounterLaunch[] = "com.zelmor.orvexd.launch";
@@ -158,6 +168,10 @@ inline constexpr char kORVCounterRecordsRefused[] = "com.zelmor.orvexd.records.r
 // image hosts not remembered because the set of valid hosts was full.
 inline constexpr char kORVCounterImageFetchesRefused[] = "com.zelmor.orvexd.images.fetchesrefused";
 inline constexpr char kORVCounterImageHostsRefused[] = "com.zelmor.orvexd.images.hostsrefused";
+// Subscription publications refused because the registry held as many providers as it keeps,
+// and stored entries dropped at start because they no longer read.
+inline constexpr char kORVCounterSubscriptionsRefused[] = "com.zelmor.orvexd.subscriptions.refused";
+inline constexpr char kORVCounterSubscriptionsDropped[] = "com.zelmor.orvexd.subscriptions.dropped";
 inline constexpr char kORVCounterDPSubmit[] = "com.zelmor.orvexd.dp.submit";
 inline constexpr char kORVCounterDPRecord[] = "com.zelmor.orvexd.dp.record";
 inline constexpr char kORVCounterDPNormalizedLinkWhitelistedBlacklisted[] =

@@ -128,9 +128,11 @@ struct OrvexClient::Bus {
   std::unique_ptr<sdbus::IProxy> daemon;
   std::unique_ptr<sdbus::IProxy> endpoint;
   std::unique_ptr<sdbus::IProxy> flusher;
+  std::unique_ptr<sdbus::IProxy> subscriptions;
 
   ~Bus() {
     connection->leaveEventLoop();
+    subscriptions.reset();
     flusher.reset();
     endpoint.reset();
     daemon.reset();
@@ -145,6 +147,8 @@ std::unique_ptr<OrvexClient> OrvexClient::connect(std::string* error, const std:
     bus->daemon = sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexObjectPath);
     bus->endpoint = sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexEndpointPath);
     bus->flusher = sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexFlusherPath);
+    bus->subscriptions =
+        sdbus::createProxy(*bus->connection, kOrvexBusName, kOrvexSubscriptionsPath);
     return std::unique_ptr<OrvexClient>(new OrvexClient(std::move(bus)));
   } catch (const sdbus::Error& e) {
     if (error != nullptr) *error = e.getName() + ": " + e.getMessage();
@@ -341,6 +345,34 @@ ClientResult<std::string> OrvexClient::daemonBag() {
 ClientResult<Empty> OrvexClient::runActivity(const std::string& identifier) {
   return guarded([&] {
     (void)call<>(*bus_->daemon, kOrvexDiagnosticsInterface, "RunActivity", timeout_, identifier);
+    return Empty{};
+  });
+}
+
+ClientResult<Empty> OrvexClient::publishSubscription(const std::string& information) {
+  return guarded([&] {
+    (void)call<>(*bus_->subscriptions, kOrvexSubscriptionsInterface, "Publish", timeout_,
+                 information);
+    return Empty{};
+  });
+}
+
+ClientResult<Empty> OrvexClient::withdrawSubscription() {
+  return guarded([&] {
+    (void)call<>(*bus_->subscriptions, kOrvexSubscriptionsInterface, "Withdraw", timeout_);
+    return Empty{};
+  });
+}
+
+ClientResult<std::string> OrvexClient::listSubscriptions() {
+  return resultOf<std::string>(*bus_->subscriptions, kOrvexSubscriptionsInterface, "List",
+                               timeout_);
+}
+
+ClientResult<Empty> OrvexClient::setAccountStatus(uint32_t status) {
+  return guarded([&] {
+    (void)call<>(*bus_->subscriptions, kOrvexSubscriptionsInterface, "SetAccountStatus", timeout_,
+                 status);
     return Empty{};
   });
 }

@@ -156,11 +156,20 @@ class OrvexClient {
   ClientResult<std::string> daemonBag();
   // Runs a registered background activity now; InvalidArgument for an unknown one.
   ClientResult<Empty> runActivity(const std::string& identifier);
+  // The subscription registry, as this process's application: publish its subscription (JSON
+  // or "type=..., expires=..." with an optional domain), withdraw it, the JSON array the next
+  // search carries, and the media store's account status (for the media store application only).
+  ClientResult<Empty> publishSubscription(const std::string& information);
+  ClientResult<Empty> withdrawSubscription();
+  ClientResult<std::string> listSubscriptions();
+  ClientResult<Empty> setAccountStatus(uint32_t status);
+
   // org.freedesktop.DBus.Peer.Ping on the daemon: the cost of a bare round trip.
   ClientResult<Empty> ping();
 
  private:
-  // The bus connection and the proxies of the daemon's object, endpoint and flusher object.
+  // The bus connection and the proxies of the daemon's object, endpoint, flusher and
+  // subscriptions objects.
   struct Bus;
   explicit OrvexClient(std::unique_ptr<Bus> bus);
 

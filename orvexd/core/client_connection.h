@@ -52,7 +52,7 @@ class ClientIpc {
 struct ClientPeer {
   std::string uniqueName;  // the bus name, ":1.42"
   pid_t pid = 0;
-  std::optional<std::string> clientId;  // see OrvexService::clientIDForConnection
+  std::optional<std::string> clientId;  // see applicationIdForProcess
 };
 
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {

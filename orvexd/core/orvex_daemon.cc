@@ -12,6 +12,7 @@
 #include "orvexd/core/endpoint_service.h"
 #include "orvexd/core/orvex_flusher_ipc.h"
 #include "orvexd/core/orvex_service.h"
+#include "orvexd/core/subscriptions_service.h"
 #include "orvexd/feedback/background_activities_manager.h"
 #include "orvexd/feedback/client_session_manager.h"
 #include "orvexd/feedback/orvex_feedback_flusher.h"
@@ -20,6 +21,8 @@
 #include "orvexd/model/assembly.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/network_request_factory.h"
+#include "orvexd/network/orvex_subscription_manager.h"
+#include "orvexd/network/orvex_subscription_registry.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/activity_scheduler.h"
 #include "orvexd/platform/bus_connection.h"
@@ -187,6 +190,11 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   auto clientStateManager = std::make_shared<OrvexClientStateManager>(*assembly);
   assembly->clientStateManager = clientStateManager;
   assembly->guidController = std::make_shared<OrvexUserGUIDController>(*assembly);
+  // The subscriptions header: made before the bag controller starts, so that the manager sees
+  // the first bag.
+  assembly->subscriptionRegistry = std::make_shared<OrvexSubscriptionRegistry>(*assembly);
+  assembly->subscriptionManager = OrvexSubscriptionManager::initWithAssembly(
+      *assembly, requestFactory->deviceContext().weak_from_this());
   assembly->clientSessionManager =
       std::make_shared<ClientSessionManager>(*assembly, assembly->guidController, "orvex");
 
@@ -254,6 +262,7 @@ int OrvexDaemon::run() {
   endpoint_ = std::make_shared<EndpointService>(*assembly_, *bus_);
   endpoint_->start();
   diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection(), *assembly_);
+  subscriptions_ = std::make_unique<SubscriptionsService>(bus_->connection(), *assembly_);
   if (!bus_->requestName(kOrvexBusName, &error)) {
     defaultLog().fault("cannot own the bus name %s: %@", kOrvexBusName, error);
     flushLogs();

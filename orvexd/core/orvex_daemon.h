@@ -2,9 +2,9 @@
 //
 // run() performs start-up on the calling (main) thread, in a fixed order: the trace switch, the
 // registered defaults, the Assembly with its platform facilities, the components, the launch
-// counter, the Diagnostics object, the bus name, the launch-event log, the "ORVStartup"
-// notification, the SIGINT and SIGTERM sources, and finally the bus event loop, which it runs
-// for the life of the process. SIGINT and SIGTERM end the process with status 0 at once.
+// counter, the Diagnostics and Subscriptions objects, the bus name, the launch-event log, the
+// "ORVStartup" notification, the SIGINT and SIGTERM sources, and finally the bus event loop, which
+// it runs for the life of the process. SIGINT and SIGTERM end the process with status 0 at once.
 #pragma once
 
 #include <memory>
@@ -20,6 +20,7 @@ class EndpointService;
 class OrvexService;
 class SerialQueue;
 class SignalSource;
+class SubscriptionsService;
 
 class OrvexDaemon {
  public:
@@ -45,6 +46,7 @@ class OrvexDaemon {
   std::shared_ptr<OrvexService> service_;
   std::shared_ptr<EndpointService> endpoint_;
   std::unique_ptr<DiagnosticsService> diagnostics_;
+  std::unique_ptr<SubscriptionsService> subscriptions_;
   std::unique_ptr<SerialQueue> ipcEventQueue_;
   std::unique_ptr<SignalSource> sigintSource_;
   std::unique_ptr<SignalSource> sigtermSource_;

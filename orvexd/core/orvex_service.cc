@@ -3,10 +3,6 @@
 #include <sdbus-c++/sdbus-c++.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-
 #include "orvexd/base/json_limits.h"
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
@@ -16,6 +12,7 @@
 #include "orvexd/core/client_connection.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/model/input_limits.h"
+#include "orvexd/platform/application_identity.h"
 #include "orvexd/platform/bus_connection.h"
 #include "orvexd/platform/bus_system_notifier.h"
 #include "orvexd/platform/clock.h"
@@ -60,82 +57,6 @@ class BusClientIpc final : public ClientIpc {
   const pid_t pid_;
 };
 
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// "name=" of the [Application] group of a Flatpak instance's .flatpak-info.
-std::optional<std::string> flatpakApplicationId(const std::filesystem::path& procDir) {
-  std::ifstream in(procDir / "root" / ".flatpak-info");
-  std::string line;
-  bool inApplication = false;
-  while (std::getline(in, line)) {
-    const auto trimmed = trimWhitespace(line);
-    if (trimmed.starts_with('[')) {
-      inApplication = trimmed == "[Application]";
-    } else if (inApplication && trimmed.starts_with("name=")) {
-      auto name = std::string(trimWhitespace(trimmed.substr(5)));
-      if (!name.empty()) return name;
-    }
-  }
-  return std::nullopt;
-}
-
-// Undoes systemd's unit-name escaping ("\x2d" for '-').
-std::string unescapeUnitName(std::string_view text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] == 'x') {
-      const std::string hex(text.substr(i + 2, 2));
-      char* end = nullptr;
-      const long value = std::strtol(hex.c_str(), &end, 16);
-      if (end == hex.c_str() + 2) {
-        out += static_cast<char>(value);
-        i += 3;
-        continue;
-      }
-    }
-    out += text[i];
-  }
-  return out;
-}
-
-// The application id of a desktop application's unit, "app[-<launcher>]-<id>[@<n>].service" or
-// "app[-<launcher>]-<id>-<n>.scope", from the innermost such unit in the process's cgroup.
-std::optional<std::string> systemdApplicationId(const std::filesystem::path& procDir) {
-  const std::string cgroup = readFile(procDir / "cgroup");
-  std::optional<std::string> found;
-  size_t start = 0;
-  while (start < cgroup.size()) {
-    size_t end = cgroup.find_first_of("/\n", start);
-    if (end == std::string::npos) end = cgroup.size();
-    std::string_view unit(cgroup.data() + start, end - start);
-    start = end + 1;
-    if (!unit.starts_with("app-")) continue;
-    std::string_view name = unit.substr(4);
-    if (name.ends_with(".service")) {
-      name.remove_suffix(8);
-      name = name.substr(0, name.find('@'));
-    } else if (name.ends_with(".scope")) {
-      name.remove_suffix(6);
-      const size_t dash = name.rfind('-');
-      if (dash != std::string_view::npos) name = name.substr(0, dash);
-    } else {
-      continue;
-    }
-    // A launcher prefix has no dots; application ids do.
-    if (const size_t dash = name.find('-');
-        dash != std::string_view::npos &&
-        name.substr(0, dash).find('.') == std::string_view::npos &&
-        name.substr(dash + 1).find('.') != std::string_view::npos) {
-      name = name.substr(dash + 1);
-    }
-    if (!name.empty()) found = unescapeUnitName(name);
-  }
-  return found;
-}
-
 // The Feedback reply stays well under what the bus carries in one message, however large the
 // session: it holds the newest records whose JSON fits in this many bytes.
 constexpr size_t kFeedbackReplyBytes = 16 * 1024 * 1024;
@@ -175,24 +96,6 @@ OrvexService::OrvexService(Assembly& assembly, BusConnection& bus)
       queue_("com.zelmor.orvex.serviceQueue", *assembly.workerPool, *assembly.clock),
       limits_(assembly.inputLimits) {}
 
-std::optional<std::string> OrvexService::clientIDForConnection(
-    pid_t pid, const std::filesystem::path& procRoot) {
-  const auto procDir = procRoot / std::to_string(pid);
-  if (auto id = flatpakApplicationId(procDir)) return id;
-  if (auto id = systemdApplicationId(procDir)) return id;
-  std::error_code error;
-  const auto executable = std::filesystem::read_symlink(procDir / "exe", error);
-  if (error || executable.empty()) {
-    connectionLog().error("error getting path for pid [%d] %s", static_cast<int>(pid),
-                          error ? error.message() : std::string("empty path"));
-    return std::nullopt;
-  }
-  std::string name = executable.filename().string();
-  // A replaced executable reads as "<path> (deleted)".
-  if (name.ends_with(" (deleted)")) name.resize(name.size() - 10);
-  return name;
-}
-
 std::vector<std::shared_ptr<ClientConnection>> OrvexService::getClientConnections() {
   return queue_.syncResult([this] { return connections_; })
       .value_or(std::vector<std::shared_ptr<ClientConnection>>());
@@ -218,7 +121,7 @@ std::shared_ptr<ClientConnection> OrvexService::connectionForCall(const sdbus::M
 }
 
 std::shared_ptr<ClientConnection> OrvexService::accept(const std::string& uniqueName, pid_t pid) {
-  const auto clientId = clientIDForConnection(pid);
+  const auto clientId = applicationIdForProcess(pid);
   connectionLog().log("new connection from %@ (%d)", clientId.value_or("(null)"),
                       static_cast<int>(pid));
   auto remote = std::make_shared<BusClientIpc>(bus_, object_, uniqueName, pid);

@@ -51,12 +51,6 @@ class OrvexService : public BusService, public std::enable_shared_from_this<Orve
   // The listed connections, in acceptance order (a copy). Not from the service queue.
   std::vector<std::shared_ptr<ClientConnection>> getClientConnections();
 
-  // Names the client process `pid`: its Flatpak application id, else the application id of the
-  // systemd app unit it runs in, else its executable's file name. None (and an error log) when
-  // even the executable cannot be read. `procRoot` is where /proc is, for tests.
-  static std::optional<std::string> clientIDForConnection(
-      pid_t pid, const std::filesystem::path& procRoot = "/proc");
-
  private:
   void exportDaemonInterface();
   // Bus thread only.

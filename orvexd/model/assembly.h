@@ -38,6 +38,8 @@ class HttpSession;
 class NetworkRequestFactory;
 class PersistentStorage;
 class SessionManager;
+class SubscriptionManager;
+class SubscriptionRegistry;
 
 class Assembly {
  public:
@@ -79,6 +81,10 @@ class Assembly {
   std::shared_ptr<DownloadManager> downloadManager;
   std::shared_ptr<AppWhitelistController> appWhitelistController;
   std::shared_ptr<GUIDController> guidController;
+  // What providers published of the user's subscriptions, and the manager that turns it into
+  // the subscriptions header.
+  std::shared_ptr<SubscriptionRegistry> subscriptionRegistry;
+  std::shared_ptr<SubscriptionManager> subscriptionManager;
   // The daemon's own session manager ("orvex"): every client's when sessions are shared, and the
   // one that takes the daemon's own records.
   std::shared_ptr<SessionManager> clientSessionManager;

@@ -120,10 +120,12 @@ TEST_F(RunningDaemonTest, ShippedInterfaceXmlMatchesWhatTheDaemonServes) {
   EXPECT_TRUE(shipped[""].count("com.zelmor.orvexd.Diagnostics"));
   EXPECT_TRUE(shipped["Endpoint"].count("com.zelmor.orvexd.Endpoint"));
   EXPECT_TRUE(shipped["Flusher"].count("com.zelmor.orvexd.Flusher"));
+  EXPECT_TRUE(shipped["Subscriptions"].count("com.zelmor.orvexd.Subscriptions"));
   // gtest prints both shapes, member by member, when they differ.
   EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd"))[""], shipped[""]);
   EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd/Endpoint"))[""], shipped["Endpoint"]);
   EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd/Flusher"))[""], shipped["Flusher"]);
+  EXPECT_EQ(shapesOf(introspect("/com/zelmor/orvexd/Subscriptions"))[""], shipped["Subscriptions"]);
 }
 
 struct CtlRun {

@@ -94,6 +94,16 @@ Commands:
                         orvexctl flusher stop
   activity run ID     run a registered background activity now
                         orvexctl activity run com.zelmor.orvexd.flusher.background
+  subscriptions list  the subscriptions the next search carries (provider, type, domain)
+  subscriptions publish INFO
+                      publish orvexctl's own subscription: JSON or a key-value list with
+                      type, expires (seconds from now) and optionally domain
+                        orvexctl subscriptions publish 'type=premium, expires=3600'
+  subscriptions withdraw
+                      withdraw orvexctl's subscription
+  subscriptions account-status N
+                      set the media store's account status (3: subscribed); only for
+                      the application the ORVMediaStoreIdentifier default names
 
 Options (anywhere on the command line):
   --identifier ID     client identifier to configure (default com.zelmor.orvexctl)
@@ -426,6 +436,8 @@ constexpr Command kCommands[] = {
     {"report", runReport, 1, 1, "report FILE|- [--event NAME] [--query-id N]"},
     {"flusher", runFlusher, 1, 1, "flusher watch|dump|stop"},
     {"activity", runActivity, 2, 2, "activity run ID"},
+    {"subscriptions", runSubscriptions, 1, 2,
+     "subscriptions list|withdraw | subscriptions publish INFO | subscriptions account-status N"},
 };
 
 int run(int argc, char** argv) {
@@ -466,7 +478,8 @@ int run(int argc, char** argv) {
     if (isQuery) options.kind = requestKindOf(command->name, options.flightId.has_value());
     const auto& first = options.arguments.empty() ? std::string() : options.arguments[0];
     if ((command->name == "flusher" && first != "watch" && first != "dump" && first != "stop") ||
-        (command->name == "activity" && first != "run")) {
+        (command->name == "activity" && first != "run") ||
+        (command->name == "subscriptions" && !subscriptionsArgumentsValid(options.arguments))) {
       throw UsageError{"usage: orvexctl [OPTIONS] " + std::string(command->usage)};
     }
 

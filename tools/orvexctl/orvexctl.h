@@ -124,4 +124,9 @@ int runImages(Session& session, const Options& options);
 int runFlusher(Session& session, const Options& options);
 int runActivity(Session& session, const Options& options);
 
+// The subscription registry (subscription_commands.cc): list, publish INFO, withdraw,
+// account-status N.
+bool subscriptionsArgumentsValid(const std::vector<std::string>& arguments);
+int runSubscriptions(Session& session, const Options& options);
+
 }  // namespace orvex::ctl
