@@ -164,6 +164,11 @@ inline constexpr char kORVCounterDPNormalizedLinkWhitelistedBlacklisted[] =
     "com.zelmor.orvexd.dp.normalizedlink.whitelisted.blacklisted";
 inline constexpr char kORVCounterDPNormalizedLinkNotWhitelistedBlacklisted[] =
     "com.zelmor.orvexd.dp.normalizedlink.notwhitelisted.blacklisted";
+// The differential-privacy recorder: strings not recorded because the day's privacy budget was
+// spent, reports removed by the retention bounds, and report files it could not read.
+inline constexpr char kORVCounterDPOverBudget[] = "com.zelmor.orvexd.dp.overbudget";
+inline constexpr char kORVCounterDPRetired[] = "com.zelmor.orvexd.dp.retired";
+inline constexpr char kORVCounterDPUnreadable[] = "com.zelmor.orvexd.dp.unreadable";
 
 // Suffixes of the per-client counter keys, "com.zelmor.orvexd.<client>.<suffix>".
 inline constexpr char kORVCounterSuffixXCPInvalidation[] = "xcpinvalidation";
