@@ -76,6 +76,7 @@ inline constexpr char kORVImageFetchQueueName[] = "com.zelmor.orvexd.imageFetchQ
 
 // Background activities (ActivityScheduler), which Diagnostics.RunActivity also runs by name.
 inline constexpr char kORVFlusherActivityIdentifier[] = "com.zelmor.orvexd.flusher.background";
+inline constexpr char kORVDeepLinkIngestActivityIdentifier[] = "com.zelmor.Orvex.DeepLinkIngest";
 
 // The bag's resource keys, each a URL string at the top level of the bag, in the order the
 // download manager processes them. The two lookup-hint resources are fetched only while lookup is
@@ -129,6 +130,9 @@ inline constexpr char kORVDownloadResourcesKey[] = "download_resources";
 inline constexpr char kORVAppWhitelistSignatureKey[] = "ORVAppWhitelistSignature";
 // The application id allowed to set the media-store account status (Subscriptions interface).
 inline constexpr char kORVMediaStoreIdentifierKey[] = "ORVMediaStoreIdentifier";
+// The usage-knowledge store the deep-link ingestion reads (a SQLite file; default
+// $XDG_DATA_HOME/com.zelmor.knowledge/knowledge.db).
+inline constexpr char kORVKnowledgeStorePathKey[] = "ORVKnowledgeStorePath";
 
 // Keys of the diagnostic counters (GetCounters on com.zelmor.orvexd.Diagnostics).
 inline constexpr char kORVCounterLaunch[] = "com.zelmor.orvexd.launch";
@@ -158,12 +162,24 @@ inline constexpr char kORVCounterRecordsRefused[] = "com.zelmor.orvexd.records.r
 // image hosts not remembered because the set of valid hosts was full.
 inline constexpr char kORVCounterImageFetchesRefused[] = "com.zelmor.orvexd.images.fetchesrefused";
 inline constexpr char kORVCounterImageHostsRefused[] = "com.zelmor.orvexd.images.hostsrefused";
+// Deep-link ingestion: links read, recorded per application and in all, the outcome of each
+// application's recording and of each run, and the links the filter kept or refused.
 inline constexpr char kORVCounterDPSubmit[] = "com.zelmor.orvexd.dp.submit";
+inline constexpr char kORVCounterDPEligibleLinks[] = "com.zelmor.orvexd.dp.eligiblelinks";
+inline constexpr char kORVCounterDPSentLinksApp[] = "com.zelmor.orvexd.dp.sentlinks.app";
+inline constexpr char kORVCounterDPSentLinks[] = "com.zelmor.orvexd.dp.sentlinks";
+inline constexpr char kORVCounterDPRecordAppSuccess[] = "com.zelmor.orvexd.dp.record.app.success";
+inline constexpr char kORVCounterDPRecordAppFailure[] = "com.zelmor.orvexd.dp.record.app.failure";
 inline constexpr char kORVCounterDPRecord[] = "com.zelmor.orvexd.dp.record";
 inline constexpr char kORVCounterDPNormalizedLinkWhitelistedBlacklisted[] =
     "com.zelmor.orvexd.dp.normalizedlink.whitelisted.blacklisted";
 inline constexpr char kORVCounterDPNormalizedLinkNotWhitelistedBlacklisted[] =
     "com.zelmor.orvexd.dp.normalizedlink.notwhitelisted.blacklisted";
+inline constexpr char kORVCounterDPNormalizedLink[] = "com.zelmor.orvexd.dp.normalizedlink";
+inline constexpr char kORVCounterDPNormalizedLinkBundleIds[] =
+    "com.zelmor.orvexd.dp.normalizedlink.bundleids";
+inline constexpr char kORVCounterDPNormalizedLinkUrls[] =
+    "com.zelmor.orvexd.dp.normalizedlink.urls";
 // The differential-privacy recorder: strings not recorded because the day's privacy budget was
 // spent, reports removed by the retention bounds, and report files it could not read.
 inline constexpr char kORVCounterDPOverBudget[] = "com.zelmor.orvexd.dp.overbudget";

@@ -94,6 +94,10 @@ Commands:
                         orvexctl flusher stop
   activity run ID     run a registered background activity now
                         orvexctl activity run com.zelmor.orvexd.flusher.background
+  dp                  the differential-privacy reports the daemon keeps on this device:
+                      per key digest, how many and their size (never their contents), and
+                      the privacy budget spent today; reads the files, needs no daemon
+                        orvexctl dp
 
 Options (anywhere on the command line):
   --identifier ID     client identifier to configure (default com.zelmor.orvexctl)
@@ -426,6 +430,8 @@ constexpr Command kCommands[] = {
     {"report", runReport, 1, 1, "report FILE|- [--event NAME] [--query-id N]"},
     {"flusher", runFlusher, 1, 1, "flusher watch|dump|stop"},
     {"activity", runActivity, 2, 2, "activity run ID"},
+    // Reads local files: run without a session.
+    {"dp", nullptr, 0, 0, "dp"},
 };
 
 int run(int argc, char** argv) {
@@ -471,6 +477,7 @@ int run(int argc, char** argv) {
     }
 
     if (command->name == "report") options.record = loadRecord(options.arguments[0]);
+    if (command->run == nullptr) return runDp(options);
 
     Session session(options);
     if (auto failure = session.open()) return *failure;

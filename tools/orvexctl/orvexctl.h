@@ -124,4 +124,8 @@ int runImages(Session& session, const Options& options);
 int runFlusher(Session& session, const Options& options);
 int runActivity(Session& session, const Options& options);
 
+// dp: the differential-privacy reports kept on this device, read without the daemon
+// (dp_command.cc).
+int runDp(const Options& options);
+
 }  // namespace orvex::ctl
