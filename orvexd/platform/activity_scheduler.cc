@@ -121,8 +121,7 @@ void ActivityScheduler::fire() {
               : std::nullopt;
       continue;
     }
-    if (!sessionCriteriaMetLocked(criteria) ||
-        (criteria.extraCondition && !criteria.extraCondition())) {
+    if (!sessionCriteriaMetLocked(criteria)) {
       activity->due = deadlineAfter(now, std::max(criteria.gracePeriod, kShortestInterval));
       continue;
     }

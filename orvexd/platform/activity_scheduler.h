@@ -15,9 +15,9 @@
 // interface and tests); the regular schedule is not moved by it.
 //
 // Threading: every call may be made from any thread; `mutex_` guards the activity table and the
-// timer. The handler runs with no lock held and may call back into the scheduler; an
-// extraCondition runs under the lock and must not. The scheduler must be owned by a shared_ptr
-// before the first registration (its timer and posted runs hold it weakly).
+// timer. The handler runs with no lock held and may call back into the scheduler; the
+// session-state source runs under the lock and must not. The scheduler must be owned by a
+// shared_ptr before the first registration (its timer and posted runs hold it weakly).
 #pragma once
 
 #include <chrono>
@@ -42,12 +42,10 @@ struct ActivityCriteria {
   Duration gracePeriod{0};  // how late a run may start and still count as on time
   bool allowBattery = true;
   // Run only while the screen is asleep, and only once the user has unlocked the device since
-  // boot; both read from the scheduler's session-state source when the run is due.
+  // boot; both read from the scheduler's session-state source when the run is due. A due run
+  // whose criteria fail is tried again after the grace period.
   bool requireScreenSleep = false;
   bool requireUnlockedSinceBoot = false;
-  // What else must hold for a run (screen asleep, unlocked since boot); checked when the run
-  // is due; a run whose predicate fails is tried again after the grace period.
-  std::function<bool()> extraCondition;
 };
 
 class ActivityScheduler : public std::enable_shared_from_this<ActivityScheduler> {
