@@ -4,10 +4,12 @@
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/feedback/dp_app_deep_link_ingester.h"
 #include "orvexd/feedback/dp_periodic_task.h"
+#include "orvexd/platform/defaults_store.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/knowledge_store.h"
 #include "orvexd/platform/virtual_clock.h"
 #include "orvexd/platform/worker_pool.h"
+#include "tests/support/test_assembly.h"
 #include "tests/support/test_environment.h"
 
 namespace orvex {
@@ -113,6 +115,30 @@ TEST(DeepLinkIngester, ReadsPubliclyIndexableEventsFromTheKnowledgeStore) {
       {"a.url", {"https://a.example/3"}},
   };
   EXPECT_EQ(Ingester::deepLinksFor(events), expected);
+
+  // A run through the ingester, without filter lists: only bundle identifiers are recorded, and
+  // nothing of them in clear. A start after the end reads nothing.
+  testing::TestAssembly test;
+  test.assembly->userDefaults->setObject(kORVKnowledgeStorePathKey, PlistValue(path));
+  Ingester ingester(*test.assembly, nullptr);
+  const int64_t eligible = counter(kORVCounterDPEligibleLinks);
+  const int64_t sent = counter(kORVCounterDPSentLinks);
+  EXPECT_TRUE(ingester.ingestStartingOn(at(1000), at(0)));
+  EXPECT_EQ(counter(kORVCounterDPEligibleLinks), eligible);
+  EXPECT_EQ(counter(kORVCounterDPSentLinks), sent);
+  EXPECT_TRUE(ingester.recorder().summaries().empty());
+
+  EXPECT_TRUE(ingester.ingestStartingOn(at(0), at(1000)));
+  EXPECT_EQ(counter(kORVCounterDPEligibleLinks) - eligible, 3);
+  EXPECT_EQ(counter(kORVCounterDPSentLinks) - sent, 3);
+  EXPECT_EQ(ingester.recorder().summaries().size(), 3u);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(test.directory.path())) {
+    if (!entry.is_regular_file()) continue;
+    const std::string bytes = testing::readTextFile(entry.path());
+    for (const char* clear : {"a.both", "a.id", "a.url", "a.example", "AppDeepLink"}) {
+      EXPECT_EQ(bytes.find(clear), std::string::npos) << clear << " in " << entry.path();
+    }
+  }
 }
 
 }  // namespace
