@@ -82,6 +82,7 @@ inline constexpr char kORVImageFetchQueueName[] = "com.zelmor.orvexd.imageFetchQ
 
 // Background activities (ActivityScheduler), which Diagnostics.RunActivity also runs by name.
 inline constexpr char kORVFlusherActivityIdentifier[] = "com.zelmor.orvexd.flusher.background";
+inline constexpr char kORVDeepLinkIngestActivityIdentifier[] = "com.zelmor.Orvex.DeepLinkIngest";
 
 // The bag's resource keys, each a URL string at the top level of the bag, in the order the
 // download manager processes them. The two lookup-hint resources are fetched only while lookup is
@@ -139,6 +140,9 @@ inline constexpr char kORVMediaStoreIdentifierKey[] = "ORVMediaStoreIdentifier";
 // "published", "expires"}, times in Unix seconds), and the media store's account status.
 inline constexpr char kORVPublishedSubscriptionsKey[] = "ORVPublishedSubscriptions";
 inline constexpr char kORVMediaStoreAccountStatusKey[] = "ORVMediaStoreAccountStatus";
+// The usage-knowledge store the deep-link ingestion reads (a SQLite file; default
+// $XDG_DATA_HOME/com.zelmor.knowledge/knowledge.db).
+inline constexpr char kORVKnowledgeStorePathKey[] = "ORVKnowledgeStorePath";
 
 // Keys of the diagnostic counters (GetCounters on com.zelmor.orvexd.Diagnostics).
 inline constexpr char kORVCounterLaunch[] = "com.zelmor.orvexd.launch";
@@ -172,12 +176,29 @@ inline constexpr char kORVCounterImageHostsRefused[] = "com.zelmor.orvexd.images
 // and stored entries dropped at start because they no longer read.
 inline constexpr char kORVCounterSubscriptionsRefused[] = "com.zelmor.orvexd.subscriptions.refused";
 inline constexpr char kORVCounterSubscriptionsDropped[] = "com.zelmor.orvexd.subscriptions.dropped";
+// Deep-link ingestion: links read, recorded per application and in all, the outcome of each
+// application's recording and of each run, and the links the filter kept or refused.
 inline constexpr char kORVCounterDPSubmit[] = "com.zelmor.orvexd.dp.submit";
+inline constexpr char kORVCounterDPEligibleLinks[] = "com.zelmor.orvexd.dp.eligiblelinks";
+inline constexpr char kORVCounterDPSentLinksApp[] = "com.zelmor.orvexd.dp.sentlinks.app";
+inline constexpr char kORVCounterDPSentLinks[] = "com.zelmor.orvexd.dp.sentlinks";
+inline constexpr char kORVCounterDPRecordAppSuccess[] = "com.zelmor.orvexd.dp.record.app.success";
+inline constexpr char kORVCounterDPRecordAppFailure[] = "com.zelmor.orvexd.dp.record.app.failure";
 inline constexpr char kORVCounterDPRecord[] = "com.zelmor.orvexd.dp.record";
 inline constexpr char kORVCounterDPNormalizedLinkWhitelistedBlacklisted[] =
     "com.zelmor.orvexd.dp.normalizedlink.whitelisted.blacklisted";
 inline constexpr char kORVCounterDPNormalizedLinkNotWhitelistedBlacklisted[] =
     "com.zelmor.orvexd.dp.normalizedlink.notwhitelisted.blacklisted";
+inline constexpr char kORVCounterDPNormalizedLink[] = "com.zelmor.orvexd.dp.normalizedlink";
+inline constexpr char kORVCounterDPNormalizedLinkBundleIds[] =
+    "com.zelmor.orvexd.dp.normalizedlink.bundleids";
+inline constexpr char kORVCounterDPNormalizedLinkUrls[] =
+    "com.zelmor.orvexd.dp.normalizedlink.urls";
+// The differential-privacy recorder: strings not recorded because the day's privacy budget was
+// spent, reports removed by the retention bounds, and report files it could not read.
+inline constexpr char kORVCounterDPOverBudget[] = "com.zelmor.orvexd.dp.overbudget";
+inline constexpr char kORVCounterDPRetired[] = "com.zelmor.orvexd.dp.retired";
+inline constexpr char kORVCounterDPUnreadable[] = "com.zelmor.orvexd.dp.unreadable";
 
 // Suffixes of the per-client counter keys, "com.zelmor.orvexd.<client>.<suffix>".
 inline constexpr char kORVCounterSuffixXCPInvalidation[] = "xcpinvalidation";

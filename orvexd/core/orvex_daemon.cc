@@ -15,6 +15,8 @@
 #include "orvexd/core/subscriptions_service.h"
 #include "orvexd/feedback/background_activities_manager.h"
 #include "orvexd/feedback/client_session_manager.h"
+#include "orvexd/feedback/dp_app_deep_link_ingester.h"
+#include "orvexd/feedback/dp_periodic_task_manager.h"
 #include "orvexd/feedback/orvex_feedback_flusher.h"
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/standalone_client_session.h"
@@ -32,6 +34,7 @@
 #include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/file_manager.h"
 #include "orvexd/platform/http_session.h"
+#include "orvexd/platform/logind_session_state.h"
 #include "orvexd/platform/notification_center.h"
 #include "orvexd/platform/serial_queue.h"
 #include "orvexd/platform/signal_source.h"
@@ -181,6 +184,9 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   assembly->uploadSession = makeUploadSession(*assembly);
   assembly->activityScheduler =
       std::make_shared<ActivityScheduler>(*assembly->workerPool, *assembly->clock);
+  // Screen and unlock criteria from the login manager, read when a run that needs them is due.
+  assembly->activityScheduler->setSessionStateSource(
+      [state = std::make_shared<LogindSessionState>()] { return state->current(); });
   assembly->crowdsourcingFeedbackFlusher = OrvexFeedbackFlusher::initWithAssembly(
       *assembly, OrvexFeedbackFlusher::kIdentifierCrowdsourcing);
   assembly->backgroundFlusher = BackgroundActivitiesManager::initWithAssembly(*assembly);
@@ -263,6 +269,9 @@ int OrvexDaemon::run() {
   endpoint_->start();
   diagnostics_ = std::make_unique<DiagnosticsService>(bus_->connection(), *assembly_);
   subscriptions_ = std::make_unique<SubscriptionsService>(bus_->connection(), *assembly_);
+  dpTaskManager_ = std::make_shared<OrvexDPPeriodicTaskManager>(assembly_->activityScheduler);
+  deepLinkIngester_ = std::make_shared<OrvexDPAppDeepLinkIngester>(*assembly_, dpTaskManager_);
+  deepLinkIngester_->scheduleMaintenance();
   if (!bus_->requestName(kOrvexBusName, &error)) {
     defaultLog().fault("cannot own the bus name %s: %@", kOrvexBusName, error);
     flushLogs();

@@ -2,9 +2,10 @@
 //
 // run() performs start-up on the calling (main) thread, in a fixed order: the trace switch, the
 // registered defaults, the Assembly with its platform facilities, the components, the launch
-// counter, the Diagnostics and Subscriptions objects, the bus name, the launch-event log, the
-// "ORVStartup" notification, the SIGINT and SIGTERM sources, and finally the bus event loop, which
-// it runs for the life of the process. SIGINT and SIGTERM end the process with status 0 at once.
+// counter, the Diagnostics and Subscriptions objects, the deep-link ingestion's maintenance task,
+// the bus name, the launch-event log, the "ORVStartup" notification, the SIGINT and SIGTERM
+// sources, and finally the bus event loop, which it runs for the life of the process. SIGINT and
+// SIGTERM end the process with status 0 at once.
 #pragma once
 
 #include <memory>
@@ -17,6 +18,8 @@ class Assembly;
 class BusConnection;
 class DiagnosticsService;
 class EndpointService;
+class OrvexDPAppDeepLinkIngester;
+class OrvexDPPeriodicTaskManager;
 class OrvexService;
 class SerialQueue;
 class SignalSource;
@@ -47,6 +50,10 @@ class OrvexDaemon {
   std::shared_ptr<EndpointService> endpoint_;
   std::unique_ptr<DiagnosticsService> diagnostics_;
   std::unique_ptr<SubscriptionsService> subscriptions_;
+  // The differential-privacy maintenance: the deep-link ingestion, run by the task manager on
+  // the Assembly's activity scheduler. Nothing else reaches them.
+  std::shared_ptr<OrvexDPPeriodicTaskManager> dpTaskManager_;
+  std::shared_ptr<OrvexDPAppDeepLinkIngester> deepLinkIngester_;
   std::unique_ptr<SerialQueue> ipcEventQueue_;
   std::unique_ptr<SignalSource> sigintSource_;
   std::unique_ptr<SignalSource> sigtermSource_;

@@ -121,7 +121,7 @@ void ActivityScheduler::fire() {
               : std::nullopt;
       continue;
     }
-    if (criteria.extraCondition && !criteria.extraCondition()) {
+    if (!sessionCriteriaMetLocked(criteria)) {
       activity->due = deadlineAfter(now, std::max(criteria.gracePeriod, kShortestInterval));
       continue;
     }
@@ -130,6 +130,20 @@ void ActivityScheduler::fire() {
     startLocked(identifier, activity);
   }
   armLocked();
+}
+
+void ActivityScheduler::setSessionStateSource(std::function<SessionState()> source) {
+  std::lock_guard lock(mutex_);
+  sessionState_ = std::move(source);
+}
+
+bool ActivityScheduler::sessionCriteriaMetLocked(const ActivityCriteria& criteria) const {
+  if (!sessionState_ || (!criteria.requireScreenSleep && !criteria.requireUnlockedSinceBoot)) {
+    return true;
+  }
+  const SessionState state = sessionState_();
+  return (!criteria.requireScreenSleep || state.screenAsleep) &&
+         (!criteria.requireUnlockedSinceBoot || state.unlockedSinceBoot);
 }
 
 void ActivityScheduler::startLocked(const std::string& identifier,

@@ -15,9 +15,9 @@
 // interface and tests); the regular schedule is not moved by it.
 //
 // Threading: every call may be made from any thread; `mutex_` guards the activity table and the
-// timer. The handler runs with no lock held and may call back into the scheduler; an
-// extraCondition runs under the lock and must not. The scheduler must be owned by a shared_ptr
-// before the first registration (its timer and posted runs hold it weakly).
+// timer. The handler runs with no lock held and may call back into the scheduler; the
+// session-state source runs under the lock and must not. The scheduler must be owned by a
+// shared_ptr before the first registration (its timer and posted runs hold it weakly).
 #pragma once
 
 #include <chrono>
@@ -29,6 +29,7 @@
 #include <string>
 
 #include "orvexd/platform/clock.h"
+#include "orvexd/platform/logind_session_state.h"
 
 namespace orvex {
 
@@ -40,9 +41,11 @@ struct ActivityCriteria {
   Duration interval{0};     // between the ends of successive runs
   Duration gracePeriod{0};  // how late a run may start and still count as on time
   bool allowBattery = true;
-  // What else must hold for a run (screen asleep, unlocked since boot); checked when the run
-  // is due; a run whose predicate fails is tried again after the grace period.
-  std::function<bool()> extraCondition;
+  // Run only while the screen is asleep, and only once the user has unlocked the device since
+  // boot; both read from the scheduler's session-state source when the run is due. A due run
+  // whose criteria fail is tried again after the grace period.
+  bool requireScreenSleep = false;
+  bool requireUnlockedSinceBoot = false;
 };
 
 class ActivityScheduler : public std::enable_shared_from_this<ActivityScheduler> {
@@ -68,6 +71,10 @@ class ActivityScheduler : public std::enable_shared_from_this<ActivityScheduler>
   bool setState(const std::string& identifier, int64_t state);
   // Nothing for an unknown identifier.
   std::optional<int64_t> getState(const std::string& identifier) const;
+  // Where requireScreenSleep and requireUnlockedSinceBoot are read; without one both are met.
+  // Called under the scheduler's lock when a run with either criterion is due.
+  void setSessionStateSource(std::function<SessionState()> source);
+
   // Whether a running activity should stop early and yield; the in-process scheduler never asks.
   bool shouldDefer(const std::string& identifier) const;
   // Runs a registered activity now; false for an unknown identifier or one already running.
@@ -79,6 +86,8 @@ class ActivityScheduler : public std::enable_shared_from_this<ActivityScheduler>
   void armLocked();
   // The timer fired (on the pool): starts every run that is due.
   void fire();
+  // Whether the session criteria of `criteria` hold now.
+  bool sessionCriteriaMetLocked(const ActivityCriteria& criteria) const;
   // Moves `activity` to kStateRun and posts its handler to the pool.
   void startLocked(const std::string& identifier, const std::shared_ptr<Activity>& activity);
   // Ends the run of `activity`: schedules its next run or retires it.
@@ -90,6 +99,7 @@ class ActivityScheduler : public std::enable_shared_from_this<ActivityScheduler>
   std::map<std::string, std::shared_ptr<Activity>> activities_;  // mutex_
   TimerHandle timer_;                                            // mutex_
   std::optional<MonotonicTime> timerDue_;                        // mutex_: when timer_ fires
+  std::function<SessionState()> sessionState_;                   // mutex_
 };
 
 }  // namespace orvex

@@ -31,6 +31,12 @@ class OrvexIpcCriteria {
   static void setInterval(Duration interval, ActivityCriteria& criteria) {
     criteria.interval = interval;
   }
+  static void setRequireScreenSleep(bool require, ActivityCriteria& criteria) {
+    criteria.requireScreenSleep = require;
+  }
+  static void setRequireUnlockedSinceBoot(bool require, ActivityCriteria& criteria) {
+    criteria.requireUnlockedSinceBoot = require;
+  }
 };
 
 class OrvexIpcActivity {

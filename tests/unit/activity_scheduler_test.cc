@@ -71,11 +71,13 @@ TEST_F(ActivitySchedulerTest, RunsAfterTheDelayThenEveryIntervalOnOneTimer) {
 }
 
 TEST_F(ActivitySchedulerTest, ARunThatContinuesHoldsTheScheduleUntilItIsDone) {
+  // Due while the screen is on: tried again after the grace period, with the screen asleep.
   std::atomic<bool> allowed{false};
-  criteria.extraCondition = [&allowed] { return allowed.load(); };
+  criteria.requireScreenSleep = criteria.requireUnlockedSinceBoot = true;
+  scheduler->setSessionStateSource([&allowed] { return SessionState{allowed.load(), true}; });
   scheduler->registerActivity("flush", criteria, recorder(/*keepGoing=*/true));
   platform.advance(300s);
-  EXPECT_TRUE(runs().empty()) << "the condition failed: tried again after the grace period";
+  EXPECT_TRUE(runs().empty()) << "the screen was on: tried again after the grace period";
   allowed = true;
   platform.advance(300s);
   EXPECT_EQ(runs(), (std::vector<int64_t>{600}));

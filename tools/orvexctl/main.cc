@@ -104,6 +104,10 @@ Commands:
   subscriptions account-status N
                       set the media store's account status (3: subscribed); only for
                       the application the ORVMediaStoreIdentifier default names
+  dp                  the differential-privacy reports the daemon keeps on this device:
+                      per key digest, how many and their size (never their contents), and
+                      the privacy budget spent today; reads the files, needs no daemon
+                        orvexctl dp
 
 Options (anywhere on the command line):
   --identifier ID     client identifier to configure (default com.zelmor.orvexctl)
@@ -438,6 +442,8 @@ constexpr Command kCommands[] = {
     {"activity", runActivity, 2, 2, "activity run ID"},
     {"subscriptions", runSubscriptions, 1, 2,
      "subscriptions list|withdraw | subscriptions publish INFO | subscriptions account-status N"},
+    // Reads local files: run without a session.
+    {"dp", nullptr, 0, 0, "dp"},
 };
 
 int run(int argc, char** argv) {
@@ -484,6 +490,7 @@ int run(int argc, char** argv) {
     }
 
     if (command->name == "report") options.record = loadRecord(options.arguments[0]);
+    if (command->run == nullptr) return runDp(options);
 
     Session session(options);
     if (auto failure = session.open()) return *failure;

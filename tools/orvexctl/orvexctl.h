@@ -128,5 +128,8 @@ int runActivity(Session& session, const Options& options);
 // account-status N.
 bool subscriptionsArgumentsValid(const std::vector<std::string>& arguments);
 int runSubscriptions(Session& session, const Options& options);
+// dp: the differential-privacy reports kept on this device, read without the daemon
+// (dp_command.cc).
+int runDp(const Options& options);
 
 }  // namespace orvex::ctl
