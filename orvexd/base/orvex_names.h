@@ -142,6 +142,8 @@ inline constexpr char kORVCounterBagFetches[] = "com.zelmor.orvexd.bag.fetches";
 inline constexpr char kORVCounterBagFetchesFailed[] = "com.zelmor.orvexd.bag.fetchesfailed";
 inline constexpr char kORVCounterBagExpired[] = "com.zelmor.orvexd.bag.expired";
 inline constexpr char kORVCounterResourceFilesFetched[] = "com.zelmor.orvexd.resourcefilesfetched";
+// Resource downloads refused for exceeding the download manager's size cap.
+inline constexpr char kORVCounterResourceFileTooLarge[] = "com.zelmor.orvexd.resourcefiletoolarge";
 inline constexpr char kORVCounterSessionsRoamer[] = "com.zelmor.orvexd.sessions.roamer";
 inline constexpr char kORVCounterFileSizeExceeded[] = "com.zelmor.orvexd.filesizeexceeded";
 inline constexpr char kORVCounterFileTooLarge[] = "com.zelmor.orvexd.filetoolarge";
