@@ -4,6 +4,7 @@
 // the daemon (the client library, orvexctl) use the same header, so a name is written once.
 #pragma once
 
+#include <array>
 #include <string_view>
 
 namespace orvex {
@@ -90,6 +91,11 @@ inline constexpr char kORVGlanceModels[] = "glance_models";
 inline constexpr char kORVCorrectionDict[] = "correction_dict";
 inline constexpr char kORVCrowdsourcingBlacklist[] = "crowdsourcing_blacklist";
 inline constexpr char kORVCrowdsourcingWhitelist[] = "crowdsourcing_whitelist";
+inline constexpr std::array<std::string_view, 10> kORVResourceKeys = {
+    kORVAutofillTLDWhitelist,  kORVInstalledAppWhitelist, kORVQIFeatures,
+    kORVWebsiteCategoryLabels, kORVLookupHintsWeekly,     kORVLookupHintsMonthly,
+    kORVGlanceModels,          kORVCorrectionDict,        kORVCrowdsourcingBlacklist,
+    kORVCrowdsourcingWhitelist};
 
 // Keys of the defaults store ($XDG_CONFIG_HOME/com.zelmor.orvexd/defaults.plist).
 inline constexpr char kORVSharedSessionKey[] = "ORVSharedSession";

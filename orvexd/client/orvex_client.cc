@@ -309,6 +309,31 @@ ClientResult<std::vector<std::map<std::string, std::string>>> OrvexClient::listS
       *bus_->daemon, kOrvexDaemonInterface, "ListSessions", timeout_);
 }
 
+ClientResult<ResourceFile> OrvexClient::fileHandleAndAttributesForResource(
+    const std::string& identifier) {
+  return guarded([&] {
+    auto [handles, attributes, error] = call<std::vector<sdbus::UnixFd>, Dict, Dict>(
+        *bus_->daemon, kOrvexDaemonInterface, "FileHandleAndAttributesForResource", timeout_,
+        identifier);
+    ResourceFile file;
+    if (!handles.empty()) file.fd = UniqueFd(handles.front().release());
+    const auto read = [&attributes](const char* key, auto& into) {
+      const auto found = attributes.find(key);
+      if (found == attributes.end()) return;
+      try {
+        into = found->second.get<std::remove_reference_t<decltype(into)>>();
+      } catch (const sdbus::Error&) {
+        // A value of another type reads as absent.
+      }
+    };
+    read("size", file.attributes.size);
+    read("modified", file.attributes.modified);
+    read("url", file.attributes.url);
+    file.error = dbus::errorFromDBus(error);
+    return file;
+  });
+}
+
 ClientResult<std::string> OrvexClient::listenToFlusher() {
   return resultOf<std::string, sdbus::ObjectPath>(*bus_->daemon, kOrvexDaemonInterface,
                                                   "ListenToFlusher", timeout_);

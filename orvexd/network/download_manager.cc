@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -29,15 +28,8 @@ constexpr int64_t kFileSizeExceeded = 63;
 // Longer URLs in the bag or the saved state are taken as absent.
 constexpr size_t kMaxUrlLength = 8192;
 
-// In the order they are processed.
-constexpr std::array<std::string_view, 10> kResourceKeys = {
-    kORVAutofillTLDWhitelist,  kORVInstalledAppWhitelist, kORVQIFeatures,
-    kORVWebsiteCategoryLabels, kORVLookupHintsWeekly,     kORVLookupHintsMonthly,
-    kORVGlanceModels,          kORVCorrectionDict,        kORVCrowdsourcingBlacklist,
-    kORVCrowdsourcingWhitelist};
-
 bool isResourceKey(std::string_view key) {
-  for (const auto known : kResourceKeys) {
+  for (const auto known : kORVResourceKeys) {
     if (known == key) return true;
   }
   return false;
@@ -210,7 +202,7 @@ void OrvexDownloadManager::_downloadBagResources(const ORVBag& bag) {
   }
   tasks_.clear();
   const BagDictionary& raw = bag.rawBag();
-  for (const auto key : kResourceKeys) {
+  for (const auto key : kORVResourceKeys) {
     const std::string name(key);
     if (_isLookupResource(key) && !bag.lookupEnabled()) {
       downloadLog().info("%@ is disabled, not downloading", name);
