@@ -230,8 +230,10 @@ void OrvexDownloadManager::_addResource(const std::string& key,
   DownloadResource& resource = resources_[key];
   resource.identifier = key;
   if (resource.url == urlForCompare(*url)) {
+    // Anything but a regular file at the name (a planted link, say) counts as missing.
     const auto path = _pathToResource(key);
-    if (path && !assembly_.fileManager->fileExists(*path)) {
+    const auto file = path ? assembly_.fileManager->attributesOfItem(*path) : std::nullopt;
+    if (path && !(file && S_ISREG(file->mode))) {
       _downloadResource(resource, *url, "missing");
     } else if (_isLookupResource(key)) {
       _downloadResource(resource, *url, "lookup");
@@ -361,6 +363,11 @@ std::optional<std::filesystem::path> OrvexDownloadManager::_storeDownload(
   std::error_code error;
   const auto bytes = assembly_.fileManager->readFile(downloaded, error, kMaxResourceSize);
   if (bytes) error = assembly_.fileManager->writeFileAtomically(*path, *bytes, 0600);
+  if (bytes && error == std::errc::too_many_symbolic_link_levels) {
+    // A link planted at the name is removed, never followed, and the file takes its place.
+    error = assembly_.fileManager->removeItem(*path);
+    if (!error) error = assembly_.fileManager->writeFileAtomically(*path, *bytes, 0600);
+  }
   if (!bytes || error) {
     downloadLog().error("error copying download %@", error.message());
     return std::nullopt;
@@ -437,7 +444,9 @@ void OrvexDownloadManager::_saveResources() {
     if (resource.redirectUrl) record.emplace("redirect_url", PlistValue(*resource.redirectUrl));
     saved.emplace(key, PlistValue(std::move(record)));
   }
-  if (!assembly_.userDefaults->setObject(kORVDownloadResourcesKey, PlistValue(std::move(saved)))) {
+  DefaultsStore& defaults = *assembly_.userDefaults;
+  if (!defaults.setObject(kORVDownloadResourcesKey, PlistValue(std::move(saved))) ||
+      !defaults.synchronize()) {
     downloadLog().error("exception saving resource %@: %@", kORVDownloadResourcesKey,
                         "the defaults store refused it");
   }
