@@ -312,14 +312,17 @@ ClientResult<std::vector<std::map<std::string, std::string>>> OrvexClient::listS
 ClientResult<ResourceFile> OrvexClient::fileHandleAndAttributesForResource(
     const std::string& identifier) {
   return guarded([&] {
-    auto [handles, attributes, error] = call<std::vector<sdbus::UnixFd>, Dict, Dict>(
-        *bus_->daemon, kOrvexDaemonInterface, "FileHandleAndAttributesForResource", timeout_,
-        identifier);
+    auto answer = call<std::vector<sdbus::UnixFd>, Dict, Dict>(*bus_->daemon, kOrvexDaemonInterface,
+                                                               "FileHandleAndAttributesForResource",
+                                                               timeout_, identifier);
+    auto& handles = std::get<0>(answer);
+    // Named, not bound: clang 14 cannot capture a structured binding in the lambda below.
+    const Dict& attributeForm = std::get<1>(answer);
     ResourceFile file;
     if (!handles.empty()) file.fd = UniqueFd(handles.front().release());
-    const auto read = [&attributes](const char* key, auto& into) {
-      const auto found = attributes.find(key);
-      if (found == attributes.end()) return;
+    const auto read = [&attributeForm](const char* key, auto& into) {
+      const auto found = attributeForm.find(key);
+      if (found == attributeForm.end()) return;
       try {
         into = found->second.get<std::remove_reference_t<decltype(into)>>();
       } catch (const sdbus::Error&) {
@@ -329,7 +332,7 @@ ClientResult<ResourceFile> OrvexClient::fileHandleAndAttributesForResource(
     read("size", file.attributes.size);
     read("modified", file.attributes.modified);
     read("url", file.attributes.url);
-    file.error = dbus::errorFromDBus(error);
+    file.error = dbus::errorFromDBus(std::get<2>(answer));
     return file;
   });
 }
