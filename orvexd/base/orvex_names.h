@@ -4,6 +4,7 @@
 // the daemon (the client library, orvexctl) use the same header, so a name is written once.
 #pragma once
 
+#include <array>
 #include <string_view>
 
 namespace orvex {
@@ -97,6 +98,11 @@ inline constexpr char kORVGlanceModels[] = "glance_models";
 inline constexpr char kORVCorrectionDict[] = "correction_dict";
 inline constexpr char kORVCrowdsourcingBlacklist[] = "crowdsourcing_blacklist";
 inline constexpr char kORVCrowdsourcingWhitelist[] = "crowdsourcing_whitelist";
+inline constexpr std::array<std::string_view, 10> kORVResourceKeys = {
+    kORVAutofillTLDWhitelist,  kORVInstalledAppWhitelist, kORVQIFeatures,
+    kORVWebsiteCategoryLabels, kORVLookupHintsWeekly,     kORVLookupHintsMonthly,
+    kORVGlanceModels,          kORVCorrectionDict,        kORVCrowdsourcingBlacklist,
+    kORVCrowdsourcingWhitelist};
 
 // Keys of the defaults store ($XDG_CONFIG_HOME/com.zelmor.orvexd/defaults.plist).
 inline constexpr char kORVSharedSessionKey[] = "ORVSharedSession";
@@ -156,6 +162,8 @@ inline constexpr char kORVCounterBagFetches[] = "com.zelmor.orvexd.bag.fetches";
 inline constexpr char kORVCounterBagFetchesFailed[] = "com.zelmor.orvexd.bag.fetchesfailed";
 inline constexpr char kORVCounterBagExpired[] = "com.zelmor.orvexd.bag.expired";
 inline constexpr char kORVCounterResourceFilesFetched[] = "com.zelmor.orvexd.resourcefilesfetched";
+// Resource downloads refused for exceeding the download manager's size cap.
+inline constexpr char kORVCounterResourceFileTooLarge[] = "com.zelmor.orvexd.resourcefiletoolarge";
 inline constexpr char kORVCounterSessionsRoamer[] = "com.zelmor.orvexd.sessions.roamer";
 inline constexpr char kORVCounterFileSizeExceeded[] = "com.zelmor.orvexd.filesizeexceeded";
 inline constexpr char kORVCounterFileTooLarge[] = "com.zelmor.orvexd.filetoolarge";

@@ -313,6 +313,34 @@ ClientResult<std::vector<std::map<std::string, std::string>>> OrvexClient::listS
       *bus_->daemon, kOrvexDaemonInterface, "ListSessions", timeout_);
 }
 
+ClientResult<ResourceFile> OrvexClient::fileHandleAndAttributesForResource(
+    const std::string& identifier) {
+  return guarded([&] {
+    auto answer = call<std::vector<sdbus::UnixFd>, Dict, Dict>(*bus_->daemon, kOrvexDaemonInterface,
+                                                               "FileHandleAndAttributesForResource",
+                                                               timeout_, identifier);
+    auto& handles = std::get<0>(answer);
+    // Named, not bound: clang 14 cannot capture a structured binding in the lambda below.
+    const Dict& attributeForm = std::get<1>(answer);
+    ResourceFile file;
+    if (!handles.empty()) file.fd = UniqueFd(handles.front().release());
+    const auto read = [&attributeForm](const char* key, auto& into) {
+      const auto found = attributeForm.find(key);
+      if (found == attributeForm.end()) return;
+      try {
+        into = found->second.get<std::remove_reference_t<decltype(into)>>();
+      } catch (const sdbus::Error&) {
+        // A value of another type reads as absent.
+      }
+    };
+    read("size", file.attributes.size);
+    read("modified", file.attributes.modified);
+    read("url", file.attributes.url);
+    file.error = dbus::errorFromDBus(std::get<2>(answer));
+    return file;
+  });
+}
+
 ClientResult<std::string> OrvexClient::listenToFlusher() {
   return resultOf<std::string, sdbus::ObjectPath>(*bus_->daemon, kOrvexDaemonInterface,
                                                   "ListenToFlusher", timeout_);

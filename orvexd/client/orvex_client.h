@@ -40,7 +40,9 @@
 #include <vector>
 
 #include "orvexd/base/orvex_error.h"
+#include "orvexd/base/unique_fd.h"
 #include "orvexd/model/image_description.h"
+#include "orvexd/model/interfaces/download_manager.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orv_reply.h"
@@ -83,6 +85,14 @@ struct BagAnswer {
 };
 
 struct Empty {};
+
+// A resource file the daemon keeps: an open read-only descriptor and its attributes, or (with no
+// descriptor) the daemon's error.
+struct ResourceFile {
+  UniqueFd fd;
+  ResourceFileAttributes attributes;
+  std::optional<OrvexError> error;
+};
 
 // What a tool asks of the flusher control channel (InitiateConnectionWithIntent).
 inline constexpr uint64_t kFlusherIntentSendingStream = 0;    // FlushedData with each upload
@@ -144,6 +154,8 @@ class OrvexClient {
   // The records of the client's open feedback session, as the JSON array the daemon keeps.
   ClientResult<std::string> feedback();
   ClientResult<std::vector<std::map<std::string, std::string>>> listSessions();
+  // A resource file by its bag key ("autofill_tld_whitelist", ...).
+  ClientResult<ResourceFile> fileHandleAndAttributesForResource(const std::string& identifier);
   ClientResult<std::string> listenToFlusher();
   // Called with the flusher signals sent to this connection; set them before the first intent.
   void onFlusherSignals(FlusherHandlers handlers);

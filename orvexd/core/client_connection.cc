@@ -348,9 +348,18 @@ void ClientConnection::listSessions(std::function<void(std::vector<ClientSession
 void ClientConnection::fileHandleAndAttributesForResource(const std::string& identifier,
                                                           FileHandleReply reply) {
   ensureState();
-  OrvexLogForCategory(kOrvexLogImages)
-      .error("no downloaded resource for identifier: %@", identifier);
-  reply(std::nullopt, {}, OrvexError(kORVErrorDomain, 500, "no downloaded resource " + identifier));
+  OrvexError error(kORVErrorDomain, 500, "resource files are not available");
+  ResourceFileAttributes attributes;
+  if (assembly_.downloadManager) {
+    if (auto fd =
+            assembly_.downloadManager->fileHandleForResource(identifier, &attributes, &error)) {
+      reply(std::move(*fd), attributes, std::nullopt);
+      return;
+    }
+  }
+  OrvexLogForCategory(kOrvexLogDownloadManager)
+      .info("no resource file for a client: %@", error.reason);
+  reply(UniqueFd(), std::nullopt, std::move(error));
 }
 
 void ClientConnection::flushSessionInvalidation(std::function<void(bool)> callback) {

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "orvexd/base/orvex_error.h"
+#include "orvexd/model/interfaces/download_manager.h"
 #include "orvexd/model/nb_feedback.h"
 #include "orvexd/model/orv_bag.h"
 #include "orvexd/model/orv_request.h"
@@ -62,8 +63,9 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   using ConfigureReply = std::function<void(std::optional<std::string> endpoint)>;
   using FeedbackReply =
       std::function<void(std::vector<OrvexFeedback> feedbacks, std::optional<OrvexError>)>;
-  using FileHandleReply = std::function<void(std::optional<int> fd, PlistDictionary attributes,
-                                             std::optional<OrvexError>)>;
+  // A resource file: a read-only descriptor and its attributes, or the error.
+  using FileHandleReply = std::function<void(
+      UniqueFd fd, std::optional<ResourceFileAttributes> attributes, std::optional<OrvexError>)>;
 
   // `invalidate` ends the connection from the daemon's side (an invalid configuration).
   // The connection's calls run on `callPool`, apart from the components' pool, so that clients

@@ -22,6 +22,7 @@
 #include "orvexd/feedback/standalone_client_session.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/network/bag_controller.h"
+#include "orvexd/network/download_manager.h"
 #include "orvexd/network/network_request_factory.h"
 #include "orvexd/network/orvex_subscription_manager.h"
 #include "orvexd/network/orvex_subscription_registry.h"
@@ -193,6 +194,11 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
 
   auto bagController = std::make_shared<OrvexBagController>(*assembly);
   assembly->bagController = bagController;
+  // Observes the bag from here on, so that it sees the first one the controller announces.
+  assembly->downloadManager = OrvexDownloadManager::initWithAssembly(
+      *assembly, [&assembly = *assembly](const OrvexError& error) {
+        ClientSessionManager::reportErrorAsOrvexdFeedback(error, assembly);
+      });
   auto clientStateManager = std::make_shared<OrvexClientStateManager>(*assembly);
   assembly->clientStateManager = clientStateManager;
   assembly->guidController = std::make_shared<OrvexUserGUIDController>(*assembly);

@@ -360,20 +360,18 @@ void OrvexService::exportDaemonInterface() {
               BusReply<std::vector<sdbus::UnixFd>, Dict, Dict> reply(bus, std::move(result));
               dispatch([reply, identifier](ClientConnection& c) {
                 c.fileHandleAndAttributesForResource(
-                    identifier, [reply](std::optional<int> fd, PlistDictionary attributes,
+                    identifier, [reply](UniqueFd fd, std::optional<ResourceFileAttributes> file,
                                         std::optional<OrvexError> error) {
                       // The descriptor is owned until the bus thread has sent it.
-                      auto owned = std::make_shared<UniqueFd>(fd.value_or(-1));
-                      reply.sendFrom([owned, attributes = std::move(attributes), error] {
+                      auto owned = std::make_shared<UniqueFd>(std::move(fd));
+                      reply.sendFrom([owned, file = std::move(file), error] {
                         std::vector<sdbus::UnixFd> handles;
                         if (*owned) handles.emplace_back(owned->release(), sdbus::adopt_fd);
                         Dict attributeForm;
-                        for (const auto& [key, value] : attributes) {
-                          if (const auto* text = value.asString()) {
-                            attributeForm[key] = sdbus::Variant(*text);
-                          } else if (auto number = value.asInteger()) {
-                            attributeForm[key] = sdbus::Variant(*number);
-                          }
+                        if (file) {
+                          attributeForm["size"] = sdbus::Variant(file->size);
+                          attributeForm["modified"] = sdbus::Variant(file->modified);
+                          attributeForm["url"] = sdbus::Variant(file->url);
                         }
                         return std::make_tuple(std::move(handles), std::move(attributeForm),
                                                dbus::toDBus(error));

@@ -13,6 +13,7 @@
 #include "orvexd/feedback/session_privacy_filter.h"
 #include "orvexd/model/assembly.h"
 #include "orvexd/model/feedback_codec.h"
+#include "orvexd/model/interfaces/download_manager.h"
 #include "orvexd/network/user_guid_controller.h"
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/defaults_store.h"
@@ -100,8 +101,13 @@ ClientSession::ClientSession(Assembly& assembly, const OrvexFeedback& feedback,
   }
   firstUseOfTheDay_ = checkFirstUseOfTheDay(firstUseKey);
 
-  // No download manager keeps resource files yet, so there are no versions to report.
+  // The versions of the resource files as the session starts.
   resourceVersions_ = PlistDictionary();
+  if (assembly_.downloadManager) {
+    for (auto& [key, version] : assembly_.downloadManager->resourceVersions()) {
+      resourceVersions_.emplace(key, PlistValue(std::move(version)));
+    }
+  }
   if (assembly_.persistentStorage) {
     storageHandle_ = assembly_.persistentStorage->createFileContainerForWriting();
   }

@@ -2,7 +2,6 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,12 +16,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include "orvexd/base/c_handle.h"
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/property_list.h"
 #include "orvexd/base/text_util.h"
 #include "orvexd/base/unique_fd.h"
 #include "orvexd/platform/file_manager.h"
+#include "orvexd/platform/sha256_hex.h"
 
 namespace orvex {
 
@@ -98,25 +97,6 @@ std::optional<WallTime> parseHttpDate(const HttpHeaderMap& headers, std::string_
 
 bool hasValidator(const HttpHeaderMap& headers) {
   return headers.contains("ETag") || headers.contains("Last-Modified");
-}
-
-std::string sha256Hex(std::string_view text) {
-  std::unique_ptr<EVP_MD_CTX, CFree<&EVP_MD_CTX_free>> context(EVP_MD_CTX_new());
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1 ||
-      EVP_DigestUpdate(context.get(), text.data(), text.size()) != 1 ||
-      EVP_DigestFinal_ex(context.get(), digest, &length) != 1) {
-    return {};
-  }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(length * 2);
-  for (unsigned int i = 0; i < length; ++i) {
-    hex += kHex[digest[i] >> 4];
-    hex += kHex[digest[i] & 0xf];
-  }
-  return hex;
 }
 
 // What a file takes on disk: its allocated blocks, which a small file rounds up to a whole block

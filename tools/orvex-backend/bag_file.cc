@@ -10,23 +10,26 @@ namespace orvex::backend {
 
 namespace {
 
-constexpr std::string_view kBaseUrlVariable = "${BASE_URL}";
-
-void substitute(nlohmann::ordered_json& value, const std::string& baseUrl) {
+void substitute(nlohmann::ordered_json& value,
+                const std::map<std::string, std::string>& variables) {
   if (value.is_structured()) {
-    for (auto& child : value) substitute(child, baseUrl);
+    for (auto& child : value) substitute(child, variables);
   } else if (value.is_string()) {
     auto& text = value.get_ref<std::string&>();
-    for (size_t at = text.find(kBaseUrlVariable); at != std::string::npos;
-         at = text.find(kBaseUrlVariable, at + baseUrl.size())) {
-      text.replace(at, kBaseUrlVariable.size(), baseUrl);
+    for (const auto& [name, replacement] : variables) {
+      const std::string variable = "${" + name + "}";
+      for (size_t at = text.find(variable); at != std::string::npos;
+           at = text.find(variable, at + replacement.size())) {
+        text.replace(at, variable.size(), replacement);
+      }
     }
   }
 }
 
 }  // namespace
 
-nlohmann::ordered_json BagFile::read(const std::string& baseUrl) const {
+nlohmann::ordered_json BagFile::read(const std::string& baseUrl,
+                                     std::map<std::string, std::string> variables) const {
   const std::string name = path_.string();
   std::error_code error;
   if (std::filesystem::is_directory(path_, error)) {
@@ -50,7 +53,8 @@ nlohmann::ordered_json BagFile::read(const std::string& baseUrl) const {
     throw std::runtime_error("the bag file " + name + " holds a JSON " + bag.type_name() +
                              ", not an object");
   }
-  substitute(bag, baseUrl);
+  variables.insert_or_assign("BASE_URL", baseUrl);
+  substitute(bag, variables);
   return bag;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -15,9 +16,11 @@ class BagFile {
   const std::filesystem::path& path() const { return path_; }
 
   // The file's JSON object, key order kept, with every "${BASE_URL}" inside a string value
-  // replaced by `baseUrl`. Throws std::runtime_error saying what is wrong when the file cannot
-  // be read, is not JSON, or holds something other than an object.
-  nlohmann::ordered_json read(const std::string& baseUrl) const;
+  // replaced by `baseUrl`, and every "${NAME}" for a NAME of `variables` by its value. Throws
+  // std::runtime_error saying what is wrong when the file cannot be read, is not JSON, or holds
+  // something other than an object.
+  nlohmann::ordered_json read(const std::string& baseUrl,
+                              std::map<std::string, std::string> variables = {}) const;
 
  private:
   std::filesystem::path path_;

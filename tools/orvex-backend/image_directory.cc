@@ -35,8 +35,14 @@ std::optional<std::string_view> contentTypeOf(const std::filesystem::path& name)
   return std::nullopt;
 }
 
-// Whether If-None-Match (a list of entity tags, or "*") names `tag`. The comparison is the
-// weak one, as for this header, so W/"x" names "x".
+bool inside(const std::filesystem::path& path, const std::filesystem::path& directory) {
+  const auto [left, right] =
+      std::mismatch(directory.begin(), directory.end(), path.begin(), path.end());
+  return left == directory.end() && right != path.end();
+}
+
+}  // namespace
+
 bool namesTag(std::string_view list, std::string_view tag) {
   while (!list.empty()) {
     const size_t comma = std::min(list.find(','), list.size());
@@ -49,14 +55,6 @@ bool namesTag(std::string_view list, std::string_view tag) {
   }
   return false;
 }
-
-bool inside(const std::filesystem::path& path, const std::filesystem::path& directory) {
-  const auto [left, right] =
-      std::mismatch(directory.begin(), directory.end(), path.begin(), path.end());
-  return left == directory.end() && right != path.end();
-}
-
-}  // namespace
 
 EndpointReply ImageDirectory::serve(std::string_view relative,
                                     const EndpointRequest& request) const {

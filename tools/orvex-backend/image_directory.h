@@ -17,6 +17,10 @@
 
 namespace orvex::backend {
 
+// Whether If-None-Match (a list of entity tags, or "*") names `tag`. The comparison is the weak
+// one, as for this header, so W/"x" names "x".
+bool namesTag(std::string_view list, std::string_view tag);
+
 class ImageDirectory {
  public:
   static constexpr std::uintmax_t kMaxFileSize = std::uintmax_t{8} << 20;

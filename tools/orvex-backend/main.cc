@@ -13,6 +13,7 @@
 #include "tools/orvex-backend/command_line.h"
 #include "tools/orvex-backend/feedback_intake.h"
 #include "tools/orvex-backend/image_directory.h"
+#include "tools/orvex-backend/resource_files.h"
 #include "tools/orvex-backend/wordnet_corpus.h"
 
 namespace {
@@ -24,6 +25,9 @@ int fail(int status, const std::string& message) {
   return status;
 }
 
+// The source of the top-level domain list (Debian package publicsuffix).
+constexpr const char* kPublicSuffixList = "/usr/share/publicsuffix/public_suffix_list.dat";
+
 // The images endpoint serves the files below this path.
 constexpr std::string_view kImages = "/images/";
 
@@ -31,8 +35,12 @@ constexpr std::string_view kImages = "/images/";
 EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus> corpus,
                                std::shared_ptr<FeedbackStore> feedback, ImageDirectory images) {
   EndpointRegistry endpoints;
-  endpoints.add({"bag", "GET", "/bag", [bag = std::move(bag)](const EndpointRequest& request) {
-                   const auto json = bag.read(request.baseUrl);
+  const auto resources = std::make_shared<const ResourceFiles>(corpus.get(), kPublicSuffixList);
+  ResourceFiles::addEndpoints(resources, endpoints);
+  endpoints.add({"bag", "GET", "/bag",
+                 [bag = std::move(bag),
+                  versions = resources->bagVariables()](const EndpointRequest& request) {
+                   const auto json = bag.read(request.baseUrl, versions);
                    return EndpointReply{200, "application/json", json.dump(2) + "\n", {}};
                  }});
   endpoints.add({"warm", "GET", "/warm", [](const EndpointRequest&) {

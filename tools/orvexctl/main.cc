@@ -75,6 +75,11 @@ Commands:
                         orvexctl images http://127.0.0.1:8080/images/48x48/legacy/starred.png
   sessions            the clients the daemon knows: identifier and agent
                         orvexctl sessions
+  resources           the bag's data files the daemon keeps: URL, version, size and age
+                        orvexctl resources
+  resource ID         the bytes of one of them, read through the descriptor the daemon sends
+      --out FILE        where they go (default: standard output)
+                        orvexctl resource autofill_tld_whitelist --out tlds.txt
   counters [PREFIX]   the daemon's diagnostic counters, sorted, those starting with PREFIX
                         orvexctl counters com.zelmor.orvexd.bag
   feedback            the records of the open feedback session, as JSON
@@ -435,6 +440,8 @@ constexpr Command kCommands[] = {
     {"flight", runQuery, 0, 1, "flight CODE-NUMBER | flight --id ID"},
     {"images", runImages, 1, 256, "images URL... [--out DIR]"},
     {"sessions", runSessions, 0, 0, "sessions"},
+    {"resources", runResources, 0, 0, "resources"},
+    {"resource", runResource, 1, 1, "resource ID [--out FILE]"},
     {"counters", runCounters, 0, 1, "counters [PREFIX]"},
     {"feedback", runFeedback, 0, 0, "feedback"},
     {"report", runReport, 1, 1, "report FILE|- [--event NAME] [--query-id N]"},
@@ -475,8 +482,8 @@ int run(int argc, char** argv) {
       throw UsageError{"--context and --domain are for lookup"};
     }
     if (options.flightId && command->name != "flight") throw UsageError{"--id is for flight"};
-    if (options.outputDirectory && command->name != "images") {
-      throw UsageError{"--out is for images"};
+    if (options.outputDirectory && command->name != "images" && command->name != "resource") {
+      throw UsageError{"--out is for images and resource"};
     }
     if (command->name == "flight" && options.flightId.has_value() == (count == 1)) {
       throw UsageError{"usage: orvexctl [OPTIONS] " + std::string(command->usage)};

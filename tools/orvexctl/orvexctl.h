@@ -45,7 +45,8 @@ struct Options {
   std::optional<std::string> context;
   std::optional<std::string> domain;
   std::optional<std::string> flightId;
-  // images: where the images go (default: the current directory).
+  // images: where the images go (default: the current directory); resource: the file to write
+  // (default: standard output).
   std::optional<std::string> outputDirectory;
   // report: the record, read and checked before the daemon is contacted.
   FeedbackRecordPtr record;
@@ -119,6 +120,10 @@ class Session {
 int runQuery(Session& session, const Options& options);
 // images URL...: the daemon's bytes for each image, saved to files.
 int runImages(Session& session, const Options& options);
+
+// The bag's resource files (resource_commands.cc): resources lists them, resource ID writes one.
+int runResources(Session& session, const Options& options);
+int runResource(Session& session, const Options& options);
 
 // The flusher control channel (flusher_commands.cc).
 int runFlusher(Session& session, const Options& options);
