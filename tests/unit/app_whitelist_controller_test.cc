@@ -1,9 +1,15 @@
+#include "orvexd/network/app_whitelist_controller.h"
+
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <thread>
 
-#include "orvexd/platform/installed_applications.h"
-#include "tests/support/test_environment.h"
+#include "orvexd/base/orvex_names.h"
+#include "orvexd/model/interfaces/download_manager.h"
+#include "orvexd/network/app_whitelist_signature.h"
+#include "tests/support/test_assembly.h"
 
 namespace orvex {
 namespace {
@@ -50,6 +56,90 @@ TEST(InstalledApplications, ReadsApplicationsAndTheirNewestRelease) {
   EXPECT_NE(std::find(watched.begin(), watched.end(), flatpak / "app"), watched.end());
   EXPECT_NE(std::find(watched.begin(), watched.end(), flatpak / "app/org.flat.C/current"),
             watched.end());
+}
+
+// Serves the whitelist from a file in the test's directory, as the download manager would.
+class FakeDownloadManager final : public DownloadManager {
+ public:
+  explicit FakeDownloadManager(fs::path file) : file_(std::move(file)) {}
+  std::optional<DownloadResource> resourceForKey(const std::string&) const override { return {}; }
+  std::map<std::string, std::string> resourceVersions() const override { return {}; }
+  std::optional<UniqueFd> fileHandleForResource(const std::string& identifier,
+                                                ResourceFileAttributes* attributes,
+                                                OrvexError* error) const override {
+    UniqueFd fd(identifier == kORVInstalledAppWhitelist ? ::open(file_.c_str(), O_RDONLY) : -1);
+    if (!fd) {
+      *error = OrvexError("test", 404, "no such resource");
+      return std::nullopt;
+    }
+    attributes->size = fs::file_size(file_);
+    return fd;
+  }
+
+ private:
+  fs::path file_;
+};
+
+TEST(OrvexAppWhitelistController, FollowsTheWhitelistAndTheInstalledApps) {
+  testing::TestAssembly test;
+  const fs::path metainfo = test.directory.path() / "share/metainfo";
+  writeMetainfo(metainfo, "org.a", "desktop-application", {"1"});
+  writeMetainfo(metainfo, "org.c", "desktop-application", {});  // no version: does not count
+  const fs::path file = test.directory.path() / "whitelist.json";
+  const auto writeWhitelist = [&](const std::string& version) {
+    const nlohmann::json inner{{"version", version},
+                               {"apps",
+                                {{"org.a", {{{"encoding_id", 7}}}},
+                                 {"org.b", {{{"encoding_id", 9}}}},
+                                 {"org.c", {{{"encoding_id", 1}}}}}}};
+    writeTextFile(
+        file, nlohmann::json{{"apps", inner.dump()}, {"compression", "RLE"}, {"encoding", "bitmap"}}
+                  .dump());
+  };
+  writeWhitelist("0a0b");
+  test.assembly->downloadManager = std::make_shared<FakeDownloadManager>(file);
+  (void)test.assembly->userDefaults->setObject(kORVAppWhitelistSignatureKey, PlistValue("last"));
+  const auto stored = [&] {
+    return test.assembly->userDefaults->stringForKey(kORVAppWhitelistSignatureKey);
+  };
+
+  // The stored value answers at once; the run at start replaces it. Index 7 alone: one byte 01.
+  auto controller = std::make_shared<OrvexAppWhitelistController>(
+      *test.assembly, MetainfoRoots{{test.directory.path() / "share"}, {}});
+  controller->start();
+  EXPECT_EQ(controller->whitelistSignature(), "last");
+  test.settle();
+  const auto first = makeSignature("0a0b", std::vector<uint8_t>{0x01});
+  EXPECT_EQ(controller->whitelistSignature(), first);
+  EXPECT_EQ(stored(), first);
+
+  // Installing org.b (index 9: bytes 01 40) is seen by the watcher and answered once the burst
+  // has settled, in virtual time.
+  writeMetainfo(metainfo, "org.b", "desktop-application", {"2"});
+  const auto second = makeSignature("0a0b", std::vector<uint8_t>{0x01, 0x40});
+  EXPECT_TRUE(testing::eventually([&] {
+    test.advance(OrvexAppWhitelistController::kInstalledAppsSettleDelay);
+    test.settle();
+    return controller->whitelistSignature() == second;
+  }));
+
+  // A new download (another version) recomputes; another resource's download does not.
+  writeWhitelist("0a0c");
+  test.assembly->notificationCenter->post(kORVFileDownloadCompletedNotification, nullptr,
+                                          {{"identifier", std::string(kORVQIFeatures)}});
+  test.settle();
+  EXPECT_EQ(controller->whitelistSignature(), second);
+  test.assembly->notificationCenter->post(kORVFileDownloadCompletedNotification, nullptr,
+                                          {{"identifier", std::string(kORVInstalledAppWhitelist)}});
+  test.settle();
+  EXPECT_EQ(controller->whitelistSignature(), makeSignature("0a0c", std::vector<uint8_t>{1, 0x40}));
+
+  // Deleting the whitelist drops the signature and its stored copy.
+  test.assembly->notificationCenter->post(kORVFileDeletedNotification, nullptr,
+                                          {{"identifier", std::string(kORVInstalledAppWhitelist)}});
+  test.settle();
+  EXPECT_EQ(controller->whitelistSignature(), std::nullopt);
+  EXPECT_EQ(stored(), std::nullopt);
 }
 
 }  // namespace
