@@ -10,8 +10,10 @@
 #include "orvexd/model/interfaces/download_manager.h"
 #include "orvexd/network/app_whitelist_signature.h"
 #include "tests/support/test_assembly.h"
+#include "tools/orvex-backend/app_whitelist_builder.h"
 
 namespace orvex {
+using backend::buildAppWhitelist;
 namespace {
 
 namespace fs = std::filesystem;
@@ -140,6 +142,21 @@ TEST(OrvexAppWhitelistController, FollowsTheWhitelistAndTheInstalledApps) {
   test.settle();
   EXPECT_EQ(controller->whitelistSignature(), std::nullopt);
   EXPECT_EQ(stored(), std::nullopt);
+}
+
+// The back-end's whitelist numbers the machine's applications from 1 in identifier order and
+// reads back through the daemon's parser.
+TEST(AppWhitelistBuilder, BuildsAWhitelistTheDaemonReads) {
+  testing::TempDir dir;
+  writeMetainfo(dir.path(), "org.z", "desktop-application", {"1"});
+  writeMetainfo(dir.path(), "org.y", "web-application", {});
+  const std::string document = buildAppWhitelist({dir.path()});
+  const auto whitelist = processWhitelist(document);
+  ASSERT_TRUE(whitelist);
+  EXPECT_EQ(whitelist->encodingIds,
+            (std::map<std::string, uint32_t, std::less<>>{{"org.y", 1}, {"org.z", 2}}));
+  EXPECT_EQ(whitelist->version.size(), 8u);
+  EXPECT_EQ(buildAppWhitelist({dir.path()}), document);
 }
 
 }  // namespace
