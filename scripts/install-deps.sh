@@ -8,6 +8,7 @@ packages=(
   libsdbus-c++-dev libasio-dev libspdlog-dev libfmt-dev libsystemd-dev systemtap-sdt-dev
   libplist-dev libexpat1-dev dbus-daemon systemd libcurl4-openssl-dev nlohmann-json3-dev libicu-dev libcld2-dev
   uuid-dev libssl-dev zlib1g-dev libsqlite3-dev libcpp-httplib-dev jq wordnet-base adwaita-icon-theme publicsuffix
+  libappstream-dev
 )
 if [[ "${1:-build}" == test ]]; then
   packages+=(libgtest-dev libgmock-dev clang-14 clang-format-14 libclang-rt-14-dev binutils

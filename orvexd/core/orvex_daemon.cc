@@ -21,6 +21,7 @@
 #include "orvexd/feedback/persistent_storage.h"
 #include "orvexd/feedback/standalone_client_session.h"
 #include "orvexd/model/assembly.h"
+#include "orvexd/network/app_whitelist_controller.h"
 #include "orvexd/network/bag_controller.h"
 #include "orvexd/network/download_manager.h"
 #include "orvexd/network/network_request_factory.h"
@@ -207,6 +208,10 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   assembly->subscriptionRegistry = std::make_shared<OrvexSubscriptionRegistry>(*assembly);
   assembly->subscriptionManager = OrvexSubscriptionManager::initWithAssembly(
       *assembly, requestFactory->deviceContext().weak_from_this());
+  // Reads the whitelist through the download manager, so it comes after it.
+  auto appWhitelistController =
+      std::make_shared<OrvexAppWhitelistController>(*assembly, MetainfoRoots::fromEnvironment());
+  assembly->appWhitelistController = appWhitelistController;
   assembly->clientSessionManager =
       std::make_shared<ClientSessionManager>(*assembly, assembly->guidController, "orvex");
 
@@ -223,6 +228,7 @@ std::shared_ptr<Assembly> assembleComponents(std::shared_ptr<WorkerPool> pool,
   // The persisted client states bind to the GUID controller and session manager, and the bag
   // fetch at start reads the GUID: both start once those exist.
   clientStateManager->start();
+  appWhitelistController->start();
   bagController->start();
   return assembly;
 }

@@ -6,9 +6,9 @@
 // file name.
 //
 // The inotify descriptor is read through asio on the worker pool's io_context, on a strand of
-// its own. Each batch of events read at once gives at most one handler call per kind of change,
-// and a kind whose call is still queued gets no second one: the handler is told "the locale (or
-// the zone) may have changed, look again", never which file changed.
+// its own (InotifyReader). Each batch of events read at once gives at most one handler call per
+// kind of change, and a kind whose call is still queued gets no second one: the handler is told
+// "the locale (or the zone) may have changed, look again", never which file changed.
 //
 // The monitor must be destroyed before the pool. After the destructor returns the handler is
 // not called again; a call in progress on another thread is waited for.
@@ -17,11 +17,6 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <array>
-#include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/post.hpp>
-#include <asio/strand.hpp>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -31,9 +26,11 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <span>
 #include <system_error>
 
 #include "orvexd/base/orvex_logging.h"
+#include "orvexd/platform/inotify_reader.h"
 #include "orvexd/platform/locale_provider.h"
 #include "orvexd/platform/worker_pool.h"
 
@@ -57,42 +54,33 @@ struct DirectoryWatch {
   std::set<std::string, std::less<>> timeZoneNames;
 };
 
-// The monitor's state, shared with the read in flight and the handler calls posted to the pool.
-// The descriptor and `watches` belong to the strand; `stopped` and `activeCalls` to `mutex`.
+// The monitor's state, shared with the handler calls posted to the pool. The reader's descriptor
+// and `watches` belong to the reader's strand; `stopped` and `activeCalls` to `mutex`.
 struct MonitorState : std::enable_shared_from_this<MonitorState> {
   MonitorState(WorkerPool& workerPool, SystemChangeMonitor::Handler h)
       : pool(workerPool),
-        strand(asio::make_strand(workerPool.ioContext())),
-        descriptor(strand),
+        reader(std::make_shared<InotifyReader>(workerPool, "the locale and time-zone files",
+                                               "the locale and time-zone watches")),
         handler(std::move(h)) {}
 
-  void readNext() {
-    descriptor.async_read_some(
-        asio::buffer(buffer),
-        [self = shared_from_this()](const std::error_code& error, std::size_t size) {
-          if (error) {
-            if (error != asio::error::operation_aborted && error != asio::error::bad_descriptor) {
-              monitorLog().error("reading the locale and time-zone watches failed: %@",
-                                 error.message());
-            }
-            return;
-          }
-          self->handleEvents(size);
-          self->readNext();
-        });
+  void start() {
+    reader->start([weak = weak_from_this()](std::span<const std::uint8_t> events) {
+      if (auto self = weak.lock()) self->handleEvents(events);
+    });
   }
 
-  void handleEvents(std::size_t size) {
+  void handleEvents(std::span<const std::uint8_t> events) {
+    const std::size_t size = events.size();
     bool locale = false;
     bool timeZone = false;
     std::size_t offset = 0;
     while (offset + sizeof(inotify_event) <= size) {
       inotify_event event;
-      std::memcpy(&event, buffer.data() + offset, sizeof event);
+      std::memcpy(&event, events.data() + offset, sizeof event);
       const std::size_t end = offset + sizeof(inotify_event) + event.len;
       if (end > size) break;  // the kernel never splits an event; stop rather than misread
       const char* namePointer =
-          reinterpret_cast<const char*>(buffer.data()) + offset + sizeof(inotify_event);
+          reinterpret_cast<const char*>(events.data()) + offset + sizeof(inotify_event);
       const std::string_view name(namePointer, strnlen(namePointer, event.len));
       offset = end;
 
@@ -145,10 +133,7 @@ struct MonitorState : std::enable_shared_from_this<MonitorState> {
   void stop() {
     std::unique_lock lock(mutex);
     stopped = true;
-    asio::post(strand, [self = shared_from_this()] {
-      std::error_code ignored;
-      self->descriptor.close(ignored);
-    });
+    reader->close();
     const int own = tDelivering == this ? 1 : 0;
     idle.wait(lock, [&] { return activeCalls == own; });
   }
@@ -156,10 +141,8 @@ struct MonitorState : std::enable_shared_from_this<MonitorState> {
   static thread_local const MonitorState* tDelivering;
 
   WorkerPool& pool;
-  asio::strand<asio::io_context::executor_type> strand;
-  asio::posix::stream_descriptor descriptor;  // owns the inotify descriptor
-  std::map<int, DirectoryWatch> watches;      // by watch descriptor
-  alignas(inotify_event) std::array<std::uint8_t, 16 * 1024> buffer{};
+  const std::shared_ptr<InotifyReader> reader;
+  std::map<int, DirectoryWatch> watches;  // by watch descriptor
   const SystemChangeMonitor::Handler handler;
   std::atomic<bool> localeQueued{false};
   std::atomic<bool> timeZoneQueued{false};
@@ -176,25 +159,14 @@ class InotifySystemChangeMonitor final : public SystemChangeMonitor {
  public:
   InotifySystemChangeMonitor(WorkerPool& pool, const SystemChangePaths& paths, Handler handler)
       : state_(std::make_shared<MonitorState>(pool, std::move(handler))) {
-    const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd < 0) {
-      monitorLog().error("cannot watch the locale and time-zone files: %@", errnoMessage(errno));
-      return;
-    }
-    std::error_code error;
-    state_->descriptor.assign(fd, error);
-    if (error) {
-      ::close(fd);
-      monitorLog().error("cannot watch the locale and time-zone files: %@", error.message());
-      return;
-    }
+    if (!state_->reader->open()) return;
     for (const auto& file : paths.localeFiles) addWatch(file, SystemChange::kLocale);
     for (const auto& file : paths.timeZoneFiles) addWatch(file, SystemChange::kTimeZone);
     if (state_->watches.empty()) {
       monitorLog().log("none of the locale and time-zone files can be watched");
       return;
     }
-    state_->readNext();
+    state_->start();
   }
 
   ~InotifySystemChangeMonitor() override { state_->stop(); }
@@ -210,8 +182,7 @@ class InotifySystemChangeMonitor final : public SystemChangeMonitor {
     }
     std::filesystem::path directory = path.parent_path();
     if (directory.empty()) directory = ".";
-    const int wd =
-        inotify_add_watch(state_->descriptor.native_handle(), directory.c_str(), kWatchMask);
+    const int wd = inotify_add_watch(state_->reader->nativeHandle(), directory.c_str(), kWatchMask);
     if (wd < 0) {
       const int error = errno;
       if (error == ENOENT || error == ENOTDIR) {
