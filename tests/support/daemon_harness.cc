@@ -22,9 +22,10 @@ ORVRequest searchRequest(int64_t queryId, std::string query) {
   return request;
 }
 
-DaemonHarness::DaemonHarness(const std::string& bag, PlistDictionary defaults) {
+DaemonHarness::DaemonHarness(const std::string& bag, PlistDictionary defaults,
+                             const std::vector<std::string>& backendArguments) {
   std::ofstream(dir_.path() / "bag.json") << bag;
-  backend_ = std::make_unique<ReferenceBackend>(dir_.path() / "bag.json");
+  backend_ = std::make_unique<ReferenceBackend>(dir_.path() / "bag.json", backendArguments);
   const auto config = dir_.path() / "config" / "com.zelmor.orvexd";
   std::filesystem::create_directories(config);
   defaults.insert_or_assign("ORVBagURL", PlistValue(backend_->baseUrl() + "/bag"));

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "orvexd/base/property_list.h"
 #include "orvexd/client/orvex_client.h"
@@ -26,8 +27,10 @@ ORVRequest searchRequest(int64_t queryId, std::string query);
 class DaemonHarness {
  public:
   // `bag` is the back-end's bag (JSON, "${BASE_URL}" is the back-end's address); `defaults`
-  // joins "ORVBagURL" in the daemon's defaults store.
-  explicit DaemonHarness(const std::string& bag, PlistDictionary defaults = {});
+  // joins "ORVBagURL" in the daemon's defaults store; `backendArguments` go on the back-end's
+  // command line.
+  explicit DaemonHarness(const std::string& bag, PlistDictionary defaults = {},
+                         const std::vector<std::string>& backendArguments = {});
   ~DaemonHarness();
   DaemonHarness(const DaemonHarness&) = delete;
   DaemonHarness& operator=(const DaemonHarness&) = delete;

@@ -5,8 +5,6 @@
 #include <array>
 #include <nlohmann/json.hpp>
 
-#include "orvexd/platform/installed_applications.h"
-
 namespace orvex::backend {
 
 namespace {
@@ -28,11 +26,14 @@ std::string versionOf(const std::string& text) {
 }  // namespace
 
 std::string buildAppWhitelist(const std::vector<std::filesystem::path>& metainfoDirectories) {
-  const InstalledApplicationList installed = readInstalledApplications(metainfoDirectories);
+  return buildAppWhitelist(readInstalledApplications(metainfoDirectories).applications);
+}
+
+std::string buildAppWhitelist(const std::vector<InstalledApplication>& applications) {
   nlohmann::json apps = nlohmann::json::object();
   std::string idList;
   uint32_t index = 1;
-  for (const InstalledApplication& application : installed.applications) {  // sorted by id
+  for (const InstalledApplication& application : applications) {
     apps[application.bundleIdentifier] = nlohmann::json::array({{{"encoding_id", index++}}});
     idList.append(application.bundleIdentifier).push_back('\n');
   }
@@ -42,9 +43,10 @@ std::string buildAppWhitelist(const std::vector<std::filesystem::path>& metainfo
   return outer.dump();
 }
 
-std::string buildAppWhitelistForThisMachine() {
-  return buildAppWhitelist(
-      findMetainfoLocations(MetainfoRoots::fromEnvironment()).metainfoDirectories);
+std::vector<InstalledApplication> applicationsOnThisMachine() {
+  return readInstalledApplications(
+             findMetainfoLocations(MetainfoRoots::fromEnvironment()).metainfoDirectories)
+      .applications;
 }
 
 }  // namespace orvex::backend

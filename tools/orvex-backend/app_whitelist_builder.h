@@ -13,11 +13,15 @@
 #include <string>
 #include <vector>
 
+#include "orvexd/platform/installed_applications.h"
+
 namespace orvex::backend {
 
 // From the metainfo files in `metainfoDirectories` (tests give a temporary one).
 std::string buildAppWhitelist(const std::vector<std::filesystem::path>& metainfoDirectories);
-// From this machine's system and Flatpak metainfo.
-std::string buildAppWhitelistForThisMachine();
+// For `applications`, sorted by identifier.
+std::string buildAppWhitelist(const std::vector<InstalledApplication>& applications);
+// The applications whose metainfo is on this machine (system and Flatpak), sorted by identifier.
+std::vector<InstalledApplication> applicationsOnThisMachine();
 
 }  // namespace orvex::backend

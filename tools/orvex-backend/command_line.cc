@@ -30,6 +30,8 @@ Options:
                          /usr/share/icons/Adwaita, Debian package adwaita-icon-theme)
   --feedback-db FILE     keep accepted feedback uploads in the SQLite database FILE (created
                          when missing) rather than in memory
+  --resource KEY=FILE    serve FILE as the resource document KEY (one of the ten keys below)
+                         instead of the built-in one; repeatable
   --port-file FILE       once listening, write the port number to FILE
   --fault ENDPOINT=JSON  set a fault from the start, as the control API would; repeatable:
                            --fault 'bag={"status": 503, "count": 1}'
@@ -52,6 +54,13 @@ Endpoints (by name):
   crowdsourcing  POST /crowdsourcing  SHA-512 of the JSON (128 lower-case hex digits) in the
                                       header X-Zelmor-Digest; stored and answered 200, else
                                       400 with the reason
+  KEY           GET /resources/KEY   the resource document KEY, one of autofill_tld_whitelist,
+                                      installed_app_whitelist, qi_features,
+                                      website_category_labels, lookup_hints_weekly,
+                                      lookup_hints_monthly, glance_models, correction_dict,
+                                      crowdsourcing_blacklist, crowdsourcing_whitelist; with an
+                                      ETag (304 on If-None-Match)
+  KEY-redirect  GET /r/KEY            302 to /resources/KEY?v=VERSION
 Any other request gets 404. Each request is logged on standard error: the request line with
 the status answered, then its headers.
 
@@ -155,6 +164,13 @@ CommandLine CommandLine::parse(const std::vector<std::string_view>& arguments) {
       line.portFile = value();
     } else if (option == "--fault") {
       line.faults.push_back(parseFault(value()));
+    } else if (option == "--resource") {
+      const std::string_view text = value();
+      const size_t equals = text.find('=');
+      if (equals == 0 || equals == text.npos || equals + 1 == text.size()) {
+        throw std::invalid_argument("--resource takes KEY=FILE");
+      }
+      line.resources.emplace_back(std::string(text.substr(0, equals)), text.substr(equals + 1));
     } else {
       throw std::invalid_argument("unknown option \"" + std::string(arguments[i]) + "\"");
     }

@@ -31,6 +31,8 @@ struct CommandLine {
   // Where accepted uploads are kept: an SQLite file, or memory (FeedbackStore::kInMemory).
   std::string feedbackDatabase = FeedbackStore::kInMemory;
   std::vector<std::pair<std::string, Fault>> faults;  // by endpoint name, in order given
+  // Resource documents served from files instead of the built-in ones: key → file.
+  std::vector<std::pair<std::string, std::filesystem::path>> resources;
 };
 
 }  // namespace orvex::backend

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <stdexcept>
 
 #include "tools/orvex-backend/answer_builders.h"
@@ -33,9 +34,11 @@ constexpr std::string_view kImages = "/images/";
 
 // The endpoints the server answers, by the names that faults and the request log use.
 EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus> corpus,
-                               std::shared_ptr<FeedbackStore> feedback, ImageDirectory images) {
+                               std::shared_ptr<FeedbackStore> feedback, ImageDirectory images,
+                               const std::map<std::string, std::string>& resourceOverrides) {
   EndpointRegistry endpoints;
-  const auto resources = std::make_shared<const ResourceFiles>(corpus.get(), kPublicSuffixList);
+  const auto resources =
+      std::make_shared<const ResourceFiles>(corpus.get(), kPublicSuffixList, resourceOverrides);
   ResourceFiles::addEndpoints(resources, endpoints);
   endpoints.add({"bag", "GET", "/bag",
                  [bag = std::move(bag),
@@ -68,6 +71,18 @@ EndpointRegistry makeEndpoints(BagFile bag, std::shared_ptr<const WordNetCorpus>
                    }});
   }
   return endpoints;
+}
+
+// A file of at most 64 MiB, whole; none when it cannot be read or is larger.
+std::optional<std::string> readSmallFile(const std::filesystem::path& path) {
+  constexpr std::uintmax_t kLimit = std::uintmax_t{64} << 20;
+  std::error_code error;
+  const auto size = std::filesystem::file_size(path, error);
+  if (error || size > kLimit) return std::nullopt;
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes(static_cast<size_t>(size), '\0');
+  if (!in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()))) return std::nullopt;
+  return bytes;
 }
 
 // The bag shipped with the server: next to the binary in the build tree, else in the data
@@ -142,13 +157,22 @@ int main(int argc, char** argv) {
               << " is not a directory (install adwaita-icon-theme or give --images-dir DIR)\n";
   }
 
+  std::map<std::string, std::string> resourceOverrides;
+  for (const auto& [key, file] : line.resources) {
+    if (!ResourceFiles::isResourceKey(key))
+      return fail(2, "--resource: no resource \"" + key + "\"");
+    auto bytes = readSmallFile(file);
+    if (!bytes) return fail(2, "--resource: cannot read " + file.string());
+    resourceOverrides[key] = std::move(*bytes);
+  }
+
   std::optional<BackendServer> server;
   try {
     auto feedback = std::make_shared<FeedbackStore>(line.feedbackDatabase);
-    server.emplace(
-        line.server,
-        makeEndpoints(BagFile(*line.bag), corpus, feedback, ImageDirectory(line.imagesDirectory)),
-        feedback);
+    server.emplace(line.server,
+                   makeEndpoints(BagFile(*line.bag), corpus, feedback,
+                                 ImageDirectory(line.imagesDirectory), resourceOverrides),
+                   feedback);
   } catch (const std::runtime_error& error) {
     return fail(2, error.what());
   }

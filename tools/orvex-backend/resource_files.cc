@@ -8,6 +8,7 @@
 
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/platform/sha256_hex.h"
+#include "tools/orvex-backend/app_whitelist_builder.h"
 #include "tools/orvex-backend/hex_digest.h"
 #include "tools/orvex-backend/image_directory.h"
 
@@ -98,6 +99,11 @@ std::string featureShares(const WordNetCorpus* corpus, bool model) {
   return document.dump(1) + "\n";
 }
 
+// A crowdsourcing filter list: a JSON object with the list under `key`.
+std::string crowdsourcingList(const char* key, const std::vector<std::string>& entries) {
+  return nlohmann::ordered_json{{key, entries}}.dump(1) + "\n";
+}
+
 bool conditionNames(const EndpointRequest& request, const std::string& version) {
   const auto condition = request.header("If-None-Match");
   return condition &&
@@ -106,29 +112,41 @@ bool conditionNames(const EndpointRequest& request, const std::string& version) 
 
 }  // namespace
 
-std::string appWhitelistDocument() {
-  return nlohmann::ordered_json{
-      {"apps", R"({"version":"0001","apps":{}})"}, {"compression", "RLE"}, {"encoding", "bitmap"}}
-      .dump();
+bool ResourceFiles::isResourceKey(std::string_view key) {
+  return std::find(std::begin(kORVResourceKeys), std::end(kORVResourceKeys), key) !=
+         std::end(kORVResourceKeys);
 }
 
 ResourceFiles::ResourceFiles(const WordNetCorpus* corpus,
-                             const std::filesystem::path& publicSuffixList) {
-  const auto add = [this](std::string_view key, std::string type, std::string bytes) {
+                             const std::filesystem::path& publicSuffixList,
+                             const std::map<std::string, std::string>& overrides) {
+  const auto add = [this, &overrides](std::string_view key, std::string type, std::string bytes) {
+    if (auto given = overrides.find(std::string(key)); given != overrides.end()) {
+      bytes = given->second;
+    }
     std::string version = sha512Hex(bytes).substr(0, kVersionDigits);
     documents_.emplace(std::string(key),
                        Document{std::move(type), std::move(bytes), std::move(version)});
   };
   add(kORVAutofillTLDWhitelist, "text/plain", topLevelDomains(publicSuffixList));
-  add(kORVInstalledAppWhitelist, "application/json", appWhitelistDocument());
+  // The installed-app whitelist and the crowdsourcing whitelist name the applications whose
+  // metainfo is on this machine.
+  const auto applications = applicationsOnThisMachine();
+  std::vector<std::string> applicationIds;
+  for (const auto& application : applications) {
+    applicationIds.push_back(application.bundleIdentifier);
+  }
+  add(kORVInstalledAppWhitelist, "application/json", buildAppWhitelist(applications));
   add(kORVQIFeatures, "application/json", featureShares(corpus, false));
   add(kORVWebsiteCategoryLabels, "application/json", categoryLabels(corpus));
   add(kORVLookupHintsWeekly, "text/plain", wordList(corpus, 100, false));
   add(kORVLookupHintsMonthly, "text/plain", wordList(corpus, 1000, false));
   add(kORVGlanceModels, "application/json", featureShares(corpus, true));
   add(kORVCorrectionDict, "text/plain", wordList(corpus, 20000, true));
-  add(kORVCrowdsourcingBlacklist, "text/plain", "xxx\nporn\ncasino\n");
-  add(kORVCrowdsourcingWhitelist, "text/plain", wordList(corpus, 500, true));
+  add(kORVCrowdsourcingBlacklist, "application/json",
+      crowdsourcingList("static_deeplinks_blacklist", {}));
+  add(kORVCrowdsourcingWhitelist, "application/json",
+      crowdsourcingList("static_apps_whitelist", applicationIds));
 }
 
 std::map<std::string, std::string> ResourceFiles::bagVariables() const {
