@@ -43,16 +43,16 @@ DaemonHarness::~DaemonHarness() {
 void DaemonHarness::start() {
   logFile_ = dir_.path() / ("orvexd-" + std::to_string(++launches_) + ".log");
   std::filesystem::create_directories(tmpDirectory());
-  daemon_ = std::make_unique<ChildProcess>(
-      std::vector<std::string>{ORVEXD_BINARY},
-      std::map<std::string, std::string>{{"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
-                                         {"XDG_CONFIG_HOME", (dir_.path() / "config").string()},
-                                         {"XDG_CACHE_HOME", cacheDirectory().string()},
-                                         {"TMPDIR", tmpDirectory().string()},
-                                         {"ORVEXD_LOG_LEVEL", logLevel},
-                                         {"JOURNAL_STREAM", ""},
-                                         {"INVOCATION_ID", ""}},
-      logFile_);
+  auto variables = environment;
+  variables.insert({{"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
+                    {"XDG_CONFIG_HOME", (dir_.path() / "config").string()},
+                    {"XDG_CACHE_HOME", cacheDirectory().string()},
+                    {"TMPDIR", tmpDirectory().string()},
+                    {"ORVEXD_LOG_LEVEL", logLevel},
+                    {"JOURNAL_STREAM", ""},
+                    {"INVOCATION_ID", ""}});
+  daemon_ =
+      std::make_unique<ChildProcess>(std::vector<std::string>{ORVEXD_BINARY}, variables, logFile_);
   if (!eventually([&] { return PrivateBus::hasOwner(*connection_, "com.zelmor.orvexd"); }, 10s)) {
     throw std::runtime_error("orvexd did not take its name:\n" + daemonLog());
   }

@@ -39,6 +39,8 @@ class DaemonHarness {
   // at `logLevel` (tests read the debug lines; benchmarks want the daemon quiet).
   void start();
   std::string logLevel = "debug";
+  // More environment for the daemon (XDG_DATA_DIRS, say), set before start().
+  std::map<std::string, std::string> environment;
   // SIGTERM, and the exit status.
   std::optional<int> stop();
   void kill();
