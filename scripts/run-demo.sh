@@ -123,6 +123,11 @@ echo
 echo "\$ orvexctl images <the ${#images[@]} image URLs the zero-keyword answer names>"
 "${ctl[@]}" images --out "$work" "${images[@]}"
 
+# The bag names ten data files; the daemon downloaded them when the bag came.
+echo
+echo "\$ orvexctl resources"
+"${ctl[@]}" resources
+
 if [[ -t 0 ]]; then
   echo
   echo "orvexd is running (pid $daemon_pid) against orvex-backend at $backend. In another shell:"
