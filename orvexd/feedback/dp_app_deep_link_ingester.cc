@@ -136,17 +136,19 @@ OrvexDPAppDeepLinkIngester::DeepLinkList OrvexDPAppDeepLinkIngester::deepLinksFo
 
 std::optional<std::vector<std::string>> OrvexDPAppDeepLinkIngester::_fetchCrowdsourcingWhitelist()
     const {
-  static constexpr ListSource kWhitelist{
-      kORVCrowdsourcingWhitelist, "static_apps_whitelist", "fetch crowdsourcing whitelist",
-      "error reading crowdsourcing whitelist %@", "failed to fetch the whitelist from the stream %@"};
+  static constexpr ListSource kWhitelist{kORVCrowdsourcingWhitelist, "static_apps_whitelist",
+                                         "fetch crowdsourcing whitelist",
+                                         "error reading crowdsourcing whitelist %@",
+                                         "failed to fetch the whitelist from the stream %@"};
   return fetchList(kWhitelist);
 }
 
 std::optional<std::vector<std::string>> OrvexDPAppDeepLinkIngester::_fetchCrowdsourcingBlacklist()
     const {
-  static constexpr ListSource kBlacklist{
-      kORVCrowdsourcingBlacklist, "static_deeplinks_blacklist", "fetch crowdsourcing blacklist",
-      "error reading crowdsourcing blacklist %@", "failed to fetch the blacklist from the stream %@"};
+  static constexpr ListSource kBlacklist{kORVCrowdsourcingBlacklist, "static_deeplinks_blacklist",
+                                         "fetch crowdsourcing blacklist",
+                                         "error reading crowdsourcing blacklist %@",
+                                         "failed to fetch the blacklist from the stream %@"};
   return fetchList(kBlacklist);
 }
 
