@@ -1,5 +1,6 @@
 // Deep-link ingestion through the real daemon: a knowledge store written as a front-end would,
-// the crowdsourcing lists from the reference back-end, one run on request, and what it leaves.
+// the crowdsourcing lists from the reference back-end, runs on request with and without the
+// lists, and what they leave.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -108,6 +109,27 @@ TEST(DeepLinkTest, ARunRecordsOnlyNoisedReportsAndCountsEveryStep) {
     }
   }
   EXPECT_EQ(reportFiles, 3u);
+
+  // A bag without the two lists: their files go, every application counts as on neither list,
+  // and only bundle identifiers are recorded (one for each of the four applications).
+  ASSERT_EQ(harness.stop(), 0);
+  auto bag = nlohmann::json::parse(shippedBag());
+  bag.erase(kORVCrowdsourcingWhitelist);
+  bag.erase(kORVCrowdsourcingBlacklist);
+  testing::writeTextFile(harness.directory() / "bag.json", bag.dump());
+  fs::remove(cache / "bag.plist");
+  harness.start();
+  ASSERT_TRUE(testing::eventually([&] {
+    return !fs::exists(cache / kORVCrowdsourcingWhitelist) &&
+           !fs::exists(cache / kORVCrowdsourcingBlacklist);
+  }));
+  ASSERT_TRUE(harness.client()->runActivity(kORVDeepLinkIngestActivityIdentifier));
+  ASSERT_TRUE(testing::eventually([&] { return harness.counter(kORVCounterDPRecord) == 1; }));
+  EXPECT_EQ(harness.counter(kORVCounterDPEligibleLinks), 5);
+  EXPECT_EQ(harness.counter(kORVCounterDPNormalizedLinkBundleIds), 5);
+  EXPECT_EQ(harness.counter(kORVCounterDPNormalizedLinkUrls), 0);
+  EXPECT_EQ(harness.counter(kORVCounterDPSentLinks), 4);
+  EXPECT_EQ(harness.counter(kORVCounterDPRecordAppSuccess), 4);
 }
 
 }  // namespace
