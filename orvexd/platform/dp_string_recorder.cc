@@ -1,7 +1,6 @@
 #include "orvexd/platform/dp_string_recorder.h"
 
 #include <openssl/rand.h>
-#include <openssl/sha.h>
 
 #include <algorithm>
 #include <array>
@@ -13,6 +12,7 @@
 #include "orvexd/platform/clock.h"
 #include "orvexd/platform/diagnostic_data_reporter.h"
 #include "orvexd/platform/file_manager.h"
+#include "orvexd/platform/sha256_hex.h"
 
 namespace orvex {
 
@@ -77,15 +77,7 @@ std::string DPStringRecorder::keyDigest(std::string_view key) {
   // A fixed prefix keeps these digests apart from digests of the same text made elsewhere.
   std::string input = "orvexd dp key\n";
   input.append(key);
-  uint8_t digest[SHA256_DIGEST_LENGTH];
-  SHA256(reinterpret_cast<const uint8_t*>(input.data()), input.size(), digest);
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (size_t i = 0; i < 16; ++i) {
-    out += kHex[digest[i] >> 4];
-    out += kHex[digest[i] & 0xf];
-  }
-  return out;
+  return sha256Hex(input).substr(0, 32);
 }
 
 int64_t DPStringRecorder::today() const {
