@@ -4,11 +4,22 @@
 // The daemon runs against the reference back-end; one search fills the query cache, and every
 // timed search after it is answered from the cache. Prints the median and the 90th percentile
 // of each, and the ratio of the medians, also as "FIGURE cache_hit_ratio <ratio> x".
+//
+// What the bus itself charges for a message of the hit's size: a second pair of connections on
+// the same bus, one serving an echo of a string as long as the hit's reply (from this process),
+// the other calling it and Peer.Ping to the daemon alternately; the ratio of those medians is
+// what a hit would cost were the daemon's own work free.
+#include <sdbus-c++/sdbus-c++.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
 #include <vector>
 
+#include "orvexd/base/orvex_names.h"
 #include "tests/support/daemon_harness.h"
 
 using namespace orvex;
@@ -42,6 +53,21 @@ std::vector<double> time(int rounds, F call) {
   return samples;
 }
 
+// Context switches of all the process's threads so far.
+long contextSwitches(pid_t pid) {
+  long total = 0;
+  const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+    std::ifstream status(task.path() / "status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.find("ctxt_switches:") != std::string::npos) {
+        total += std::stol(line.substr(line.find(':') + 1));
+      }
+    }
+  }
+  return total;
+}
+
 }  // namespace
 
 int main() {
@@ -64,10 +90,12 @@ int main() {
       std::fprintf(stderr, "search %s failed\n", text);
       std::exit(1);
     }
+    return answer.value().reply->rawResponse.size();
   };
   search("weath");  // fills the cache
   const size_t networkSearches = harness.backend().requestCount("search");
 
+  const size_t replySize = search("weathe");
   time(kWarmup, [&](int) { search("weathe"); });
   time(kWarmup, [&](int) { (void)client->ping(); });
   // Interleaved, so that both see the same machine.
@@ -89,6 +117,47 @@ int main() {
   std::printf("Peer.Ping round trip:        median %.1f us, p90 %.1f us (%d calls)\n", ping.median,
               ping.p90, kRounds);
   std::printf("ratio of medians: %.2f\n", hit.median / ping.median);
+  // Thread hops show as the daemon's context switches per call.
+  const pid_t daemon = harness.daemon()->pid();
+  long before = contextSwitches(daemon);
+  time(kRounds, [&](int) { search("weathe"); });
+  const long perHit = contextSwitches(daemon) - before;
+  before = contextSwitches(daemon);
+  time(kRounds, [&](int) { (void)client->ping(); });
+  const long perPing = contextSwitches(daemon) - before;
+  std::printf("daemon context switches per call: hit %.2f, Peer.Ping %.2f\n",
+              static_cast<double>(perHit) / kRounds, static_cast<double>(perPing) / kRounds);
+
+  auto server = sdbus::createSessionBusConnectionWithAddress(harness.bus().address());
+  auto echo = sdbus::createObject(*server, "/echo");
+  const std::string text(replySize, 'x');
+  echo->registerMethod("Echo").onInterface("com.zelmor.bench.Echo").implementedAs([&](uint32_t) {
+    return text;
+  });
+  echo->finishRegistration();
+  server->enterEventLoopAsync();
+  auto caller = sdbus::createSessionBusConnectionWithAddress(harness.bus().address());
+  caller->enterEventLoopAsync();
+  auto toEcho = sdbus::createProxy(*caller, server->getUniqueName(), "/echo");
+  auto toDaemon = sdbus::createProxy(*caller, kOrvexBusName, kOrvexObjectPath);
+  std::vector<double> echoes, barePings;
+  for (int batch = 0; batch < 10; ++batch) {
+    auto e = time(kRounds / 10, [&](int) {
+      std::string back;
+      toEcho->callMethod("Echo")
+          .onInterface("com.zelmor.bench.Echo")
+          .withArguments(1u)
+          .storeResultsTo(back);
+    });
+    auto p = time(kRounds / 10, [&](int) {
+      toDaemon->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
+    });
+    echoes.insert(echoes.end(), e.begin(), e.end());
+    barePings.insert(barePings.end(), p.begin(), p.end());
+  }
+  const auto echoed = figures(echoes);
+  std::printf("echo of a %zu-byte string: median %.1f us; ratio to Peer.Ping there: %.2f\n",
+              replySize, echoed.median, echoed.median / figures(barePings).median);
   std::printf("FIGURE cache_hit_ratio %.3f x\n", hit.median / ping.median);
   return 0;
 }

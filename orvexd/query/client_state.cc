@@ -375,7 +375,7 @@ bool ClientState::searchFromCache(const ORVRequest& request, const QueryReply& r
   const auto cached = queryCache_->tryGetRequest(request);
   if (!cached) return false;
   noteSearch(request, static_cast<bool>(reply));
-  answerFromCache(request, *cached, reply, feedbackFor(request));
+  answerFromCache(request, *cached, *bag, reply, feedbackFor(request));
   return true;
 }
 
@@ -392,7 +392,7 @@ void ClientState::searchWithBag(bool haveBag, const ORVRequest& request, QueryRe
     feedback.recordSkip(ORVSkipSearchFeedback::kLessThanMinimumQueryLength);
     return;
   }
-  if (serveFromCache(request, reply, feedback)) return;
+  if (serveFromCache(request, *bag, reply, feedback)) return;
 
   searchLog().debug("Dispatching network request for (id, query): (%lld, %@)",
                     static_cast<long long>(request.queryId), request.queryString);
@@ -402,24 +402,27 @@ void ClientState::searchWithBag(bool haveBag, const ORVRequest& request, QueryRe
        true);
 }
 
-bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& reply,
-                                 const QueryFeedback& feedback) {
+bool ClientState::serveFromCache(const ORVRequest& request, const ORVBag& bag,
+                                 const QueryReply& reply, const QueryFeedback& feedback) {
   if (!queryCache_ || !request.queryItems.empty()) return false;
   auto cached = queryCache_->getRequest(request);
   if (!cached) return false;
-  answerFromCache(request, *cached, reply, feedback);
+  answerFromCache(request, *cached, bag, reply, feedback);
   return true;
 }
 
 void ClientState::answerFromCache(const ORVRequest& request, const CachedResultSet& cached,
-                                  const QueryReply& reply, const QueryFeedback& feedback) {
+                                  const ORVBag& bag, const QueryReply& reply,
+                                  const QueryFeedback& feedback) {
   ORVReply answer = makeReply(request, &cached.request(), nullptr);
   answer.rawResponse = cached.replyText();  // serialised when the entry was stored
   reply(request.queryId, std::move(answer), std::nullopt);
   if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixOnDeviceCacheHits)) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
   }
-  feedback.recordCacheHit(cached.uuid().upperString());
+  // The session manager drops records while the client's bag turns feedback off: the hit's is
+  // not even handed over then, which spares a worker's wake-up on every keystroke.
+  if (bag.feedbackEnabled()) feedback.recordCacheHit(cached.uuid().upperString());
 }
 
 void ClientState::cacheResponse(const nlohmann::json& response, const HttpRequest& request,

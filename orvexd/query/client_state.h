@@ -158,9 +158,9 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
                           RequestMaker make);
   // The search flow, once the bag is in (or is not coming).
   void searchWithBag(bool haveBag, const ORVRequest& request, QueryReply reply);
-  bool serveFromCache(const ORVRequest& request, const QueryReply& reply,
+  bool serveFromCache(const ORVRequest& request, const ORVBag& bag, const QueryReply& reply,
                       const QueryFeedback& feedback);
-  void answerFromCache(const ORVRequest& request, const CachedResultSet& cached,
+  void answerFromCache(const ORVRequest& request, const CachedResultSet& cached, const ORVBag& bag,
                        const QueryReply& reply, const QueryFeedback& feedback);
   // The log line and keystroke count of every search.
   void noteSearch(const ORVRequest& request, bool hasReply) const;
