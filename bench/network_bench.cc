@@ -14,25 +14,17 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_figures.h"
 #include "tests/support/daemon_harness.h"
 
 using namespace orvex;
+using bench::figures;
 using SteadyClock = std::chrono::steady_clock;
 
 namespace {
 
 constexpr int kWarmup = 30;
 constexpr int kRounds = 400;
-
-struct Figures {
-  double median;
-  double p90;
-};
-
-Figures figures(std::vector<double> samples) {
-  std::sort(samples.begin(), samples.end());
-  return {samples[samples.size() / 2], samples[samples.size() * 9 / 10]};
-}
 
 size_t collect(char* data, size_t size, size_t count, void* into) {
   static_cast<std::string*>(into)->append(data, size * count);
@@ -47,8 +39,7 @@ size_t collect(char* data, size_t size, size_t count, void* into) {
 }  // namespace
 
 int main() {
-  testing::DaemonHarness harness(
-      R"({"version": "1", "enabled": true, "search_url": "${BASE_URL}/search"})");
+  testing::DaemonHarness harness(bench::kSearchBag);
   harness.logLevel = "error";
   harness.start();
   auto client = harness.clientWithBag({"com.zelmor.bench", "Bench/1"});

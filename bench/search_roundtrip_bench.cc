@@ -19,26 +19,18 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_figures.h"
 #include "orvexd/base/orvex_names.h"
 #include "tests/support/daemon_harness.h"
 
 using namespace orvex;
+using bench::figures;
 using SteadyClock = std::chrono::steady_clock;
 
 namespace {
 
 constexpr int kWarmup = 200;
 constexpr int kRounds = 3000;
-
-struct Figures {
-  double median;
-  double p90;
-};
-
-Figures figures(std::vector<double> samples) {
-  std::sort(samples.begin(), samples.end());
-  return {samples[samples.size() / 2], samples[samples.size() * 9 / 10]};
-}
 
 template <typename F>
 std::vector<double> time(int rounds, F call) {
@@ -71,8 +63,7 @@ long contextSwitches(pid_t pid) {
 }  // namespace
 
 int main() {
-  testing::DaemonHarness harness(
-      R"({"version": "1", "enabled": true, "search_url": "${BASE_URL}/search"})");
+  testing::DaemonHarness harness(bench::kSearchBag);
   harness.logLevel = "error";
   harness.start();
   auto client = harness.client();
