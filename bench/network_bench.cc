@@ -94,10 +94,12 @@ int main() {
   }
   const size_t before = harness.backend().requestCount("search");
   std::vector<double> daemon, plain;
+  const bench::ThreadUse usedBefore = bench::threadUse(harness.daemon()->pid());
   for (int i = 0; i < kRounds; ++i) {
     daemon.push_back(timed(throughDaemon));
     plain.push_back(timed(direct));
   }
+  const bench::ThreadUse usedAfter = bench::threadUse(harness.daemon()->pid());
   if (harness.backend().requestCount("search") != before + 2 * kRounds) {
     fail("a timed search did not reach the back-end");
   }
@@ -110,6 +112,9 @@ int main() {
               d.p90, kRounds);
   std::printf("direct GET with libcurl:   median %.3f ms, p90 %.3f ms (%d calls)\n", p.median,
               p.p90, kRounds);
+  std::printf("daemon per search: %.1f us CPU, %.2f context switches\n",
+              (usedAfter.cpuMicroseconds - usedBefore.cpuMicroseconds) / kRounds,
+              static_cast<double>(usedAfter.switches - usedBefore.switches) / kRounds);
   std::printf("FIGURE network_overhead_ms %.3f ms\n", d.median - p.median);
   return 0;
 }

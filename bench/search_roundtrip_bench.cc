@@ -14,8 +14,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -43,29 +41,6 @@ std::vector<double> time(int rounds, F call) {
         std::chrono::duration<double, std::micro>(SteadyClock::now() - start).count());
   }
   return samples;
-}
-
-// What all the process's threads have used so far: context switches, and CPU time in
-// microseconds (from the scheduler's statistics).
-struct ThreadUse {
-  long switches = 0;
-  double cpuMicroseconds = 0;
-};
-ThreadUse threadUse(pid_t pid) {
-  ThreadUse use;
-  const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
-  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-    std::ifstream status(task.path() / "status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.find("ctxt_switches:") != std::string::npos) {
-        use.switches += std::stol(line.substr(line.find(':') + 1));
-      }
-    }
-    double runNanoseconds = 0;
-    std::ifstream(task.path() / "schedstat") >> runNanoseconds;
-    use.cpuMicroseconds += runNanoseconds / 1000;
-  }
-  return use;
 }
 
 }  // namespace
@@ -119,14 +94,14 @@ int main() {
   // Thread hops show as the daemon's context switches per call; its own work as its CPU time.
   const pid_t daemon = harness.daemon()->pid();
   auto perCall = [&](auto call) {
-    const ThreadUse before = threadUse(daemon);
+    const bench::ThreadUse before = bench::threadUse(daemon);
     time(kRounds, call);
-    const ThreadUse after = threadUse(daemon);
-    return ThreadUse{after.switches - before.switches,
-                     (after.cpuMicroseconds - before.cpuMicroseconds) / kRounds};
+    const bench::ThreadUse after = bench::threadUse(daemon);
+    return bench::ThreadUse{after.switches - before.switches,
+                            (after.cpuMicroseconds - before.cpuMicroseconds) / kRounds};
   };
-  const ThreadUse hitUse = perCall([&](int) { search("weathe"); });
-  const ThreadUse pingUse = perCall([&](int) { (void)client->ping(); });
+  const bench::ThreadUse hitUse = perCall([&](int) { search("weathe"); });
+  const bench::ThreadUse pingUse = perCall([&](int) { (void)client->ping(); });
   std::printf("daemon per call: hit %.2f us CPU, %.2f context switches; Peer.Ping %.2f us, %.2f\n",
               hitUse.cpuMicroseconds, static_cast<double>(hitUse.switches) / kRounds,
               pingUse.cpuMicroseconds, static_cast<double>(pingUse.switches) / kRounds);
