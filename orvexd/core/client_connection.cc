@@ -242,6 +242,27 @@ void ClientConnection::request(ORVRequest request, QueryReply reply) {
   }
 }
 
+bool ClientConnection::requestFromCache(const ORVRequest& request, const QueryReply& reply) {
+  if (request.kind != ORVRequestKind::kSearch || request.keyboardInputMode.empty() ||
+      request.scale == 0.0) {
+    return false;
+  }
+  bool answered = false;
+  const bool ran = callQueue_.trySync([&] {
+    auto state = this->state();
+    // Only the connection's queue moves currentQueryId_, and this job holds it.
+    if (!state || request.queryId <= currentQueryId_.load()) return;
+    answered = state->searchFromCache(request, [&](int64_t queryId, std::optional<ORVReply> answer,
+                                                   std::optional<OrvexError> error) {
+      currentQueryId_.store(queryId);
+      ORVTrace(TraceCode::kSearchStart, static_cast<uint64_t>(queryId));
+      if (reply) reply(queryId, std::move(answer), std::move(error));
+      ORVTrace(TraceCode::kSearchEnd, static_cast<uint64_t>(queryId));
+    });
+  });
+  return ran && answered;
+}
+
 void ClientConnection::search(const ORVRequest& request, QueryReply reply) {
   const int64_t queryId = request.queryId;
   int64_t current = currentQueryId_.load();

@@ -88,6 +88,11 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void bag(BagReply reply);
   // A request whose reply is dropped gets none; `reply` may be empty (the client wants none).
   void request(ORVRequest request, QueryReply reply);
+  // Answers a search at once from the query cache, on the calling thread, when that needs no
+  // waiting: the connection's queue is idle (so the search still comes after the client's
+  // earlier calls), the request carries its defaults and ClientState::searchFromCache() can
+  // answer. False, with nothing done, otherwise; the request then goes the usual way.
+  bool requestFromCache(const ORVRequest& request, const QueryReply& reply);
   // A request of a kind the daemon does not know: it binds the connection like any call, and
   // gets no reply.
   void dropRequest();

@@ -180,6 +180,17 @@ bool SerialQueue::sync(const Job& job) const {
   return true;
 }
 
+bool SerialQueue::trySync(const Job& job) const {
+  if (isCurrent()) return false;
+  const std::shared_ptr<Impl> queue = impl_;
+  Impl::Waiter waiter;
+  std::unique_lock lock(queue->mutex);
+  if (queue->running || !queue->jobs.empty()) return false;
+  queue->jobs.push_back(Impl::Entry{[&job] { job(); }, std::nullopt, &waiter});
+  queue->runJobs(lock, &waiter, 0);
+  return true;
+}
+
 TimerHandle SerialQueue::after(Duration delay, Job job) const {
   std::weak_ptr<Impl> weak = impl_;
   return impl_->clock.scheduleAfter(delay, [weak, job = std::move(job)]() mutable {

@@ -10,6 +10,9 @@
 //   caller either runs the queue's jobs itself, up to and including its own, or waits for the
 //   thread that is running them: it never waits for a free worker, so callers on the pool cannot
 //   starve it. Two queues that sync onto each other deadlock; layer the calls.
+// - trySync() runs the job at once on the calling thread when the queue is idle (no job queued
+//   or running) and returns true; otherwise it runs nothing and returns false. It never waits,
+//   so a thread that must not block (the bus thread) can still use a queue's state in order.
 // - isCurrent() is true inside the queue's jobs, including while such a job waits in sync() on
 //   another queue.
 // - after() runs the job on the queue once `delay` has passed on the queue's clock. The queue
@@ -45,6 +48,7 @@ class SerialQueue {
 
   void async(Job job) const;
   [[nodiscard]] bool sync(const Job& job) const;
+  [[nodiscard]] bool trySync(const Job& job) const;
   TimerHandle after(Duration delay, Job job) const;
   bool isCurrent() const;
   // Posts to this queue for as long as it exists, and does nothing afterwards; for holders that

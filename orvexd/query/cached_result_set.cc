@@ -3,6 +3,7 @@
 #include <unicode/locid.h>
 #include <unicode/unistr.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -12,7 +13,10 @@
 namespace orvex {
 
 std::string lowercasedQueryText(std::string_view text) {
-  if (!isValidUtf8(text)) {
+  // ASCII text, what most keystrokes give, lowers the same way by the root rules.
+  const bool ascii = std::all_of(text.begin(), text.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii || !isValidUtf8(text)) {
     std::string lowered(text);
     for (char& c : lowered) {
       if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');

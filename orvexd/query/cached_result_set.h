@@ -2,8 +2,9 @@
 // that was sent, the decoded JSON answer, when the answer stops being valid and the identifier of
 // the query that fetched it.
 //
-// Immutable once made. The request and the answer are shared between copies, so a copy (what a
-// cache lookup hands out) costs two short strings and two reference counts, never the answer.
+// Immutable once made, except that the cache attaches the reply text as it stores the entry. The
+// request, the answer and the reply text are shared between copies, so a copy (what a cache
+// lookup hands out) costs two short strings and three reference counts, never the answer.
 #pragma once
 
 #include <memory>
@@ -39,6 +40,12 @@ class CachedResultSet {
   const nlohmann::json& resultSet() const { return *resultSet_; }
   const std::optional<WallTime>& expireTime() const { return expireTime_; }
   const Uuid& uuid() const { return uuid_; }
+  // The answer as a cache hit sends it: a JSON array holding the answer, ready for the bus.
+  // Empty until the cache has stored the entry.
+  const std::string& replyText() const { return replyText_ ? *replyText_ : kNoText; }
+  void setReplyText(std::string text) {
+    replyText_ = std::make_shared<const std::string>(std::move(text));
+  }
 
   // The completed query: the answer's "query" string, lower-cased; nothing when the answer has
   // none (or it is not a string). The entry's key in the cache.
@@ -56,6 +63,8 @@ class CachedResultSet {
   std::shared_ptr<const nlohmann::json> resultSet_;
   std::optional<WallTime> expireTime_;
   Uuid uuid_;
+  std::shared_ptr<const std::string> replyText_;
+  static inline const std::string kNoText;
 };
 
 }  // namespace orvex

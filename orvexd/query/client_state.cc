@@ -349,16 +349,34 @@ void ClientState::send(const ORVRequest& request, std::optional<HttpRequest> htt
                       std::move(input), std::move(bag), std::move(reply));
 }
 
-void ClientState::search(const ORVRequest& request, QueryReply reply) {
+void ClientState::noteSearch(const ORVRequest& request, bool hasReply) const {
   searchLog().log("session %@ performing query[%llu] %@, reply %@", identifier_,
                   static_cast<unsigned long long>(request.queryId), request.queryString,
-                  std::string(reply ? "yes" : "(null)"));
+                  std::string(hasReply ? "yes" : "(null)"));
   if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixKeystrokes)) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
   }
+}
+
+void ClientState::search(const ORVRequest& request, QueryReply reply) {
+  noteSearch(request, static_cast<bool>(reply));
   ensureBag([self = shared_from_this(), request, reply = std::move(reply)](bool haveBag) {
     self->searchWithBag(haveBag, request, reply);
   });
+}
+
+bool ClientState::searchFromCache(const ORVRequest& request, const QueryReply& reply) {
+  if (!queryCache_ || !request.queryItems.empty()) return false;
+  const auto bag = this->bag();
+  if (!bag || !bag->isEnabled() ||
+      utf16Length(request.queryString) < static_cast<uint64_t>(bag->minimumQueryLength())) {
+    return false;
+  }
+  const auto cached = queryCache_->tryGetRequest(request);
+  if (!cached) return false;
+  noteSearch(request, static_cast<bool>(reply));
+  answerFromCache(request, *cached, *bag, reply, feedbackFor(request));
+  return true;
 }
 
 void ClientState::searchWithBag(bool haveBag, const ORVRequest& request, QueryReply reply) {
@@ -374,7 +392,7 @@ void ClientState::searchWithBag(bool haveBag, const ORVRequest& request, QueryRe
     feedback.recordSkip(ORVSkipSearchFeedback::kLessThanMinimumQueryLength);
     return;
   }
-  if (serveFromCache(request, reply, feedback)) return;
+  if (serveFromCache(request, *bag, reply, feedback)) return;
 
   searchLog().debug("Dispatching network request for (id, query): (%lld, %@)",
                     static_cast<long long>(request.queryId), request.queryString);
@@ -384,20 +402,27 @@ void ClientState::searchWithBag(bool haveBag, const ORVRequest& request, QueryRe
        true);
 }
 
-bool ClientState::serveFromCache(const ORVRequest& request, const QueryReply& reply,
-                                 const QueryFeedback& feedback) {
+bool ClientState::serveFromCache(const ORVRequest& request, const ORVBag& bag,
+                                 const QueryReply& reply, const QueryFeedback& feedback) {
   if (!queryCache_ || !request.queryItems.empty()) return false;
   auto cached = queryCache_->getRequest(request);
   if (!cached) return false;
-  ORVReply answer = makeReply(request, &cached->request(), nullptr);
-  // An array holding the cached answer; written out without copying the answer first.
-  answer.rawResponse = jsonTextForBus("[" + cached->resultSet().dump() + "]");
+  answerFromCache(request, *cached, bag, reply, feedback);
+  return true;
+}
+
+void ClientState::answerFromCache(const ORVRequest& request, const CachedResultSet& cached,
+                                  const ORVBag& bag, const QueryReply& reply,
+                                  const QueryFeedback& feedback) {
+  ORVReply answer = makeReply(request, &cached.request(), nullptr);
+  answer.rawResponse = cached.replyText();  // serialised when the entry was stored
   reply(request.queryId, std::move(answer), std::nullopt);
   if (auto key = createCounterKey(clientShortName_, kORVCounterSuffixOnDeviceCacheHits)) {
     OrvexDiagnosticDataReporter::addValueForScalarKey(1, *key);
   }
-  feedback.recordCacheHit(cached->uuid().upperString());
-  return true;
+  // The session manager drops records while the client's bag turns feedback off: the hit's is
+  // not even handed over then, which spares a worker's wake-up on every keystroke.
+  if (bag.feedbackEnabled()) feedback.recordCacheHit(cached.uuid().upperString());
 }
 
 void ClientState::cacheResponse(const nlohmann::json& response, const HttpRequest& request,

@@ -40,6 +40,7 @@
 namespace orvex {
 
 class Assembly;
+class CachedResultSet;
 class GUIDController;
 class QueryCache;
 class Uuid;
@@ -98,6 +99,11 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   void lookup(const ORVRequest& request, QueryReply reply);
   void flightSearch(const ORVRequest& request, const QueryReply& reply);
   void flightLookup(const ORVRequest& request, const QueryReply& reply);
+  // A search answered at once from the query cache, as search() would answer it, for callers
+  // that must not wait (the bus thread): the bag is in and enabled, the query long enough, and
+  // the cache holds an answer without waiting for its queue. False, having done nothing and
+  // answered nothing, otherwise.
+  bool searchFromCache(const ORVRequest& request, const QueryReply& reply);
 
   // The reply to `request`: its scale, the maps session entity and, when the client asked for a
   // verbose reply, the HTTP exchange.
@@ -152,8 +158,12 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
                           RequestMaker make);
   // The search flow, once the bag is in (or is not coming).
   void searchWithBag(bool haveBag, const ORVRequest& request, QueryReply reply);
-  bool serveFromCache(const ORVRequest& request, const QueryReply& reply,
+  bool serveFromCache(const ORVRequest& request, const ORVBag& bag, const QueryReply& reply,
                       const QueryFeedback& feedback);
+  void answerFromCache(const ORVRequest& request, const CachedResultSet& cached, const ORVBag& bag,
+                       const QueryReply& reply, const QueryFeedback& feedback);
+  // The log line and keystroke count of every search.
+  void noteSearch(const ORVRequest& request, bool hasReply) const;
 
   Assembly& assembly_;
   // Set at creation, read-only afterwards.

@@ -3,11 +3,13 @@
 #include <cstdlib>
 #include <limits>
 #include <ostream>
+#include <span>
 #include <streambuf>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "orvexd/base/json_limits.h"
 #include "orvexd/base/orvex_logging.h"
 #include "orvexd/base/orvex_names.h"
 #include "orvexd/base/text_util.h"
@@ -60,6 +62,14 @@ struct QueryCache::Impl : std::enable_shared_from_this<Impl> {
 
   void store(CachedResultSet entry, const std::string& query);
   std::optional<CachedResultSet> lookup(const std::string& input, float scale);
+  // An entry that matches a lookup: how many units its key is longer than what was typed.
+  struct Candidate {
+    std::size_t excess;
+    const CachedResultSet* entry;
+    std::string_view key;
+  };
+  // The shortest completion, then the best score; ties keep the first.
+  static std::optional<CachedResultSet> choose(std::span<const Candidate> candidates);
   void removeAllObjects();
   void _clearCache();
   void _listenForMemoryPressure();
@@ -76,23 +86,32 @@ struct QueryCache::Impl : std::enable_shared_from_this<Impl> {
 
 void QueryCache::Impl::store(CachedResultSet entry, const std::string& query) {
   queue.assertCurrent("store");
-  const std::optional<uint64_t> cost = costOf(entry.resultSet());
-  if (!cost) {
+  // Serialised once, here: the text is both the entry's cost and what every hit sends.
+  std::string text;
+  try {
+    text = entry.resultSet().dump();
+  } catch (const nlohmann::json::exception&) {
     cachingLog().error("NOT caching '%@': the answer cannot be serialised", query);
     return;
   }
-  if (*cost >= kMaxCost) {
-    cachingLog().error("NOT caching '%@' with cost %lu", query, *cost);
+  const uint64_t cost = text.size() + text.size() / 2;  // times 1.5, truncated
+  if (cost >= kMaxCost) {
+    cachingLog().error("NOT caching '%@' with cost %lu", query, cost);
     return;
   }
-  cachingLog().info("caching '%@' with cost %lu", query, *cost);
-  if (currentCost + *cost >= kMaxCost) {
+  cachingLog().info("caching '%@' with cost %lu", query, cost);
+  if (currentCost + cost >= kMaxCost) {
     cachingLog().info("!!! exceeded max cost, flushing cache !!!");
     _clearCache();  // the pressure source stays: an entry follows at once
   }
   if (tree.count() == 0) _listenForMemoryPressure();
   // Never subtracted for a replaced entry: the total only goes back to 0 with a full clear.
-  currentCost += *cost;
+  currentCost += cost;
+  // A hit answers with the entry in an array.
+  std::string reply;
+  reply.reserve(text.size() + 2);
+  reply.append("[").append(text).append("]");
+  entry.setReplyText(jsonTextForBus(std::move(reply)));
   tree.set(std::make_unique<CachedResultSet>(std::move(entry)), query);
 }
 
@@ -101,10 +120,10 @@ std::optional<CachedResultSet> QueryCache::Impl::lookup(const std::string& input
   const WallTime now = assembly.clock->wallNow();
   const std::size_t typed = queryTextLength(input);
 
-  // Keys borrow the tree's storage and the tree must not change during the walk: expired keys
-  // are copied and removed afterwards. Candidates are never removed, so their pointers hold.
+  // Keys borrow the tree's storage and the tree must not change while they are in use: expired
+  // keys are copied and removed once the choice is made and copied out.
   std::vector<std::string> expired;
-  std::vector<std::pair<std::size_t, const CachedResultSet*>> candidates;  // (excess, entry)
+  std::vector<Candidate> candidates;
   tree.keysMatchingPrefix(input, [&](std::string_view key, bool&) {
     const CachedResultSet* entry = tree.find(key);
     if (entry == nullptr) return;
@@ -114,21 +133,26 @@ std::optional<CachedResultSet> QueryCache::Impl::lookup(const std::string& input
     }
     if (scale > 0 && scale != entry->uiScale()) return;
     if (queryTextLength(entry->input()) > typed) return;  // fetched for more than was typed
-    candidates.emplace_back(queryTextLength(key) - typed, entry);
+    candidates.push_back({queryTextLength(key) - typed, entry, key});
   });
+  std::optional<CachedResultSet> chosen = choose(candidates);
   for (const std::string& key : expired) tree.remove(key);
+  return chosen;
+}
+
+std::optional<CachedResultSet> QueryCache::Impl::choose(std::span<const Candidate> candidates) {
   if (candidates.empty()) return std::nullopt;
-
   std::size_t leastExcess = std::numeric_limits<std::size_t>::max();
-  for (const auto& [excess, entry] : candidates) leastExcess = std::min(leastExcess, excess);
-
+  for (const Candidate& candidate : candidates) {
+    leastExcess = std::min(leastExcess, candidate.excess);
+  }
   const CachedResultSet* choice = nullptr;
   float bestScore = 0;
-  for (const auto& [excess, entry] : candidates) {
+  for (const auto& [excess, entry, key] : candidates) {
     if (excess != leastExcess) continue;
     const float score = entry->completionScore();
     cachingLog().debug("entry %p prefix: %@ input: %@ score: %f", static_cast<const void*>(entry),
-                       entry->query().value_or(""), entry->input(), static_cast<double>(score));
+                       key, entry->input(), static_cast<double>(score));
     if (choice == nullptr) {
       choice = entry;
       bestScore = score;
@@ -211,15 +235,24 @@ void QueryCache::set(const CachedResultSet& entry) {
 }
 
 std::optional<CachedResultSet> QueryCache::getRequest(const ORVRequest& request) const {
+  return find(request, true);
+}
+
+std::optional<CachedResultSet> QueryCache::tryGetRequest(const ORVRequest& request) const {
+  return find(request, false);
+}
+
+std::optional<CachedResultSet> QueryCache::find(const ORVRequest& request, bool wait) const {
   const std::string input = lowercasedQueryText(request.queryString);
   cachingLog().debug("cache lookup: %@", input);
   // Entries know their scale from the "X-Zelmor-UI-Scale" header, which has one decimal: the
   // request's scale is compared as that header states it (1.25 is sent as 1.2).
   const float scale =
       request.scale > 0 ? std::strtof(formatOneDecimal(request.scale).c_str(), nullptr) : 0;
-  auto found = impl_->queue.syncResult([&] { return impl_->lookup(input, scale); });
-  if (!found) return std::nullopt;
-  return std::move(*found);
+  std::optional<CachedResultSet> found;
+  const auto job = [&] { found = impl_->lookup(input, scale); };
+  if (!(wait ? impl_->queue.sync(job) : impl_->queue.trySync(job))) return std::nullopt;
+  return found;
 }
 
 std::optional<CachedResultSet> QueryCache::get(std::string_view queryString) const {

@@ -6,11 +6,11 @@
 // entries fetched for an input no longer than it, and chooses the shortest completion, then the
 // best "completion_score" (ties keep the smaller key).
 //
-// Size: each entry costs its JSON serialisation's length times 1.5, counted without keeping the
-// bytes. A store that would bring the running total to 2 MiB empties the cache first; a single
-// answer of that cost or more is not stored. The total only ever grows until the cache is
-// emptied as a whole: replacing an entry, or dropping it because it expired, subtracts nothing.
-// This errs on the side of flushing early and keeps the accounting free of per-entry bookkeeping.
+// Size: each entry costs its JSON serialisation's length times 1.5. A store that would bring the
+// running total to 2 MiB empties the cache first; a single answer of that cost or more is not
+// stored. The total only ever grows until the cache is emptied as a whole: replacing an entry, or
+// dropping it because it expired, subtracts nothing. This errs on the side of flushing early and
+// keeps the accounting free of per-entry bookkeeping.
 //
 // Lifetime: an answer with a positive "max_age" (seconds) expires that long after it was stored,
 // on the cache's clock; a lookup that meets an expired entry removes it. Entries are also all
@@ -25,7 +25,8 @@
 //
 // Threads: every field of Impl marked "queue" belongs to the serial queue
 // "com.zelmor.orvex.queryCache". Stores and clears are posted to it; lookups run on it
-// synchronously (the caller waits). Calls may come from any thread except that queue.
+// synchronously (the caller waits, except in tryGetRequest). Calls may come from any thread
+// except that queue. Each entry keeps the text a hit is sent as, made once when it is stored.
 #pragma once
 
 #include <cstdint>
@@ -62,6 +63,9 @@ class QueryCache {
   // The best entry for the request's query string and display scale (a scale of 0 accepts
   // entries of every scale), or nothing.
   std::optional<CachedResultSet> getRequest(const ORVRequest& request) const;
+  // The same, but nothing (at once) when the cache's queue is busy: never waits, for callers
+  // that must not block.
+  std::optional<CachedResultSet> tryGetRequest(const ORVRequest& request) const;
   // getRequest() of a search request for `queryString` with trigger event 0.
   std::optional<CachedResultSet> get(std::string_view queryString) const;
   // Empties the cache and stops watching memory pressure; returns at once.
@@ -77,6 +81,7 @@ class QueryCache {
   static std::optional<uint64_t> costOf(const nlohmann::json& resultSet);
 
  private:
+  std::optional<CachedResultSet> find(const ORVRequest& request, bool wait) const;
   struct Impl;
   std::shared_ptr<Impl> impl_;
 };

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "orvexd/base/json_limits.h"
 #include "orvexd/base/orvex_names.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_assembly.h"
@@ -134,6 +135,21 @@ TEST_F(QueryCacheTest, ChoosesTheShortestCompletionThenTheBestScoreForTheScale) 
 }
 
 // (What has no key to be stored under: the fuzz target checks every answer against that rule.)
+TEST_F(QueryCacheTest, KeepsTheReplyTextOfAHitReadyForTheBus) {
+  nlohmann::json json = answer("weaver");
+  json["title"] = "odd \xEF\xBF\xBF";  // U+FFFF, which the bus text escapes
+  cache.set(entry("we", json));
+  ORVRequest request;
+  request.queryString = "wea";
+  const auto waited = cache.getRequest(request);
+  ASSERT_TRUE(waited);
+  EXPECT_EQ(waited->replyText(), jsonTextForBus("[" + json.dump() + "]"));
+  EXPECT_NE(waited->replyText().find("\\uffff"), std::string::npos);
+  const auto untilIdle = cache.tryGetRequest(request);
+  ASSERT_TRUE(untilIdle);
+  EXPECT_EQ(&untilIdle->replyText(), &waited->replyText());  // shared, never copied
+}
+
 TEST_F(QueryCacheTest, BoundsTheCostWithoutEverSubtracting) {
   LogCapture log;
   // One answer alone at the limit or above is never stored.

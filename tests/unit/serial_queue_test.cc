@@ -94,6 +94,28 @@ TEST(SerialQueue, SyncWaitsForTheJobAndRefusesWhereItCouldDeadlock) {
   EXPECT_EQ(queue.syncResult([&] { return queue.isCurrent() && !other.isCurrent(); }), true);
 }
 
+TEST(SerialQueue, TrySyncRunsOnlyOnAnIdleQueueAndNeverWaits) {
+  testing::VirtualPlatform platform(1);
+  SerialQueue queue("com.zelmor.orvexd.test", *platform.pool, *platform.clock);
+  bool onQueue = false;
+  EXPECT_TRUE(queue.trySync([&] { onQueue = queue.isCurrent(); }));
+  EXPECT_TRUE(onQueue);
+
+  // A job waiting for the only worker: refused rather than run ahead of it or waited for.
+  testing::Gate workerHeld;
+  platform.pool->post([&] { workerHeld.wait(); });
+  std::vector<int> order;
+  queue.async([&] { order.push_back(1); });
+  EXPECT_FALSE(queue.trySync([&] { order.push_back(2); }));
+  workerHeld.open();
+  platform.settle();
+  std::optional<bool> fromSelf;
+  queue.async([&] { fromSelf = queue.trySync([&] { order.push_back(3); }); });
+  platform.settle();
+  EXPECT_EQ(fromSelf, false);
+  EXPECT_EQ(order, (std::vector<int>{1}));
+}
+
 TEST(SerialQueue, SyncFromEveryWorkerAtOnceDoesNotStarveThePool) {
   // More callers than workers, each blocking in a chain of syncs across three queues while the
   // queues also have asynchronous work: a sync that waited for a free worker would deadlock.

@@ -1,0 +1,120 @@
+// A search that goes to the network through the daemon against a direct HTTP GET of the same URL
+// with libcurl, both from the same reference back-end on loopback.
+//
+// The daemon's searches carry a query item, which makes them bypass the query cache, so each one
+// is sent to the back-end. The direct GET repeats the URL and headers of the daemon's last
+// search on one kept-alive libcurl handle, as the daemon's own HTTP session keeps its connection.
+// The two alternate call by call, so that both see the same machine. Prints the median and the
+// 90th percentile of each and "FIGURE network_overhead_ms <median daemon - median direct> ms".
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "bench/bench_figures.h"
+#include "tests/support/daemon_harness.h"
+
+using namespace orvex;
+using bench::figures;
+using SteadyClock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kWarmup = 30;
+constexpr int kRounds = 400;
+
+size_t collect(char* data, size_t size, size_t count, void* into) {
+  static_cast<std::string*>(into)->append(data, size * count);
+  return size * count;
+}
+
+[[noreturn]] void fail(const char* what) {
+  std::fprintf(stderr, "%s\n", what);
+  std::exit(1);
+}
+
+}  // namespace
+
+int main() {
+  testing::DaemonHarness harness(bench::kSearchBag);
+  harness.logLevel = "error";
+  harness.start();
+  auto client = harness.clientWithBag({"com.zelmor.bench", "Bench/1"});
+
+  int64_t queryId = 0;
+  auto throughDaemon = [&] {
+    ORVRequest request = testing::searchRequest(++queryId, "weather");
+    request.queryItems.push_back({"bench", "1"});  // bypasses the query cache
+    auto answer = client->request(request);
+    if (!answer || !answer.value().reply || answer.value().reply->rawResponse.empty()) {
+      fail("a search through the daemon failed");
+    }
+  };
+  throughDaemon();
+  const auto sent = harness.backend().requests().back();
+  if (!sent.endpoint || *sent.endpoint != "search") fail("the daemon sent no search");
+
+  // The same request, sent directly.
+  CURL* curl = curl_easy_init();
+  std::string url = harness.backend().baseUrl();
+  url.append(sent.path).append("?").append(sent.query);
+  curl_slist* headers = nullptr;
+  for (const auto& [name, value] : sent.headers) {
+    std::string line = name;
+    line.append(": ").append(value);
+    headers = curl_slist_append(headers, line.c_str());
+  }
+  std::string body;
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+  curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
+  auto direct = [&] {
+    body.clear();
+    long status = 0;
+    if (curl_easy_perform(curl) != CURLE_OK ||
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status) != CURLE_OK || status != 200 ||
+        body.empty()) {
+      fail("the direct GET failed");
+    }
+  };
+
+  auto timed = [](auto call) {
+    const auto start = SteadyClock::now();
+    call();
+    return std::chrono::duration<double, std::milli>(SteadyClock::now() - start).count();
+  };
+  for (int i = 0; i < kWarmup; ++i) {
+    throughDaemon();
+    direct();
+  }
+  const size_t before = harness.backend().requestCount("search");
+  std::vector<double> daemon, plain;
+  const bench::ThreadUse usedBefore = bench::threadUse(harness.daemon()->pid());
+  for (int i = 0; i < kRounds; ++i) {
+    daemon.push_back(timed(throughDaemon));
+    plain.push_back(timed(direct));
+  }
+  const bench::ThreadUse usedAfter = bench::threadUse(harness.daemon()->pid());
+  if (harness.backend().requestCount("search") != before + 2 * kRounds) {
+    fail("a timed search did not reach the back-end");
+  }
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(curl);
+
+  const auto d = figures(daemon);
+  const auto p = figures(plain);
+  std::printf("search through the daemon: median %.3f ms, p90 %.3f ms (%d calls)\n", d.median,
+              d.p90, kRounds);
+  std::printf("direct GET with libcurl:   median %.3f ms, p90 %.3f ms (%d calls)\n", p.median,
+              p.p90, kRounds);
+  std::printf("daemon per search: %.1f us CPU, %.2f context switches\n",
+              (usedAfter.cpuMicroseconds - usedBefore.cpuMicroseconds) / kRounds,
+              static_cast<double>(usedAfter.switches - usedBefore.switches) / kRounds);
+  std::printf("FIGURE network_overhead_ms %.3f ms\n", d.median - p.median);
+  return 0;
+}
