@@ -38,7 +38,10 @@ int main(int argc, char** argv) {
               perSecond, testing::describeWakers(before, after).c_str());
   std::printf("threads:");
   for (const auto& thread : after) std::printf(" %s", thread.name.c_str());
-  std::printf("\nUSS %.2f MiB, PSS %.2f MiB\n", memory.ussMiB, memory.pssMiB);
+  std::printf(
+      "\nUSS %.2f MiB (%.2f MiB written, the rest file pages no other process maps now), "
+      "PSS %.2f MiB\n",
+      memory.ussMiB, memory.dirtyMiB, memory.pssMiB);
   std::printf("FIGURE idle_wakeups_per_s %.2f /s\n", perSecond);
   std::printf("FIGURE idle_threads %zu n\n", after.size());
   std::printf("FIGURE idle_uss_mib %.2f MiB\n", memory.ussMiB);

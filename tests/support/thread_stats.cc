@@ -72,11 +72,13 @@ std::string describeWakers(const std::vector<ThreadSwitches>& before,
 
 MemoryRollup memoryRollup(pid_t pid) {
   const std::filesystem::path file = "/proc/" + std::to_string(pid) + "/smaps_rollup";
-  const int64_t privateKiB = field(file, "Private_Clean:") + field(file, "Private_Dirty:");
+  const int64_t dirtyKiB = field(file, "Private_Dirty:");
+  const int64_t privateKiB = field(file, "Private_Clean:") + dirtyKiB;
   const int64_t pssKiB = field(file, "Pss:");
   MemoryRollup rollup;
   if (privateKiB >= 0 && pssKiB >= 0) rollup.ussMiB = static_cast<double>(privateKiB) / 1024;
   if (pssKiB >= 0) rollup.pssMiB = static_cast<double>(pssKiB) / 1024;
+  if (dirtyKiB >= 0) rollup.dirtyMiB = static_cast<double>(dirtyKiB) / 1024;
   return rollup;
 }
 

@@ -31,6 +31,9 @@ std::string describeWakers(const std::vector<ThreadSwitches>& before,
 struct MemoryRollup {
   double ussMiB = -1;  // Private_Clean + Private_Dirty
   double pssMiB = -1;  // Pss
+  // The written part of the USS; the rest are file pages (code, read-only data) that no other
+  // process maps at the moment, and that count as shared as soon as one does.
+  double dirtyMiB = -1;  // Private_Dirty
 };
 MemoryRollup memoryRollup(pid_t pid);
 
