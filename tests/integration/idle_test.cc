@@ -40,8 +40,8 @@ TEST(IdleTest, AfterASearchTheDaemonSleeps) {
   }
   std::this_thread::sleep_for(kWindow);
   const auto after = testing::threadSwitches(pid);
-  EXPECT_LE(testing::switchesBetween(before, after), kMostSwitchesAtRest)
-      << testing::describeWakers(before, after);
+  std::string wakers;
+  EXPECT_LE(testing::switchesBetween(before, after, &wakers), kMostSwitchesAtRest) << wakers;
 }
 
 }  // namespace
