@@ -12,6 +12,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -114,8 +115,15 @@ void WorkerPool::post(Job job) {
 }
 
 void WorkerPool::startWorker() {
+  std::thread thread;
+  try {
+    thread = std::thread([this] { workerLoop(); });
+  } catch (const std::system_error& e) {
+    // The job waits for a worker that is already there, or for the next post().
+    OrvexLogForCategory(kOrvexLogGeneral).error("cannot start a worker thread: %s", e.what());
+    return;
+  }
   ++impl_->threads;
-  std::thread thread([this] { workerLoop(); });
   pthread_setname_np(thread.native_handle(), "orvex-worker");
   const std::thread::id id = thread.get_id();
   impl_->workers.emplace(id, std::move(thread));
