@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <future>
 
 #include "orvexd/base/orvex_logging.h"
@@ -54,17 +56,17 @@ CurlMultiLoop::CurlMultiLoop()
 }
 
 CurlMultiLoop::~CurlMultiLoop() {
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    std::fputs("the network thread cannot end itself\n", stderr);
+    std::abort();
+  }
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
   }
   const uint64_t one = 1;
   (void)!::write(wake_.get(), &one, sizeof one);
-  if (thread_.get_id() == std::this_thread::get_id()) {
-    thread_.detach();  // the last session let go from a job of this thread
-  } else {
-    thread_.join();
-  }
+  thread_.join();
 }
 
 std::shared_ptr<CurlMultiLoop> CurlMultiLoop::shared() {

@@ -28,7 +28,8 @@ class CurlMultiLoop {
   struct Driven;
 
   CurlMultiLoop();
-  // Ends and joins the thread; jobs still queued are dropped.
+  // Ends and joins the thread; jobs still queued are dropped. Must not run on the thread itself
+  // (no job owns the loop).
   ~CurlMultiLoop();
   CurlMultiLoop(const CurlMultiLoop&) = delete;
   CurlMultiLoop& operator=(const CurlMultiLoop&) = delete;
