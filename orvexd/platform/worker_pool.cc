@@ -80,11 +80,13 @@ WorkerPool::~WorkerPool() {
     ended.swap(impl_->ended);
   }
   impl_->jobReady.notify_all();
+  // Stopped before the workers are joined: a running job may wait for it.
+  impl_->guard.reset();
+  impl_->io->stop();
   for (auto& [id, thread] : workers) thread.join();
   for (auto& thread : ended) thread.join();
   impl_->jobs.clear();  // abandoned
-  impl_->guard.reset();
-  impl_->io->stop();
+  // After the workers: a job may have made the I/O thread.
   if (impl_->ioThread.joinable()) impl_->ioThread.join();
   // Abandoned handlers release their work tokens here, while the pool is still whole.
   impl_->io.reset();
