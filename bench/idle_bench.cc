@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "bench/bench_figures.h"
 #include "tests/support/daemon_harness.h"
 #include "tests/support/thread_stats.h"
 
@@ -14,8 +15,7 @@ using namespace orvex;
 
 int main(int argc, char** argv) {
   const int seconds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 30;
-  testing::DaemonHarness harness(
-      R"({"version": "1", "enabled": true, "search_url": "${BASE_URL}/search"})");
+  testing::DaemonHarness harness(bench::kSearchBag);
   harness.logLevel = "error";
   harness.start();
   // The client stays connected while the daemon idles, as a front-end does.
