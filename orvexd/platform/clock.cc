@@ -1,5 +1,7 @@
 #include "orvexd/platform/clock.h"
 
+#include <pthread.h>
+
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
@@ -44,6 +46,7 @@ struct SystemTimerState final : TimerHandle::State, std::enable_shared_from_this
 SystemClock::SystemClock() : impl_(std::make_shared<Impl>()) {
   impl_->guard.emplace(asio::make_work_guard(impl_->io));
   impl_->thread = std::thread([impl = impl_.get()] { impl->io.run(); });
+  pthread_setname_np(impl_->thread.native_handle(), "orvex-timer");
 }
 
 SystemClock::~SystemClock() {

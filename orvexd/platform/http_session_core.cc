@@ -1,6 +1,5 @@
 #include "orvexd/platform/http_session_core.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,8 +14,6 @@ namespace orvex {
 
 namespace {
 
-// The network thread wakes at least this often even when libcurl has nothing due.
-constexpr int kPollIntervalMs = 1000;
 // Connections a session opens to one host; further transfers wait for one of them. Without a
 // bound, a burst of searches from many clients opens a connection each, and a server that gives
 // every kept-alive connection a worker of its own may leave the ones beyond its workers unserved
@@ -54,21 +51,27 @@ void HttpSessionCore::startNetworkThread() {
   curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING,
                     config_.multiplexing ? CURLPIPE_MULTIPLEX : CURLPIPE_NOTHING);
   curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
-  thread_ = std::thread([this] { run(); });
-  pthread_setname_np(thread_.native_handle(), "orvex-http");
+  loop_ = CurlMultiLoop::shared();
+  loop_->runAndWait(
+      [this] { driven_ = loop_->attach(multi_.get(), [this] { collectCompletions(); }); });
+  if (driven_ == nullptr) {
+    multi_.reset();
+    httpLog().fault("session %@: the network thread cannot drive it; every task will fail",
+                    config_.identifier);
+    return;
+  }
+  attached_ = true;
 }
 
 void HttpSessionCore::shutdown() {
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
-    if (multi_) curl_multi_wakeup(multi_.get());
   }
-  if (thread_.joinable()) thread_.join();
+  // After every drain() posted before: nothing is posted once stopping_ is set.
+  if (attached_) loop_->runAndWait([this] { stop(); });
   // Tasks that were never resumed.
   for (const auto& task : liveTasks()) task->cancel();
-  // The multi handle is cleaned up with the core, after the thread removed and cleaned up every
-  // easy handle.
 }
 
 void HttpSessionCore::registerTask(const std::shared_ptr<HttpSessionTask>& task) {
@@ -79,22 +82,28 @@ void HttpSessionCore::registerTask(const std::shared_ptr<HttpSessionTask>& task)
 void HttpSessionCore::enqueue(const std::shared_ptr<HttpSessionTask>& task) {
   {
     std::lock_guard lock(mutex_);
-    if (!stopping_ && multi_) {
+    if (!stopping_ && attached_) {
       toStart_.push_back(task);
-      curl_multi_wakeup(multi_.get());
+      postDrain();
       return;
     }
   }
-  finishWithError(task,
-                  multi_ ? httpCancelledError()
-                         : curlTransferError(CURLE_FAILED_INIT, "the session has no multi handle"));
+  finishWithError(
+      task, attached_ ? httpCancelledError()
+                      : curlTransferError(CURLE_FAILED_INIT, "the session has no multi handle"));
+}
+
+void HttpSessionCore::postDrain() {
+  if (drainPosted_) return;
+  drainPosted_ = true;
+  loop_->post([this] { drain(); });
 }
 
 void HttpSessionCore::requestCancel(const std::shared_ptr<HttpSessionTask>& task) {
   std::lock_guard lock(mutex_);
-  if (stopping_ || !multi_) return;  // the network thread cancels everything on its way out
+  if (stopping_ || !attached_) return;  // the network thread cancels everything on its way out
   toCancel_.push_back(task);
-  curl_multi_wakeup(multi_.get());
+  postDrain();
 }
 
 void HttpSessionCore::finish(const std::shared_ptr<HttpSessionTask>& task,
@@ -132,43 +141,45 @@ std::vector<std::shared_ptr<HttpSessionTask>> HttpSessionCore::liveTasks() {
 
 // --- the network thread ---
 
-void HttpSessionCore::run() {
-  for (;;) {
-    std::vector<std::shared_ptr<HttpSessionTask>> starts;
-    std::vector<std::shared_ptr<HttpSessionTask>> cancels;
-    bool stop = false;
-    {
-      std::lock_guard lock(mutex_);
-      starts.swap(toStart_);
-      cancels.swap(toCancel_);
-      stop = stopping_;
-    }
-    if (stop) {
-      for (const auto& task : starts) finishWithError(task, httpCancelledError());
-      while (!active_.empty()) cancelTransfer(active_.begin()->second);
-      return;
-    }
-    for (const auto& task : starts) start(task);
-    for (const auto& task : cancels) {
-      // Not active: cancelled before it started (start() saw it) or already finished.
-      if (active_.contains(task.get())) cancelTransfer(task);
-    }
-
-    int running = 0;
-    const CURLMcode performed = curl_multi_perform(multi_.get(), &running);
-    if (performed != CURLM_OK) {
-      httpLog().error("session %@: curl_multi_perform failed: %@", config_.identifier,
-                      curl_multi_strerror(performed));
-    }
-    int queued = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
-      if (message->msg != CURLMSG_DONE) continue;
-      void* owner = nullptr;
-      curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &owner);
-      completeTransfer(static_cast<HttpSessionTask*>(owner), message->data.result);
-    }
-    curl_multi_poll(multi_.get(), nullptr, 0, kPollIntervalMs, nullptr);
+void HttpSessionCore::drain() {
+  std::vector<std::shared_ptr<HttpSessionTask>> starts;
+  std::vector<std::shared_ptr<HttpSessionTask>> cancels;
+  {
+    std::lock_guard lock(mutex_);
+    starts.swap(toStart_);
+    cancels.swap(toCancel_);
+    drainPosted_ = false;
   }
+  for (const auto& task : starts) start(task);
+  for (const auto& task : cancels) {
+    // Not active: cancelled before it started (start() saw it) or already finished.
+    if (active_.contains(task.get())) cancelTransfer(task);
+  }
+}
+
+void HttpSessionCore::collectCompletions() {
+  int queued = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    void* owner = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &owner);
+    completeTransfer(static_cast<HttpSessionTask*>(owner), message->data.result);
+  }
+}
+
+void HttpSessionCore::stop() {
+  std::vector<std::shared_ptr<HttpSessionTask>> starts;
+  {
+    std::lock_guard lock(mutex_);
+    starts.swap(toStart_);
+    toCancel_.clear();
+  }
+  for (const auto& task : starts) finishWithError(task, httpCancelledError());
+  while (!active_.empty()) cancelTransfer(active_.begin()->second);
+  // Cleaned up here, while the loop still drives it: closing its connections calls back.
+  multi_.reset();
+  loop_->detach(driven_);
+  driven_ = nullptr;
 }
 
 void HttpSessionCore::start(const std::shared_ptr<HttpSessionTask>& task) {

@@ -1,12 +1,14 @@
 // The shared part of an HttpSession, which its tasks hold weakly: the tasks made and not yet
-// completed, the hand-over of started and cancelled tasks to the network thread, and that
-// thread, which drives the session's libcurl multi handle and carries each transfer from its
-// start (or its answer from the cache) to its completion. No thread is made per request.
+// completed, the hand-over of started and cancelled tasks to the network thread, and the
+// session's libcurl multi handle, which the process's one network thread (CurlMultiLoop) drives
+// along with the other sessions' to carry each transfer from its start (or its answer from the
+// cache) to its completion. No thread is made per request or per session.
 //
 // Threads: the configuration, the pool, the clock and the callback queue are set at
-// construction. `mutex_` guards toStart_, toCancel_, stopping_ and registry_. The network thread
-// alone touches active_, the cache and the transfers of running tasks. Completions are posted
-// to callbackQueue_.
+// construction, `attached_` by startNetworkThread(). `mutex_` guards toStart_, toCancel_,
+// drainPosted_, stopping_ and registry_. The network thread alone touches multi_ after start-up,
+// driven_, active_, the cache and the transfers of running tasks. Completions are posted to
+// callbackQueue_.
 #pragma once
 
 #include <curl/curl.h>
@@ -14,11 +16,11 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include "orvexd/base/c_handle.h"
+#include "orvexd/platform/curl_multi_loop.h"
 #include "orvexd/platform/http_session.h"
 #include "orvexd/platform/http_session_cache.h"
 #include "orvexd/platform/serial_queue.h"
@@ -34,10 +36,10 @@ class HttpSessionCore {
   HttpSessionCore(const HttpSessionCore&) = delete;
   HttpSessionCore& operator=(const HttpSessionCore&) = delete;
 
-  // Makes the multi handle and starts the network thread; without a multi handle every task
-  // fails. Called once, right after construction.
+  // Makes the multi handle and hands it to the network thread; without it every task fails.
+  // Called once, right after construction.
   void startNetworkThread();
-  // Stops the network thread, cancelling every task still outstanding.
+  // Takes the multi handle off the network thread, cancelling every task still outstanding.
   void shutdown();
 
   const HttpSessionConfiguration& configuration() const { return config_; }
@@ -58,8 +60,15 @@ class HttpSessionCore {
   std::vector<std::shared_ptr<HttpSessionTask>> liveTasks();
 
  private:
+  // Queues a drain() unless one is queued. Called with `mutex_` held.
+  void postDrain();
+
   // --- network thread ---
-  void run();
+  // Starts and cancels what was handed over.
+  void drain();
+  // Completes the transfers libcurl reports ended.
+  void collectCompletions();
+  void stop();
   void start(const std::shared_ptr<HttpSessionTask>& task);
   void completeTransfer(HttpSessionTask* raw, CURLcode code);
   // By value: the caller may hand in the entry of active_ that this erases, the task's last owner
@@ -74,12 +83,15 @@ class HttpSessionCore {
   SerialQueue callbackQueue_;
   HttpSessionCache cache_;
   CHandle<CURLM, &curl_multi_cleanup> multi_;
-  std::thread thread_;
+  std::shared_ptr<CurlMultiLoop> loop_;
+  CurlMultiLoop::Driven* driven_ = nullptr;
+  bool attached_ = false;
 
   // Guarded by `mutex_`.
   std::mutex mutex_;
   std::vector<std::shared_ptr<HttpSessionTask>> toStart_;
   std::vector<std::shared_ptr<HttpSessionTask>> toCancel_;
+  bool drainPosted_ = false;  // a drain() is queued on the network thread
   bool stopping_ = false;
   std::unordered_map<uint64_t, std::weak_ptr<HttpSessionTask>> registry_;  // made, not completed
 

@@ -20,7 +20,9 @@ class WorkerPool {
  public:
   using Job = std::function<void()>;
 
-  // Starts `threads` worker threads (at least one).
+  // Runs jobs on up to `threads` worker threads (at least one). Workers are made as jobs find
+  // none free and end after a while without a job, so an idle pool has no thread waiting for
+  // jobs; ioContext() has one thread of its own, made on first use.
   explicit WorkerPool(std::size_t threads);
   // Stops accepting jobs, abandons queued ones and joins the threads. Must not be called from one
   // of the pool's own jobs.
@@ -28,7 +30,7 @@ class WorkerPool {
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
 
-  // The number of threads the daemon's pool gets on this machine.
+  // The most threads the daemon's pool runs jobs on at once on this machine.
   static std::size_t defaultThreadCount();
 
   // Runs `job` on some worker thread (the "global queue").
@@ -63,9 +65,13 @@ class WorkerPool {
     std::shared_ptr<void> count_;
   };
 
+  // For descriptors and strands; its handlers run on the pool's I/O thread.
   asio::io_context& ioContext();
 
  private:
+  // Called with the jobs' lock held.
+  void startWorker();
+  void workerLoop();
   void beginWork();
   void endWork();
 

@@ -1,0 +1,59 @@
+// The daemon at rest: after one search against the reference back-end, the context switches of
+// all its threads over an idle period, its thread count, and its private (USS) and proportional
+// (PSS) memory from /proc/PID/smaps_rollup.
+//
+// Usage: orvex_bench_idle [seconds]   (default 30)
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "bench/bench_figures.h"
+#include "tests/support/daemon_harness.h"
+#include "tests/support/thread_stats.h"
+
+using namespace orvex;
+
+int main(int argc, char** argv) {
+  const int seconds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 30;
+  testing::DaemonHarness harness(bench::kSearchBag);
+  harness.logLevel = "error";
+  harness.start();
+  // The client stays connected while the daemon idles, as a front-end does.
+  auto client = harness.clientWithBag({"com.zelmor.bench", "Bench/1"});
+  auto answer = client->request(testing::searchRequest(1, "weath"));
+  if (!answer || !answer.value().reply) {
+    std::fprintf(stderr, "the search failed\n");
+    return 1;
+  }
+  const pid_t pid = harness.daemon()->pid();
+  // The reply is out before the search's own bookkeeping ends; a second lets it finish.
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const auto before = testing::threadSwitches(pid);
+  std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  const auto after = testing::threadSwitches(pid);
+
+  std::string wakers;
+  const double perSecond =
+      static_cast<double>(testing::switchesBetween(before, after, &wakers)) / seconds;
+  // Private_Dirty is the written part of the USS; the rest are file pages (code, read-only
+  // data) that no other process maps at the moment, and that count as shared once one does.
+  const std::string rollup = "/proc/" + std::to_string(pid) + "/smaps_rollup";
+  const double dirty = static_cast<double>(testing::procField(rollup, "Private_Dirty:")) / 1024;
+  const double uss =
+      dirty + static_cast<double>(testing::procField(rollup, "Private_Clean:")) / 1024;
+  const double pss = static_cast<double>(testing::procField(rollup, "Pss:")) / 1024;
+
+  std::printf("idle %d s after a search: %.2f context switches/s; who woke: %s\n", seconds,
+              perSecond, wakers.c_str());
+  std::printf("threads:");
+  for (const auto& [tid, thread] : after) std::printf(" %s", thread.name.c_str());
+  std::printf(
+      "\nUSS %.2f MiB (%.2f MiB written, the rest file pages no other process maps now), "
+      "PSS %.2f MiB\n",
+      uss, dirty, pss);
+  std::printf("FIGURE idle_wakeups_per_s %.2f /s\n", perSecond);
+  std::printf("FIGURE idle_threads %zu n\n", after.size());
+  std::printf("FIGURE idle_uss_mib %.2f MiB\n", uss);
+  std::printf("FIGURE idle_pss_mib %.2f MiB\n", pss);
+  return 0;
+}

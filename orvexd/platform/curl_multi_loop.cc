@@ -1,0 +1,226 @@
+#include "orvexd/platform/curl_multi_loop.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+
+#include "orvexd/base/orvex_logging.h"
+
+namespace orvex {
+
+namespace {
+
+constexpr int kMaxEvents = 32;
+
+const OrvexLog& loopLog() { return OrvexLogForCategory(kOrvexLogConnection); }
+
+// Adds `fd` to the epoll set or changes what it waits for.
+void watch(int epoll, int fd, uint32_t events, bool known) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  if (::epoll_ctl(epoll, known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event) == 0) return;
+  // A descriptor libcurl closed and reopened under the same number is new to epoll, and one
+  // another handle left behind may still be in the set.
+  if (::epoll_ctl(epoll, known ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &event) != 0) {
+    loopLog().error("cannot wait for descriptor %d: errno %d", fd, errno);
+  }
+}
+
+}  // namespace
+
+struct CurlMultiLoop::Driven {
+  CurlMultiLoop* loop;
+  CURLM* multi;
+  UniqueFd timer;
+  std::function<void()> afterAction;
+};
+
+CurlMultiLoop::CurlMultiLoop()
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!epoll_ || !wake_) {
+    loopLog().fault("cannot make the network thread's wait: errno %d", errno);
+  } else {
+    watch(epoll_.get(), wake_.get(), EPOLLIN, false);
+  }
+  thread_ = std::thread([this] { run(); });
+  pthread_setname_np(thread_.native_handle(), "orvex-http");
+}
+
+CurlMultiLoop::~CurlMultiLoop() {
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    std::fputs("the network thread cannot end itself\n", stderr);
+    std::abort();
+  }
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  const uint64_t one = 1;
+  (void)!::write(wake_.get(), &one, sizeof one);
+  thread_.join();
+}
+
+std::shared_ptr<CurlMultiLoop> CurlMultiLoop::shared() {
+  static std::mutex mutex;
+  static std::weak_ptr<CurlMultiLoop> current;
+  std::lock_guard lock(mutex);
+  if (auto loop = current.lock()) return loop;
+  auto loop = std::make_shared<CurlMultiLoop>();
+  current = loop;
+  return loop;
+}
+
+void CurlMultiLoop::post(std::function<void()> job) {
+  {
+    std::lock_guard lock(mutex_);
+    jobs_.push_back(std::move(job));
+    if (jobs_.size() > 1) return;  // the first one rang already
+  }
+  const uint64_t one = 1;
+  (void)!::write(wake_.get(), &one, sizeof one);
+}
+
+void CurlMultiLoop::runAndWait(const std::function<void()>& job) {
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    job();
+    return;
+  }
+  std::promise<void> done;
+  post([&] {
+    job();
+    done.set_value();
+  });
+  done.get_future().wait();
+}
+
+CurlMultiLoop::Driven* CurlMultiLoop::attach(CURLM* multi, std::function<void()> afterAction) {
+  UniqueFd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  if (!timer) {
+    loopLog().fault("cannot make a timer for the network thread: errno %d", errno);
+    return nullptr;
+  }
+  auto driven = std::make_unique<Driven>(Driven{this, multi, std::move(timer), afterAction});
+  Driven* raw = driven.get();
+  watch(epoll_.get(), raw->timer.get(), EPOLLIN, false);
+  owners_[raw->timer.get()] = raw;
+  curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &CurlMultiLoop::onSocket);
+  curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, raw);
+  curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, &CurlMultiLoop::onTimer);
+  curl_multi_setopt(multi, CURLMOPT_TIMERDATA, raw);
+  driven_.push_back(std::move(driven));
+  return raw;
+}
+
+void CurlMultiLoop::detach(Driven* driven) {
+  if (driven == nullptr) return;
+  for (auto it = owners_.begin(); it != owners_.end();) {
+    if (it->second != driven) {
+      ++it;
+      continue;
+    }
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, it->first, nullptr);
+    it = owners_.erase(it);
+  }
+  std::erase_if(driven_, [driven](const auto& entry) { return entry.get() == driven; });
+}
+
+void CurlMultiLoop::run() {
+  epoll_event events[kMaxEvents];
+  for (;;) {
+    const int ready = ::epoll_wait(epoll_.get(), events, kMaxEvents, -1);
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      loopLog().fault("the network thread's wait failed: errno %d", errno);
+      return;
+    }
+    for (int i = 0; i < ready; ++i) {
+      const int fd = events[i].data.fd;
+      if (fd == wake_.get()) {
+        uint64_t count = 0;
+        (void)!::read(fd, &count, sizeof count);
+        {
+          std::lock_guard lock(mutex_);
+          if (stopping_) return;
+        }
+        runJobs();
+        continue;
+      }
+      // Looked up afresh: an action before may have closed the descriptor or detached its owner.
+      auto owner = owners_.find(fd);
+      if (owner == owners_.end()) continue;
+      Driven& driven = *owner->second;
+      if (fd == driven.timer.get()) {
+        uint64_t expirations = 0;
+        (void)!::read(fd, &expirations, sizeof expirations);
+        act(driven, CURL_SOCKET_TIMEOUT, 0);
+        continue;
+      }
+      const uint32_t what = events[i].events;
+      int flags = 0;
+      if (what & (EPOLLIN | EPOLLHUP)) flags |= CURL_CSELECT_IN;
+      if (what & EPOLLOUT) flags |= CURL_CSELECT_OUT;
+      if (what & EPOLLERR) flags |= CURL_CSELECT_ERR;
+      act(driven, fd, flags);
+    }
+  }
+}
+
+void CurlMultiLoop::runJobs() {
+  std::vector<std::function<void()>> jobs;
+  {
+    std::lock_guard lock(mutex_);
+    jobs.swap(jobs_);
+  }
+  for (auto& job : jobs) job();
+}
+
+void CurlMultiLoop::act(Driven& driven, curl_socket_t socket, int flags) {
+  int running = 0;
+  const CURLMcode result = curl_multi_socket_action(driven.multi, socket, flags, &running);
+  if (result != CURLM_OK) {
+    loopLog().error("curl_multi_socket_action failed: %@", curl_multi_strerror(result));
+  }
+  driven.afterAction();
+}
+
+int CurlMultiLoop::onSocket(CURL*, curl_socket_t socket, int what, void* data, void*) {
+  auto* driven = static_cast<Driven*>(data);
+  CurlMultiLoop& loop = *driven->loop;
+  if (what == CURL_POLL_REMOVE) {
+    ::epoll_ctl(loop.epoll_.get(), EPOLL_CTL_DEL, socket, nullptr);
+    loop.owners_.erase(socket);
+    return 0;
+  }
+  uint32_t events = 0;
+  if (what == CURL_POLL_IN || what == CURL_POLL_INOUT) events |= EPOLLIN;
+  if (what == CURL_POLL_OUT || what == CURL_POLL_INOUT) events |= EPOLLOUT;
+  const bool added = loop.owners_.insert_or_assign(socket, driven).second;
+  watch(loop.epoll_.get(), socket, events, !added);
+  return 0;
+}
+
+// libcurl asks to be called back after `timeoutMs` (at once for 0), or not at all (-1); the
+// timerfd rings the loop then.
+int CurlMultiLoop::onTimer(CURLM*, long timeoutMs, void* data) {
+  auto* driven = static_cast<Driven*>(data);
+  itimerspec spec{};
+  if (timeoutMs == 0) {
+    spec.it_value.tv_nsec = 1;  // zero would disarm it
+  } else if (timeoutMs > 0) {
+    spec.it_value.tv_sec = timeoutMs / 1000;
+    spec.it_value.tv_nsec = (timeoutMs % 1000) * 1000000;
+  }
+  ::timerfd_settime(driven->timer.get(), 0, &spec, nullptr);
+  return 0;
+}
+
+}  // namespace orvex
