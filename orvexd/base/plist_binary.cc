@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "orvexd/base/name_table.h"
+#include "orvexd/base/plist_binary_writer.h"
 #include "orvexd/base/plist_tree_builder.h"
 #include "orvexd/base/text_util.h"
 
@@ -553,22 +554,10 @@ std::optional<PlistValue> readBinaryPlist(std::span<const std::uint8_t> bytes, s
   return valueFromPlistTree(root.get(), why);
 }
 
-std::vector<std::uint8_t> writeBinaryPlist(const PlistValue& value, std::string& why) {
-  const PlistHandle root = buildNode(value);
-  if (root == nullptr) {
-    why = "libplist could not build the tree";
-    return {};
-  }
-  char* raw = nullptr;
-  std::uint32_t length = 0;
-  plist_to_bin(root.get(), &raw, &length);
-  const BinaryBuffer buffer(raw);
-  if (buffer == nullptr || length == 0) {
-    why = "libplist could not write the binary property list";
-    return {};
-  }
-  const auto* begin = reinterpret_cast<const std::uint8_t*>(raw);
-  return std::vector<std::uint8_t>(begin, begin + length);
+std::vector<std::uint8_t> writeBinaryPlist(const PlistValue& value, std::string& /*why*/) {
+  std::vector<std::uint8_t> document;
+  binaryPlistWriterForThread().write(value, document);
+  return document;
 }
 
 }  // namespace orvex
