@@ -33,18 +33,6 @@ void appendBigEndian(std::uint64_t value, std::size_t count, std::vector<std::ui
   for (std::size_t i = count; i-- > 0;) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
 }
 
-// Seconds since 2001 as binary documents store them.
-double referenceSeconds(PlistDate date) {
-  const std::int64_t micros = (date.time - kReferenceDate).count();
-  std::int64_t seconds = micros / kMicrosPerSecond;
-  std::int64_t rest = micros % kMicrosPerSecond;
-  if (rest < 0) {
-    rest += kMicrosPerSecond;
-    --seconds;
-  }
-  return static_cast<double>(seconds) + static_cast<double>(rest) / kMicrosPerSecond;
-}
-
 std::optional<PlistDate> dateFromReferenceSeconds(double seconds) {
   // The supported range spans less than 2^39 seconds either side of 2001.
   if (!std::isfinite(seconds) || std::fabs(seconds) > 0x1p40) return std::nullopt;

@@ -50,17 +50,6 @@ void appendMarker(std::uint8_t marker, std::uint64_t count, std::vector<std::uin
   appendInteger(count, out);
 }
 
-double referenceSeconds(PlistDate date) {
-  const std::int64_t micros = (date.time - kReferenceDate).count();
-  std::int64_t seconds = micros / kMicrosPerSecond;
-  std::int64_t rest = micros % kMicrosPerSecond;
-  if (rest < 0) {
-    rest += kMicrosPerSecond;
-    --seconds;
-  }
-  return static_cast<double>(seconds) + static_cast<double>(rest) / kMicrosPerSecond;
-}
-
 void appendReal(double value, std::vector<std::uint8_t>& out) {
   // Out of a float's finite range the cast is not exact anyway (and infinities are).
   const bool fitsFloat = !(std::abs(value) > 3.4028234663852886e38) || std::isinf(value);
@@ -74,6 +63,17 @@ void appendReal(double value, std::vector<std::uint8_t>& out) {
 }
 
 }  // namespace
+
+double referenceSeconds(PlistDate date) {
+  const std::int64_t micros = (date.time - kReferenceDate).count();
+  std::int64_t seconds = micros / kMicrosPerSecond;
+  std::int64_t rest = micros % kMicrosPerSecond;
+  if (rest < 0) {
+    rest += kMicrosPerSecond;
+    --seconds;
+  }
+  return static_cast<double>(seconds) + static_cast<double>(rest) / kMicrosPerSecond;
+}
 
 void BinaryPlistWriter::appendString(std::string_view text) {
   bool ascii = true;

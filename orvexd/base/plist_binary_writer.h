@@ -108,6 +108,9 @@ class BinaryPlistWriter {
   std::vector<std::uint64_t> offsets_;
 };
 
+// Seconds since 2001-01-01T00:00:00Z, as binary documents keep dates.
+double referenceSeconds(PlistDate date);
+
 // The calling thread's writer.
 BinaryPlistWriter& binaryPlistWriterForThread();
 
