@@ -268,9 +268,9 @@ class ArchiveStreamWriter : public PassesOverUploadEntries {
       out_.unsignedInteger(value);
     } else if constexpr (std::is_same_v<T, FeedbackStringMap>) {
       out_.beginDictionary();
-      for (const auto& [name, value] : value) {
+      for (const auto& [name, entry] : value) {
         keyText(name);
-        text(value);
+        text(entry);
       }
       out_.end();
     } else if constexpr (std::is_same_v<T, PlistDictionary>) {
