@@ -334,9 +334,6 @@ TEST(PropertyList, ReadsSharedKeysAndValuesButRefusesToCopyALongLeafFromManyPlac
   EXPECT_EQ(parsePropertyList(bytes), value);
 }
 
-}  // namespace
-}  // namespace orvex
-
 // The writer lays documents out as libplist does, byte for byte: random values with shared
 // leaves, every width of integer, float and double reals, non-ASCII text and counts past 15,
 // and documents large enough for 2- and 3-byte references and offsets.
@@ -394,3 +391,6 @@ TEST(PropertyList, WritesBinaryDocumentsAsLibplistDoes) {
     ASSERT_EQ(written, std::vector<std::uint8_t>(raw, raw + length));
   }
 }
+
+}  // namespace
+}  // namespace orvex
