@@ -339,27 +339,12 @@ TEST(PropertyList, ReadsSharedKeysAndValuesButRefusesToCopyALongLeafFromManyPlac
 // and documents large enough for 2- and 3-byte references and offsets.
 TEST(PropertyList, WritesBinaryDocumentsAsLibplistDoes) {
   std::mt19937_64 random(21);
-  const std::vector<PlistValue> leaves{true,
-                                       false,
-                                       0,
-                                       255,
-                                       256,
-                                       70000,
-                                       int64_t{1} << 40,
-                                       -2,
-                                       std::numeric_limits<uint64_t>::max(),
-                                       1.5,
-                                       0.1,
-                                       -0.0,
-                                       std::nan(""),
-                                       1e300,
-                                       "",
-                                       "abcdefghijklmn",
-                                       "abcdefghijklmno",
-                                       "é\xf0\x9f\x98\x80",
-                                       PlistData{},
-                                       PlistData(20, 7),
-                                       date(std::chrono::year{2001} / 1 / 1, -500ms)};
+  PlistArray leaves;
+  const auto add = [&leaves](const auto&... values) { (leaves.emplace_back(values), ...); };
+  add(true, false, 0, 255, 256, 70000, int64_t{1} << 40, -2, std::numeric_limits<uint64_t>::max(),
+      1.5, 0.1, -0.0, std::nan(""), 1e300, "", "abcdefghijklmn", "abcdefghijklmno",
+      "é\xf0\x9f\x98\x80", PlistData{}, PlistData(20, 7),
+      date(std::chrono::year{2001} / 1 / 1, -500ms));
   const auto randomValue = [&](auto& self, int depth) -> PlistValue {
     const auto pick = random() % 10;
     if (depth > 3 || pick < 6) return leaves[random() % leaves.size()];
@@ -378,7 +363,7 @@ TEST(PropertyList, WritesBinaryDocumentsAsLibplistDoes) {
   std::vector<PlistValue> values;
   for (int i = 0; i < 300; ++i) values.push_back(randomValue(randomValue, 0));
   PlistArray many;
-  for (int i = 0; i < 70000; ++i) many.push_back(i);
+  for (int i = 0; i < 70000; ++i) many.emplace_back(i);
   values.push_back(std::move(many));
   values.push_back(PlistArray{std::string(70000, 'y'), 1});
   for (const PlistValue& value : values) {
