@@ -141,7 +141,7 @@ void BinaryPlistWriter::addNode(Kind kind, std::size_t bytesStart) {
     }
     parent.lastChild = index;
   }
-  if (kind != Kind::kLeaf) open_.push_back(index);
+  if (kind == Kind::kArray || kind == Kind::kDictionary) open_.push_back(index);
 }
 
 void BinaryPlistWriter::boolean(bool value) {
@@ -191,7 +191,7 @@ void BinaryPlistWriter::data(std::span<const std::uint8_t> value) {
   const std::size_t start = bytes_.size();
   appendMarker(0x40, value.size(), bytes_);
   bytes_.insert(bytes_.end(), value.begin(), value.end());
-  addNode(Kind::kLeaf, start);
+  addNode(Kind::kData, start);
 }
 
 void BinaryPlistWriter::beginArray() { addNode(Kind::kArray, bytes_.size()); }
@@ -277,6 +277,10 @@ std::uint32_t BinaryPlistWriter::number(std::uint32_t index) {
   const Node& node = nodes_[index];
   if (node.kind == Kind::kLeaf) return shareLeaf(node.bytesOffset, node.bytesLength, false);
   const auto object = static_cast<std::uint32_t>(objects_.size());
+  if (node.kind == Kind::kData) {
+    objects_.push_back({node.bytesOffset, node.bytesLength, 0, 0, 0});
+    return object;
+  }
   const auto firstRef = static_cast<std::uint32_t>(refs_.size());
   if (node.kind == Kind::kArray) {
     objects_.push_back({0, 0, firstRef, node.count, kMarkerArray});

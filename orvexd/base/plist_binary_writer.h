@@ -6,7 +6,8 @@
 // - objects are numbered depth first, a container before its elements; a dictionary's entries
 //   in key order, each key before its value;
 // - leaves of the same type and value (keys apart from strings) are written once and shared;
-//   containers never are;
+//   containers never are, and neither is data here (libplist shares equal data only when the
+//   addresses of their nodes happen to hash alike, which nothing can reproduce);
 // - integers take 1, 2, 4 or 8 bytes (a negative number 8), those above INT64_MAX the 16-byte
 //   form; reals take 4 bytes when a float holds them exactly, else 8; dates 8;
 // - strings are ASCII when every byte is, else UTF-16 big-endian; counts of 15 and more follow
@@ -61,7 +62,7 @@ class BinaryPlistWriter {
   void finish(std::vector<std::uint8_t>& out);
 
  private:
-  enum class Kind : std::uint8_t { kLeaf, kArray, kDictionary };
+  enum class Kind : std::uint8_t { kLeaf, kData, kArray, kDictionary };
   // A value as given: leaves with their object bytes, containers with their elements.
   struct Node {
     std::uint32_t bytesOffset = 0;  // leaves: their object in bytes_

@@ -335,18 +335,25 @@ TEST(PropertyList, ReadsSharedKeysAndValuesButRefusesToCopyALongLeafFromManyPlac
 }
 
 // The writer lays documents out as libplist does, byte for byte: random values with shared
-// leaves, every width of integer, float and double reals, non-ASCII text and counts past 15,
-// and documents large enough for 2- and 3-byte references and offsets.
+// leaves (and data, which is not shared), every width of integer, float and double reals, non-ASCII
+// text and counts past 15, and documents large enough for 2- and 3-byte references and offsets.
 TEST(PropertyList, WritesBinaryDocumentsAsLibplistDoes) {
   std::mt19937_64 random(21);
   PlistArray leaves;
   const auto add = [&leaves](const auto&... values) { (leaves.emplace_back(values), ...); };
   add(true, false, 0, 255, 256, 70000, int64_t{1} << 40, -2, std::numeric_limits<uint64_t>::max(),
       1.5, 0.1, -0.0, std::nan(""), 1e300, "", "abcdefghijklmn", "abcdefghijklmno",
-      "é\xf0\x9f\x98\x80", PlistData{}, PlistData(20, 7),
-      date(std::chrono::year{2001} / 1 / 1, -500ms));
+      "é\xf0\x9f\x98\x80", date(std::chrono::year{2001} / 1 / 1, -500ms));
+  // Data apart, as no two data objects are shared.
+  std::uint32_t dataCount = 0;
   const auto randomValue = [&](auto& self, int depth) -> PlistValue {
     const auto pick = random() % 10;
+    if (pick == 0) {
+      PlistData bytes(random() % 16, 7);
+      for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(dataCount >> (8 * i)));
+      ++dataCount;
+      return bytes;
+    }
     if (depth > 3 || pick < 6) return leaves[random() % leaves.size()];
     const std::size_t count = random() % 20;
     if (pick < 8) {
