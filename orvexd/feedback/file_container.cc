@@ -168,16 +168,18 @@ void FileContainer::writeArchive(std::vector<uint8_t> archive) {
     }
     if (!self->writable_) return;
     for (auto& archive : arrived) self->pending_.push_back(std::move(archive));
-    (void)self->_drain();
+    // A failure counts once for each record that met it on arrival, however they were batched.
+    (void)self->_drain(arrived.size());
     if (self->afterWrite_) self->afterWrite_();
   });
 }
 
-bool FileContainer::_drain() {
+bool FileContainer::_drain(uint64_t failures) {
   queue_->assertCurrent("FileContainer::_drain");
   if (pending_.empty()) return true;
   if (_ensureFile() && _appendPending()) return true;
-  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterSessionWriteFailures);
+  OrvexDiagnosticDataReporter::addValueForScalarKey(static_cast<int64_t>(failures),
+                                                    kORVCounterSessionWriteFailures);
   return false;
 }
 

@@ -112,8 +112,8 @@ class FileContainer : public std::enable_shared_from_this<FileContainer> {
   void _close();
 
  private:
-  // Writes what waits; false when a write failed (and was counted).
-  bool _drain();
+  // Writes what waits; false when a write failed (and was counted `failures` times).
+  bool _drain(uint64_t failures = 1);
   // An open file at fileUrl_, made (again) when needed; false when that failed.
   bool _ensureFile();
   // Writes the waiting records at the end of the file, in batches of one pwritev(2) each, and
