@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "orvexd/base/name_table.h"
+#include "orvexd/base/plist_binary_writer.h"
 #include "orvexd/base/plist_tree_builder.h"
 #include "orvexd/base/text_util.h"
 
@@ -30,18 +31,6 @@ std::uint64_t readBigEndian(const std::uint8_t* bytes, std::size_t count) {
 
 void appendBigEndian(std::uint64_t value, std::size_t count, std::vector<std::uint8_t>& out) {
   for (std::size_t i = count; i-- > 0;) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-}
-
-// Seconds since 2001 as binary documents store them.
-double referenceSeconds(PlistDate date) {
-  const std::int64_t micros = (date.time - kReferenceDate).count();
-  std::int64_t seconds = micros / kMicrosPerSecond;
-  std::int64_t rest = micros % kMicrosPerSecond;
-  if (rest < 0) {
-    rest += kMicrosPerSecond;
-    --seconds;
-  }
-  return static_cast<double>(seconds) + static_cast<double>(rest) / kMicrosPerSecond;
 }
 
 std::optional<PlistDate> dateFromReferenceSeconds(double seconds) {
@@ -553,22 +542,10 @@ std::optional<PlistValue> readBinaryPlist(std::span<const std::uint8_t> bytes, s
   return valueFromPlistTree(root.get(), why);
 }
 
-std::vector<std::uint8_t> writeBinaryPlist(const PlistValue& value, std::string& why) {
-  const PlistHandle root = buildNode(value);
-  if (root == nullptr) {
-    why = "libplist could not build the tree";
-    return {};
-  }
-  char* raw = nullptr;
-  std::uint32_t length = 0;
-  plist_to_bin(root.get(), &raw, &length);
-  const BinaryBuffer buffer(raw);
-  if (buffer == nullptr || length == 0) {
-    why = "libplist could not write the binary property list";
-    return {};
-  }
-  const auto* begin = reinterpret_cast<const std::uint8_t*>(raw);
-  return std::vector<std::uint8_t>(begin, begin + length);
+std::vector<std::uint8_t> writeBinaryPlist(const PlistValue& value, std::string& /*why*/) {
+  std::vector<std::uint8_t> document;
+  binaryPlistWriterForThread().write(value, document);
+  return document;
 }
 
 }  // namespace orvex

@@ -35,8 +35,8 @@ std::optional<PlistValue> readBinaryPlist(std::span<const std::uint8_t> bytes, s
 // The same, with the same checks, as libplist's tree, which keeps the order of dictionary keys.
 PlistHandle readBinaryPlistTree(std::span<const std::uint8_t> bytes, std::string& why);
 
-// Writes a value that PlistValue::isWritable() accepts; empty, with the reason in `why`, when
-// libplist fails.
+// Writes a value that PlistValue::isWritable() accepts, as libplist would but without its tree
+// (plist_binary_writer.h); `why` is kept for the callers of the libplist writer and stays as it is.
 std::vector<std::uint8_t> writeBinaryPlist(const PlistValue& value, std::string& why);
 
 // The libplist tree of a value that PlistValue::isWritable() accepts; null when libplist fails.

@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <exception>
 #include <system_error>
 #include <utility>
@@ -151,22 +154,32 @@ uint64_t FileContainer::writeSessionHeader(const PlistDictionary& session) {
 void FileContainer::writeArchive(std::vector<uint8_t> archive) {
   // An empty archive was not made (its encoder has logged why); a record is never empty.
   if (archive.empty()) return;
-  queue_->async([self = shared_from_this(), archive = std::move(archive)]() mutable {
+  // One job takes every record that arrived before it ran. The record that finds the inbox
+  // empty posts it, still holding the lock, so that each record has its job queued before
+  // anyone can see the record waiting (and post work behind it).
+  std::lock_guard lock(inboxMutex_);
+  inbox_.push_back(std::move(archive));
+  if (inbox_.size() > 1) return;
+  queue_->async([self = shared_from_this()] {
+    std::vector<std::vector<uint8_t>> arrived;
+    {
+      std::lock_guard lock(self->inboxMutex_);
+      arrived.swap(self->inbox_);
+    }
     if (!self->writable_) return;
-    self->pending_.push_back(std::move(archive));
-    (void)self->_drain();
+    for (auto& archive : arrived) self->pending_.push_back(std::move(archive));
+    // A failure counts once for each record that met it on arrival, however they were batched.
+    (void)self->_drain(arrived.size());
     if (self->afterWrite_) self->afterWrite_();
   });
 }
 
-bool FileContainer::_drain() {
+bool FileContainer::_drain(uint64_t failures) {
   queue_->assertCurrent("FileContainer::_drain");
   if (pending_.empty()) return true;
-  if (_ensureFile()) {
-    while (!pending_.empty() && _appendRecord(pending_.front())) pending_.pop_front();
-    if (pending_.empty()) return true;
-  }
-  OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterSessionWriteFailures);
+  if (_ensureFile() && _appendPending()) return true;
+  OrvexDiagnosticDataReporter::addValueForScalarKey(static_cast<int64_t>(failures),
+                                                    kORVCounterSessionWriteFailures);
   return false;
 }
 
@@ -216,28 +229,72 @@ bool FileContainer::_ensureFile() {
   return true;
 }
 
-bool FileContainer::_appendRecord(std::span<const uint8_t> archive) {
-  queue_->assertCurrent("FileContainer::_appendRecord");
-  const uint64_t size = recordSize(archive.size());
-  if (writtenBytes_ + size >= maxFileSize_) {
-    OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterFileSizeExceeded);
-    OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterRecordsDropped);
-    storageLog().error("bytes written (%llu) + feedback (%lu) exceeds max session size (%lu)",
-                       writtenBytes_, size, maxFileSize_);
-    return true;  // the record is gone, not waiting
+bool FileContainer::_appendPending() {
+  queue_->assertCurrent("FileContainer::_appendPending");
+  // Each record is its 8-byte length and its archive; up to kBatchRecords of them go out in one
+  // pwritev(2) at the end of the file.
+  constexpr std::size_t kBatchRecords = 256;
+  static_assert(2 * kBatchRecords <= IOV_MAX);
+  std::array<uint64_t, kBatchRecords> lengths;
+  std::array<iovec, 2 * kBatchRecords> pieces;
+  while (!pending_.empty()) {
+    std::size_t used = 0;
+    uint64_t batchBytes = 0;
+    for (; used < pending_.size() && used < kBatchRecords; ++used) {
+      const std::vector<uint8_t>& archive = pending_[used];
+      const uint64_t size = recordSize(archive.size());
+      if (writtenBytes_ + batchBytes + size >= maxFileSize_) break;
+      lengths[used] = archive.size();
+      pieces[2 * used] = {&lengths[used], ArchivedDataIterator::kLengthSize};
+      pieces[2 * used + 1] = {const_cast<uint8_t*>(archive.data()), archive.size()};
+      batchBytes += size;
+    }
+    if (used == 0) {
+      const uint64_t size = recordSize(pending_.front().size());
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterFileSizeExceeded);
+      OrvexDiagnosticDataReporter::addValueForScalarKey(1, kORVCounterRecordsDropped);
+      storageLog().error("bytes written (%llu) + feedback (%lu) exceeds max session size (%lu)",
+                         writtenBytes_, size, maxFileSize_);
+      pending_.pop_front();  // the record is gone, not waiting
+      continue;
+    }
+    if (!_writeBatch(std::span(pieces).first(2 * used), batchBytes)) return false;
+    writtenBytes_ += batchBytes;
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(used));
   }
+  return true;
+}
+
+bool FileContainer::_writeBatch(std::span<iovec> pieces, uint64_t bytes) {
   ProcessTransaction transaction("archiveObject");
   const int fd = fileHandle_.get();
-  if (!writeRecordAt(fd, archive, writtenBytes_)) {
-    const int error = errno;
-    // Cut off what part of the record got there, so later readers find a clean end.
-    if (::ftruncate(fd, static_cast<off_t>(writtenBytes_)) != 0) {
-      storageLog().error("Could not cut off a partial record in %@", fileUrl_.string());
+  uint64_t offset = writtenBytes_;
+  while (bytes > 0) {
+    const ssize_t written =
+        ::pwritev(fd, pieces.data(), static_cast<int>(pieces.size()), static_cast<off_t>(offset));
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) {
+      const int error = written == 0 ? EIO : errno;
+      // Cut off what part of the batch got there, so later readers find a clean end.
+      if (::ftruncate(fd, static_cast<off_t>(writtenBytes_)) != 0) {
+        storageLog().error("Could not cut off a partial record in %@", fileUrl_.string());
+      }
+      storageLog().error("Could not write to %@: %@", fileUrl_.string(), errnoText(error));
+      return false;
     }
-    storageLog().error("Could not write to %@: %@", fileUrl_.string(), errnoText(error));
-    return false;
+    // A short write: go on after what got there.
+    auto done = static_cast<uint64_t>(written);
+    offset += done;
+    bytes -= done;
+    while (!pieces.empty() && done >= pieces.front().iov_len) {
+      done -= pieces.front().iov_len;
+      pieces = pieces.subspan(1);
+    }
+    if (done > 0) {
+      pieces.front().iov_base = static_cast<uint8_t*>(pieces.front().iov_base) + done;
+      pieces.front().iov_len -= done;
+    }
   }
-  writtenBytes_ += size;
   return true;
 }
 

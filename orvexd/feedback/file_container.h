@@ -24,16 +24,20 @@
 // is closed as soon as nothing waits to be written.
 //
 // Threading: all file work runs on the storage's serial queue `queue`, which owns every field
-// below it. writeSessionHeader(), writeFeedback() and close() post to it and return at once;
-// read() and readRecords() run on it synchronously and so must not be called from it. Posted work
-// holds the container, so a caller may drop its reference right after a write.
+// below it but the inbox, where writeFeedback() leaves records for the queue to take in one go
+// and write with one call. writeSessionHeader(), writeFeedback() and close() post to it and return
+// at once; read() and readRecords() run on it synchronously and so must not be called from it.
+// Posted work holds the container, so a caller may drop its reference right after a write.
 #pragma once
+
+#include <sys/uio.h>
 
 #include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -63,7 +67,7 @@ class FileContainer : public std::enable_shared_from_this<FileContainer> {
                                                     std::shared_ptr<SerialQueue> queue,
                                                     uint64_t maxFileSize);
   // A container for a new file at `fileUrl`, made with the first write. `afterWrite` runs on the
-  // queue after each record has been handled (the storage retries other files then).
+  // queue after each batch of records has been handled (the storage retries other files then).
   static std::shared_ptr<FileContainer> initForWriting(std::filesystem::path fileUrl,
                                                        std::string version,
                                                        std::shared_ptr<SerialQueue> queue,
@@ -108,12 +112,15 @@ class FileContainer : public std::enable_shared_from_this<FileContainer> {
   void _close();
 
  private:
-  // Writes what waits; false when a write failed (and was counted).
-  bool _drain();
+  // Writes what waits; false when a write failed (and was counted `failures` times).
+  bool _drain(uint64_t failures = 1);
   // An open file at fileUrl_, made (again) when needed; false when that failed.
   bool _ensureFile();
-  // Writes one record at the end of the file; false when the write failed and was cut off.
-  bool _appendRecord(std::span<const uint8_t> archive);
+  // Writes the waiting records at the end of the file, in batches of one pwritev(2) each, and
+  // drops (and counts) those the size limit refuses; false when a write failed and was cut off,
+  // with the records of that batch and after it still waiting.
+  bool _appendPending();
+  bool _writeBatch(std::span<iovec> pieces, uint64_t bytes);
   std::optional<StoredSession> _unarchiveObject();
   std::vector<OrvexFeedback> _readRecords(uint64_t budget);
 
@@ -129,6 +136,9 @@ class FileContainer : public std::enable_shared_from_this<FileContainer> {
   std::vector<uint8_t> rootArchive_;          //
   uint64_t writtenBytes_ = 0;                 // whole records in the file
   std::deque<std::vector<uint8_t>> pending_;  // records not written yet, in order
+  // Records handed over and not yet taken by the queue, in order; guarded by inboxMutex_.
+  std::mutex inboxMutex_;
+  std::vector<std::vector<uint8_t>> inbox_;
 };
 
 }  // namespace orvex

@@ -125,6 +125,30 @@ std::string archivableText(std::string_view text) {
   return out;
 }
 
+void ArchiveStreamWriter::text(std::string_view value) {
+  if (isValidUtf8(value) && value.find('\0') == std::string_view::npos) {
+    out_.string(value);
+  } else {
+    out_.string(archivableText(value));
+  }
+}
+
+void ArchiveStreamWriter::keyText(std::string_view name) {
+  if (isValidUtf8(name) && name.find('\0') == std::string_view::npos) {
+    out_.key(name);
+  } else {
+    out_.key(archivableText(name));
+  }
+}
+
+void ArchiveStreamWriter::dictionary(const PlistDictionary& value) {
+  // Free-form values are checked as a whole document would be; they are rare and small.
+  const PlistValue copy(value);
+  std::string why;
+  if (!copy.isWritable(&why) && !problem_) problem_ = why;
+  out_.value(copy);
+}
+
 std::optional<std::string> freeJsonProblem(const nlohmann::json& json, int limit) {
   if (json.is_number_float() && !std::isfinite(json.get<double>())) {
     return "a number that is not finite";

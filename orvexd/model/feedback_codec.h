@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "orvexd/base/orvex_error.h"
+#include "orvexd/base/plist_binary_writer.h"
 #include "orvexd/base/property_list.h"
 #include "orvexd/model/feedback_tables.h"
 
@@ -226,6 +227,91 @@ typename Form::Node encodeValue(const auto& value) {
     return encodeRecord<Form>(value);
   }
 }
+
+// The archive form straight into a binary property list, without building its dictionary:
+// the same entries as FieldWriter<ArchiveForm> gives, handed to the writer as they are visited.
+class ArchiveStreamWriter : public PassesOverUploadEntries {
+ public:
+  explicit ArchiveStreamWriter(BinaryPlistWriter& out) : out_(out) {}
+
+  // Why the document cannot be written (a property-list value among the fields that no
+  // document can hold); nothing when it can.
+  const std::optional<std::string>& problem() const { return problem_; }
+
+  template <typename T>
+  void operator()(std::string_view key, const T& value, const auto&... /*upload*/) {
+    if constexpr (Optional<T> || std::is_same_v<T, std::shared_ptr<const OrvexError>>) {
+      if (!value) return;
+      out_.key(key);
+      write(*value);
+    } else {
+      out_.key(key);
+      write(value);
+    }
+  }
+  void enumeration(std::string_view key, uint32_t value, FeedbackTable, const auto&... /*upload*/) {
+    out_.key(key);
+    out_.integer(value);
+  }
+
+  template <typename T>
+  void write(const T& value) {
+    if constexpr (std::is_same_v<T, std::string>) {
+      text(value);
+    } else if constexpr (std::is_same_v<T, bool>) {
+      out_.boolean(value);
+    } else if constexpr (std::is_floating_point_v<T>) {
+      out_.real(value);
+    } else if constexpr (std::is_signed_v<T>) {
+      out_.integer(value);
+    } else if constexpr (std::is_unsigned_v<T>) {
+      out_.unsignedInteger(value);
+    } else if constexpr (std::is_same_v<T, FeedbackStringMap>) {
+      out_.beginDictionary();
+      for (const auto& [name, entry] : value) {
+        keyText(name);
+        text(entry);
+      }
+      out_.end();
+    } else if constexpr (std::is_same_v<T, PlistDictionary>) {
+      dictionary(value);
+    } else if constexpr (std::is_same_v<T, nlohmann::json>) {
+      text(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    } else if constexpr (std::is_same_v<T, OrvexError>) {
+      out_.beginDictionary();
+      (*this)("domain", value.domain);
+      (*this)("code", value.code);
+      (*this)("reason", value.reason);
+      if (value.underlying) (*this)("underlying", *value.underlying);
+      out_.end();
+    } else if constexpr (Vector<T>) {
+      out_.beginArray();
+      for (const auto& element : value) write(element);
+      out_.end();
+    } else {
+      static_assert(NestedRecord<T>, "a field type the forms cannot hold");
+      std::size_t classIndex = 0;
+      if constexpr (requires { value.recordClass; }) {
+        classIndex = static_cast<std::size_t>(value.recordClass);
+        if (classIndex >= T::kClassNames.size()) classIndex = 0;
+      }
+      out_.beginDictionary();
+      out_.key("$class");
+      text(T::kClassNames[classIndex]);
+      T::visit(*this, value);
+      out_.end();
+    }
+  }
+
+ private:
+  // Text as archivableText() gives it, copied only when it has to change.
+  void text(std::string_view value);
+  void keyText(std::string_view name);
+  void dictionary(const PlistDictionary& value);
+
+  BinaryPlistWriter& out_;
+  std::optional<std::string> problem_;
+};
 
 // ---- Reading ------------------------------------------------------------------------------
 

@@ -43,6 +43,7 @@ namespace orvex {
 
 using DBusFieldWriter = feedback_codec::FieldWriter<feedback_codec::DBusForm>;
 using ArchiveFieldWriter = feedback_codec::FieldWriter<feedback_codec::ArchiveForm>;
+using ArchiveStreamWriter = feedback_codec::ArchiveStreamWriter;
 
 class NBFeedback;
 using FeedbackRecordPtr = std::shared_ptr<const NBFeedback>;
@@ -94,6 +95,7 @@ class NBFeedback {
   // Entry points of the field visitors; FeedbackRecord generates them for every class.
   virtual void writeFields(DBusFieldWriter& writer) const { visit(writer, *this); }
   virtual void writeFields(ArchiveFieldWriter& writer) const { visit(writer, *this); }
+  virtual void writeFields(ArchiveStreamWriter& writer) const { visit(writer, *this); }
   virtual std::unique_ptr<NBFeedback> clone() const { return std::make_unique<NBFeedback>(*this); }
   virtual void rewriteIdentifiers(IdentifierRewriter& rewriter) { visit(rewriter, *this); }
   // Why the fields read make no valid record of the class, checked after reading.
@@ -115,6 +117,7 @@ class FeedbackRecord : public Base {
   }
   void writeFields(DBusFieldWriter& writer) const override { Derived::visit(writer, self()); }
   void writeFields(ArchiveFieldWriter& writer) const override { Derived::visit(writer, self()); }
+  void writeFields(ArchiveStreamWriter& writer) const override { Derived::visit(writer, self()); }
   std::unique_ptr<NBFeedback> clone() const override { return std::make_unique<Derived>(self()); }
   void rewriteIdentifiers(IdentifierRewriter& rewriter) override {
     Derived::visit(rewriter, static_cast<Derived&>(*this));

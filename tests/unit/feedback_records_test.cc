@@ -82,6 +82,9 @@ TEST(FeedbackRecords, EveryClassFilledInSurvivesEveryForm) {
     ASSERT_TRUE(fromClient) << fromClient.error().describe() << "\n" << record->dbusText();
     auto stored = OrvexFeedback::fromArchiveData(envelopeOf(fromClient.value()).archiveData());
     ASSERT_TRUE(stored) << stored.error().describe();
+    // Written field by field, the archive is the document of its dictionary form.
+    EXPECT_EQ(envelopeOf(record).archiveData(),
+              serializePropertyList(envelopeOf(record).archiveForm(), PlistFormat::kBinary));
     OrvexFeedback envelope = stored.value();
     EXPECT_EQ(envelope.relTimestamp(), 0u);  // recomputed by the session, never archived
     envelope.setRelTimestamp(1500);

@@ -92,6 +92,8 @@ TEST(FeedbackEnvelope, TextThatIsNotUtf8StillUploadsAndArchives) {
   EXPECT_EQ(upload["input"], *start->input);
   auto stored = OrvexFeedback::fromArchiveData(envelope.archiveData());
   ASSERT_TRUE(stored);
+  EXPECT_EQ(envelope.archiveData(),
+            serializePropertyList(envelope.archiveForm(), PlistFormat::kBinary));
   EXPECT_EQ(stored.value().dictionary().toJson()["headers"]["X-Odd"],
             "caf\xEF\xBF\xBD\xEF\xBF\xBD");
 }

@@ -5,8 +5,10 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <random>
 
 #include "orvexd/base/json_property_list.h"
+#include "orvexd/base/plist_binary.h"
 
 namespace orvex {
 namespace {
@@ -330,6 +332,56 @@ TEST(PropertyList, ReadsSharedKeysAndValuesButRefusesToCopyALongLeafFromManyPlac
   const auto bytes = serializePropertyList(value, PlistFormat::kBinary);
   EXPECT_LT(bytes.size(), 10000u * 64) << "the keys are not shared";
   EXPECT_EQ(parsePropertyList(bytes), value);
+}
+
+// The writer lays documents out as libplist does, byte for byte: random values with shared
+// leaves (and data, which is not shared), every width of integer, float and double reals, non-ASCII
+// text and counts past 15, and documents large enough for 2- and 3-byte references and offsets.
+TEST(PropertyList, WritesBinaryDocumentsAsLibplistDoes) {
+  std::mt19937_64 random(21);
+  PlistArray leaves;
+  const auto add = [&leaves](const auto&... values) { (leaves.emplace_back(values), ...); };
+  add(true, false, 0, 255, 256, 70000, int64_t{1} << 40, -2, std::numeric_limits<uint64_t>::max(),
+      1.5, 0.1, -0.0, std::nan(""), 1e300, "", "abcdefghijklmn", "abcdefghijklmno",
+      "é\xf0\x9f\x98\x80", date(std::chrono::year{2001} / 1 / 1, -500ms));
+  // Data apart, as no two data objects are shared.
+  std::uint32_t dataCount = 0;
+  const auto randomValue = [&](auto& self, int depth) -> PlistValue {
+    const auto pick = random() % 10;
+    if (pick == 0) {
+      PlistData bytes(random() % 16, 7);
+      for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(dataCount >> (8 * i)));
+      ++dataCount;
+      return bytes;
+    }
+    if (depth > 3 || pick < 6) return leaves[random() % leaves.size()];
+    const std::size_t count = random() % 20;
+    if (pick < 8) {
+      PlistArray array;
+      for (std::size_t i = 0; i < count; ++i) array.push_back(self(self, depth + 1));
+      return array;
+    }
+    PlistDictionary dictionary;
+    for (std::size_t i = 0; i < count; ++i) {
+      dictionary.emplace(std::to_string(random() % 30), self(self, depth + 1));
+    }
+    return dictionary;
+  };
+  std::vector<PlistValue> values;
+  for (int i = 0; i < 300; ++i) values.push_back(randomValue(randomValue, 0));
+  PlistArray many;
+  for (int i = 0; i < 70000; ++i) many.emplace_back(i);
+  values.push_back(std::move(many));
+  values.push_back(PlistArray{std::string(70000, 'y'), 1});
+  for (const PlistValue& value : values) {
+    const PlistHandle tree = plistTreeFromValue(value);
+    char* raw = nullptr;
+    std::uint32_t length = 0;
+    plist_to_bin(tree.get(), &raw, &length);
+    const std::unique_ptr<char, CFree<&plist_to_bin_free>> expected(raw);
+    const std::vector<std::uint8_t> written = serializePropertyList(value, PlistFormat::kBinary);
+    ASSERT_EQ(written, std::vector<std::uint8_t>(raw, raw + length));
+  }
 }
 
 }  // namespace
