@@ -17,16 +17,17 @@ limit="${BENCH_TIMEOUT:-150}"
 # The drivers in the order they run, with their arguments (kept short: the whole run should take
 # a few minutes on a loaded two-core machine).
 drivers=(orvex_bench_session_file orvex_bench_startup orvex_bench_search_roundtrip
-         orvex_bench_network orvex_bench_idle)
+         orvex_bench_query_cache orvex_bench_network orvex_bench_idle)
 declare -A arguments=(
   [orvex_bench_session_file]="--benchmark_min_time=0.5 --benchmark_color=false"
+  [orvex_bench_query_cache]="--benchmark_min_time=0.2 --benchmark_color=false"
   [orvex_bench_startup]="10"
 )
 
 # figure key | unit | goal | driver
 table=(
   "cache_hit_ratio|×|≤ 1.25|orvex_bench_search_roundtrip"
-  "query_cache_lookup_us|µs|—|orvex_bench_search_roundtrip"
+  "query_cache_lookup_us|µs|—|orvex_bench_query_cache"
   "network_overhead_ms|ms|≤ 0.25|orvex_bench_network"
   "idle_wakeups_per_s|/s|0|orvex_bench_idle"
   "idle_threads|n|≤ 6|orvex_bench_idle"
