@@ -287,7 +287,9 @@ int OrvexDaemon::run() {
   if (!bus_->requestName(kOrvexBusName, &error)) {
     defaultLog().fault("cannot own the bus name %s: %@", kOrvexBusName, error);
     flushLogs();
-    return EXIT_FAILURE;
+    // The components have started work (the bag, the whitelist, the downloads) that holds the
+    // Assembly; leave at once, as on SIGTERM, rather than tear them down under it.
+    std::_Exit(EXIT_FAILURE);
   }
 
   ipcEventQueue_ =

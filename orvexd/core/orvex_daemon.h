@@ -32,7 +32,8 @@ class OrvexDaemon {
   OrvexDaemon(const OrvexDaemon&) = delete;
   OrvexDaemon& operator=(const OrvexDaemon&) = delete;
 
-  // Returns only when the daemon cannot start (status 1) or its main loop stops (status 0).
+  // Returns only when the daemon cannot reach the bus (status 1) or its main loop stops (status
+  // 0). A daemon that cannot own its name exits at once with status 1.
   int run();
 
   // The signals the daemon handles; main() blocks them before anything else starts a thread.
