@@ -15,7 +15,10 @@ int runDp(const Options& options) {
   const DPStringRecorder recorder(
       std::make_shared<FileManager>(DirectoryEnvironment::fromProcess()), clock);
   const auto summaries = recorder.summaries();
-  const double spent = recorder.budgetSpentToday();
+  // Today's budget from the same reading of the files as the list.
+  size_t reportsToday = 0;
+  for (const auto& summary : summaries) reportsToday += summary.reportsToday;
+  const double spent = static_cast<double>(reportsToday) * recorder.parameters().epsilon;
   const double budget =
       static_cast<double>(DPStringRecorder::kMaxReportsPerDay) * recorder.parameters().epsilon;
   if (options.json) {
