@@ -3,15 +3,63 @@
 // (PSS) memory from /proc/PID/smaps_rollup.
 //
 // Usage: orvex_bench_idle [seconds]   (default 30)
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <thread>
+#include <vector>
 
 #include "bench/bench_figures.h"
 #include "tests/support/daemon_harness.h"
 #include "tests/support/thread_stats.h"
 
 using namespace orvex;
+
+namespace {
+
+struct MappingUse {
+  int64_t privateKiB = 0;
+  int64_t dirtyKiB = 0;
+  int64_t pssKiB = 0;
+};
+
+// Private and proportional memory per mapped file (anonymous mappings under their bracketed
+// names or "[anonymous]"), read from /proc/PID/smaps, largest private first.
+std::vector<std::pair<std::string, MappingUse>> memoryByMapping(pid_t pid) {
+  std::ifstream smaps("/proc/" + std::to_string(pid) + "/smaps");
+  std::map<std::string, MappingUse> uses;
+  std::string line;
+  std::string current = "[anonymous]";
+  while (std::getline(smaps, line)) {
+    std::istringstream fields(line);
+    std::string first;
+    fields >> first;
+    if (first.empty()) continue;
+    if (first.back() != ':') {
+      // A mapping header: range, permissions, offset, device, inode, then the optional path.
+      std::string skip;
+      for (int i = 0; i < 4; ++i) fields >> skip;
+      std::string path;
+      std::getline(fields >> std::ws, path);
+      current = path.empty() ? "[anonymous]" : path;
+      continue;
+    }
+    int64_t kib = 0;
+    fields >> kib;
+    if (first == "Private_Clean:" || first == "Private_Dirty:") uses[current].privateKiB += kib;
+    if (first == "Private_Dirty:") uses[current].dirtyKiB += kib;
+    if (first == "Pss:") uses[current].pssKiB += kib;
+  }
+  std::vector<std::pair<std::string, MappingUse>> sorted(uses.begin(), uses.end());
+  std::sort(sorted.begin(), sorted.end(),
+            [](const auto& a, const auto& b) { return a.second.privateKiB > b.second.privateKiB; });
+  return sorted;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   const int seconds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 30;
@@ -51,6 +99,14 @@ int main(int argc, char** argv) {
       "\nUSS %.2f MiB (%.2f MiB written, the rest file pages no other process maps now), "
       "PSS %.2f MiB\n",
       uss, dirty, pss);
+  std::printf("largest users (private, of it written, proportional; KiB):\n");
+  const auto mappings = memoryByMapping(pid);
+  for (size_t i = 0; i < mappings.size() && i < 16; ++i) {
+    const MappingUse& use = mappings[i].second;
+    std::printf("  %6lld %6lld %6lld  %s\n", static_cast<long long>(use.privateKiB),
+                static_cast<long long>(use.dirtyKiB), static_cast<long long>(use.pssKiB),
+                mappings[i].first.c_str());
+  }
   std::printf("FIGURE idle_wakeups_per_s %.2f /s\n", perSecond);
   std::printf("FIGURE idle_threads %zu n\n", after.size());
   std::printf("FIGURE idle_uss_mib %.2f MiB\n", uss);

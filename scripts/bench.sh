@@ -41,9 +41,10 @@ load() { cut -d' ' -f1-3 /proc/loadavg; }
 loadBefore="$(load)"
 
 if [[ "${1:-}" != "--no-build" ]]; then
-  if [[ ! -f "$build/build.ninja" ]]; then
-    cmake --preset default >/dev/null || exit 1
-  fi
+  mkdir -p "$build"
+  # Configured every time, so drivers added since the last configure are known to ninja.
+  cmake --preset default >"$build/bench-configure.log" 2>&1 ||
+    { echo "configuring the benchmarks failed; see $build/bench-configure.log" >&2; exit 1; }
   known="$(ninja -C "$build" -t targets all 2>/dev/null | cut -d: -f1)"
   wanted=()
   for driver in "${drivers[@]}"; do
