@@ -29,6 +29,7 @@ table=(
   "cache_hit_ratio|×|≤ 1.25|orvex_bench_search_roundtrip"
   "query_cache_lookup_us|µs|—|orvex_bench_query_cache"
   "network_overhead_ms|ms|≤ 0.25|orvex_bench_network"
+  "network_overhead_less_ping_ms|ms|—|orvex_bench_network"
   "idle_wakeups_per_s|/s|0|orvex_bench_idle"
   "idle_threads|n|≤ 6|orvex_bench_idle"
   "idle_uss_mib|MiB|≤ 3|orvex_bench_idle"
@@ -76,7 +77,7 @@ for driver in "${drivers[@]}"; do
   done < <(grep -ao 'FIGURE .*' "$results/$driver.log")
 done
 
-printf '\n%-26s %14s %-5s %-10s %s\n' figure value unit goal note
+printf '\n%-30s %10s %-5s %-10s %s\n' figure value unit goal note
 for row in "${table[@]}"; do
   IFS='|' read -r key unit goal driver <<<"$row"
   note=""
@@ -91,7 +92,7 @@ for row in "${table[@]}"; do
       *) note="$driver ${state[$driver]}" ;;
     esac
   fi
-  printf '%-26s %14s %-5s %-10s %s\n' "$key" "$shown" "$unit" "$goal" "$note"
+  printf '%-30s %10s %-5s %-10s %s\n' "$key" "$shown" "$unit" "$goal" "$note"
 done
 printf '\nmachine: %s cores, %s; load %s before, %s after\n' "$(nproc)" \
   "$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')" "$loadBefore" "$(load)"

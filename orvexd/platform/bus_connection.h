@@ -141,12 +141,15 @@ size_t wireSize(const std::map<K, V>& values) {
 
 // A call waiting for its reply, shared by the copies of its BusReply or BusCall. sd-bus messages
 // belong to the bus thread (their reference counts are not atomic): the reply is made there, and
-// the call is released there even when the last copy dies elsewhere.
+// the call is released there even when the last copy dies elsewhere. A call that was answered
+// is released as its reply goes out, so that its last copy need not wake the bus thread again.
 template <typename Held>
 struct PendingCall {
   PendingCall(BusConnection& b, Held h) : bus(b), held(std::move(h)) {}
   ~PendingCall() {
-    if (bus.isLoopThread()) return;
+    // `released` is written by the reply job on the bus thread, which held a copy of the call:
+    // dropping that copy orders the write before this destructor.
+    if (released || bus.isLoopThread()) return;
     bus.post([h = std::make_shared<Held>(std::move(held))] {});
   }
   // Runs `reply(held)` on the bus thread for the first caller of all; later calls do nothing.
@@ -160,12 +163,15 @@ struct PendingCall {
       } catch (const sdbus::Error& e) {
         OrvexLogForCategory(kOrvexLogConnection).error("cannot send reply: %@", e.getMessage());
       }
+      call->held = Held();
+      call->released = true;
     });
   }
 
   BusConnection& bus;
   Held held;
   std::atomic<bool> replied{false};
+  bool released = false;  // `held` was let go on the bus thread
 };
 
 }  // namespace detail

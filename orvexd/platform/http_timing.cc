@@ -32,6 +32,26 @@ std::string taskTimingKey(std::string_view name) {
   return key;
 }
 
+namespace {
+
+// The interface that has a transfer's local address. Asking the kernel for the interface list
+// costs more than the rest of a transfer's bookkeeping, and a reused connection keeps the local
+// address, and so the interface, it was opened with: each thread remembers its last answer and
+// asks again only for a transfer that opened a connection or came from another address.
+std::optional<std::string> interfaceForTransfer(const std::string& localIp, bool reused) {
+  struct Lookup {
+    std::string address;
+    std::optional<std::string> name;
+  };
+  thread_local std::optional<Lookup> last;
+  if (!reused || !last || last->address != localIp) {
+    last = Lookup{localIp, localInterfaceForAddress(localIp)};
+  }
+  return last->name;
+}
+
+}  // namespace
+
 TaskTimingData makeTaskTimingData(WallTime fetchStart, const CurlTransferMetrics& metrics) {
   TaskTimingData timing;
   const double start = secondsSince1970(fetchStart);
@@ -75,7 +95,9 @@ TaskTimingData makeTaskTimingData(WallTime fetchStart, const CurlTransferMetrics
   }
   if (sentRequest) put("connectionReused", reused);
   if (!metrics.localIp.empty()) {
-    if (auto name = localInterfaceForAddress(metrics.localIp)) put("interfaceIdentifier", *name);
+    if (auto name = interfaceForTransfer(metrics.localIp, reused)) {
+      put("interfaceIdentifier", *name);
+    }
   }
   if (!metrics.primaryIp.empty()) {
     if (auto bytes = encodeBsdSocketAddress(metrics.primaryIp, metrics.primaryPort)) {

@@ -2,7 +2,8 @@
 // (TaskTimingData, see http_types.h), and the address helpers that needs.
 //
 // Pure functions apart from localInterfaceForAddress(), which asks the kernel for the
-// interface list; all may be called from any thread.
+// interface list, and makeTaskTimingData(), which remembers the last answer of that per thread;
+// all may be called from any thread.
 #pragma once
 
 #include <cstdint>

@@ -101,18 +101,21 @@ std::size_t WorkerPool::defaultThreadCount() {
 void WorkerPool::post(Job job) {
   Job counted = [token = WorkToken(*this), job = std::move(job)] { runCounted(job); };
   std::vector<std::thread> ended;
+  bool wake = false;
   {
     std::lock_guard lock(impl_->jobsMutex);
     if (impl_->stopping) return;  // abandoned, as the pool is going
     impl_->jobs.push_back(std::move(counted));
     if (impl_->waiting > impl_->wakeups) {
       ++impl_->wakeups;
-      impl_->jobReady.notify_one();
+      wake = true;
     } else if (impl_->threads < impl_->maxThreads) {
       startWorker();
     }
     ended.swap(impl_->ended);
   }
+  // Woken after the lock is released, so that the worker does not wake only to wait for it.
+  if (wake) impl_->jobReady.notify_one();
   for (auto& thread : ended) thread.join();
 }
 
