@@ -1,5 +1,6 @@
 #include "orvexd/platform/worker_pool.h"
 
+#include <malloc.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -158,6 +159,7 @@ void WorkerPool::workerLoop() {
     }
   }
   --impl_->threads;
+  const bool lastToLeave = !impl_->stopping && impl_->threads == 0;
   if (!impl_->stopping) {
     // Joined by the next post() or by the destructor, which take the list under this lock.
     auto self = impl_->workers.find(std::this_thread::get_id());
@@ -165,6 +167,10 @@ void WorkerPool::workerLoop() {
     impl_->workers.erase(self);
   }
   tCurrentPool = nullptr;
+  lock.unlock();
+  // The daemon has gone idle: the memory its jobs freed goes back to the system rather than
+  // staying with the allocator's arenas until the next burst.
+  if (lastToLeave) malloc_trim(0);
 }
 
 void WorkerPool::runCounted(const Job& job) {
