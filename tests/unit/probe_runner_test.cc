@@ -22,7 +22,7 @@ ProbeOutcome runShell(const std::string& script, std::size_t maxOutputBytes = 10
 TEST(ProbeRunner, HandsOverTheOutputOfAChildThatSucceeds) {
   auto outcome = runShell("cat; printf '%s|%s|%s' \"$FOO\" \"$HOME\" \"$ORVEXD_PROBE\"");
   EXPECT_EQ(outcome.output, "bar||");
-  outcome = runShell("sleep 1 & echo done");
+  outcome = runShell("sleep 5 & echo done", 1024, 2s);
   EXPECT_EQ(outcome.output, "done\n") << outcome.failure;
 }
 
