@@ -1,7 +1,7 @@
 # Installs the build into a staging directory (as a package build would, through DESTDIR) and
-# checks that the daemon, its D-Bus activation file and its systemd user unit land where the
-# session bus and systemd look for them, pointing at the installed daemon, and that the
-# reference back-end comes with its default bag.
+# checks that the daemon with its probe helper, its D-Bus activation file and its systemd user
+# unit land where the session bus and systemd look for them, pointing at the installed daemon,
+# and that the reference back-end comes with its default bag.
 #   cmake -DBUILD_DIR=... -DSTAGE=... -DPREFIX=... -DBINDIR=... -DDATADIR=... \
 #         -P install_check.cmake
 file(REMOVE_RECURSE "${STAGE}")
@@ -13,13 +13,14 @@ if(NOT result EQUAL 0)
 endif()
 
 set(daemon "${STAGE}${BINDIR}/orvexd")
+set(probe "${STAGE}${BINDIR}/orvexd-probe")  # looked for next to the daemon
 set(activation "${STAGE}${PREFIX}/share/dbus-1/services/com.zelmor.orvexd.service")
 set(unit "${STAGE}${PREFIX}/lib/systemd/user/orvexd.service")
 set(backend "${STAGE}${BINDIR}/orvex-backend")
 set(bag "${STAGE}${DATADIR}/orvex-backend/bag.json")
 set(ctl "${STAGE}${BINDIR}/orvexctl")
 set(interfaces "${STAGE}${DATADIR}/dbus-1/interfaces/com.zelmor.orvexd.xml")
-foreach(path "${daemon}" "${activation}" "${unit}" "${backend}" "${bag}" "${ctl}" "${interfaces}")
+foreach(path "${daemon}" "${probe}" "${activation}" "${unit}" "${backend}" "${bag}" "${ctl}" "${interfaces}")
   if(NOT EXISTS "${path}")
     message(FATAL_ERROR "not installed: ${path}")
   endif()

@@ -49,6 +49,11 @@ inline constexpr char kORVNewsUserAgent[] = "news/1.0";
 // The agent the daemon's resource downloads present themselves as.
 inline constexpr char kORVDownloadAgent[] = "Glance/1";
 
+// The helper that computes the locale and reads application metainfo for the daemon, found next
+// to the daemon's executable, or at the path the environment variable names (tests, packaging).
+inline constexpr char kORVProbeExecutableName[] = "orvexd-probe";
+inline constexpr char kORVProbePathVariable[] = "ORVEXD_PROBE";
+
 // System notify names (the SystemNotify signal) telling whether the bag enables the news client
 // ("news/1.0"): posted when that changes with a newly fetched bag.
 inline constexpr char kORVNotifyEnabled[] = "com.zelmor.orvexd.news.enabled";

@@ -83,9 +83,10 @@ void OrvexAppWhitelistController::_generate(bool atStart) {
   queue_.assertCurrent("_generate");
   generationPending_ = false;
   whitelistLog().info("generating app whitelist");
-  bool couldNotOpen = false;
-  auto signature = _computeSignature(couldNotOpen);
-  if (!signature && couldNotOpen && atStart) return;  // keep the restored one until a download
+  Outcome outcome = Outcome::kComputed;
+  auto signature = _computeSignature(outcome);
+  if (outcome == Outcome::kScanFailed) return;  // the installed set is unknown: keep what we have
+  if (outcome == Outcome::kCouldNotOpenWhitelist && atStart) return;  // until a download
   setSignature(std::move(signature));
 }
 
@@ -95,13 +96,17 @@ void OrvexAppWhitelistController::_clear() {
   setSignature(std::nullopt);
 }
 
-std::optional<std::string> OrvexAppWhitelistController::_computeSignature(bool& couldNotOpen) {
+std::optional<std::string> OrvexAppWhitelistController::_computeSignature(Outcome& outcome) {
   // The installed set first, and the directories to watch with it, so that a change made while
   // the whitelist is read is seen by the next run.
   const MetainfoLocations locations = findMetainfoLocations(roots_, limits_);
   if (watcher_) watcher_->watch(locations.watchedDirectories);
-  const InstalledApplicationList installed =
-      readInstalledApplications(locations.metainfoDirectories, limits_);
+  const auto scanned = scanInstalledApplications(locations.metainfoDirectories, limits_);
+  if (!scanned) {
+    outcome = Outcome::kScanFailed;
+    return std::nullopt;
+  }
+  const InstalledApplicationList& installed = *scanned;
   if (installed.skippedFiles > 0) {
     whitelistLog().info("skipped %zu unusable metainfo files", installed.skippedFiles);
   }
@@ -110,7 +115,7 @@ std::optional<std::string> OrvexAppWhitelistController::_computeSignature(bool& 
     whitelistLog().error("error reading app whitelist %@", "no download manager");
     return std::nullopt;
   }
-  couldNotOpen = true;
+  outcome = Outcome::kCouldNotOpenWhitelist;
   ResourceFileAttributes attributes;
   OrvexError error;
   auto fd = assembly_.downloadManager->fileHandleForResource(kORVInstalledAppWhitelist, &attributes,
@@ -119,7 +124,7 @@ std::optional<std::string> OrvexAppWhitelistController::_computeSignature(bool& 
     whitelistLog().error("error reading app whitelist %@", error);
     return std::nullopt;
   }
-  couldNotOpen = false;
+  outcome = Outcome::kComputed;
   if (attributes.size > kAppWhitelistMaxBytes) {
     whitelistLog().error("error reading app whitelist %@",
                          std::to_string(attributes.size).append(" bytes, too large"));

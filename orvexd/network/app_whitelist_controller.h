@@ -7,7 +7,9 @@
 // applications change (the metainfo directories are watched; a burst of changes is answered
 // once, kInstalledAppsSettleDelay after it ends), and once at start. At start the stored value is
 // taken first, so that a restarted daemon sends the last signature at once; a start-time run
-// that cannot open the whitelist (the download manager may not know its files yet) keeps it.
+// that cannot open the whitelist (the download manager may not know its files yet) keeps it. A
+// run whose scan of the installed applications fails (the probe helper crashed or is missing)
+// keeps the signature it has: the installed set is unknown, not empty.
 // Deleting the whitelist file ("ORVFileDeletedNotification") clears the signature, so the header
 // goes away with its source. Without a download manager there is never a signature.
 #pragma once
@@ -55,8 +57,10 @@ class OrvexAppWhitelistController final
   // Must run on queue_.
   void _generate(bool atStart);
   void _clear();
+  // Why a run gives no signature; kComputed when it gives one or found none to give.
+  enum class Outcome { kComputed, kCouldNotOpenWhitelist, kScanFailed };
   // The signature, or none, with the reason logged.
-  std::optional<std::string> _computeSignature(bool& couldNotOpen);
+  std::optional<std::string> _computeSignature(Outcome& outcome);
   void setSignature(std::optional<std::string> signature);
 
   Assembly& assembly_;

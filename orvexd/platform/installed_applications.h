@@ -11,7 +11,10 @@
 // AppStream's version comparison, none for a component without releases.
 //
 // Reading is bounded: at most `maxFiles` files in all, each at most `maxFileBytes`; a larger file
-// and one that does not parse are skipped. Plain functions: any thread may call them.
+// and one that does not parse are skipped. The metainfo is parsed by the probe helper
+// (orvexd-probe applications), not in the daemon: the parser and its libraries stay out of the
+// daemon's memory, and a file that crashes it costs one failed scan. Plain functions: any thread
+// may call them.
 #pragma once
 
 #include <cstddef>
@@ -41,6 +44,9 @@ struct InstalledApplicationLimits {
   std::size_t maxFiles = 8192;
   std::size_t maxFileBytes = 1024 * 1024;
   std::size_t maxFlatpakApps = 4096;  // per installation
+  // Longer identifiers and versions are no one's: the component counts as a skipped file.
+  std::size_t maxIdentifierBytes = 255;
+  std::size_t maxVersionBytes = 128;
 };
 
 // The directories that hold metainfo files now, and the ones to watch to learn that the set
@@ -58,9 +64,10 @@ struct InstalledApplicationList {
   std::vector<InstalledApplication> applications;  // sorted by identifier, one per identifier
   std::size_t skippedFiles = 0;                    // too large, unreadable or malformed
 };
-// Reads every "*.xml" file in `metainfoDirectories`. One identifier found twice keeps the newer
-// version.
-InstalledApplicationList readInstalledApplications(
+// Reads the applications of every "*.xml" file in `metainfoDirectories` through the probe helper.
+// None, with the reason logged, when the helper fails: the caller keeps what it knew rather than
+// taking it for "nothing installed".
+std::optional<InstalledApplicationList> scanInstalledApplications(
     const std::vector<std::filesystem::path>& metainfoDirectories,
     const InstalledApplicationLimits& limits = {});
 

@@ -1,6 +1,7 @@
 // The user's locale as the system states it: the POSIX locale variables (from the user's or the
 // system's locale.conf, else the environment), the preferred-language list, the system time zone,
-// all interpreted through ICU.
+// all interpreted through ICU by the probe helper (orvexd-probe locale), so that ICU's locale data
+// stays out of the daemon.
 #pragma once
 
 #include <memory>
@@ -43,7 +44,8 @@ std::vector<std::string> userLocaleFiles(const std::string& xdgConfigHome);
 
 // Reads LC_ALL / LC_MESSAGES / LANG (and LC_MEASUREMENT, LC_TIME where set) and LANGUAGE from the
 // first of `localeFiles` that sets any, else from the process environment; the time zone from TZ
-// or the system (/etc/localtime).
+// or the system (/etc/localtime). Each reading runs the probe helper; when it fails, the reading
+// is that of no locale at all ("en", Gregorian, UTC), logged.
 std::unique_ptr<LocaleProvider> makeSystemLocaleProvider(std::vector<std::string> localeFiles = {});
 
 }  // namespace orvex

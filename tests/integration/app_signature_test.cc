@@ -1,6 +1,7 @@
 // The installed-app signature through the real daemon: the applications installed (metainfo in
 // the daemon's $XDG_DATA_DIRS) that the downloaded whitelist names reach the back-end's searches
-// as "X-Zelmor-Whitelisted-App-Signature", and the header goes when the bag drops the whitelist.
+// as "X-Zelmor-Whitelisted-App-Signature", stays while the probe helper that reads them is
+// missing, and goes when the bag drops the whitelist.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -87,6 +88,20 @@ TEST(AppSignatureTest, SearchesCarryTheInstalledWhitelistedAppsUntilTheWhitelist
   EXPECT_EQ((*bytes)[7], 0x02);
   EXPECT_EQ((*bytes)[12], 0x10);
   EXPECT_EQ((*bytes)[13], 0x40);
+
+  // Without its probe helper the daemon still answers searches, in the locale of no locale, and
+  // keeps the signature it has: a failed scan says nothing about what is installed.
+  ASSERT_EQ(harness.stop(), 0);
+  harness.environment[kORVProbePathVariable] = (data.path() / "no-probe").string();
+  harness.start();
+  client = harness.clientWithBag({"com.zelmor.glance", "Glance/1"});
+  EXPECT_TRUE(testing::eventually([&] {
+    return harness.daemonLog().find("could not read the installed applications") !=
+           std::string::npos;
+  })) << harness.daemonLog();
+  EXPECT_EQ(signatureOfSearch(), signature);
+  EXPECT_NE(harness.daemonLog().find("could not read the locale"), std::string::npos);
+  harness.environment.erase(kORVProbePathVariable);
 
   // The bag drops the whitelist: the file is deleted, and the header goes with it.
   ASSERT_EQ(harness.stop(), 0);

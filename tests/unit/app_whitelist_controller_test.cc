@@ -49,7 +49,10 @@ TEST(InstalledApplications, ReadsApplicationsAndTheirNewestRelease) {
   const MetainfoRoots roots{{dir.path() / "share", dir.path() / "missing"}, {flatpak}};
   const InstalledApplicationLimits limits{.maxFileBytes = 4096};
   const MetainfoLocations locations = findMetainfoLocations(roots, limits);
-  const auto list = readInstalledApplications(locations.metainfoDirectories, limits);
+  // Through the probe helper, as the daemon reads them.
+  const auto scanned = scanInstalledApplications(locations.metainfoDirectories, limits);
+  ASSERT_TRUE(scanned.has_value());
+  const InstalledApplicationList& list = *scanned;
   EXPECT_EQ(list.applications,
             (std::vector<InstalledApplication>{
                 {"org.example.A", "1.10"}, {"org.example.B", std::nullopt}, {"org.flat.C", "3"}}));

@@ -5,6 +5,8 @@
 #include <array>
 #include <nlohmann/json.hpp>
 
+#include "orvexd/platform/metainfo_reader.h"
+
 namespace orvex::backend {
 
 namespace {
