@@ -3,6 +3,8 @@
 // (PSS) memory from /proc/PID/smaps_rollup.
 //
 // Usage: orvex_bench_idle [seconds]   (default 30)
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -63,6 +65,9 @@ std::vector<std::pair<std::string, MappingUse>> memoryByMapping(pid_t pid) {
 
 int main(int argc, char** argv) {
   const int seconds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 30;
+  // Pages of a binary the linker has just written stay dirty in the page cache until they reach
+  // the disk, and count as written memory of every process that maps them: flush them first.
+  ::sync();
   testing::DaemonHarness harness(bench::kSearchBag);
   harness.logLevel = "error";
   harness.start();

@@ -14,13 +14,14 @@ endif()
 
 set(daemon "${STAGE}${BINDIR}/orvexd")
 set(probe "${STAGE}${BINDIR}/orvexd-probe")  # looked for next to the daemon
+set(applicationsProbe "${STAGE}${BINDIR}/orvexd-probe-applications")  # next to orvexd-probe
 set(activation "${STAGE}${PREFIX}/share/dbus-1/services/com.zelmor.orvexd.service")
 set(unit "${STAGE}${PREFIX}/lib/systemd/user/orvexd.service")
 set(backend "${STAGE}${BINDIR}/orvex-backend")
 set(bag "${STAGE}${DATADIR}/orvex-backend/bag.json")
 set(ctl "${STAGE}${BINDIR}/orvexctl")
 set(interfaces "${STAGE}${DATADIR}/dbus-1/interfaces/com.zelmor.orvexd.xml")
-foreach(path "${daemon}" "${probe}" "${activation}" "${unit}" "${backend}" "${bag}" "${ctl}" "${interfaces}")
+foreach(path "${daemon}" "${probe}" "${applicationsProbe}" "${activation}" "${unit}" "${backend}" "${bag}" "${ctl}" "${interfaces}")
   if(NOT EXISTS "${path}")
     message(FATAL_ERROR "not installed: ${path}")
   endif()
