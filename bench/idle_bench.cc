@@ -116,5 +116,6 @@ int main(int argc, char** argv) {
   std::printf("FIGURE idle_threads %zu n\n", after.size());
   std::printf("FIGURE idle_uss_mib %.2f MiB\n", uss);
   std::printf("FIGURE idle_pss_mib %.2f MiB\n", pss);
+  std::printf("FIGURE idle_written_mib %.2f MiB\n", dirty);
   return 0;
 }

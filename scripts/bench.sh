@@ -34,6 +34,7 @@ table=(
   "idle_threads|n|≤ 6|orvex_bench_idle"
   "idle_uss_mib|MiB|≤ 3|orvex_bench_idle"
   "idle_pss_mib|MiB|≤ 8|orvex_bench_idle"
+  "idle_written_mib|MiB|—|orvex_bench_idle"
   "session_appends_per_s|/s|≥ 100000|orvex_bench_session_file"
   "cold_start_configure_ms|ms|≤ 30|orvex_bench_startup"
 )
