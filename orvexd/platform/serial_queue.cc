@@ -68,17 +68,31 @@ struct SerialQueue::Impl : std::enable_shared_from_this<Impl> {
   Impl(std::string l, WorkerPool& p, Clock& c) : label(std::move(l)), pool(p), clock(c) {}
 
   void post(Job job) {
-    std::unique_lock lock(mutex);
-    jobs.push_back(Entry{std::move(job), WorkerPool::WorkToken(pool)});
-    scheduleLocked();
+    bool turn = false;
+    {
+      std::lock_guard lock(mutex);
+      jobs.push_back(Entry{std::move(job), WorkerPool::WorkToken(pool)});
+      turn = claimTurnLocked();
+    }
+    // Asked for after the lock is released, so that the worker it wakes does not wait for it.
+    if (turn) postTurn();
   }
 
   // Asks the pool for a turn unless a thread is already on the queue or a turn is pending.
   void scheduleLocked() {
-    if (running || turnPosted || jobs.empty()) return;
+    if (claimTurnLocked()) postTurn();
+  }
+
+  // Whether the caller is to post a turn: none is pending or running, and there are jobs.
+  bool claimTurnLocked() {
+    if (running || turnPosted || jobs.empty()) return false;
     turnPosted = true;
-    // The turn keeps the queue alive: jobs already submitted run even if the SerialQueue that
-    // owns it is destroyed meanwhile.
+    return true;
+  }
+
+  // The turn keeps the queue alive: jobs already submitted run even if the SerialQueue that
+  // owns it is destroyed meanwhile.
+  void postTurn() {
     pool.post([self = shared_from_this()] { self->takeTurn(); });
   }
 
