@@ -6,8 +6,9 @@
 // search on one kept-alive libcurl handle, as the daemon's own HTTP session keeps its connection.
 // The two alternate call by call, so that both see the same machine. Prints the median and the
 // 90th percentile of each and "FIGURE network_overhead_ms <median daemon - median direct> ms",
-// and how much of that difference is left once a Peer.Ping round trip over the same bus
-// connection (the cost of asking over D-Bus at all) is taken off.
+// and how much of that difference is left once the bus's own part is taken off: a Peer.Ping
+// round trip on the same connection, and the echo of a reply of the answer's size by a peer
+// that does nothing else.
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_echo.h"
 #include "bench/bench_figures.h"
 #include "tests/support/daemon_harness.h"
 
@@ -47,6 +49,7 @@ int main() {
   auto client = harness.clientWithBag({"com.zelmor.bench", "Bench/1"});
 
   int64_t queryId = 0;
+  size_t replyBytes = 0;
   auto throughDaemon = [&] {
     ORVRequest request = testing::searchRequest(++queryId, "weather");
     request.queryItems.push_back({"bench", "1"});  // bypasses the query cache
@@ -54,6 +57,7 @@ int main() {
     if (!answer || !answer.value().reply || answer.value().reply->rawResponse.empty()) {
       fail("a search through the daemon failed");
     }
+    replyBytes = answer.value().reply->rawResponse.size();
   };
   throughDaemon();
   const auto sent = harness.backend().requests().back();
@@ -107,6 +111,10 @@ int main() {
   for (int i = 0; i < kRounds; ++i) {
     pings.push_back(timed([&] { (void)client->ping(); }));
   }
+  // And what a reply of the answer's size costs the bus, from a peer that only echoes.
+  bench::EchoPeer echo(harness.bus().address(), replyBytes);
+  std::vector<double> echoes;
+  for (int i = 0; i < kRounds; ++i) echoes.push_back(echo.roundTripMicroseconds() / 1000);
   if (harness.backend().requestCount("search") != before + 2 * kRounds) {
     fail("a timed search did not reach the back-end");
   }
@@ -120,12 +128,18 @@ int main() {
   std::printf("direct GET with libcurl:   median %.3f ms, p90 %.3f ms (%d calls)\n", p.median,
               p.p90, kRounds);
   const auto ping = figures(pings);
+  const auto echoed = figures(echoes);
   std::printf("Peer.Ping on the same connection: median %.3f ms; difference less that: %.3f ms\n",
               ping.median, d.median - p.median - ping.median);
+  std::printf(
+      "echo of a %zu-byte reply by another peer: median %.3f ms; difference less that: "
+      "%.3f ms\n",
+      replyBytes, echoed.median, d.median - p.median - echoed.median);
   std::printf("daemon per search: %.1f us CPU, %.2f context switches\n",
               (usedAfter.cpuMicroseconds - usedBefore.cpuMicroseconds) / kRounds,
               static_cast<double>(usedAfter.switches - usedBefore.switches) / kRounds);
   std::printf("FIGURE network_overhead_ms %.3f ms\n", d.median - p.median);
-  std::printf("FIGURE network_overhead_less_ping_ms %.3f ms\n", d.median - p.median - ping.median);
+  std::printf("FIGURE network_overhead_less_echo_ms %.3f ms\n",
+              d.median - p.median - echoed.median);
   return 0;
 }

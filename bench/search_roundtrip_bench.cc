@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_echo.h"
 #include "bench/bench_figures.h"
 #include "orvexd/base/orvex_names.h"
 #include "tests/support/daemon_harness.h"
@@ -106,27 +107,11 @@ int main() {
               hitUse.cpuMicroseconds, static_cast<double>(hitUse.switches) / kRounds,
               pingUse.cpuMicroseconds, static_cast<double>(pingUse.switches) / kRounds);
 
-  auto server = sdbus::createSessionBusConnectionWithAddress(harness.bus().address());
-  auto echo = sdbus::createObject(*server, "/echo");
-  const std::string text(replySize, 'x');
-  echo->registerMethod("Echo").onInterface("com.zelmor.bench.Echo").implementedAs([&](uint32_t) {
-    return text;
-  });
-  echo->finishRegistration();
-  server->enterEventLoopAsync();
-  auto caller = sdbus::createSessionBusConnectionWithAddress(harness.bus().address());
-  caller->enterEventLoopAsync();
-  auto toEcho = sdbus::createProxy(*caller, server->getUniqueName(), "/echo");
-  auto toDaemon = sdbus::createProxy(*caller, kOrvexBusName, kOrvexObjectPath);
+  bench::EchoPeer echo(harness.bus().address(), replySize);
+  auto toDaemon = sdbus::createProxy(echo.caller(), kOrvexBusName, kOrvexObjectPath);
   std::vector<double> echoes, barePings;
   for (int batch = 0; batch < 10; ++batch) {
-    auto e = time(kRounds / 10, [&](int) {
-      std::string back;
-      toEcho->callMethod("Echo")
-          .onInterface("com.zelmor.bench.Echo")
-          .withArguments(1u)
-          .storeResultsTo(back);
-    });
+    auto e = time(kRounds / 10, [&](int) { (void)echo.roundTripMicroseconds(); });
     auto p = time(kRounds / 10, [&](int) {
       toDaemon->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
     });

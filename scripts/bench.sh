@@ -29,7 +29,7 @@ table=(
   "cache_hit_ratio|×|≤ 1.25|orvex_bench_search_roundtrip"
   "query_cache_lookup_us|µs|—|orvex_bench_query_cache"
   "network_overhead_ms|ms|≤ 0.25|orvex_bench_network"
-  "network_overhead_less_ping_ms|ms|—|orvex_bench_network"
+  "network_overhead_less_echo_ms|ms|—|orvex_bench_network"
   "idle_wakeups_per_s|/s|0|orvex_bench_idle"
   "idle_threads|n|≤ 6|orvex_bench_idle"
   "idle_uss_mib|MiB|≤ 3|orvex_bench_idle"
