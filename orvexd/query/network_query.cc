@@ -80,7 +80,10 @@ NetworkQuery::NetworkQuery(std::shared_ptr<ClientState> state, Assembly& assembl
       httpRequest_(std::move(httpRequest)),
       bag_(std::move(bag)),
       reply_(std::move(reply)),
-      feedback_(assembly.clock, state_->sessionManager(), state_->userAgent(), request) {}
+      // The session manager drops records while the client's bag turns feedback off: the
+      // query's are not even handed over then, which spares two wake-ups of a worker per query.
+      feedback_(assembly.clock, bag_->feedbackEnabled() ? state_->sessionManager() : nullptr,
+                state_->userAgent(), request) {}
 
 void NetworkQuery::start(std::shared_ptr<ClientState> state, Assembly& assembly,
                          const ORVRequest& request, HttpRequest httpRequest,
