@@ -12,7 +12,7 @@
 
 namespace orvex {
 
-inline constexpr std::size_t kLocaleJsonMaxBytes = 64 * 1024;
+inline constexpr std::size_t kLocaleJsonMaxBytes = std::size_t{64} * 1024;
 
 // {"localeIdentifier": "de_DE", "calendarIdentifier": "gregorian", "measurementSystem": "metric",
 //  "hourCyclePattern": "HH", "timeZoneName": "Europe/Berlin", "preferredLanguages": ["de-DE"],

@@ -23,7 +23,7 @@ struct ProbeRequest {
   std::filesystem::path executable;
   std::vector<std::string> arguments;    // after the program name
   std::vector<std::string> environment;  // "NAME=value", the child's whole environment
-  std::size_t maxOutputBytes = 1024 * 1024;
+  std::size_t maxOutputBytes = std::size_t{1024} * 1024;
   // Measured on the monotonic clock: a deadline for another process, not daemon time.
   std::chrono::milliseconds timeout = std::chrono::seconds(10);
 };
