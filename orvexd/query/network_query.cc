@@ -82,7 +82,8 @@ NetworkQuery::NetworkQuery(std::shared_ptr<ClientState> state, Assembly& assembl
       reply_(std::move(reply)),
       // The session manager drops records while the client's bag turns feedback off: the
       // query's are not even handed over then, which spares two wake-ups of a worker per query.
-      feedback_(assembly.clock, bag_->feedbackEnabled() ? state_->sessionManager() : nullptr,
+      feedback_(assembly.clock,
+                bag_ && bag_->feedbackEnabled() ? state_->sessionManager() : nullptr,
                 state_->userAgent(), request) {}
 
 void NetworkQuery::start(std::shared_ptr<ClientState> state, Assembly& assembly,
