@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/timerfd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <limits>
+#include <optional>
 
 #include "orvexd/base/orvex_logging.h"
 
@@ -40,8 +41,9 @@ void watch(int epoll, int fd, uint32_t events, bool known) {
 struct CurlMultiLoop::Driven {
   CurlMultiLoop* loop;
   CURLM* multi;
-  UniqueFd timer;
   std::function<void()> afterAction;
+  // When libcurl wants its timer run; nothing while it has none.
+  std::optional<std::chrono::steady_clock::time_point> due;
 };
 
 CurlMultiLoop::CurlMultiLoop()
@@ -103,15 +105,8 @@ void CurlMultiLoop::runAndWait(const std::function<void()>& job) {
 }
 
 CurlMultiLoop::Driven* CurlMultiLoop::attach(CURLM* multi, std::function<void()> afterAction) {
-  UniqueFd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-  if (!timer) {
-    loopLog().fault("cannot make a timer for the network thread: errno %d", errno);
-    return nullptr;
-  }
-  auto driven = std::make_unique<Driven>(Driven{this, multi, std::move(timer), afterAction});
+  auto driven = std::make_unique<Driven>(Driven{this, multi, std::move(afterAction), std::nullopt});
   Driven* raw = driven.get();
-  watch(epoll_.get(), raw->timer.get(), EPOLLIN, false);
-  owners_[raw->timer.get()] = raw;
   curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &CurlMultiLoop::onSocket);
   curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, raw);
   curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, &CurlMultiLoop::onTimer);
@@ -136,9 +131,9 @@ void CurlMultiLoop::detach(Driven* driven) {
 void CurlMultiLoop::run() {
   epoll_event events[kMaxEvents];
   for (;;) {
-    const int ready = ::epoll_wait(epoll_.get(), events, kMaxEvents, -1);
-    if (ready < 0) {
-      if (errno == EINTR) continue;
+    const int ready = ::epoll_wait(epoll_.get(), events, kMaxEvents,
+                                   waitMilliseconds(std::chrono::steady_clock::now()));
+    if (ready < 0 && errno != EINTR) {
       loopLog().fault("the network thread's wait failed: errno %d", errno);
       return;
     }
@@ -157,20 +152,36 @@ void CurlMultiLoop::run() {
       // Looked up afresh: an action before may have closed the descriptor or detached its owner.
       auto owner = owners_.find(fd);
       if (owner == owners_.end()) continue;
-      Driven& driven = *owner->second;
-      if (fd == driven.timer.get()) {
-        uint64_t expirations = 0;
-        (void)!::read(fd, &expirations, sizeof expirations);
-        act(driven, CURL_SOCKET_TIMEOUT, 0);
-        continue;
-      }
       const uint32_t what = events[i].events;
       int flags = 0;
       if (what & (EPOLLIN | EPOLLHUP)) flags |= CURL_CSELECT_IN;
       if (what & EPOLLOUT) flags |= CURL_CSELECT_OUT;
       if (what & EPOLLERR) flags |= CURL_CSELECT_ERR;
-      act(driven, fd, flags);
+      act(*owner->second, fd, flags);
     }
+    runDueTimers(std::chrono::steady_clock::now());
+  }
+}
+
+int CurlMultiLoop::waitMilliseconds(std::chrono::steady_clock::time_point now) const {
+  std::optional<std::chrono::steady_clock::time_point> earliest;
+  for (const auto& driven : driven_) {
+    if (driven->due && (!earliest || *driven->due < *earliest)) earliest = driven->due;
+  }
+  if (!earliest) return -1;
+  if (*earliest <= now) return 0;
+  // Rounded up, so that the wait never ends just before the deadline and spins once more.
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*earliest - now).count();
+  return static_cast<int>(std::min<int64_t>(left, std::numeric_limits<int>::max()));
+}
+
+void CurlMultiLoop::runDueTimers(std::chrono::steady_clock::time_point now) {
+  // By index and checked again: an action may attach or detach a handle.
+  for (size_t i = 0; i < driven_.size(); ++i) {
+    Driven& driven = *driven_[i];
+    if (!driven.due || *driven.due > now) continue;
+    driven.due.reset();  // libcurl sets the next one from the action, if it wants one
+    act(driven, CURL_SOCKET_TIMEOUT, 0);
   }
 }
 
@@ -208,18 +219,15 @@ int CurlMultiLoop::onSocket(CURL*, curl_socket_t socket, int what, void* data, v
   return 0;
 }
 
-// libcurl asks to be called back after `timeoutMs` (at once for 0), or not at all (-1); the
-// timerfd rings the loop then.
+// libcurl asks to be called back after `timeoutMs` (at once for 0), or not at all (-1). The loop
+// acts on it after the sockets that are ready now, never from inside this callback.
 int CurlMultiLoop::onTimer(CURLM*, long timeoutMs, void* data) {
   auto* driven = static_cast<Driven*>(data);
-  itimerspec spec{};
-  if (timeoutMs == 0) {
-    spec.it_value.tv_nsec = 1;  // zero would disarm it
-  } else if (timeoutMs > 0) {
-    spec.it_value.tv_sec = timeoutMs / 1000;
-    spec.it_value.tv_nsec = (timeoutMs % 1000) * 1000000;
+  if (timeoutMs < 0) {
+    driven->due.reset();
+  } else {
+    driven->due = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   }
-  ::timerfd_settime(driven->timer.get(), 0, &spec, nullptr);
   return 0;
 }
 

@@ -1,16 +1,18 @@
 // The one network thread of the process: it drives the libcurl multi handles of every
-// HttpSession through curl_multi_socket_action, waiting in epoll on their sockets, a timerfd per
-// multi handle for libcurl's timer, and an eventfd that posted jobs ring. The wait has no
-// time-out of its own, so an idle loop sleeps until a socket is ready, a libcurl timer is due or
-// a job arrives.
+// HttpSession through curl_multi_socket_action, waiting in epoll on their sockets and on an
+// eventfd that posted jobs ring. libcurl's timer is kept as a deadline per multi handle, and the
+// wait lasts until the earliest one, so an idle loop sleeps until a socket is ready, a libcurl
+// timer is due or a job arrives, and a timer libcurl wants run at once costs no system call.
 //
 // Threads: post() and runAndWait() may be called from any thread; `mutex_` guards jobs_ and
-// stopping_. Everything else (the epoll set, the driven handles, the socket map) belongs to the
-// network thread, as do attach() and detach() and every callback into a driven handle.
+// stopping_. Everything else (the epoll set, the driven handles and their deadlines, the socket
+// map) belongs to the network thread, as do attach() and detach() and every callback into a
+// driven handle.
 #pragma once
 
 #include <curl/curl.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -45,7 +47,7 @@ class CurlMultiLoop {
 
   // --- network thread ---
   // Drives `multi` from now on, calling `afterAction` after each time libcurl acted on it, to
-  // collect the transfers that ended. Returns nullptr when the timer cannot be made.
+  // collect the transfers that ended.
   Driven* attach(CURLM* multi, std::function<void()> afterAction);
   // Stops driving a handle, after it was cleaned up (cleaning up still calls its callbacks).
   void detach(Driven* driven);
@@ -53,6 +55,10 @@ class CurlMultiLoop {
  private:
   void run();
   void runJobs();
+  // Milliseconds until the earliest libcurl deadline, rounded up; -1 when none is set.
+  int waitMilliseconds(std::chrono::steady_clock::time_point now) const;
+  // Acts on every handle whose deadline has come.
+  void runDueTimers(std::chrono::steady_clock::time_point now);
   void act(Driven& driven, curl_socket_t socket, int flags);
   static int onSocket(CURL* easy, curl_socket_t socket, int what, void* driven, void* unused);
   static int onTimer(CURLM* multi, long timeoutMs, void* driven);
@@ -65,7 +71,7 @@ class CurlMultiLoop {
   bool stopping_ = false;
 
   std::vector<std::unique_ptr<Driven>> driven_;
-  // Every descriptor in the epoll set but the eventfd: libcurl's sockets and the timerfds.
+  // Every descriptor in the epoll set but the eventfd: libcurl's sockets.
   std::unordered_map<int, Driven*> owners_;
   std::thread thread_;
 };
