@@ -68,7 +68,12 @@ void HttpSessionCore::shutdown() {
     std::lock_guard lock(mutex_);
     stopping_ = true;
   }
-  // After every drain() posted before: nothing is posted once stopping_ is set.
+  {
+    // Waits for a post under way; none is made afterwards.
+    std::lock_guard lock(postMutex_);
+    postsClosed_ = true;
+  }
+  // After every drain() posted before.
   if (attached_) loop_->runAndWait([this] { stop(); });
   // Tasks that were never resumed.
   for (const auto& task : liveTasks()) task->cancel();
@@ -80,30 +85,40 @@ void HttpSessionCore::registerTask(const std::shared_ptr<HttpSessionTask>& task)
 }
 
 void HttpSessionCore::enqueue(const std::shared_ptr<HttpSessionTask>& task) {
+  bool handedOver = false;
+  bool post = false;
   {
     std::lock_guard lock(mutex_);
     if (!stopping_ && attached_) {
       toStart_.push_back(task);
-      postDrain();
-      return;
+      handedOver = true;
+      post = !std::exchange(drainPosted_, true);
     }
   }
+  if (post) postDrain();
+  if (handedOver) return;
   finishWithError(
       task, attached_ ? httpCancelledError()
                       : curlTransferError(CURLE_FAILED_INIT, "the session has no multi handle"));
 }
 
+// Posted after `mutex_` is released: the network thread, woken by the post, takes `mutex_` in
+// drain() at once, and would otherwise wake only to wait for the poster to let it go.
 void HttpSessionCore::postDrain() {
-  if (drainPosted_) return;
-  drainPosted_ = true;
+  std::lock_guard lock(postMutex_);
+  if (postsClosed_) return;  // stop() takes whatever was handed over
   loop_->post([this] { drain(); });
 }
 
 void HttpSessionCore::requestCancel(const std::shared_ptr<HttpSessionTask>& task) {
-  std::lock_guard lock(mutex_);
-  if (stopping_ || !attached_) return;  // the network thread cancels everything on its way out
-  toCancel_.push_back(task);
-  postDrain();
+  bool post = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_ || !attached_) return;  // the network thread cancels everything on its way out
+    toCancel_.push_back(task);
+    post = !std::exchange(drainPosted_, true);
+  }
+  if (post) postDrain();
 }
 
 void HttpSessionCore::finish(const std::shared_ptr<HttpSessionTask>& task,

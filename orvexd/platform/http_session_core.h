@@ -6,9 +6,9 @@
 //
 // Threads: the configuration, the pool, the clock and the callback queue are set at
 // construction, `attached_` by startNetworkThread(). `mutex_` guards toStart_, toCancel_,
-// drainPosted_, stopping_ and registry_. The network thread alone touches multi_ after start-up,
-// driven_, active_, the cache and the transfers of running tasks. Completions are posted to
-// callbackQueue_.
+// drainPosted_, stopping_ and registry_; `postMutex_` guards postsClosed_. The network thread alone
+// touches multi_ after start-up, driven_, active_, the cache and the transfers of running tasks.
+// Completions are posted to callbackQueue_.
 #pragma once
 
 #include <curl/curl.h>
@@ -60,7 +60,7 @@ class HttpSessionCore {
   std::vector<std::shared_ptr<HttpSessionTask>> liveTasks();
 
  private:
-  // Queues a drain() unless one is queued. Called with `mutex_` held.
+  // Queues a drain(), once the caller set drainPosted_ (under `mutex_`, released since).
   void postDrain();
 
   // --- network thread ---
@@ -94,6 +94,11 @@ class HttpSessionCore {
   bool drainPosted_ = false;  // a drain() is queued on the network thread
   bool stopping_ = false;
   std::unordered_map<uint64_t, std::weak_ptr<HttpSessionTask>> registry_;  // made, not completed
+
+  // Guarded by `postMutex_`, which the network thread never takes: set by shutdown(), after
+  // which no drain() is posted.
+  std::mutex postMutex_;
+  bool postsClosed_ = false;
 
   // Network thread only: the running transfers, which the session keeps alive.
   std::unordered_map<HttpSessionTask*, std::shared_ptr<HttpSessionTask>> active_;
