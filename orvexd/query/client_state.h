@@ -110,8 +110,9 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   ORVReply makeReply(const ORVRequest& request, const HttpRequest* httpRequest,
                      const HttpResponse* httpResponse) const;
   // Keeps a search answer in the query cache (answers with status "ERROR" are not kept).
-  void cacheResponse(const nlohmann::json& response, const HttpRequest& request,
-                     const std::string& input, const std::string& uuid);
+  // `serialized` is the answer as response.dump() writes it.
+  void cacheResponse(const nlohmann::json& response, std::string serialized,
+                     const HttpRequest& request, const std::string& input, const std::string& uuid);
 
  private:
   ClientState(std::string identifier, Assembly& assembly);

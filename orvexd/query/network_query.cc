@@ -205,10 +205,13 @@ void NetworkQuery::answerAsObject(HttpDataResult result, int64_t statusCode) {
     }
   } else {
     preloadImages(parsed);
+    // Serialised once, for the reply and the cache alike.
+    std::string text = parsed.dump();
     if (kind_.cachesAnswer) {
-      state_->cacheResponse(parsed, httpRequest_, request_.queryString, start_->uuid.value_or(""));
+      state_->cacheResponse(parsed, text, httpRequest_, request_.queryString,
+                            start_->uuid.value_or(""));
     }
-    answer.rawResponse = jsonTextForBus(parsed.dump());
+    answer.rawResponse = jsonTextForBus(std::move(text));
   }
   const nlohmann::json* raw = parsed.is_discarded() ? nullptr : &parsed;
   if (kind_.endBeforeReply)

@@ -60,7 +60,7 @@ struct QueryCache::Impl : std::enable_shared_from_this<Impl> {
         queue(kQueueLabel, *a.workerPool, *a.clock),
         pressureSources(std::move(factory)) {}
 
-  void store(CachedResultSet entry, const std::string& query);
+  void store(CachedResultSet entry, const std::string& query, std::optional<std::string> text);
   std::optional<CachedResultSet> lookup(const std::string& input, float scale);
   // An entry that matches a lookup: how many units its key is longer than what was typed.
   struct Candidate {
@@ -84,17 +84,19 @@ struct QueryCache::Impl : std::enable_shared_from_this<Impl> {
   std::vector<ObserverToken> observers;          // written by the constructor and destructor
 };
 
-void QueryCache::Impl::store(CachedResultSet entry, const std::string& query) {
+void QueryCache::Impl::store(CachedResultSet entry, const std::string& query,
+                             std::optional<std::string> text) {
   queue.assertCurrent("store");
-  // Serialised once, here: the text is both the entry's cost and what every hit sends.
-  std::string text;
-  try {
-    text = entry.resultSet().dump();
-  } catch (const nlohmann::json::exception&) {
-    cachingLog().error("NOT caching '%@': the answer cannot be serialised", query);
-    return;
+  // Serialised once: the text is both the entry's cost and what every hit sends.
+  if (!text) {
+    try {
+      text = entry.resultSet().dump();
+    } catch (const nlohmann::json::exception&) {
+      cachingLog().error("NOT caching '%@': the answer cannot be serialised", query);
+      return;
+    }
   }
-  const uint64_t cost = text.size() + text.size() / 2;  // times 1.5, truncated
+  const uint64_t cost = text->size() + text->size() / 2;  // times 1.5, truncated
   if (cost >= kMaxCost) {
     cachingLog().error("NOT caching '%@' with cost %lu", query, cost);
     return;
@@ -109,8 +111,8 @@ void QueryCache::Impl::store(CachedResultSet entry, const std::string& query) {
   currentCost += cost;
   // A hit answers with the entry in an array.
   std::string reply;
-  reply.reserve(text.size() + 2);
-  reply.append("[").append(text).append("]");
+  reply.reserve(text->size() + 2);
+  reply.append("[").append(*text).append("]");
   entry.setReplyText(jsonTextForBus(std::move(reply)));
   tree.set(std::make_unique<CachedResultSet>(std::move(entry)), query);
 }
@@ -220,7 +222,7 @@ QueryCache::~QueryCache() {
   if (!impl_->queue.isCurrent()) (void)impl_->queue.sync([] {});
 }
 
-void QueryCache::set(const CachedResultSet& entry) {
+void QueryCache::set(const CachedResultSet& entry, std::optional<std::string> serialized) {
   if (entry.resultSet().is_null()) return;
   const std::optional<std::string> query = entry.query();
   if (!query || query->empty()) return;
@@ -229,9 +231,13 @@ void QueryCache::set(const CachedResultSet& entry) {
                        *query, entry.input());
     return;
   }
-  impl_->queue.async([weak = std::weak_ptr<Impl>(impl_), entry, query = *query] {
-    if (auto self = weak.lock()) self->store(entry, query);
-  });
+  // Run in place when it can: handing the store to another thread would cost a wake-up on the
+  // way to the reply that follows.
+  SerialQueue::Job store = [weak = std::weak_ptr<Impl>(impl_), entry, query = *query,
+                            text = std::move(serialized)]() mutable {
+    if (auto self = weak.lock()) self->store(entry, query, std::move(text));
+  };
+  if (!impl_->queue.trySync(store)) impl_->queue.async(std::move(store));
 }
 
 std::optional<CachedResultSet> QueryCache::getRequest(const ORVRequest& request) const {

@@ -57,9 +57,11 @@ class QueryCache {
 
   // Stores an answer under its completed query, replacing any entry with that key. Ignored
   // without a completed query; not stored (and logged) when what was typed is longer than the
-  // completed query or when the answer alone costs kMaxCost or more. Returns at once; the store
-  // happens on the cache's queue.
-  void set(const CachedResultSet& entry);
+  // completed query or when the answer alone costs kMaxCost or more. `serialized`, when given, is
+  // the answer as resultSet().dump() writes it, which the store then does not make again. Never
+  // waits: the store runs at once on the calling thread when the cache's queue is idle, and is
+  // queued behind the cache's work otherwise.
+  void set(const CachedResultSet& entry, std::optional<std::string> serialized = std::nullopt);
   // The best entry for the request's query string and display scale (a scale of 0 accepts
   // entries of every scale), or nothing.
   std::optional<CachedResultSet> getRequest(const ORVRequest& request) const;
