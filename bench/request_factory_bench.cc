@@ -76,12 +76,12 @@ class FactoryFixture {
     assembly->notificationCenter->post(kORVBagChangeNotification, nullptr, {{"bag", bag}});
     factory->deviceContext().subscriptionManagerDidUpdateSubscriptionDictionaries(
         {nlohmann::json{{"type", "premium"}, {"expires", 86400}}});
-    query = ORVRequest{.queryString = "weather in paris",
-                       .triggerEvent = 8,
-                       .scale = 3,
-                       .keyboardInputMode = "fr_FR",
-                       .queryItems = {{"client", "glance"}},
-                       .topics = {"travel", "weather"}};
+    query.queryString = "weather in paris";
+    query.triggerEvent = 8;
+    query.scale = 3;
+    query.keyboardInputMode = "fr_FR";
+    query.queryItems = {{"client", "glance"}};
+    query.topics = {"travel", "weather"};
     // The first search starts location updates; the position is in from the next one on.
     factory->searchRequest(query, *bag, guid, 0);
     factory->deviceContext().waitForUpdates();
