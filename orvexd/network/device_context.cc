@@ -447,7 +447,8 @@ void DeviceContext::_dropLocation(const std::string& reason) {
 }
 
 void DeviceContext::setPerformedSearch() {
-  contextAccessQueue_.async([weak = weak_from_this()] {
+  // Once per search, on the way to sending it: in place when the queue is idle.
+  contextAccessQueue_.runOrAsync([weak = weak_from_this()] {
     auto self = weak.lock();
     if (!self || !self->geoLocation_ || self->geoLocationLatLng_.empty()) return;
     self->lookupGeoLocationLatLng_ =

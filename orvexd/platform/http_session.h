@@ -55,6 +55,10 @@ struct HttpSessionConfiguration {
   // Trusted certificates (PEM file) for private back-ends. When set, it replaces the system's
   // bundle for this session: it must hold every authority the session trusts.
   std::string extraCaFile;
+  // Completions of data tasks whose answer is at most this many bytes run on the network thread
+  // when the session's callback queue is idle, rather than on a worker woken for them. Only for a
+  // session whose completions are short and never wait. 0: always on a worker.
+  size_t completeOnNetworkThreadUpTo = 0;
 };
 
 struct HttpDataResult {

@@ -121,15 +121,21 @@ void HttpSessionCore::requestCancel(const std::shared_ptr<HttpSessionTask>& task
   if (post) postDrain();
 }
 
-void HttpSessionCore::finish(const std::shared_ptr<HttpSessionTask>& task,
-                             HttpTaskOutcome outcome) {
+void HttpSessionCore::finish(const std::shared_ptr<HttpSessionTask>& task, HttpTaskOutcome outcome,
+                             bool inPlace) {
   task->markCompleted(outcome.timing);
   {
     std::lock_guard lock(mutex_);
     registry_.erase(task->taskIdentifier());
   }
-  callbackQueue_.async(
-      [task, outcome = std::move(outcome)]() mutable { task->deliver(std::move(outcome)); });
+  SerialQueue::Job deliver = [task, outcome = std::move(outcome)]() mutable {
+    task->deliver(std::move(outcome));
+  };
+  if (inPlace) {
+    callbackQueue_.runOrAsync(std::move(deliver));
+  } else {
+    callbackQueue_.async(std::move(deliver));
+  }
 }
 
 void HttpSessionCore::finishWithError(const std::shared_ptr<HttpSessionTask>& task,
@@ -284,7 +290,11 @@ void HttpSessionCore::completeTransfer(HttpSessionTask* raw, CURLcode code) {
   } else {
     cache_.remember(request, task->kind(), outcome);
   }
-  finish(task, std::move(outcome));
+  // A short answer is handed over here, saving the wake-up of a worker on its way to the client.
+  const bool inPlace = task->kind() == HttpTaskKind::kData &&
+                       config_.completeOnNetworkThreadUpTo > 0 &&
+                       outcome.data.size() <= config_.completeOnNetworkThreadUpTo;
+  finish(task, std::move(outcome), inPlace);
 }
 
 void HttpSessionCore::finishFromCache(const std::shared_ptr<HttpSessionTask>& task,

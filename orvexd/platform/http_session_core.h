@@ -53,8 +53,10 @@ class HttpSessionCore {
   void enqueue(const std::shared_ptr<HttpSessionTask>& task);
   // Asks the network thread to cancel a running task.
   void requestCancel(const std::shared_ptr<HttpSessionTask>& task);
-  // Records the end of a task and posts its completion. Called once per task.
-  void finish(const std::shared_ptr<HttpSessionTask>& task, HttpTaskOutcome outcome);
+  // Records the end of a task and posts its completion. Called once per task. `inPlace`: run the
+  // completion on the calling thread when the callback queue is idle.
+  void finish(const std::shared_ptr<HttpSessionTask>& task, HttpTaskOutcome outcome,
+              bool inPlace = false);
   void finishWithError(const std::shared_ptr<HttpSessionTask>& task, OrvexError error);
   // The tasks made and not yet completed.
   std::vector<std::shared_ptr<HttpSessionTask>> liveTasks();

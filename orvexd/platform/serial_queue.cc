@@ -205,6 +205,10 @@ bool SerialQueue::trySync(const Job& job) const {
   return true;
 }
 
+void SerialQueue::runOrAsync(Job job) const {
+  if (!trySync(job)) async(std::move(job));
+}
+
 TimerHandle SerialQueue::after(Duration delay, Job job) const {
   std::weak_ptr<Impl> weak = impl_;
   return impl_->clock.scheduleAfter(delay, [weak, job = std::move(job)]() mutable {

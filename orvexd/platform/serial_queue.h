@@ -49,6 +49,9 @@ class SerialQueue {
   void async(Job job) const;
   [[nodiscard]] bool sync(const Job& job) const;
   [[nodiscard]] bool trySync(const Job& job) const;
+  // trySync() when the queue is idle, async() otherwise: for short jobs handed over on a hot path,
+  // which then cost no worker a wake-up. The caller must hold nothing the job may wait for.
+  void runOrAsync(Job job) const;
   TimerHandle after(Duration delay, Job job) const;
   bool isCurrent() const;
   // Posts to this queue for as long as it exists, and does nothing afterwards; for holders that

@@ -233,11 +233,10 @@ void QueryCache::set(const CachedResultSet& entry, std::optional<std::string> se
   }
   // Run in place when it can: handing the store to another thread would cost a wake-up on the
   // way to the reply that follows.
-  SerialQueue::Job store = [weak = std::weak_ptr<Impl>(impl_), entry, query = *query,
-                            text = std::move(serialized)]() mutable {
+  impl_->queue.runOrAsync([weak = std::weak_ptr<Impl>(impl_), entry, query = *query,
+                           text = std::move(serialized)]() mutable {
     if (auto self = weak.lock()) self->store(entry, query, std::move(text));
-  };
-  if (!impl_->queue.trySync(store)) impl_->queue.async(std::move(store));
+  });
 }
 
 std::optional<CachedResultSet> QueryCache::getRequest(const ORVRequest& request) const {
