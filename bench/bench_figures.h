@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -27,24 +28,39 @@ inline Figures figures(std::vector<double> samples) {
 }
 
 // What all the process's threads have used so far: context switches, and CPU time in
-// microseconds (from the scheduler's statistics).
+// microseconds (from the scheduler's statistics); in all and by thread name (threads of one
+// name, the workers say, are added up).
 struct ThreadUse {
+  struct Figures {
+    long switches = 0;
+    double cpuMicroseconds = 0;
+  };
   long switches = 0;
   double cpuMicroseconds = 0;
+  std::map<std::string, Figures> byName;
 };
 inline ThreadUse threadUse(pid_t pid) {
   ThreadUse use;
   const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
   for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+    ThreadUse::Figures figures;
     std::ifstream status(task.path() / "status");
+    std::string name;
     for (std::string line; std::getline(status, line);) {
-      if (line.find("ctxt_switches:") != std::string::npos) {
-        use.switches += std::stol(line.substr(line.find(':') + 1));
+      if (line.starts_with("Name:")) {
+        name = line.substr(line.find_first_not_of(" \t", 5));
+      } else if (line.find("ctxt_switches:") != std::string::npos) {
+        figures.switches += std::stol(line.substr(line.find(':') + 1));
       }
     }
     double runNanoseconds = 0;
     std::ifstream(task.path() / "schedstat") >> runNanoseconds;
-    use.cpuMicroseconds += runNanoseconds / 1000;
+    figures.cpuMicroseconds = runNanoseconds / 1000;
+    use.switches += figures.switches;
+    use.cpuMicroseconds += figures.cpuMicroseconds;
+    auto& named = use.byName[name];
+    named.switches += figures.switches;
+    named.cpuMicroseconds += figures.cpuMicroseconds;
   }
   return use;
 }

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -89,6 +90,13 @@ int main() {
     }
   };
 
+  // CPU of the calling thread, to set what a direct GET costs against the daemon's CPU.
+  auto threadCpuMicroseconds = [] {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+  };
+  double directCpu = 0;
   auto timed = [](auto call) {
     const auto start = SteadyClock::now();
     call();
@@ -103,7 +111,9 @@ int main() {
   const bench::ThreadUse usedBefore = bench::threadUse(harness.daemon()->pid());
   for (int i = 0; i < kRounds; ++i) {
     daemon.push_back(timed(throughDaemon));
+    const double cpuBefore = threadCpuMicroseconds();
     plain.push_back(timed(direct));
+    directCpu += threadCpuMicroseconds() - cpuBefore;
   }
   const bench::ThreadUse usedAfter = bench::threadUse(harness.daemon()->pid());
   // The part of the difference that is the bus's own: one call and its reply through the bus
@@ -138,6 +148,15 @@ int main() {
   std::printf("daemon per search: %.1f us CPU, %.2f context switches\n",
               (usedAfter.cpuMicroseconds - usedBefore.cpuMicroseconds) / kRounds,
               static_cast<double>(usedAfter.switches - usedBefore.switches) / kRounds);
+  for (const auto& [name, after] : usedAfter.byName) {
+    const auto before = usedBefore.byName.find(name);
+    const bench::ThreadUse::Figures start =
+        before == usedBefore.byName.end() ? bench::ThreadUse::Figures{} : before->second;
+    std::printf("  thread %-14s %6.1f us CPU, %.2f context switches\n", name.c_str(),
+                (after.cpuMicroseconds - start.cpuMicroseconds) / kRounds,
+                static_cast<double>(after.switches - start.switches) / kRounds);
+  }
+  std::printf("direct GET per call: %.1f us CPU\n", directCpu / kRounds);
   std::printf("FIGURE network_overhead_ms %.3f ms\n", d.median - p.median);
   std::printf("FIGURE network_overhead_less_echo_ms %.3f ms\n",
               d.median - p.median - echoed.median);

@@ -98,8 +98,10 @@ int main() {
     const bench::ThreadUse before = bench::threadUse(daemon);
     time(kRounds, call);
     const bench::ThreadUse after = bench::threadUse(daemon);
-    return bench::ThreadUse{after.switches - before.switches,
-                            (after.cpuMicroseconds - before.cpuMicroseconds) / kRounds};
+    bench::ThreadUse used;
+    used.switches = after.switches - before.switches;
+    used.cpuMicroseconds = (after.cpuMicroseconds - before.cpuMicroseconds) / kRounds;
+    return used;
   };
   const bench::ThreadUse hitUse = perCall([&](int) { search("weathe"); });
   const bench::ThreadUse pingUse = perCall([&](int) { (void)client->ping(); });
