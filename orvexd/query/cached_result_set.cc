@@ -75,9 +75,15 @@ std::optional<float> numberFrom(std::string_view text) {
 
 CachedResultSet::CachedResultSet(std::string_view input, HttpRequest request,
                                  nlohmann::json resultSet, Uuid uuid, WallTime now)
+    : CachedResultSet(input, std::move(request),
+                      std::make_shared<const nlohmann::json>(std::move(resultSet)), uuid, now) {}
+
+CachedResultSet::CachedResultSet(std::string_view input, HttpRequest request,
+                                 std::shared_ptr<const nlohmann::json> resultSet, Uuid uuid,
+                                 WallTime now)
     : input_(lowercasedQueryText(input)),
       request_(std::make_shared<const HttpRequest>(std::move(request))),
-      resultSet_(std::make_shared<const nlohmann::json>(std::move(resultSet))),
+      resultSet_(std::move(resultSet)),
       expireTime_(expiryFrom(*resultSet_, now)),
       uuid_(uuid) {}
 

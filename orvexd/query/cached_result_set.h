@@ -33,6 +33,9 @@ class CachedResultSet {
   // the entry never expires.
   CachedResultSet(std::string_view input, HttpRequest request, nlohmann::json resultSet, Uuid uuid,
                   WallTime now);
+  // The same, sharing an answer the caller parsed and keeps reading.
+  CachedResultSet(std::string_view input, HttpRequest request,
+                  std::shared_ptr<const nlohmann::json> resultSet, Uuid uuid, WallTime now);
 
   // What had been typed, lower-cased.
   const std::string& input() const { return input_; }

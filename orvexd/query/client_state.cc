@@ -425,17 +425,17 @@ void ClientState::answerFromCache(const ORVRequest& request, const CachedResultS
   if (bag.feedbackEnabled()) feedback.recordCacheHit(cached.uuid().upperString());
 }
 
-void ClientState::cacheResponse(const nlohmann::json& response, std::string serialized,
-                                const HttpRequest& request, const std::string& input,
-                                const std::string& uuid) {
-  if (!queryCache_ || !response.is_object()) return;
-  if (auto status = response.find("status");
-      status != response.end() && status->is_string() && *status == "ERROR") {
+void ClientState::cacheResponse(const std::shared_ptr<const nlohmann::json>& response,
+                                std::string serialized, HttpRequest request,
+                                const std::string& input, const std::string& uuid) {
+  if (!queryCache_ || !response || !response->is_object()) return;
+  if (auto status = response->find("status");
+      status != response->end() && status->is_string() && *status == "ERROR") {
     return;
   }
   queryCache_->set(
-      CachedResultSet(input, request, response, Uuid::fromString(uuid).value_or(Uuid::random()),
-                      assembly_.clock->wallNow()),
+      CachedResultSet(input, std::move(request), response,
+                      Uuid::fromString(uuid).value_or(Uuid::random()), assembly_.clock->wallNow()),
       std::move(serialized));
 }
 

@@ -109,10 +109,10 @@ class ClientState : public std::enable_shared_from_this<ClientState> {
   // verbose reply, the HTTP exchange.
   ORVReply makeReply(const ORVRequest& request, const HttpRequest* httpRequest,
                      const HttpResponse* httpResponse) const;
-  // Keeps a search answer in the query cache (answers with status "ERROR" are not kept).
-  // `serialized` is the answer as response.dump() writes it.
-  void cacheResponse(const nlohmann::json& response, std::string serialized,
-                     const HttpRequest& request, const std::string& input, const std::string& uuid);
+  // Keeps a search answer in the query cache (answers with status "ERROR" are not kept), sharing
+  // the parsed answer. `serialized` is the answer as response->dump() writes it.
+  void cacheResponse(const std::shared_ptr<const nlohmann::json>& response, std::string serialized,
+                     HttpRequest request, const std::string& input, const std::string& uuid);
 
  private:
   ClientState(std::string identifier, Assembly& assembly);

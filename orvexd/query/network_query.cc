@@ -193,10 +193,12 @@ void NetworkQuery::answerAsObject(HttpDataResult result, int64_t statusCode) {
     return;
   }
   std::string problem;
-  auto parsed = parseJsonWithinLimits(result.data, {kAnswerMaxBytes, kJsonMaxDepth}, &problem);
+  // Shared with the query cache rather than copied into it.
+  const auto parsed = std::make_shared<const nlohmann::json>(
+      parseJsonWithinLimits(result.data, {kAnswerMaxBytes, kJsonMaxDepth}, &problem));
   std::optional<OrvexError> parseError;
   ORVReply answer = state_->makeReply(request_, &httpRequest_, &*result.response);
-  if (parsed.is_discarded()) {
+  if (parsed->is_discarded()) {
     searchLog().error("error parsing the answer to %@: it %@", httpRequest_.url, problem);
     parseError = OrvexError(kORVErrorDomain, kJsonParseErrorCode, "the answer is not valid JSON");
     // Had the URL cache kept the answer, it would fail again at every later query: drop it.
@@ -204,16 +206,16 @@ void NetworkQuery::answerAsObject(HttpDataResult result, int64_t statusCode) {
       cache->removeResponseForRequest(httpRequest_);
     }
   } else {
-    preloadImages(parsed);
+    preloadImages(*parsed);
     // Serialised once, for the reply and the cache alike.
-    std::string text = parsed.dump();
+    std::string text = parsed->dump();
     if (kind_.cachesAnswer) {
-      state_->cacheResponse(parsed, text, httpRequest_, request_.queryString,
+      state_->cacheResponse(parsed, text, std::move(httpRequest_), request_.queryString,
                             start_->uuid.value_or(""));
     }
     answer.rawResponse = jsonTextForBus(std::move(text));
   }
-  const nlohmann::json* raw = parsed.is_discarded() ? nullptr : &parsed;
+  const nlohmann::json* raw = parsed->is_discarded() ? nullptr : parsed.get();
   if (kind_.endBeforeReply)
     feedback_.endNetworkFeedback(start_, raw, size, statusCode, result.timing);
   reply_(request_.queryId, std::move(answer), parseError);

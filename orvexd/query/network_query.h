@@ -71,7 +71,8 @@ class NetworkQuery : public std::enable_shared_from_this<NetworkQuery> {
   std::shared_ptr<ClientState> state_;
   Assembly& assembly_;
   const ORVRequest request_;
-  const HttpRequest httpRequest_;
+  // Moved into the query cache by the completion, its last reader.
+  HttpRequest httpRequest_;
   const std::shared_ptr<const ORVBag> bag_;
   const QueryReply reply_;
   const QueryFeedback feedback_;
