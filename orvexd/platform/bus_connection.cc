@@ -34,6 +34,20 @@ int pollTimeout(uint64_t deadlineMicroseconds) {
 
 const OrvexLog& busLog() { return OrvexLogForCategory(kOrvexLogConnection); }
 
+// The connection whose loop the current thread stands in for, in a job run() runs in its place.
+thread_local const BusConnection* tStandIn = nullptr;
+
+// A job that fails (a reply the bus refuses, say) fails alone: the loop serves the others.
+void runLoggingFailure(const std::function<void()>& job) {
+  try {
+    job();
+  } catch (const sdbus::Error& e) {
+    busLog().error("a bus job failed: %@: %@", e.getName(), e.getMessage());
+  } catch (const std::exception& e) {
+    busLog().fault("a bus job failed: %s", e.what());
+  }
+}
+
 }  // namespace
 
 BusConnection::BusConnection(std::unique_ptr<sdbus::IConnection> connection)
@@ -76,21 +90,51 @@ bool BusConnection::requestName(const std::string& name, std::string* error) {
   }
 }
 
+bool BusConnection::isLoopThread() const {
+  return tStandIn == this || loopThread_.load() == std::this_thread::get_id();
+}
+
+void BusConnection::ring() {
+  const uint64_t one = 1;
+  (void)!::write(wakeup_.get(), &one, sizeof one);
+}
+
 void BusConnection::post(std::function<void()> job) {
   {
     std::lock_guard lock(mutex_);
     jobs_.push_back(std::move(job));
   }
-  const uint64_t one = 1;
-  (void)!::write(wakeup_.get(), &one, sizeof one);
+  ring();
 }
 
 void BusConnection::run(std::function<void()> job) {
   if (isLoopThread()) {
     job();
-  } else {
+  } else if (!runInPlaceOfLoop(job)) {
     post(std::move(job));
   }
+}
+
+bool BusConnection::runInPlaceOfLoop(const std::function<void()>& job) {
+  std::unique_lock hold(loopMutex_, std::try_to_lock);
+  if (!hold.owns_lock() || !waiting_) return false;
+  {
+    // Jobs posted before this one run first, on the loop.
+    std::lock_guard lock(mutex_);
+    if (stopping_ || !jobs_.empty()) return false;
+  }
+  tStandIn = this;
+  runLoggingFailure(job);
+  tStandIn = nullptr;
+  // The loop waits for what the bus wanted before the job: ring it when the bus now wants more,
+  // such as room for a message that did not fit, or an earlier deadline.
+  try {
+    const sdbus::IConnection::PollData bus = connection_->getEventLoopPollData();
+    if ((bus.events & ~waitingEvents_) != 0 || bus.timeout_usec < waitingTimeout_) ring();
+  } catch (const sdbus::Error&) {
+    ring();  // the loop finds out what is wrong
+  }
+  return true;
 }
 
 void BusConnection::stop() {
@@ -98,8 +142,7 @@ void BusConnection::stop() {
     std::lock_guard lock(mutex_);
     stopping_ = true;
   }
-  const uint64_t one = 1;
-  (void)!::write(wakeup_.get(), &one, sizeof one);
+  ring();
 }
 
 bool BusConnection::runPostedJobs() {
@@ -112,20 +155,12 @@ bool BusConnection::runPostedJobs() {
     jobs.swap(jobs_);
     stopping = stopping_;
   }
-  for (auto& job : jobs) {
-    // A job that fails (a reply the bus refuses, say) fails alone: the loop serves the others.
-    try {
-      job();
-    } catch (const sdbus::Error& e) {
-      busLog().error("a bus job failed: %@: %@", e.getName(), e.getMessage());
-    } catch (const std::exception& e) {
-      busLog().fault("a bus job failed: %s", e.what());
-    }
-  }
+  for (auto& job : jobs) runLoggingFailure(job);
   return !stopping;
 }
 
 bool BusConnection::runEventLoop() {
+  std::unique_lock hold(loopMutex_);
   loopThread_.store(std::this_thread::get_id());
   try {
     for (;;) {
@@ -140,7 +175,13 @@ bool BusConnection::runEventLoop() {
       if (connection_->processPendingRequest()) continue;
       const sdbus::IConnection::PollData bus = connection_->getEventLoopPollData();
       pollfd fds[2] = {{bus.fd, bus.events, 0}, {wakeup_.get(), POLLIN, 0}};
+      waiting_ = true;
+      waitingEvents_ = bus.events;
+      waitingTimeout_ = bus.timeout_usec;
+      hold.unlock();
       const int ready = ::poll(fds, 2, pollTimeout(bus.timeout_usec));
+      hold.lock();
+      waiting_ = false;
       if (ready < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll on the session bus");
       }

@@ -6,7 +6,9 @@
 //
 // The connection belongs to the thread that runs its event loop: sd-bus is not thread-safe, so
 // everything that sends (signals, replies from other queues) is handed to that thread with
-// post(), which wakes the loop through an eventfd.
+// post(), which wakes the loop through an eventfd. The loop holds `loopMutex_` except while it
+// waits in poll(); run() from another thread takes it then and sends in the loop's place, which
+// spares the loop a wake-up on the way of every reply.
 #pragma once
 
 #include <sdbus-c++/Error.h>
@@ -58,13 +60,19 @@ class BusConnection {
   // Runs `job` on the event-loop thread, after the jobs posted before it. Callable from any
   // thread; jobs posted while no loop runs wait for one.
   void post(std::function<void()> job);
-  // Runs `job` now when called on the event-loop thread, else as post() does.
+  // Runs `job` now when called on the event-loop thread. From another thread, runs it now in the
+  // loop's place while the loop waits for the bus with no job queued, else as post() does.
   void run(std::function<void()> job);
-  bool isLoopThread() const { return loopThread_.load() == std::this_thread::get_id(); }
+  // True on the event-loop thread, and in a job run() runs in its place.
+  bool isLoopThread() const;
 
  private:
   // Runs the jobs posted so far; false once stop() was called.
   bool runPostedJobs();
+  // Runs `job` on the calling thread if the loop waits with nothing queued; false otherwise.
+  bool runInPlaceOfLoop(const std::function<void()>& job);
+  // Wakes the loop.
+  void ring();
 
   std::unique_ptr<sdbus::IConnection> connection_;
   UniqueFd wakeup_;   // eventfd that post() and stop() signal
@@ -72,6 +80,13 @@ class BusConnection {
   std::deque<std::function<void()>> jobs_;
   bool stopping_ = false;
   std::atomic<std::thread::id> loopThread_;  // set while runEventLoop() runs
+  // Held by runEventLoop() except while it waits in poll(), and by a job run in its place; it
+  // guards the connection and the two fields below.
+  std::mutex loopMutex_;
+  bool waiting_ = false;  // the loop is in poll()
+  // What the waiting loop polls for: the bus's events and deadline (UINT64_MAX: none).
+  short waitingEvents_ = 0;
+  uint64_t waitingTimeout_ = 0;
 };
 
 // Calls `gone` on the bus thread with the unique name (":1.42") of every connection that leaves
