@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,6 +23,9 @@ namespace {
 constexpr int kMaxEvents = 32;
 
 const OrvexLog& loopLog() { return OrvexLogForCategory(kOrvexLogConnection); }
+
+// The loop the current thread stands in for, in a job runOrPost() runs in its place.
+thread_local const CurlMultiLoop* tStandIn = nullptr;
 
 // Adds `fd` to the epoll set or changes what it waits for.
 void watch(int epoll, int fd, uint32_t events, bool known) {
@@ -47,11 +51,14 @@ struct CurlMultiLoop::Driven {
 };
 
 CurlMultiLoop::CurlMultiLoop()
-    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (!epoll_ || !wake_) {
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      wakeTimer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+  if (!epoll_ || !wake_ || !wakeTimer_) {
     loopLog().fault("cannot make the network thread's wait: errno %d", errno);
   } else {
     watch(epoll_.get(), wake_.get(), EPOLLIN, false);
+    watch(epoll_.get(), wakeTimer_.get(), EPOLLIN, false);
   }
   thread_ = std::thread([this] { run(); });
   pthread_setname_np(thread_.native_handle(), "orvex-http");
@@ -91,8 +98,55 @@ void CurlMultiLoop::post(std::function<void()> job) {
   (void)!::write(wake_.get(), &one, sizeof one);
 }
 
+bool CurlMultiLoop::standingIn() const { return tStandIn == this; }
+
+void CurlMultiLoop::runOrPost(std::function<void()> job) {
+  if (onNetworkThread() || standingIn() || !runInPlace(job)) post(std::move(job));
+}
+
+bool CurlMultiLoop::runInPlace(const std::function<void()>& job) {
+  std::unique_lock hold(loopMutex_, std::try_to_lock);
+  if (!hold.owns_lock() || !waiting_) return false;
+  {
+    // Jobs posted before this one run first, on the network thread.
+    std::lock_guard lock(mutex_);
+    if (stopping_ || !jobs_.empty()) return false;
+  }
+  tStandIn = this;
+  job();
+  runDueTimers(std::chrono::steady_clock::now());
+  tStandIn = nullptr;
+  // The network thread sleeps until waitingUntil_: an earlier deadline goes to the timer.
+  const std::optional<TimePoint> earliest = earliestDeadline();
+  if (earliest && (!waitingUntil_ || *earliest < *waitingUntil_)) {
+    setWakeTimer(earliest);
+    waitingUntil_ = earliest;
+  }
+  return true;
+}
+
+void CurlMultiLoop::setWakeTimer(std::optional<TimePoint> deadline) {
+  itimerspec spec{};
+  if (deadline) {
+    const auto sinceBoot = deadline->time_since_epoch();  // steady_clock is CLOCK_MONOTONIC
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceBoot);
+    spec.it_value.tv_sec = static_cast<time_t>(seconds.count());
+    spec.it_value.tv_nsec = static_cast<long>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(sinceBoot - seconds).count());
+    // A zero time disarms: a deadline at the clock's very start is made the next nanosecond.
+    if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) spec.it_value.tv_nsec = 1;
+  }
+  if (::timerfd_settime(wakeTimer_.get(), TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
+    loopLog().error("cannot set the network thread's timer: errno %d", errno);
+    const uint64_t one = 1;
+    (void)!::write(wake_.get(), &one, sizeof one);  // wakes it to look for itself
+    return;
+  }
+  wakeTimerArmed_ = deadline.has_value();
+}
+
 void CurlMultiLoop::runAndWait(const std::function<void()>& job) {
-  if (thread_.get_id() == std::this_thread::get_id()) {
+  if (onNetworkThread() || standingIn()) {
     job();
     return;
   }
@@ -130,9 +184,17 @@ void CurlMultiLoop::detach(Driven* driven) {
 
 void CurlMultiLoop::run() {
   epoll_event events[kMaxEvents];
+  std::unique_lock hold(loopMutex_);
   for (;;) {
-    const int ready = ::epoll_wait(epoll_.get(), events, kMaxEvents,
-                                   waitMilliseconds(std::chrono::steady_clock::now()));
+    // Awake, the thread keeps every deadline itself.
+    if (wakeTimerArmed_) setWakeTimer(std::nullopt);
+    waitingUntil_ = earliestDeadline();
+    waiting_ = true;
+    const int timeout = waitMilliseconds(std::chrono::steady_clock::now());
+    hold.unlock();
+    const int ready = ::epoll_wait(epoll_.get(), events, kMaxEvents, timeout);
+    hold.lock();
+    waiting_ = false;
     if (ready < 0 && errno != EINTR) {
       loopLog().fault("the network thread's wait failed: errno %d", errno);
       return;
@@ -149,6 +211,12 @@ void CurlMultiLoop::run() {
         runJobs();
         continue;
       }
+      if (fd == wakeTimer_.get()) {
+        uint64_t expirations = 0;
+        (void)!::read(fd, &expirations, sizeof expirations);
+        wakeTimerArmed_ = false;
+        continue;  // the due timers run below
+      }
       // Looked up afresh: an action before may have closed the descriptor or detached its owner.
       auto owner = owners_.find(fd);
       if (owner == owners_.end()) continue;
@@ -163,11 +231,16 @@ void CurlMultiLoop::run() {
   }
 }
 
-int CurlMultiLoop::waitMilliseconds(std::chrono::steady_clock::time_point now) const {
-  std::optional<std::chrono::steady_clock::time_point> earliest;
+std::optional<CurlMultiLoop::TimePoint> CurlMultiLoop::earliestDeadline() const {
+  std::optional<TimePoint> earliest;
   for (const auto& driven : driven_) {
     if (driven->due && (!earliest || *driven->due < *earliest)) earliest = driven->due;
   }
+  return earliest;
+}
+
+int CurlMultiLoop::waitMilliseconds(TimePoint now) const {
+  const std::optional<TimePoint> earliest = earliestDeadline();
   if (!earliest) return -1;
   if (*earliest <= now) return 0;
   // Rounded up, so that the wait never ends just before the deadline and spins once more.
@@ -175,7 +248,7 @@ int CurlMultiLoop::waitMilliseconds(std::chrono::steady_clock::time_point now) c
   return static_cast<int>(std::min<int64_t>(left, std::numeric_limits<int>::max()));
 }
 
-void CurlMultiLoop::runDueTimers(std::chrono::steady_clock::time_point now) {
+void CurlMultiLoop::runDueTimers(TimePoint now) {
   // By index and checked again: an action may attach or detach a handle.
   for (size_t i = 0; i < driven_.size(); ++i) {
     Driven& driven = *driven_[i];

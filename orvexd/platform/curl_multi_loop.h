@@ -4,10 +4,16 @@
 // wait lasts until the earliest one, so an idle loop sleeps until a socket is ready, a libcurl
 // timer is due or a job arrives, and a timer libcurl wants run at once costs no system call.
 //
-// Threads: post() and runAndWait() may be called from any thread; `mutex_` guards jobs_ and
-// stopping_. Everything else (the epoll set, the driven handles and their deadlines, the socket
-// map) belongs to the network thread, as do attach() and detach() and every callback into a
-// driven handle.
+// The network thread holds `loopMutex_` except while it waits in epoll. runOrPost() from another
+// thread takes it then and does the job in the thread's place: a search starts its transfer and
+// sends the request on the thread that asked for it, without waking the network thread, which
+// later wakes for the answer. A deadline set meanwhile that comes before the one the network
+// thread waits for is handed to a timerfd, which wakes it in time.
+//
+// Threads: post(), runOrPost() and runAndWait() may be called from any thread; `mutex_` guards
+// jobs_ and stopping_. Everything else (the epoll set, the driven handles and their deadlines, the
+// socket map) is guarded by `loopMutex_`: it belongs to the network thread and to a job run in
+// its place, as do attach() and detach() and every callback into a driven handle.
 #pragma once
 
 #include <curl/curl.h>
@@ -16,6 +22,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -42,10 +49,17 @@ class CurlMultiLoop {
 
   // Runs `job` on the network thread, after the jobs posted before it.
   void post(std::function<void()> job);
-  // The same, and returns once it has run (at once when called on the network thread).
+  // Runs `job` now on the calling thread in the network thread's place, and then whatever libcurl
+  // timers are due, while the network thread waits with no job queued; else posts it (always
+  // from the network thread itself, or from a job run in its place). For short jobs only.
+  void runOrPost(std::function<void()> job);
+  // The same as post(), and returns once it has run (at once on the network thread or in a job
+  // run in its place).
   void runAndWait(const std::function<void()>& job);
+  // True on the network thread itself, not in a job run in its place.
+  bool onNetworkThread() const { return thread_.get_id() == std::this_thread::get_id(); }
 
-  // --- network thread ---
+  // --- network thread, or a job run in its place ---
   // Drives `multi` from now on, calling `afterAction` after each time libcurl acted on it, to
   // collect the transfers that ended.
   Driven* attach(CURLM* multi, std::function<void()> afterAction);
@@ -53,22 +67,36 @@ class CurlMultiLoop {
   void detach(Driven* driven);
 
  private:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
   void run();
   void runJobs();
+  bool runInPlace(const std::function<void()>& job);
+  bool standingIn() const;
+  // The earliest libcurl deadline of all the driven handles.
+  std::optional<TimePoint> earliestDeadline() const;
   // Milliseconds until the earliest libcurl deadline, rounded up; -1 when none is set.
-  int waitMilliseconds(std::chrono::steady_clock::time_point now) const;
+  int waitMilliseconds(TimePoint now) const;
+  // Arms the timerfd for `deadline`, or disarms it (nullopt).
+  void setWakeTimer(std::optional<TimePoint> deadline);
   // Acts on every handle whose deadline has come.
-  void runDueTimers(std::chrono::steady_clock::time_point now);
+  void runDueTimers(TimePoint now);
   void act(Driven& driven, curl_socket_t socket, int flags);
   static int onSocket(CURL* easy, curl_socket_t socket, int what, void* driven, void* unused);
   static int onTimer(CURLM* multi, long timeoutMs, void* driven);
 
   UniqueFd epoll_;
-  UniqueFd wake_;  // eventfd
+  UniqueFd wake_;       // eventfd
+  UniqueFd wakeTimer_;  // timerfd, for a deadline set in the network thread's place
 
   std::mutex mutex_;
   std::vector<std::function<void()>> jobs_;
   bool stopping_ = false;
+
+  std::mutex loopMutex_;
+  bool waiting_ = false;                   // the network thread is in epoll_wait
+  std::optional<TimePoint> waitingUntil_;  // when its wait ends; nothing: only on an event
+  bool wakeTimerArmed_ = false;
 
   std::vector<std::unique_ptr<Driven>> driven_;
   // Every descriptor in the epoll set but the eventfd: libcurl's sockets.

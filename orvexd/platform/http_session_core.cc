@@ -103,11 +103,13 @@ void HttpSessionCore::enqueue(const std::shared_ptr<HttpSessionTask>& task) {
 }
 
 // Posted after `mutex_` is released: the network thread, woken by the post, takes `mutex_` in
-// drain() at once, and would otherwise wake only to wait for the poster to let it go.
+// drain() at once, and would otherwise wake only to wait for the poster to let it go. While the
+// network thread waits, the drain runs here in its place: a search's request then goes out
+// without a hand-over. `postMutex_` stays held until then, so that shutdown() waits for it.
 void HttpSessionCore::postDrain() {
   std::lock_guard lock(postMutex_);
   if (postsClosed_) return;  // stop() takes whatever was handed over
-  loop_->post([this] { drain(); });
+  loop_->runOrPost([this] { drain(); });
 }
 
 void HttpSessionCore::requestCancel(const std::shared_ptr<HttpSessionTask>& task) {
@@ -290,8 +292,9 @@ void HttpSessionCore::completeTransfer(HttpSessionTask* raw, CURLcode code) {
   } else {
     cache_.remember(request, task->kind(), outcome);
   }
-  // A short answer is handed over here, saving the wake-up of a worker on its way to the client.
-  const bool inPlace = task->kind() == HttpTaskKind::kData &&
+  // A short answer is handed over here, saving the wake-up of a worker on its way to the client;
+  // never from a thread that stands in for the network thread, which has its own work to do.
+  const bool inPlace = loop_->onNetworkThread() && task->kind() == HttpTaskKind::kData &&
                        config_.completeOnNetworkThreadUpTo > 0 &&
                        outcome.data.size() <= config_.completeOnNetworkThreadUpTo;
   finish(task, std::move(outcome), inPlace);

@@ -7,8 +7,9 @@
 // Threads: the configuration, the pool, the clock and the callback queue are set at
 // construction, `attached_` by startNetworkThread(). `mutex_` guards toStart_, toCancel_,
 // drainPosted_, stopping_ and registry_; `postMutex_` guards postsClosed_. The network thread alone
-// touches multi_ after start-up, driven_, active_, the cache and the transfers of running tasks.
-// Completions are posted to callbackQueue_.
+// (or a thread that runs a drain in its place, see CurlMultiLoop::runOrPost) touches multi_ after
+// start-up, driven_, active_, the cache and the transfers of running tasks. Completions are
+// posted to callbackQueue_.
 #pragma once
 
 #include <curl/curl.h>
@@ -97,8 +98,8 @@ class HttpSessionCore {
   bool stopping_ = false;
   std::unordered_map<uint64_t, std::weak_ptr<HttpSessionTask>> registry_;  // made, not completed
 
-  // Guarded by `postMutex_`, which the network thread never takes: set by shutdown(), after
-  // which no drain() is posted.
+  // Guarded by `postMutex_`, held while a drain() is posted or run in the network thread's place:
+  // set by shutdown(), after which neither happens.
   std::mutex postMutex_;
   bool postsClosed_ = false;
 
