@@ -45,6 +45,8 @@ void runLoggingFailure(const std::function<void()>& job) {
     busLog().error("a bus job failed: %@: %@", e.getName(), e.getMessage());
   } catch (const std::exception& e) {
     busLog().fault("a bus job failed: %s", e.what());
+  } catch (...) {
+    busLog().fault("a bus job failed");
   }
 }
 
@@ -124,7 +126,7 @@ bool BusConnection::runInPlaceOfLoop(const std::function<void()>& job) {
     if (stopping_ || !jobs_.empty()) return false;
   }
   tStandIn = this;
-  runLoggingFailure(job);
+  runLoggingFailure(job);  // throws nothing
   tStandIn = nullptr;
   // The loop waits for what the bus wanted before the job: ring it when the bus now wants more,
   // such as room for a message that did not fit, or an earlier deadline.

@@ -112,10 +112,16 @@ bool CurlMultiLoop::runInPlace(const std::function<void()>& job) {
     std::lock_guard lock(mutex_);
     if (stopping_ || !jobs_.empty()) return false;
   }
-  tStandIn = this;
-  job();
-  runDueTimers(std::chrono::steady_clock::now());
-  tStandIn = nullptr;
+  {
+    struct StandIn {
+      explicit StandIn(const CurlMultiLoop* loop) { tStandIn = loop; }
+      ~StandIn() { tStandIn = nullptr; }
+      StandIn(const StandIn&) = delete;
+      StandIn& operator=(const StandIn&) = delete;
+    } standIn(this);
+    job();
+    runDueTimers(std::chrono::steady_clock::now());
+  }
   // The network thread sleeps until waitingUntil_: an earlier deadline goes to the timer.
   const std::optional<TimePoint> earliest = earliestDeadline();
   if (earliest && (!waitingUntil_ || *earliest < *waitingUntil_)) {

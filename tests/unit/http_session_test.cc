@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <mutex>
@@ -345,6 +346,32 @@ TEST_F(HttpSessionTest, TimingDescribesALoopbackTransferAndConnectionReuse) {
   EXPECT_FALSE(reused.contains(taskTimingKey("domainLookupEnd")));
   const auto recorded = server_.requests();
   EXPECT_EQ(recorded[0].remotePort, recorded[1].remotePort) << "one connection for both";
+}
+
+// The request goes out on the thread that resumes the task while the network thread sleeps; the
+// time-out libcurl sets then must still wake the network thread, or a stalled answer would hang.
+TEST_F(HttpSessionTest, AStalledAnswerTimesOutThoughItsRequestWentOutOnTheCallersThread) {
+  std::mutex mutex;
+  std::condition_variable released;
+  bool release = false;
+  server_.handle("GET", "/stall", [&](const RecordedRequest&) {
+    std::unique_lock lock(mutex);
+    released.wait(lock, [&] { return release; });
+    return Response{200, "late", {}};
+  });
+  server_.handle("GET", "/t", [](const RecordedRequest&) { return Response{200, "t", {}}; });
+  auto session = makeSession();
+  (void)fetch(*session, request("/t"));  // the connection is up, the network thread idle
+  HttpRequest stalled = request("/stall");
+  stalled.timeout = 1s;
+  const HttpDataResult result = fetch(*session, stalled);
+  {
+    std::lock_guard lock(mutex);
+    release = true;
+  }
+  released.notify_all();
+  ASSERT_TRUE(result.error);
+  EXPECT_EQ(result.error->code, CURLE_OPERATION_TIMEDOUT) << result.error->reason;
 }
 
 TEST(HttpTimingTest, LeavesOutPhasesThatDidNotHappen) {
