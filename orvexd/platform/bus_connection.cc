@@ -38,7 +38,7 @@ const OrvexLog& busLog() { return OrvexLogForCategory(kOrvexLogConnection); }
 thread_local const BusConnection* tStandIn = nullptr;
 
 // A job that fails (a reply the bus refuses, say) fails alone: the loop serves the others.
-void runLoggingFailure(const std::function<void()>& job) {
+void runBusJob(const std::function<void()>& job) {
   try {
     job();
   } catch (const sdbus::Error& e) {
@@ -126,7 +126,7 @@ bool BusConnection::runInPlaceOfLoop(const std::function<void()>& job) {
     if (stopping_ || !jobs_.empty()) return false;
   }
   tStandIn = this;
-  runLoggingFailure(job);  // throws nothing
+  runBusJob(job);  // throws nothing
   tStandIn = nullptr;
   // The loop waits for what the bus wanted before the job: ring it when the bus now wants more,
   // such as room for a message that did not fit, or an earlier deadline.
@@ -157,7 +157,7 @@ bool BusConnection::runPostedJobs() {
     jobs.swap(jobs_);
     stopping = stopping_;
   }
-  for (auto& job : jobs) runLoggingFailure(job);
+  for (auto& job : jobs) runBusJob(job);
   return !stopping;
 }
 
