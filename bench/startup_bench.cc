@@ -86,6 +86,9 @@ std::optional<std::vector<double>> configureTimes(int runs) {
     client.reset();
     process.signal(SIGTERM);
     process.waitForExit(5s);
+    // The bus may not have seen the connection close yet: the next daemon must find the name free.
+    (void)orvex::testing::eventually(
+        [&] { return !orvex::testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); });
   }
   if (harness.backend().requestCount("bag") != 1) {
     std::fprintf(stderr, "the daemon fetched the bag again instead of reading its copy\n");
@@ -140,6 +143,9 @@ int main(int argc, char** argv) {
     }
     process.signal(SIGTERM);
     process.waitForExit(std::chrono::seconds(5));
+    // The bus may not have seen the connection close yet: the next daemon must find the name free.
+    (void)orvex::testing::eventually(
+        [&] { return !orvex::testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); });
   }
   std::printf("runs: %d\n", runs);
   std::printf("process start -> bus name owned: median %.2f ms (min %.2f, max %.2f)\n",
