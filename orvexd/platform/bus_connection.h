@@ -81,7 +81,7 @@ class BusConnection {
   bool stopping_ = false;
   std::atomic<std::thread::id> loopThread_;  // set while runEventLoop() runs
   // Held by runEventLoop() except while it waits in poll(), and by a job run in its place; it
-  // guards the connection and the two fields below.
+  // guards the connection and the fields below.
   std::mutex loopMutex_;
   bool waiting_ = false;  // the loop is in poll()
   // What the waiting loop polls for: the bus's events and deadline (UINT64_MAX: none).

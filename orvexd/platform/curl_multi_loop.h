@@ -99,7 +99,7 @@ class CurlMultiLoop {
   bool wakeTimerArmed_ = false;
 
   std::vector<std::unique_ptr<Driven>> driven_;
-  // Every descriptor in the epoll set but the eventfd: libcurl's sockets.
+  // Every descriptor in the epoll set but the eventfd and the timerfd: libcurl's sockets.
   std::unordered_map<int, Driven*> owners_;
   std::thread thread_;
 };
