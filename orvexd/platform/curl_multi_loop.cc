@@ -47,7 +47,7 @@ struct CurlMultiLoop::Driven {
   CURLM* multi;
   std::function<void()> afterAction;
   // When libcurl wants its timer run; nothing while it has none.
-  std::optional<std::chrono::steady_clock::time_point> due;
+  std::optional<TimePoint> due;
 };
 
 CurlMultiLoop::CurlMultiLoop()
@@ -73,8 +73,7 @@ CurlMultiLoop::~CurlMultiLoop() {
     std::lock_guard lock(mutex_);
     stopping_ = true;
   }
-  const uint64_t one = 1;
-  (void)!::write(wake_.get(), &one, sizeof one);
+  ring();
   thread_.join();
 }
 
@@ -94,6 +93,10 @@ void CurlMultiLoop::post(std::function<void()> job) {
     jobs_.push_back(std::move(job));
     if (jobs_.size() > 1) return;  // the first one rang already
   }
+  ring();
+}
+
+void CurlMultiLoop::ring() {
   const uint64_t one = 1;
   (void)!::write(wake_.get(), &one, sizeof one);
 }
@@ -144,8 +147,7 @@ void CurlMultiLoop::setWakeTimer(std::optional<TimePoint> deadline) {
   }
   if (::timerfd_settime(wakeTimer_.get(), TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
     loopLog().error("cannot set the network thread's timer: errno %d", errno);
-    const uint64_t one = 1;
-    (void)!::write(wake_.get(), &one, sizeof one);  // wakes it to look for itself
+    ring();  // wakes it to look for itself
     return;
   }
   wakeTimerArmed_ = deadline.has_value();
@@ -196,7 +198,7 @@ void CurlMultiLoop::run() {
     if (wakeTimerArmed_) setWakeTimer(std::nullopt);
     waitingUntil_ = earliestDeadline();
     waiting_ = true;
-    const int timeout = waitMilliseconds(std::chrono::steady_clock::now());
+    const int timeout = waitMilliseconds(waitingUntil_, std::chrono::steady_clock::now());
     hold.unlock();
     const int ready = ::epoll_wait(epoll_.get(), events, kMaxEvents, timeout);
     hold.lock();
@@ -245,12 +247,11 @@ std::optional<CurlMultiLoop::TimePoint> CurlMultiLoop::earliestDeadline() const 
   return earliest;
 }
 
-int CurlMultiLoop::waitMilliseconds(TimePoint now) const {
-  const std::optional<TimePoint> earliest = earliestDeadline();
-  if (!earliest) return -1;
-  if (*earliest <= now) return 0;
+int CurlMultiLoop::waitMilliseconds(std::optional<TimePoint> deadline, TimePoint now) {
+  if (!deadline) return -1;
+  if (*deadline <= now) return 0;
   // Rounded up, so that the wait never ends just before the deadline and spins once more.
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*earliest - now).count();
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - now).count();
   return static_cast<int>(std::min<int64_t>(left, std::numeric_limits<int>::max()));
 }
 

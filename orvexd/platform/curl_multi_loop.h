@@ -75,8 +75,10 @@ class CurlMultiLoop {
   bool standingIn() const;
   // The earliest libcurl deadline of all the driven handles.
   std::optional<TimePoint> earliestDeadline() const;
-  // Milliseconds until the earliest libcurl deadline, rounded up; -1 when none is set.
-  int waitMilliseconds(TimePoint now) const;
+  // Milliseconds from `now` until `deadline`, rounded up; -1 without one.
+  static int waitMilliseconds(std::optional<TimePoint> deadline, TimePoint now);
+  // Wakes the network thread.
+  void ring();
   // Arms the timerfd for `deadline`, or disarms it (nullopt).
   void setWakeTimer(std::optional<TimePoint> deadline);
   // Acts on every handle whose deadline has come.

@@ -233,9 +233,9 @@ void QueryCache::set(const CachedResultSet& entry, std::optional<std::string> se
   }
   // Run in place when it can: handing the store to another thread would cost a wake-up on the
   // way to the reply that follows.
-  impl_->queue.runOrAsync([weak = std::weak_ptr<Impl>(impl_), entry, query = *query,
+  impl_->queue.runOrAsync([weak = std::weak_ptr<Impl>(impl_), entry = entry, query = *query,
                            text = std::move(serialized)]() mutable {
-    if (auto self = weak.lock()) self->store(entry, query, std::move(text));
+    if (auto self = weak.lock()) self->store(std::move(entry), query, std::move(text));
   });
 }
 
