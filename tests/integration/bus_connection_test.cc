@@ -6,6 +6,9 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -55,6 +58,18 @@ TEST(BusConnectionTest, RepliesFromOtherThreadsArriveWholeAndAfterJobsPostedBefo
       });
   object->finishRegistration();
   std::thread loop([&] { server.runEventLoop(); });
+  // Ends the loop and the repliers however the test leaves, a failed assertion included.
+  struct Joiner {
+    std::function<void()> join;
+    ~Joiner() { join(); }
+  } joiner{[&] {
+    server.stop();
+    if (loop.joinable()) loop.join();
+    std::lock_guard lock(mutex);
+    for (auto& thread : repliers) {
+      if (thread.joinable()) thread.join();
+    }
+  }};
 
   auto client = bus.connect();
   auto proxy = sdbus::createProxy(*client, kName, "/test");
@@ -72,9 +87,7 @@ TEST(BusConnectionTest, RepliesFromOtherThreadsArriveWholeAndAfterJobsPostedBefo
       ASSERT_EQ(answer.find_first_not_of('x'), std::string::npos);
     }
   }
-  server.stop();
-  loop.join();
-  for (auto& thread : repliers) thread.join();
+  joiner.join();
   EXPECT_EQ(outOfOrder.load(), 0);
   EXPECT_EQ(offLoop.load(), 0);
 }
