@@ -38,6 +38,13 @@ long residentKiB(pid_t pid) {
   return -1;
 }
 
+// A daemon that has exited may own its name until the bus sees its connection close: the next
+// one must find the name free.
+void waitUntilNameIsFree(sdbus::IConnection& connection) {
+  (void)orvex::testing::eventually(
+      [&] { return !orvex::testing::PrivateBus::hasOwner(connection, "com.zelmor.orvexd"); });
+}
+
 // Process start to the first Configure reply, each start finding the bag on disk that the
 // first one fetched; nothing when the daemon misbehaved (said on stderr).
 std::optional<std::vector<double>> configureTimes(int runs) {
@@ -86,9 +93,7 @@ std::optional<std::vector<double>> configureTimes(int runs) {
     client.reset();
     process.signal(SIGTERM);
     process.waitForExit(5s);
-    // The bus may not have seen the connection close yet: the next daemon must find the name free.
-    (void)orvex::testing::eventually(
-        [&] { return !orvex::testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); });
+    waitUntilNameIsFree(*connection);
   }
   if (harness.backend().requestCount("bag") != 1) {
     std::fprintf(stderr, "the daemon fetched the bag again instead of reading its copy\n");
@@ -143,9 +148,7 @@ int main(int argc, char** argv) {
     }
     process.signal(SIGTERM);
     process.waitForExit(std::chrono::seconds(5));
-    // The bus may not have seen the connection close yet: the next daemon must find the name free.
-    (void)orvex::testing::eventually(
-        [&] { return !orvex::testing::PrivateBus::hasOwner(*connection, "com.zelmor.orvexd"); });
+    waitUntilNameIsFree(*connection);
   }
   std::printf("runs: %d\n", runs);
   std::printf("process start -> bus name owned: median %.2f ms (min %.2f, max %.2f)\n",
