@@ -1,6 +1,8 @@
 // The daemon at rest: after one search against the reference back-end, the context switches of
 // all its threads over an idle period, its thread count, and its private (USS) and proportional
-// (PSS) memory from /proc/PID/smaps_rollup.
+// (PSS) memory from /proc/PID/smaps_rollup. Then, with the daemon stopped, the same memory
+// figures of orvex_bench_library_floor loaded with the libraries the daemon had mapped: what
+// those libraries cost any process, so that the daemon's own part is the difference.
 //
 // Usage: orvex_bench_idle [seconds]   (default 30)
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -21,6 +24,60 @@
 using namespace orvex;
 
 namespace {
+
+struct Memory {
+  double uss = 0;
+  double pss = 0;
+  double written = 0;  // Private_Dirty, the written part of the USS
+};
+
+// Private_Dirty is the written part of the USS; the rest are file pages (code, read-only data)
+// that no other process maps at the moment, and that count as shared once one does.
+Memory memoryOf(pid_t pid) {
+  const std::string rollup = "/proc/" + std::to_string(pid) + "/smaps_rollup";
+  Memory memory;
+  memory.written = static_cast<double>(testing::procField(rollup, "Private_Dirty:")) / 1024;
+  memory.uss =
+      memory.written + static_cast<double>(testing::procField(rollup, "Private_Clean:")) / 1024;
+  memory.pss = static_cast<double>(testing::procField(rollup, "Pss:")) / 1024;
+  return memory;
+}
+
+// The shared libraries `pid` has mapped, in the order they appear.
+std::vector<std::string> librariesOf(pid_t pid) {
+  std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
+  std::vector<std::string> libraries;
+  std::string line;
+  while (std::getline(maps, line)) {
+    const size_t slash = line.find('/');
+    if (slash == std::string::npos) continue;
+    std::string path = line.substr(slash);
+    if (path.find(".so") == std::string::npos) continue;
+    if (std::find(libraries.begin(), libraries.end(), path) == libraries.end()) {
+      libraries.push_back(std::move(path));
+    }
+  }
+  return libraries;
+}
+
+// The floor process's memory once it has loaded `libraries` and fetched `url`, and is at rest.
+std::optional<Memory> libraryFloor(const std::string& url,
+                                   const std::vector<std::string>& libraries,
+                                   const std::filesystem::path& output) {
+  std::vector<std::string> argv = {ORVEX_LIBRARY_FLOOR_BINARY, url};
+  argv.insert(argv.end(), libraries.begin(), libraries.end());
+  testing::ChildProcess floor(argv, {}, output);
+  const bool ready = testing::eventually(
+      [&] {
+        std::ifstream in(output);
+        std::string word;
+        return (in >> word) && word == "ready";
+      },
+      std::chrono::seconds(10));
+  if (!ready) return std::nullopt;
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  return memoryOf(floor.pid());
+}
 
 struct MappingUse {
   int64_t privateKiB = 0;
@@ -88,13 +145,17 @@ int main(int argc, char** argv) {
   std::string wakers;
   const double perSecond =
       static_cast<double>(testing::switchesBetween(before, after, &wakers)) / seconds;
-  // Private_Dirty is the written part of the USS; the rest are file pages (code, read-only
-  // data) that no other process maps at the moment, and that count as shared once one does.
-  const std::string rollup = "/proc/" + std::to_string(pid) + "/smaps_rollup";
-  const double dirty = static_cast<double>(testing::procField(rollup, "Private_Dirty:")) / 1024;
-  const double uss =
-      dirty + static_cast<double>(testing::procField(rollup, "Private_Clean:")) / 1024;
-  const double pss = static_cast<double>(testing::procField(rollup, "Pss:")) / 1024;
+  const Memory daemon = memoryOf(pid);
+  const auto mappings = memoryByMapping(pid);
+  const auto libraries = librariesOf(pid);
+  // The daemon must be gone before the floor is measured: pages both map would count as shared.
+  (void)harness.stop();
+  const auto floor = libraryFloor(harness.backend().baseUrl() + "/", libraries,
+                                  harness.directory() / "library-floor.log");
+  if (!floor) {
+    std::fprintf(stderr, "the library floor process did not get ready\n");
+    return 1;
+  }
 
   std::printf("idle %d s after a search: %.2f context switches/s; who woke: %s\n", seconds,
               perSecond, wakers.c_str());
@@ -103,9 +164,8 @@ int main(int argc, char** argv) {
   std::printf(
       "\nUSS %.2f MiB (%.2f MiB written, the rest file pages no other process maps now), "
       "PSS %.2f MiB\n",
-      uss, dirty, pss);
+      daemon.uss, daemon.written, daemon.pss);
   std::printf("largest users (private, of it written, proportional; KiB):\n");
-  const auto mappings = memoryByMapping(pid);
   for (size_t i = 0; i < mappings.size() && i < 16; ++i) {
     const MappingUse& use = mappings[i].second;
     std::printf("  %6lld %6lld %6lld  %s\n", static_cast<long long>(use.privateKiB),
@@ -114,8 +174,16 @@ int main(int argc, char** argv) {
   }
   std::printf("FIGURE idle_wakeups_per_s %.2f /s\n", perSecond);
   std::printf("FIGURE idle_threads %zu n\n", after.size());
-  std::printf("FIGURE idle_uss_mib %.2f MiB\n", uss);
-  std::printf("FIGURE idle_pss_mib %.2f MiB\n", pss);
-  std::printf("FIGURE idle_written_mib %.2f MiB\n", dirty);
+  std::printf(
+      "the %zu libraries alone, loaded and used for one GET by a process that does nothing "
+      "else: USS %.2f MiB (%.2f MiB written), PSS %.2f MiB\n",
+      libraries.size(), floor->uss, floor->written, floor->pss);
+  std::printf("FIGURE idle_uss_mib %.2f MiB\n", daemon.uss);
+  std::printf("FIGURE idle_pss_mib %.2f MiB\n", daemon.pss);
+  std::printf("FIGURE idle_written_mib %.2f MiB\n", daemon.written);
+  std::printf("FIGURE idle_library_floor_uss_mib %.2f MiB\n", floor->uss);
+  std::printf("FIGURE idle_library_floor_pss_mib %.2f MiB\n", floor->pss);
+  std::printf("FIGURE idle_uss_less_libraries_mib %.2f MiB\n", daemon.uss - floor->uss);
+  std::printf("FIGURE idle_pss_less_libraries_mib %.2f MiB\n", daemon.pss - floor->pss);
   return 0;
 }

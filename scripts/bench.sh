@@ -35,6 +35,10 @@ table=(
   "idle_uss_mib|MiB|≤ 3|orvex_bench_idle"
   "idle_pss_mib|MiB|≤ 8|orvex_bench_idle"
   "idle_written_mib|MiB|—|orvex_bench_idle"
+  "idle_library_floor_uss_mib|MiB|—|orvex_bench_idle"
+  "idle_library_floor_pss_mib|MiB|—|orvex_bench_idle"
+  "idle_uss_less_libraries_mib|MiB|—|orvex_bench_idle"
+  "idle_pss_less_libraries_mib|MiB|—|orvex_bench_idle"
   "session_appends_per_s|/s|≥ 100000|orvex_bench_session_file"
   "cold_start_configure_ms|ms|≤ 30|orvex_bench_startup"
 )
