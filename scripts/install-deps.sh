@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  g++ cmake ninja-build pkg-config
+  g++ cmake ninja-build pkg-config lld
   libsdbus-c++-dev libasio-dev libspdlog-dev libfmt-dev libsystemd-dev systemtap-sdt-dev
   libplist-dev libexpat1-dev dbus-daemon systemd libcurl4-openssl-dev nlohmann-json3-dev libicu-dev libcld2-dev
   uuid-dev libssl-dev zlib1g-dev libsqlite3-dev libcpp-httplib-dev jq wordnet-base adwaita-icon-theme publicsuffix

@@ -3,7 +3,9 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "tests/support/collector.h"
@@ -51,8 +53,13 @@ void DaemonHarness::start() {
                     {"ORVEXD_LOG_LEVEL", logLevel},
                     {"JOURNAL_STREAM", ""},
                     {"INVOCATION_ID", ""}});
-  daemon_ =
-      std::make_unique<ChildProcess>(std::vector<std::string>{ORVEXD_BINARY}, variables, logFile_);
+  std::vector<std::string> command;
+  if (const char* wrapper = std::getenv("ORVEX_TEST_DAEMON_WRAPPER")) {
+    std::istringstream words(wrapper);
+    for (std::string word; words >> word;) command.push_back(word);
+  }
+  command.emplace_back(ORVEXD_BINARY);
+  daemon_ = std::make_unique<ChildProcess>(command, variables, logFile_);
   if (!eventually([&] { return PrivateBus::hasOwner(*connection_, "com.zelmor.orvexd"); }, 10s)) {
     throw std::runtime_error("orvexd did not take its name:\n" + daemonLog());
   }

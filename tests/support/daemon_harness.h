@@ -36,7 +36,9 @@ class DaemonHarness {
   DaemonHarness& operator=(const DaemonHarness&) = delete;
 
   // Starts the daemon and waits until it owns its name; each launch logs to a file of its own,
-  // at `logLevel` (tests read the debug lines; benchmarks want the daemon quiet).
+  // at `logLevel` (tests read the debug lines; benchmarks want the daemon quiet). The words of
+  // ORVEX_TEST_DAEMON_WRAPPER, when it is set, come before the daemon's path on its command line
+  // (a profiler, say).
   void start();
   std::string logLevel = "debug";
   // More environment for the daemon (XDG_DATA_DIRS, say), set before start().
