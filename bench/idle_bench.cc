@@ -1,8 +1,14 @@
 // The daemon at rest: after one search against the reference back-end, the context switches of
 // all its threads over an idle period, its thread count, and its private (USS) and proportional
-// (PSS) memory from /proc/PID/smaps_rollup. Then, with the daemon stopped, the same memory
-// figures of orvex_bench_library_floor loaded with the libraries the daemon had mapped: what
-// those libraries cost any process, so that the daemon's own part is the difference.
+// (PSS) memory from /proc/PID/smaps_rollup, three ways:
+// - beside a second daemon of the same build, idle after a search of its own, as it would be
+//   beside other processes that map the same libraries: each page both map counts half to PSS
+//   and not at all to USS;
+// - alone, once that second daemon has stopped: every page of its binary and libraries that no
+//   other process maps counts as its own;
+// - then, with the daemon stopped too, the same figures of orvex_bench_library_floor loaded with
+//   the libraries the daemon had mapped: what those libraries cost any process, so that the
+//   daemon's own part is the difference.
 //
 // Usage: orvex_bench_idle [seconds]   (default 30)
 #include <unistd.h>
@@ -12,6 +18,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -118,6 +125,17 @@ std::vector<std::pair<std::string, MappingUse>> memoryByMapping(pid_t pid) {
   return sorted;
 }
 
+// Starts the daemon quiet and makes one search through a client of it; the client, which keeps
+// the daemon's session open, or nothing when the search fails.
+std::unique_ptr<OrvexClient> startAndSearch(testing::DaemonHarness& harness) {
+  harness.logLevel = "error";
+  harness.start();
+  auto client = harness.clientWithBag({"com.zelmor.bench", "Bench/1"});
+  auto answer = client->request(testing::searchRequest(1, "weath"));
+  if (!answer || !answer.value().reply) return nullptr;
+  return client;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -126,12 +144,11 @@ int main(int argc, char** argv) {
   // the disk, and count as written memory of every process that maps them: flush them first.
   ::sync();
   testing::DaemonHarness harness(bench::kSearchBag);
-  harness.logLevel = "error";
-  harness.start();
-  // The client stays connected while the daemon idles, as a front-end does.
-  auto client = harness.clientWithBag({"com.zelmor.bench", "Bench/1"});
-  auto answer = client->request(testing::searchRequest(1, "weath"));
-  if (!answer || !answer.value().reply) {
+  auto twin = std::make_unique<testing::DaemonHarness>(bench::kSearchBag);
+  // The clients stay connected while the daemons idle, as front-ends do.
+  const auto client = startAndSearch(harness);
+  auto twinClient = startAndSearch(*twin);
+  if (!client || !twinClient) {
     std::fprintf(stderr, "the search failed\n");
     return 1;
   }
@@ -145,6 +162,10 @@ int main(int argc, char** argv) {
   std::string wakers;
   const double perSecond =
       static_cast<double>(testing::switchesBetween(before, after, &wakers)) / seconds;
+  const Memory besideTwin = memoryOf(pid);
+  // Its bus and back-end go too: they map libraries the daemon maps.
+  twinClient.reset();
+  twin.reset();
   const Memory daemon = memoryOf(pid);
   const auto mappings = memoryByMapping(pid);
   const auto libraries = librariesOf(pid);
@@ -173,6 +194,8 @@ int main(int argc, char** argv) {
   std::printf("FIGURE idle_uss_mib %.2f MiB\n", daemon.uss);
   std::printf("FIGURE idle_pss_mib %.2f MiB\n", daemon.pss);
   std::printf("FIGURE idle_written_mib %.2f MiB\n", daemon.written);
+  std::printf("FIGURE idle_uss_beside_twin_mib %.2f MiB\n", besideTwin.uss);
+  std::printf("FIGURE idle_pss_beside_twin_mib %.2f MiB\n", besideTwin.pss);
   if (!floor) {
     std::fprintf(stderr, "the library floor process did not get ready\n");
     return 1;
