@@ -10,13 +10,10 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <memory>
+
+#include "orvexd/base/c_handle.h"
 
 namespace {
-
-struct CurlEasyDeleter {
-  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
 
 size_t discard(char* /*data*/, size_t size, size_t count, void* /*user*/) { return size * count; }
 
@@ -35,7 +32,7 @@ int main(int argc, char** argv) {
     }
   }
   if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return 1;
-  std::unique_ptr<CURL, CurlEasyDeleter> handle(curl_easy_init());
+  orvex::CHandle<CURL, &curl_easy_cleanup> handle(curl_easy_init());
   if (!handle) return 1;
   curl_easy_setopt(handle.get(), CURLOPT_URL, argv[1]);
   curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, discard);
