@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <mutex>
@@ -164,9 +163,11 @@ TEST_F(HttpSessionTest, DataTasksCarryRequestsAnswersAndRedirects) {
 }
 
 TEST_F(HttpSessionTest, CancelledTasksCompleteOnceWithTheCancelledError) {
-  testing::Gate first, second;
-  server_.handle("GET", "/block", [&](const RecordedRequest& r) {
-    (r.rawQuery == "1" ? first : second).wait();
+  // Shared with the handlers, which may still be waking from them when the test body returns.
+  auto first = std::make_shared<testing::Gate>();
+  auto second = std::make_shared<testing::Gate>();
+  server_.handle("GET", "/block", [first, second](const RecordedRequest& r) {
+    (r.rawQuery == "1" ? first : second)->wait();
     return Response{200, "too late", {}};
   });
   server_.handle("GET", "/ok", [](const RecordedRequest&) { return Response{200, "ok", {}}; });
@@ -184,7 +185,7 @@ TEST_F(HttpSessionTest, CancelledTasksCompleteOnceWithTheCancelledError) {
   ASSERT_TRUE(server_.waitForRequests(1, kWatchdog));
   std::thread([during] { during->cancel(); }).join();  // from another thread
   ASSERT_TRUE(done.waitForCount(2));
-  first.open();
+  first->open();
 
   // cancelAllTasks() reaches running and suspended tasks; dropping the session, the rest.
   auto running = session->dataTask(request("/block?2"), done.callback());
@@ -201,7 +202,7 @@ TEST_F(HttpSessionTest, CancelledTasksCompleteOnceWithTheCancelledError) {
   EXPECT_TRUE(done.forgetQueue());
   session.reset();
   ASSERT_TRUE(done.waitForCount(6));
-  second.open();
+  second->open();
   platform_.settle();
 
   auto results = done.values();
@@ -351,12 +352,11 @@ TEST_F(HttpSessionTest, TimingDescribesALoopbackTransferAndConnectionReuse) {
 // The request goes out on the thread that resumes the task while the network thread sleeps; the
 // time-out libcurl sets then must still wake the network thread, or a stalled answer would hang.
 TEST_F(HttpSessionTest, AStalledAnswerTimesOutThoughItsRequestWentOutOnTheCallersThread) {
-  std::mutex mutex;
-  std::condition_variable released;
-  bool release = false;
-  server_.handle("GET", "/stall", [&](const RecordedRequest&) {
-    std::unique_lock lock(mutex);
-    released.wait(lock, [&] { return release; });
+  // The server's handler thread may still be waking when the test body returns: it shares the
+  // gate with the test rather than pointing into the test's stack.
+  auto release = std::make_shared<testing::Gate>();
+  server_.handle("GET", "/stall", [release](const RecordedRequest&) {
+    release->wait();
     return Response{200, "late", {}};
   });
   server_.handle("GET", "/t", [](const RecordedRequest&) { return Response{200, "t", {}}; });
@@ -365,11 +365,7 @@ TEST_F(HttpSessionTest, AStalledAnswerTimesOutThoughItsRequestWentOutOnTheCaller
   HttpRequest stalled = request("/stall");
   stalled.timeout = 1s;
   const HttpDataResult result = fetch(*session, stalled);
-  {
-    std::lock_guard lock(mutex);
-    release = true;
-  }
-  released.notify_all();
+  release->open();
   ASSERT_TRUE(result.error);
   EXPECT_EQ(result.error->code, CURLE_OPERATION_TIMEDOUT) << result.error->reason;
 }
